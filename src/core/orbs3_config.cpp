@@ -1,9 +1,604 @@
 #include "core/orbs3_config.h"
 
-// Placeholder globals until the configuration reader lands; owned by the configuration work.
-orbs3_sysconfig_t sysconfig{.http_pool_total = 0, .cycle_size = 16384, .listen_nsize = 16,
-                            .epoll_notify_conn = 4096, .epoll_events = 1024, .epoll_events_timeout = 500,
-                            .listenfd_size = 512, .recv_buffer = 1048576, .send_buffer = 1048576,
-                            .conn_pool_size = 4100};
+#include <mxml.h>
+#include <strings.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <iterator>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+#include "core/orbs3_log.h"
+#include "core/orbs3_prefix.h"
+#include "memory/orbs3_palloc.h"
+
+orbs3_sysconfig_t sysconfig{};
 orbs3_conf_t orbs3_conf{};
 orbs3_cycle_t* orbs3_cycle = nullptr;
+
+namespace {
+
+constexpr uint64_t kCycleSize = 1024000;
+constexpr int kSslShmZoneSize = 10240000;
+constexpr int kSecondsPerHour = 3600;
+// What a size of the http element is when http.conf exists but does not give it.
+constexpr uint64_t kHttpSizeInFile = 4096;
+constexpr const char* kCacheDirDefault = "/tmp/orbs3/cache/";
+
+// orbmux.conf defaults, written back for fields that are 0 or empty.
+constexpr int kConfInterval = 10;
+constexpr const char* kConfPath = "/etc/orbmux";
+constexpr int kConfBucketMaxLen = 127;
+constexpr int kConfObjectMaxLen = 127;
+constexpr int kConfObjectPathLen = 1023;
+constexpr int kConfObjectDirNum = 10;
+constexpr int kConfLifecycleHour = 0;
+constexpr int kConfLifecycleThreadMin = 10;
+constexpr int kConfLifecycleThreadMax = 100;
+constexpr int kConfLifecycleThreadEvent = 100;
+constexpr int kConfCacheRetry = 3;
+constexpr int kConfCacheInterval = 3;
+constexpr const char* kConfCacheTmp = "/tmp/orbmux/";
+// Only the first 8 characters of a numeric attribute of orbmux.conf count ("123456789" reads as 12345678).
+constexpr std::size_t kConfNumChars = 8;
+
+struct mxml_deleter {
+    void operator()(mxml_node_t* n) const noexcept { mxmlDelete(n); }
+};
+using mxml_ptr = std::unique_ptr<mxml_node_t, mxml_deleter>;
+
+struct file_closer {
+    void operator()(FILE* f) const noexcept { std::fclose(f); }
+};
+using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// atoi without its undefined behaviour: text that is not a number is 0, and a number beyond int is held
+// at INT_MIN or INT_MAX. Within int the value is atoi's.
+int to_int(const char* text)
+{
+    long v = std::strtol(text, nullptr, 10);
+    if (v > INT_MAX)
+        return INT_MAX;
+    if (v < INT_MIN)
+        return INT_MIN;
+    return static_cast<int>(v);
+}
+
+// Copies the attribute's value into dest, cut to len - 1 bytes and always terminated. 0 when node and
+// attribute exist; otherwise -1 and dest is left as it was.
+int xml_get_str(mxml_node_t* node, const char* attr, char* dest, std::size_t len)
+{
+    if (node == nullptr || dest == nullptr || len == 0)
+        return -1;
+    const char* v = mxmlElementGetAttr(node, attr);
+    if (v == nullptr)
+        return -1;
+    std::size_t n = strnlen(v, len - 1);
+    std::memcpy(dest, v, n);
+    dest[n] = '\0';
+    return 0;
+}
+
+// atoi of the attribute's value into dest when node and attribute exist (0 then); otherwise -1, dest kept.
+int xml_get_int(mxml_node_t* node, const char* attr, int* dest)
+{
+    if (node == nullptr)
+        return -1;
+    const char* v = mxmlElementGetAttr(node, attr);
+    if (v == nullptr)
+        return -1;
+    *dest = to_int(v);
+    return 0;
+}
+
+// A path cut to fit its field would name another directory, so a path that does not fit is refused:
+// the caller keeps its default (or skips the entry) and the operator sees why.
+bool path_fits(const char* path, std::size_t field_size, const char* what)
+{
+    std::size_t n = std::strlen(path);
+    if (n < field_size)
+        return true;
+    ipd_log(LOG_WARNING, "%s path of %zu bytes refused, the limit is %zu", what, n, field_size - 1);
+    return false;
+}
+
+void copy_path(char* dest, std::size_t size, const char* path)
+{
+    std::size_t n = strnlen(path, size - 1);
+    std::memcpy(dest, path, n);
+    dest[n] = '\0';
+}
+
+uint64_t http_size(mxml_node_t* http, const char* attr)
+{
+    int v = static_cast<int>(kHttpSizeInFile);
+    xml_get_int(http, attr, &v);
+    // A negative number wraps, as the field is unsigned; the setter's trace line reports it.
+    return static_cast<uint64_t>(static_cast<int64_t>(v));
+}
+
+void read_http(mxml_node_t* http)
+{
+    sysconfig.http_limit_header = http_size(http, "head");
+    sysconfig.http_header_in_size = http_size(http, "request");
+    // "respones" is the attribute name the installed files use; "response" is not read.
+    sysconfig.http_header_out_size = http_size(http, "respones");
+    sysconfig.http_work_space = http_size(http, "space");
+    if (http == nullptr)
+        sysconfig.http_limit_conns = 256;
+    // The file's number stands even out of range; the setters only leave a trace of it.
+    set_http_limit_header(sysconfig.http_limit_header);
+    set_http_header_in_size(sysconfig.http_header_in_size);
+    set_http_header_out_size(sysconfig.http_header_out_size);
+    set_http_work_space(sysconfig.http_work_space);
+    sysconfig.request_pool_size = orbs3_request_pool_size();
+    sysconfig.http_pool_total = sysconfig.request_pool_size * sysconfig.http_limit_conns;
+}
+
+void read_https(mxml_node_t* https)
+{
+    sysconfig.ssl_ticket = 0;
+    sysconfig.ssl_engine = 1;
+    if (https == nullptr)
+        return;
+    if (const char* ticket = mxmlElementGetAttr(https, "ticket"))
+        sysconfig.ssl_ticket = std::strcmp(ticket, "off") == 0 ? 0 : 1;
+    if (const char* engine = mxmlElementGetAttr(https, "engine")) {
+        sysconfig.ssl_engine = std::strcmp(engine, "on") == 0 ? 0 : 1;
+        xml_get_str(https, "engine", sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name);
+    } else {
+        copy_path(sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name, "qat");
+    }
+}
+
+void read_cache(mxml_node_t* cache)
+{
+    sysconfig.cache_qty = 10240;
+    sysconfig.cache_refresh = 1800;
+    sysconfig.cache_recycle = 48 * kSecondsPerHour;
+    if (cache == nullptr) {
+        sysconfig.cache_files.push_back(orbs3_cache_file_t{0, {}});
+        copy_path(sysconfig.cache_files.back().path, sizeof(orbs3_cache_file_t::path), kCacheDirDefault);
+        return;
+    }
+    xml_get_int(cache, "qty", &sysconfig.cache_qty);
+    xml_get_int(cache, "refresh", &sysconfig.cache_refresh);
+    int hours = 0;
+    if (xml_get_int(cache, "recycle", &hours) == 0) {
+        int64_t secs = static_cast<int64_t>(hours) * kSecondsPerHour;
+        sysconfig.cache_recycle = secs > INT_MAX ? INT_MAX : secs < INT_MIN ? INT_MIN : static_cast<int>(secs);
+    }
+    xml_get_int(cache, "bits", &sysconfig.cache_bits);
+
+    for (mxml_node_t* f = mxmlFindElement(cache, cache, "file", nullptr, nullptr, MXML_DESCEND_FIRST);
+         f != nullptr; f = mxmlFindElement(f, cache, "file", nullptr, nullptr, MXML_NO_DESCEND)) {
+        orbs3_cache_file_t entry{0, {}};
+        if (const char* size = mxmlElementGetAttr(f, "size"))
+            entry.size = static_cast<uint64_t>(get_size_in_bytes(size));
+        if (const char* path = mxmlElementGetAttr(f, "path")) {
+            if (!path_fits(path, sizeof entry.path, "cache file"))
+                continue;
+            copy_path(entry.path, sizeof entry.path, path);
+        }
+        sysconfig.cache_files.push_back(entry);
+    }
+}
+
+// A numeric attribute of orbmux.conf: only its first 8 characters are looked at.
+int conf_num(mxml_node_t* node, const char* attr, int def)
+{
+    char buf[kConfNumChars + 1];
+    if (xml_get_str(node, attr, buf, sizeof buf) != 0)
+        return def;
+    return to_int(buf);
+}
+
+uint64_t conf_size(mxml_node_t* node, const char* attr)
+{
+    char buf[kConfNumChars + 1];
+    if (xml_get_str(node, attr, buf, sizeof buf) != 0)
+        return 0;
+    return static_cast<uint64_t>(get_size_in_bytes(buf));
+}
+
+void conf_path_attr(mxml_node_t* node, const char* attr, char* dest, std::size_t size, const char* def,
+                    const char* what)
+{
+    copy_path(dest, size, def);
+    const char* v = node ? mxmlElementGetAttr(node, attr) : nullptr;
+    if (v != nullptr && path_fits(v, size, what))
+        copy_path(dest, size, v);
+}
+
+void conf_clear()
+{
+    std::memset(orbs3_conf.shost_id, 0, sizeof orbs3_conf.shost_id);
+    std::memset(orbs3_conf.conf_path, 0, sizeof orbs3_conf.conf_path);
+    orbs3_conf.lifecyclehour = 0;
+    orbs3_conf.lifecyclethread_min = 0;
+    orbs3_conf.lifecyclethread_max = 0;
+    orbs3_conf.lifecyclethread_event = 0;
+    orbs3_conf.interval = 0;
+    orbs3_conf.bucketmaxlen = 0;
+    orbs3_conf.objectmaxlen = 0;
+    orbs3_conf.objectpathlen = 0;
+    orbs3_conf.objectdirnum = 0;
+    orbs3_conf.cache_max_mem = 0;
+    orbs3_conf.cache_max_file = 0;
+    std::memset(orbs3_conf.cache_tmp, 0, sizeof orbs3_conf.cache_tmp);
+    orbs3_conf.cache_retry = 0;
+    orbs3_conf.cache_interval = 0;
+    orbs3_conf.cache_used = 0;
+}
+
+void set_int_attr(mxml_node_t* node, const char* attr, int v, int def)
+{
+    char buf[16];
+    std::snprintf(buf, sizeof buf, "%d", v != 0 ? v : def);
+    mxmlElementSetAttr(node, attr, buf);
+}
+
+void set_str_attr(mxml_node_t* node, const char* attr, const char* v, const char* def)
+{
+    mxmlElementSetAttr(node, attr, v[0] != '\0' ? v : def);
+}
+
+// One element per line, so that an operator can read and edit the file.
+const char* conf_whitespace(mxml_node_t*, int where)
+{
+    return (where == MXML_WS_AFTER_OPEN || where == MXML_WS_AFTER_CLOSE) ? "\n" : nullptr;
+}
+
+template <typename T>
+bool in_range(T v, T lo, T hi, const char* name)
+{
+    if (v >= lo && v <= hi)
+        return true;
+    if constexpr (std::is_signed_v<T>)
+        ipd_debug("%s: %lld lies outside %lld to %lld, unchanged", name, static_cast<long long>(v),
+                  static_cast<long long>(lo), static_cast<long long>(hi));
+    else
+        ipd_debug("%s: %llu lies outside %llu to %llu, unchanged", name, static_cast<unsigned long long>(v),
+                  static_cast<unsigned long long>(lo), static_cast<unsigned long long>(hi));
+    return false;
+}
+
+}  // namespace
+
+void orbs3_sysconfig_defaults()
+{
+    sysconfig.http_pool_total = 0;
+    sysconfig.cycle_size = 16384;
+    sysconfig.listen_nsize = 16;
+    sysconfig.epoll_notify_conn = 4096;
+    sysconfig.epoll_events = 1024;
+    sysconfig.epoll_events_timeout = 500;
+    sysconfig.listenfd_size = 512;
+    sysconfig.recv_buffer = 1048576;
+    sysconfig.send_buffer = 1048576;
+    sysconfig.conn_pool_size = 4100;
+    sysconfig.http_limit_header = 4096;
+    sysconfig.http_header_in_size = 1048576;
+    sysconfig.http_header_out_size = 1048576;
+    sysconfig.http_work_space = 4096;
+    sysconfig.http_limit_conns = 256;
+    sysconfig.http_header_line = 20;
+    sysconfig.http_timeout = 120;
+    std::memset(sysconfig.ssl_engine_name, 0, sizeof sysconfig.ssl_engine_name);
+    sysconfig.ssl_shm_zone_size = kSslShmZoneSize;
+    sysconfig.ssl_ticket = 0;
+    sysconfig.ssl_engine = 1;
+    sysconfig.cache_qty = 10240;
+    sysconfig.cache_refresh = 900;
+    sysconfig.cache_recycle = 48 * kSecondsPerHour;
+    sysconfig.cache_bits = 16;
+    sysconfig.cache_files.clear();
+    sysconfig.request_pool_size = orbs3_request_pool_size();
+}
+
+uint64_t orbs3_request_pool_size()
+{
+    return (sysconfig.http_header_in_size + sysconfig.http_header_out_size + sysconfig.http_work_space + 4016) * 2;
+}
+
+int orbs3_get_sysconfig()
+{
+    // Without the file the built-in values serve; the reader has said so in the log.
+    (void)http_read_sysconfig_xml();
+    return 0;
+}
+
+int http_read_sysconfig_xml()
+{
+    orbs3_sysconfig_defaults();
+
+    std::string path = orbs3_prefix_path(ORBS3_HTTP_CONF);
+    mxml_ptr tree;
+    {
+        file_ptr fp(std::fopen(path.c_str(), "r"));
+        if (!fp) {
+            ipd_log(LOG_WARNING, "No system configuration file");
+            return -1;
+        }
+        // A file that is not well-formed gives no tree: every element then counts as absent.
+        tree.reset(mxmlLoadFile(nullptr, fp.get(), MXML_OPAQUE_CALLBACK));
+    }
+    mxml_node_t* top = tree.get();
+    auto find = [top](const char* name) {
+        return top ? mxmlFindElement(top, top, name, nullptr, nullptr, MXML_DESCEND) : nullptr;
+    };
+
+    read_http(find("http"));
+    read_https(find("https"));
+    read_cache(find("cache"));
+    sysconfig.ssl_shm_zone_size = kSslShmZoneSize;
+    return 0;
+}
+
+int orbs3_read_conf_xml()
+{
+    conf_clear();
+
+    std::string path = orbs3_prefix_path(ORBS3_CONF);
+    mxml_ptr tree;
+    {
+        file_ptr fp(std::fopen(path.c_str(), "r"));
+        if (!fp)
+            return -1;
+        tree.reset(mxmlLoadFile(nullptr, fp.get(), MXML_OPAQUE_CALLBACK));
+    }
+    if (!tree)
+        return -1;
+
+    mxml_node_t* top = tree.get();
+    mxml_node_t* om = mxmlFindElement(top, top, "orbmux", nullptr, nullptr, MXML_DESCEND);
+    mxml_node_t* cache = mxmlFindElement(top, top, "cache", nullptr, nullptr, MXML_DESCEND);
+
+    orbs3_conf.interval = conf_num(om, "interval", kConfInterval);
+    conf_path_attr(om, "conf_path", orbs3_conf.conf_path, sizeof orbs3_conf.conf_path, kConfPath, "conf_path");
+    orbs3_conf.bucketmaxlen = conf_num(om, "bucketmaxlen", kConfBucketMaxLen);
+    orbs3_conf.objectmaxlen = conf_num(om, "objectmaxlen", kConfObjectMaxLen);
+    orbs3_conf.objectpathlen = conf_num(om, "objectpathlen", kConfObjectPathLen);
+    orbs3_conf.objectdirnum = conf_num(om, "objectdirnum", kConfObjectDirNum);
+    orbs3_conf.lifecyclehour = conf_num(om, "lifecyclehour", kConfLifecycleHour);
+    orbs3_conf.lifecyclethread_min = conf_num(om, "lifecyclethread_min", kConfLifecycleThreadMin);
+    orbs3_conf.lifecyclethread_max = conf_num(om, "lifecyclethread_max", kConfLifecycleThreadMax);
+    orbs3_conf.lifecyclethread_event = conf_num(om, "lifecyclethread_event", kConfLifecycleThreadEvent);
+
+    orbs3_conf.cache_max_mem = conf_size(cache, "max_mem");
+    orbs3_conf.cache_max_file = conf_size(cache, "max_file");
+    orbs3_conf.cache_retry = conf_num(cache, "retry", kConfCacheRetry);
+    orbs3_conf.cache_interval = conf_num(cache, "interval", kConfCacheInterval);
+    conf_path_attr(cache, "tmp", orbs3_conf.cache_tmp, sizeof orbs3_conf.cache_tmp, kConfCacheTmp, "cache tmp");
+    return 0;
+}
+
+int orbs3_write_conf_xml()
+{
+    mxml_ptr tree(mxmlNewXML("1.0"));
+    if (!tree)
+        return -1;
+    mxml_node_t* om = mxmlNewElement(tree.get(), "orbmux");
+    mxml_node_t* cache = mxmlNewElement(tree.get(), "cache");
+    if (om == nullptr || cache == nullptr)
+        return -1;
+
+    const orbs3_conf_t& c = orbs3_conf;
+    set_int_attr(om, "interval", c.interval, kConfInterval);
+    set_str_attr(om, "conf_path", c.conf_path, kConfPath);
+    set_int_attr(om, "bucketmaxlen", c.bucketmaxlen, kConfBucketMaxLen);
+    set_int_attr(om, "objectmaxlen", c.objectmaxlen, kConfObjectMaxLen);
+    set_int_attr(om, "objectpathlen", c.objectpathlen, kConfObjectPathLen);
+    set_int_attr(om, "objectdirnum", c.objectdirnum, kConfObjectDirNum);
+    set_int_attr(om, "lifecyclehour", c.lifecyclehour, kConfLifecycleHour);
+    set_int_attr(om, "lifecyclethread_min", c.lifecyclethread_min, kConfLifecycleThreadMin);
+    set_int_attr(om, "lifecyclethread_max", c.lifecyclethread_max, kConfLifecycleThreadMax);
+    set_int_attr(om, "lifecyclethread_event", c.lifecyclethread_event, kConfLifecycleThreadEvent);
+
+    mxmlElementSetAttr(cache, "max_mem", get_bytes_string(static_cast<int64_t>(c.cache_max_mem)));
+    // No limit on the cached file size is written as an empty value, which reads back as 0.
+    mxmlElementSetAttr(cache, "max_file",
+                       c.cache_max_file != 0 ? get_bytes_string(static_cast<int64_t>(c.cache_max_file)) : "");
+    set_int_attr(cache, "retry", c.cache_retry, kConfCacheRetry);
+    set_int_attr(cache, "interval", c.cache_interval, kConfCacheInterval);
+    set_str_attr(cache, "tmp", c.cache_tmp, kConfCacheTmp);
+
+    std::string path = orbs3_prefix_path(ORBS3_CONF);
+    FILE* raw = std::fopen(path.c_str(), "w+");
+    if (raw == nullptr)
+        return -1;
+    int saved = mxmlSaveFile(tree.get(), raw, conf_whitespace);
+    // A short write shows only at the flush; the caller must not believe a half-written file.
+    if (std::fclose(raw) != 0 || saved != 0)
+        return -1;
+    return 0;
+}
+
+// The number is atoi's; the byte behind the leading digits picks the unit, and a plain number (also
+// with K, B or anything else behind it) counts in KiB, so "512B" is 512 KiB. The product is taken in 64
+// bits and held at the int64 limits: for every text whose 32-bit shift is defined (a G number below
+// 2048, an M number below 2097152, non-negative) the result is the same.
+int64_t get_size_in_bytes(const char* text)
+{
+    if (text == nullptr)
+        return 0;
+    const char* p = text;
+    while (*p >= '0' && *p <= '9')
+        ++p;
+    int64_t n = to_int(text);
+    int64_t unit = 1024;
+    if (*p == 'G' || *p == 'g')
+        unit = int64_t{1} << 30;
+    else if (*p == 'M' || *p == 'm')
+        unit = int64_t{1} << 20;
+    int64_t r = 0;
+    if (__builtin_mul_overflow(n, unit, &r))
+        return n < 0 ? INT64_MIN : INT64_MAX;
+    return r;
+}
+
+const char* get_bytes_string(int64_t size)
+{
+    // One buffer per thread: workers format sizes on their epoll threads at the same time.
+    thread_local char buf[32];
+    if (size >= (int64_t{1} << 30))
+        std::snprintf(buf, sizeof buf, "%" PRId64 "G", size / (int64_t{1} << 30));
+    else if (size >= (int64_t{1} << 20))
+        std::snprintf(buf, sizeof buf, "%" PRId64 "M", size / (int64_t{1} << 20));
+    else if (size >= 1024)
+        std::snprintf(buf, sizeof buf, "%" PRId64 "K", size / 1024);
+    else
+        std::snprintf(buf, sizeof buf, "%" PRId64 "B", size);
+    return buf;
+}
+
+int orbs3_get_bool(const char* text)
+{
+    if (text != nullptr && strcasecmp(text, orbs3_bool[0]) == 0)
+        return 0;
+    return 1;
+}
+
+const char* orbs3_get_bool_string(int index)
+{
+    return (index == 0 || index == 1) ? orbs3_bool[index] : orbs3_bool[1];
+}
+
+int orbs3_get_status(const char* text)
+{
+    if (text == nullptr)
+        return 0;
+    for (int i = 0; i < static_cast<int>(std::size(orbs3_status)); ++i)
+        if (strcasecmp(text, orbs3_status[i]) == 0)
+            return i;
+    return 0;
+}
+
+const char* orbs3_get_status_string(int index)
+{
+    return (index >= 0 && index < static_cast<int>(std::size(orbs3_status))) ? orbs3_status[index]
+                                                                              : orbs3_status[0];
+}
+
+void set_cycle_size(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1024, 32768, "cycle_size"))
+        sysconfig.cycle_size = v;
+}
+
+void set_listen_nsize(int v)
+{
+    if (in_range(v, 1, 32, "listen_nsize"))
+        sysconfig.listen_nsize = v;
+}
+
+void set_epoll_notify_conn(int v)
+{
+    if (in_range(v, 1, 12288, "epoll_notify_conn"))
+        sysconfig.epoll_notify_conn = v;
+}
+
+void set_epoll_events(int v)
+{
+    if (in_range(v, 1, 12288, "epoll_events"))
+        sysconfig.epoll_events = v;
+}
+
+void set_epoll_events_timeout(int v)
+{
+    if (in_range(v, 1, INT_MAX, "epoll_events_timeout"))
+        sysconfig.epoll_events_timeout = v;
+}
+
+void set_listenfd_size(int v)
+{
+    if (in_range(v, 1, 12288, "listenfd_size"))
+        sysconfig.listenfd_size = v;
+}
+
+void set_recv_buffer(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 24576, "recv_buffer"))
+        sysconfig.recv_buffer = v;
+}
+
+void set_send_buffer(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 24576, "send_buffer"))
+        sysconfig.send_buffer = v;
+}
+
+void set_http_limit_header(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 57344, "http_limit_header"))
+        sysconfig.http_limit_header = v;
+}
+
+void set_http_limit_conns(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 57344, "http_limit_conns"))
+        sysconfig.http_limit_conns = v;
+}
+
+void set_http_header_in_size(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 57344, "http_header_in_size"))
+        sysconfig.http_header_in_size = v;
+}
+
+void set_http_header_out_size(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 57344, "http_header_out_size"))
+        sysconfig.http_header_out_size = v;
+}
+
+void set_http_header_line(int v)
+{
+    if (in_range(v, 1, 48, "http_header_line"))
+        sysconfig.http_header_line = v;
+}
+
+void set_http_work_space(uint64_t v)
+{
+    if (in_range<uint64_t>(v, 1, 57344, "http_work_space"))
+        sysconfig.http_work_space = v;
+}
+
+void set_http_timeout(int v)
+{
+    if (in_range(v, 0, INT_MAX, "http_timeout"))
+        sysconfig.http_timeout = v;
+}
+
+void set_ssl_shm_zone_size(int v)
+{
+    if (in_range(v, 102400, INT_MAX, "ssl_shm_zone_size"))
+        sysconfig.ssl_shm_zone_size = v;
+}
+
+int orbs3_init_cycle()
+{
+    // The run record's pool has a fixed size; http.conf has no say in it.
+    sysconfig.cycle_size = kCycleSize;
+    orbs3_pool_t* pool = orbs3_create_mem_block(sysconfig.cycle_size);
+    if (pool == nullptr) {
+        ipd_debug("the cycle pool create failed");
+        ipd_log(LOG_ERR, "cycle data init failed");
+        return -1;
+    }
+    auto* cycle = static_cast<orbs3_cycle_t*>(orbs3_pcalloc(pool, sizeof(orbs3_cycle_t)));
+    if (cycle == nullptr) {
+        orbs3_destroy_pool(pool);
+        ipd_log(LOG_ERR, "cycle data init failed");
+        return -1;
+    }
+    cycle->pool = pool;
+    orbs3_cycle = cycle;
+    return 0;
+}

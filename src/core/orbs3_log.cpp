@@ -44,6 +44,11 @@ long kernel_tid()
 
 }  // namespace
 
+namespace {
+char g_ident[64] = "orbmux";
+int g_log_opts = LOG_PID | LOG_CONS;
+}  // namespace
+
 void ipd_log_init(const char* ident, const char* debug_path)
 {
     int opts = LOG_PID | LOG_CONS;
@@ -52,7 +57,10 @@ void ipd_log_init(const char* ident, const char* debug_path)
     const char* to_stderr = std::getenv("ORBMUX_LOG_STDERR");
     if (to_stderr != nullptr && to_stderr[0] != '\0' && std::strcmp(to_stderr, "0") != 0)
         opts |= LOG_PERROR;
-    openlog(ident, opts, LOG_USER);
+    // openlog keeps the pointer: the identity must outlive every later syslog call.
+    std::snprintf(g_ident, sizeof g_ident, "%s", ident);
+    g_log_opts = opts;
+    openlog(g_ident, opts, LOG_USER);
     setenv("LOG_DEBUG", debug_path, 1);
     setenv("LOG_ID", ident, 1);
 }
@@ -60,6 +68,12 @@ void ipd_log_init(const char* ident, const char* debug_path)
 void ipd_log_close()
 {
     closelog();
+}
+
+void ipd_log_reopen()
+{
+    closelog();
+    openlog(g_ident, g_log_opts, LOG_USER);
 }
 
 void ipd_log_debug_open()

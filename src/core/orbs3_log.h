@@ -18,6 +18,8 @@ extern const ipd_log_level_t g_log_level[8];
 // Opens syslog under `ident` and records the debug file's path in the environment (LOG_DEBUG, LOG_ID).
 void ipd_log_init(const char* ident, const char* debug_path);
 void ipd_log_close();
+// Closes and reopens the syslog connection under the same identity (for -k after a syslog restart).
+void ipd_log_reopen();
 void ipd_log_debug_open();
 void ipd_log_debug_close();
 

@@ -1,0 +1,238 @@
+"""End-to-end harness: runs the real orbmux binary in a sandbox prefix and checks how it ends.
+
+A Sandbox is a temporary directory used as ORBMUX_PREFIX, holding the configuration files the daemon
+reads. Daemon.start() launches the binary (which daemonises by forking twice), waits for its pid file
+and hands back the master's pid. The test process makes itself a child subreaper, so the daemonised
+master is re-parented to it: stop() can wait for the master and read its real exit status.
+
+On stop the harness fails the test if the master had crashed before, did not exit with status 0, left
+its pid file, left any process of its session behind, or wrote a sanitizer report.
+"""
+
+import ctypes
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import tempfile
+import time
+
+PR_SET_CHILD_SUBREAPER = 36
+_libc = ctypes.CDLL(None, use_errno=True)
+_libc.prctl(PR_SET_CHILD_SUBREAPER, 1, 0, 0, 0)
+
+BINARY = os.environ.get("ORBMUX_BIN") or os.path.join(
+    os.path.dirname(__file__), "..", "..", "build", "release", "src", "orbmux")
+PID_FILE = "var/run/orbmux//orbmux.pid"
+DEBUG_FILE = "var/log/orbmux/orbmux.debug"
+SANITIZER_REPORT = re.compile(
+    r"ERROR: (AddressSanitizer|LeakSanitizer)|runtime error:|WARNING: ThreadSanitizer")
+
+DEFAULT_ORBMUX_CONF = """<?xml version="1.0"?>
+<orbmux interval="10" conf_path="/etc/orbmux" bucketmaxlen="127" objectmaxlen="127" objectpathlen="1023" objectdirnum="10"/>
+<cache max_mem="0B" max_file="" retry="3" interval="3" tmp="/tmp/orbmux/"/>
+"""
+
+
+def free_port():
+    """A TCP port on 127.0.0.1 that is free at this moment."""
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as s:
+        s.bind(("127.0.0.1", 0))
+        return s.getsockname()[1]
+
+
+def wait_for(predicate, timeout=10.0, interval=0.02, what="condition"):
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        value = predicate()
+        if value:
+            return value
+        time.sleep(interval)
+    raise AssertionError(f"timed out after {timeout}s waiting for {what}")
+
+
+def pid_alive(pid):
+    """True while the process exists and is not a zombie."""
+    try:
+        with open(f"/proc/{pid}/stat") as f:
+            return f.read().rsplit(")", 1)[1].split()[0] != "Z"
+    except (FileNotFoundError, ProcessLookupError, IndexError):
+        return False
+
+
+def session_of(pid):
+    with open(f"/proc/{pid}/stat") as f:
+        return int(f.read().rsplit(")", 1)[1].split()[3])
+
+
+def processes_in_session(sid):
+    found = []
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open(f"/proc/{entry}/stat") as f:
+                fields = f.read().rsplit(")", 1)[1].split()
+        except OSError:
+            continue
+        if fields[0] != "Z" and int(fields[3]) == sid:
+            found.append(int(entry))
+    return found
+
+
+def reap(pid, timeout=10.0):
+    """Waits for a child (or a re-parented descendant) to end; returns its wait status or None."""
+    deadline = time.monotonic() + timeout
+    while time.monotonic() < deadline:
+        try:
+            got, status = os.waitpid(pid, os.WNOHANG)
+        except ChildProcessError:
+            return None
+        if got == pid:
+            return status
+        time.sleep(0.02)
+    raise AssertionError(f"process {pid} did not end within {timeout}s")
+
+
+def reap_strays():
+    """Collects zombies of intermediate daemonising processes re-parented to us."""
+    while True:
+        try:
+            got, _ = os.waitpid(-1, os.WNOHANG)
+        except ChildProcessError:
+            return
+        if got == 0:
+            return
+
+
+class Sandbox:
+    def __init__(self, orbmux_conf=DEFAULT_ORBMUX_CONF, http_conf=None):
+        self.root = tempfile.mkdtemp(prefix="orbmux-e2e-")
+        os.makedirs(self.path("etc/orbmux"))
+        if orbmux_conf is not None:
+            self.write("etc/orbmux/orbmux.conf", orbmux_conf)
+        if http_conf is not None:
+            self.write("etc/orbmux/http.conf", http_conf)
+        self.runs = 0
+        self.daemons = []
+
+    def path(self, rel):
+        return os.path.join(self.root, rel.lstrip("/"))
+
+    def write(self, rel, text):
+        p = self.path(rel)
+        os.makedirs(os.path.dirname(p), exist_ok=True)
+        with open(p, "w") as f:
+            f.write(text)
+
+    def read(self, rel):
+        with open(self.path(rel)) as f:
+            return f.read()
+
+    def exists(self, rel):
+        return os.path.exists(self.path(rel))
+
+    def env(self, extra=None):
+        env = dict(os.environ)
+        env["ORBMUX_PREFIX"] = self.root
+        env["ORBMUX_LOG_STDERR"] = "1"
+        env.setdefault("ASAN_OPTIONS", "abort_on_error=0:detect_leaks=1")
+        env.setdefault("UBSAN_OPTIONS", "print_stacktrace=1")
+        if extra:
+            env.update(extra)
+        return env
+
+    def run(self, *args, timeout=30, env=None):
+        """Runs the binary in the foreground (control commands, usage); returns CompletedProcess."""
+        return subprocess.run([BINARY, *args], env=self.env(env), capture_output=True, text=True,
+                              timeout=timeout)
+
+    def start(self, *args, env=None, wait=True):
+        """Starts the daemon; returns a Daemon once its pid file names a live master."""
+        self.runs += 1
+        log = self.path(f"daemon-{self.runs}.stderr")
+        with open(log, "w") as err:
+            launcher = subprocess.Popen([BINARY, *args], env=self.env(env), stdin=subprocess.DEVNULL,
+                                        stdout=err, stderr=err)
+            status = launcher.wait(timeout=30)
+        daemon = Daemon(self, log, status)
+        self.daemons.append(daemon)
+        if wait:
+            assert status == 0, f"launcher exited {status}: {daemon.log()}"
+            daemon.pid = wait_for(daemon.read_pid, what="pid file of a live master")
+            daemon.sid = session_of(daemon.pid)
+        return daemon
+
+    def cleanup(self):
+        # A test that failed half-way must not leave a daemon running.
+        for d in self.daemons:
+            if d.sid is not None:
+                for pid in processes_in_session(d.sid):
+                    try:
+                        os.kill(pid, signal.SIGKILL)
+                    except ProcessLookupError:
+                        pass
+        reap_strays()
+        shutil.rmtree(self.root, ignore_errors=True)
+
+
+class Daemon:
+    def __init__(self, sandbox, log_path, launcher_status):
+        self.sandbox = sandbox
+        self.log_path = log_path
+        self.launcher_status = launcher_status
+        self.pid = None
+        self.sid = None
+        self.exit_status = None
+
+    def read_pid(self):
+        try:
+            text = self.sandbox.read(PID_FILE)
+        except FileNotFoundError:
+            return None
+        if not text.isdigit():
+            return None
+        pid = int(text)
+        return pid if pid_alive(pid) else None
+
+    def log(self):
+        with open(self.log_path, errors="replace") as f:
+            return f.read()
+
+    def wait_log(self, pattern, timeout=10.0):
+        rx = re.compile(pattern)
+        return wait_for(lambda: rx.search(self.log()), timeout, what=f"log line /{pattern}/")
+
+    def alive(self):
+        return self.pid is not None and pid_alive(self.pid)
+
+    def signal(self, signo):
+        os.kill(self.pid, signo)
+
+    def wait_exit(self, timeout=20.0):
+        """Waits for the master to end; returns its exit code (or -signal)."""
+        status = reap(self.pid, timeout)
+        reap_strays()
+        if status is None:
+            return None
+        self.exit_status = os.waitstatus_to_exitcode(status)
+        return self.exit_status
+
+    def assert_clean(self):
+        """The checks every stop makes: no sanitizer report, no process of the session left."""
+        report = SANITIZER_REPORT.search(self.log())
+        assert report is None, f"sanitizer report in daemon log:\n{self.log()}"
+        if self.sid is not None:
+            wait_for(lambda: not processes_in_session(self.sid), timeout=10,
+                     what="no process left in the daemon's session")
+
+    def stop(self, signo=signal.SIGTERM):
+        """Stops the master the way an operator does and checks that it ended in order."""
+        assert self.alive(), f"master {self.pid} died before it was stopped:\n{self.log()}"
+        self.signal(signo)
+        code = self.wait_exit()
+        assert code == 0, f"master exited with {code}:\n{self.log()}"
+        assert not self.sandbox.exists(PID_FILE), "pid file left behind"
+        self.assert_clean()
