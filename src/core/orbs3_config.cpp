@@ -3,7 +3,6 @@
 #include <mxml.h>
 #include <strings.h>
 
-#include <cerrno>
 #include <cinttypes>
 #include <climits>
 #include <cstdio>
@@ -17,10 +16,6 @@
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "memory/orbs3_palloc.h"
-
-orbs3_sysconfig_t sysconfig{};
-orbs3_conf_t orbs3_conf{};
-orbs3_cycle_t* orbs3_cycle = nullptr;
 
 namespace {
 
@@ -57,6 +52,23 @@ struct file_closer {
     void operator()(FILE* f) const noexcept { std::fclose(f); }
 };
 using file_ptr = std::unique_ptr<FILE, file_closer>;
+
+// mxml holds a file to one root element (an XML declaration being the parent of what follows it); a file
+// with no root or two roots is not well-formed and gives null.
+mxml_ptr load_tree(FILE* fp)
+{
+    return mxml_ptr(mxmlLoadFile(nullptr, fp, MXML_OPAQUE_CALLBACK));
+}
+
+// The element anywhere in the tree, the root included (mxmlFindElement looks only below its start).
+mxml_node_t* find_element(mxml_node_t* top, const char* name)
+{
+    if (top == nullptr)
+        return nullptr;
+    if (mxmlGetType(top) == MXML_ELEMENT && std::strcmp(mxmlGetElement(top), name) == 0)
+        return top;
+    return mxmlFindElement(top, top, name, nullptr, nullptr, MXML_DESCEND);
+}
 
 // atoi without its undefined behaviour: text that is not a number is 0, and a number beyond int is held
 // at INT_MIN or INT_MAX. Within int the value is atoi's.
@@ -108,10 +120,11 @@ bool path_fits(const char* path, std::size_t field_size, const char* what)
     return false;
 }
 
-void copy_path(char* dest, std::size_t size, const char* path)
+// Bounded copy into a fixed field, always terminated; callers have checked the length where cutting matters.
+void copy_str(char* dest, std::size_t size, const char* text)
 {
-    std::size_t n = strnlen(path, size - 1);
-    std::memcpy(dest, path, n);
+    std::size_t n = strnlen(text, size - 1);
+    std::memcpy(dest, text, n);
     dest[n] = '\0';
 }
 
@@ -153,7 +166,7 @@ void read_https(mxml_node_t* https)
         sysconfig.ssl_engine = std::strcmp(engine, "on") == 0 ? 0 : 1;
         xml_get_str(https, "engine", sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name);
     } else {
-        copy_path(sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name, "qat");
+        copy_str(sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name, "qat");
     }
 }
 
@@ -164,7 +177,7 @@ void read_cache(mxml_node_t* cache)
     sysconfig.cache_recycle = 48 * kSecondsPerHour;
     if (cache == nullptr) {
         sysconfig.cache_files.push_back(orbs3_cache_file_t{0, {}});
-        copy_path(sysconfig.cache_files.back().path, sizeof(orbs3_cache_file_t::path), kCacheDirDefault);
+        copy_str(sysconfig.cache_files.back().path, sizeof(orbs3_cache_file_t::path), kCacheDirDefault);
         return;
     }
     xml_get_int(cache, "qty", &sysconfig.cache_qty);
@@ -184,7 +197,7 @@ void read_cache(mxml_node_t* cache)
         if (const char* path = mxmlElementGetAttr(f, "path")) {
             if (!path_fits(path, sizeof entry.path, "cache file"))
                 continue;
-            copy_path(entry.path, sizeof entry.path, path);
+            copy_str(entry.path, sizeof entry.path, path);
         }
         sysconfig.cache_files.push_back(entry);
     }
@@ -210,10 +223,10 @@ uint64_t conf_size(mxml_node_t* node, const char* attr)
 void conf_path_attr(mxml_node_t* node, const char* attr, char* dest, std::size_t size, const char* def,
                     const char* what)
 {
-    copy_path(dest, size, def);
+    copy_str(dest, size, def);
     const char* v = node ? mxmlElementGetAttr(node, attr) : nullptr;
     if (v != nullptr && path_fits(v, size, what))
-        copy_path(dest, size, v);
+        copy_str(dest, size, v);
 }
 
 void conf_clear()
@@ -269,42 +282,60 @@ bool in_range(T v, T lo, T hi, const char* name)
     return false;
 }
 
+constexpr uint64_t request_pool_size_for(uint64_t in, uint64_t out, uint64_t space)
+{
+    return (in + out + space + 4016) * 2;
+}
+
+// The values that stand before http.conf is read, and when it cannot be opened.
+orbs3_sysconfig_t builtin_sysconfig()
+{
+    return orbs3_sysconfig_t{
+        .http_pool_total = 0,
+        .cycle_size = 16384,
+        .listen_nsize = 16,
+        .epoll_notify_conn = 4096,
+        .epoll_events = 1024,
+        .epoll_events_timeout = 500,
+        .listenfd_size = 512,
+        .recv_buffer = 1048576,
+        .send_buffer = 1048576,
+        .conn_pool_size = 4100,
+        .request_pool_size = request_pool_size_for(1048576, 1048576, 4096),
+        .http_limit_header = 4096,
+        .http_header_in_size = 1048576,
+        .http_header_out_size = 1048576,
+        .http_work_space = 4096,
+        .http_limit_conns = 256,
+        .http_header_line = 20,
+        .http_timeout = 120,
+        .ssl_engine_name = {},
+        .ssl_shm_zone_size = kSslShmZoneSize,
+        .ssl_ticket = 0,
+        .ssl_engine = 1,
+        .cache_qty = 10240,
+        .cache_refresh = 900,
+        .cache_recycle = 48 * kSecondsPerHour,
+        .cache_bits = 16,
+        .cache_files = {},
+    };
+}
+
 }  // namespace
+
+orbs3_sysconfig_t sysconfig = builtin_sysconfig();
+orbs3_conf_t orbs3_conf{};
+orbs3_cycle_t* orbs3_cycle = nullptr;
 
 void orbs3_sysconfig_defaults()
 {
-    sysconfig.http_pool_total = 0;
-    sysconfig.cycle_size = 16384;
-    sysconfig.listen_nsize = 16;
-    sysconfig.epoll_notify_conn = 4096;
-    sysconfig.epoll_events = 1024;
-    sysconfig.epoll_events_timeout = 500;
-    sysconfig.listenfd_size = 512;
-    sysconfig.recv_buffer = 1048576;
-    sysconfig.send_buffer = 1048576;
-    sysconfig.conn_pool_size = 4100;
-    sysconfig.http_limit_header = 4096;
-    sysconfig.http_header_in_size = 1048576;
-    sysconfig.http_header_out_size = 1048576;
-    sysconfig.http_work_space = 4096;
-    sysconfig.http_limit_conns = 256;
-    sysconfig.http_header_line = 20;
-    sysconfig.http_timeout = 120;
-    std::memset(sysconfig.ssl_engine_name, 0, sizeof sysconfig.ssl_engine_name);
-    sysconfig.ssl_shm_zone_size = kSslShmZoneSize;
-    sysconfig.ssl_ticket = 0;
-    sysconfig.ssl_engine = 1;
-    sysconfig.cache_qty = 10240;
-    sysconfig.cache_refresh = 900;
-    sysconfig.cache_recycle = 48 * kSecondsPerHour;
-    sysconfig.cache_bits = 16;
-    sysconfig.cache_files.clear();
-    sysconfig.request_pool_size = orbs3_request_pool_size();
+    sysconfig = builtin_sysconfig();
 }
 
 uint64_t orbs3_request_pool_size()
 {
-    return (sysconfig.http_header_in_size + sysconfig.http_header_out_size + sysconfig.http_work_space + 4016) * 2;
+    return request_pool_size_for(sysconfig.http_header_in_size, sysconfig.http_header_out_size,
+                                 sysconfig.http_work_space);
 }
 
 int orbs3_get_sysconfig()
@@ -327,16 +358,11 @@ int http_read_sysconfig_xml()
             return -1;
         }
         // A file that is not well-formed gives no tree: every element then counts as absent.
-        tree.reset(mxmlLoadFile(nullptr, fp.get(), MXML_OPAQUE_CALLBACK));
+        tree = load_tree(fp.get());
     }
-    mxml_node_t* top = tree.get();
-    auto find = [top](const char* name) {
-        return top ? mxmlFindElement(top, top, name, nullptr, nullptr, MXML_DESCEND) : nullptr;
-    };
-
-    read_http(find("http"));
-    read_https(find("https"));
-    read_cache(find("cache"));
+    read_http(find_element(tree.get(), "http"));
+    read_https(find_element(tree.get(), "https"));
+    read_cache(find_element(tree.get(), "cache"));
     sysconfig.ssl_shm_zone_size = kSslShmZoneSize;
     return 0;
 }
@@ -351,14 +377,13 @@ int orbs3_read_conf_xml()
         file_ptr fp(std::fopen(path.c_str(), "r"));
         if (!fp)
             return -1;
-        tree.reset(mxmlLoadFile(nullptr, fp.get(), MXML_OPAQUE_CALLBACK));
+        tree = load_tree(fp.get());
     }
     if (!tree)
         return -1;
 
-    mxml_node_t* top = tree.get();
-    mxml_node_t* om = mxmlFindElement(top, top, "orbmux", nullptr, nullptr, MXML_DESCEND);
-    mxml_node_t* cache = mxmlFindElement(top, top, "cache", nullptr, nullptr, MXML_DESCEND);
+    mxml_node_t* om = find_element(tree.get(), "orbmux");
+    mxml_node_t* cache = find_element(tree.get(), "cache");
 
     orbs3_conf.interval = conf_num(om, "interval", kConfInterval);
     conf_path_attr(om, "conf_path", orbs3_conf.conf_path, sizeof orbs3_conf.conf_path, kConfPath, "conf_path");
@@ -402,7 +427,7 @@ int orbs3_write_conf_xml()
     set_int_attr(om, "lifecyclethread_event", c.lifecyclethread_event, kConfLifecycleThreadEvent);
 
     mxmlElementSetAttr(cache, "max_mem", get_bytes_string(static_cast<int64_t>(c.cache_max_mem)));
-    // No limit on the cached file size is written as an empty value, which reads back as 0.
+    // A max_file of 0 is an empty value in the file; it reads back as 0.
     mxmlElementSetAttr(cache, "max_file",
                        c.cache_max_file != 0 ? get_bytes_string(static_cast<int64_t>(c.cache_max_file)) : "");
     set_int_attr(cache, "retry", c.cache_retry, kConfCacheRetry);
@@ -410,12 +435,12 @@ int orbs3_write_conf_xml()
     set_str_attr(cache, "tmp", c.cache_tmp, kConfCacheTmp);
 
     std::string path = orbs3_prefix_path(ORBS3_CONF);
-    FILE* raw = std::fopen(path.c_str(), "w+");
-    if (raw == nullptr)
+    file_ptr fp(std::fopen(path.c_str(), "w+"));
+    if (!fp)
         return -1;
-    int saved = mxmlSaveFile(tree.get(), raw, conf_whitespace);
+    int saved = mxmlSaveFile(tree.get(), fp.get(), conf_whitespace);
     // A short write shows only at the flush; the caller must not believe a half-written file.
-    if (std::fclose(raw) != 0 || saved != 0)
+    if (std::fclose(fp.release()) != 0 || saved != 0)
         return -1;
     return 0;
 }

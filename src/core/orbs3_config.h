@@ -88,9 +88,9 @@ void orbs3_sysconfig_defaults();
 uint64_t orbs3_request_pool_size();  // (in + out + work space + 4016) * 2
 
 int orbs3_get_sysconfig();        // 0; reads http.conf if it can
-int http_read_sysconfig_xml();    // 0, or -1 when the file cannot be opened
-int orbs3_read_conf_xml();        // 0, or -1 when the file cannot be opened or parsed
-int orbs3_write_conf_xml();       // 0, or -1 when the file cannot be opened
+[[nodiscard]] int http_read_sysconfig_xml();  // 0, or -1 when the file cannot be opened
+[[nodiscard]] int orbs3_read_conf_xml();      // 0, or -1 when the file cannot be opened or parsed
+[[nodiscard]] int orbs3_write_conf_xml();     // 0, or -1 when the file cannot be opened or written
 
 int64_t get_size_in_bytes(const char* text);
 const char* get_bytes_string(int64_t size);
@@ -123,4 +123,4 @@ void set_http_timeout(int v);
 void set_ssl_shm_zone_size(int v);
 
 // Creates the run record in a pool of 1,024,000 bytes; 0 or -1.
-int orbs3_init_cycle();
+[[nodiscard]] int orbs3_init_cycle();

@@ -171,7 +171,7 @@ void access_file(const char* path, unsigned mode)
 const char* gettimestamp()
 {
     // Per thread, so that two threads tracing at once never mix their stamps.
-    static thread_local char buf[32];
+    static thread_local char buf[64];
     time_t now = time(nullptr);
     struct tm tm;
     localtime_r(&now, &tm);
@@ -182,7 +182,7 @@ const char* gettimestamp()
 
 const char* get_sys_usec_time()
 {
-    static thread_local char buf[64];
+    static thread_local char buf[128];
     struct timeval tv;
     if (gettimeofday(&tv, nullptr) != 0) {
         std::snprintf(buf, sizeof buf, "%s", strerror(errno));

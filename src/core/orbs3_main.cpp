@@ -1,4 +1,8 @@
 // orbmux: S3 object storage served from plain files. This is the master's start.
+#include <pthread.h>
+
+#include <csignal>
+
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_process.h"
@@ -23,6 +27,11 @@ int main(int argc, char** argv)
     }
     if (save_argv(argc, argv) != 0)
         return -1;
+    // From the moment the pid file names us, a stop command may arrive: hold every signal until the
+    // handlers stand, so none can end the master without its exit order.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
     if (orbs3_set_running_pid() != 0) {
         ipd_log(LOG_ERR, "failed to set running pid");
         return -1;

@@ -238,10 +238,6 @@ int sheild_signals()
             return -1;
         }
     }
-    if (pthread_sigmask(SIG_SETMASK, &set, nullptr) != 0) {
-        ipd_debug("Set the signal mask failed,syserror=%s", strerror(errno));
-        return -1;
-    }
     if (pipe2(g_wake, O_NONBLOCK | O_CLOEXEC) != 0) {
         ipd_debug("Create the signal pipe failed,syserror=%s", strerror(errno));
         return -1;
@@ -271,6 +267,11 @@ int sheild_signals()
             ipd_debug(h.trace, strerror(errno));
             return -1;
         }
+    }
+    // The mask comes last: a signal held since the pid file was written is taken by its handler.
+    if (pthread_sigmask(SIG_SETMASK, &set, nullptr) != 0) {
+        ipd_debug("Set the signal mask failed,syserror=%s", strerror(errno));
+        return -1;
     }
     return 0;
 }

@@ -208,7 +208,7 @@ class Daemon:
     def alive(self):
         return self.pid is not None and pid_alive(self.pid)
 
-    def signal(self, signo):
+    def send_signal(self, signo):
         os.kill(self.pid, signo)
 
     def wait_exit(self, timeout=20.0):
@@ -231,7 +231,7 @@ class Daemon:
     def stop(self, signo=signal.SIGTERM):
         """Stops the master the way an operator does and checks that it ended in order."""
         assert self.alive(), f"master {self.pid} died before it was stopped:\n{self.log()}"
-        self.signal(signo)
+        self.send_signal(signo)
         code = self.wait_exit()
         assert code == 0, f"master exited with {code}:\n{self.log()}"
         assert not self.sandbox.exists(PID_FILE), "pid file left behind"

@@ -32,8 +32,13 @@ def test_argument_without_dash_fails_without_starting(sandbox):
 def test_start_writes_pid_title_and_log_then_sigterm_runs_exit_order(sandbox):
     d = sandbox.start()
     assert sandbox.read(PID_FILE) == str(d.pid)  # decimal, no newline
-    with open(f"/proc/{d.pid}/cmdline", "rb") as f:
-        assert f.read().split(b"\0")[0] == b"orbmux:master"
+
+    def title():
+        with open(f"/proc/{d.pid}/cmdline", "rb") as f:
+            return f.read().split(b"\0")[0] == b"orbmux:master"
+
+    # The pid file is written just before the title is set.
+    wait_for(title, what="process title orbmux:master")
     d.wait_log(r"orbmux\[\d+\]: INFO, start orbmux service\.")
     assert os.path.isdir(sandbox.path("var/log/orbmux"))
     assert os.path.isdir(sandbox.path("var/run/orbmux"))
@@ -134,3 +139,10 @@ def test_missing_daemon_configuration_ends_the_start(sandbox):
     d.pid = int(pid)
     assert d.wait_exit() == 255
     d.assert_clean()
+
+
+def test_stop_right_after_the_pid_file_appears_still_runs_exit_order(sandbox):
+    # The pid file is written before the signal handlers stand; a stop in that moment must wait for them.
+    for _ in range(5):
+        d = sandbox.start()
+        d.stop(signal.SIGTERM)

@@ -154,6 +154,17 @@ TEST_F(ConfigFiles, HttpConfFillsSysconfigAsItsElementsSay)
              e.files = {{10485760, "/a/"}, {0, "/b/"}, {1073741824, ""}};
          }},
         {"cache without attributes or files", "<cache/>", [](SysExpect& e) { e.files.clear(); }},
+        {"declaration with elements behind it",
+         "<?xml version=\"1.0\"?>\n<http request=\"2048\"/>\n<https ticket=\"on\"/>\n<cache qty=\"7\"/>\n",
+         [](SysExpect& e) {
+             e.in = 2048;
+             e.pool = (2048 + 4096 + 4096 + 4016) * 2;
+             e.total = e.pool * 256;
+             e.ticket = 1;
+             e.engine_name = "qat";
+             e.qty = 7;
+             e.files.clear();
+         }},
         {"malformed file counts as no elements", "<http request=\"1\"><https></http>", [](SysExpect&) {}},
     };
 
@@ -223,7 +234,7 @@ TEST_F(ConfigFiles, OrbmuxConfMissingOrMalformedFails)
     EXPECT_EQ(orbs3_read_conf_xml(), -1);
     EXPECT_STREQ(orbs3_conf.shost_id, "") << "the record is cleared before the file is read";
 
-    for (const char* bad : {"", "not xml", "<orbmux interval=\"1\"><cache></orbmux>"}) {
+    for (const char* bad : {"", "not xml", "<orbmux interval=\"1\"><cache></orbmux>", "<orbmux/><cache/>"}) {
         SCOPED_TRACE(bad);
         write("orbmux.conf", bad);
         EXPECT_EQ(orbs3_read_conf_xml(), -1);
@@ -302,6 +313,7 @@ TEST_F(ConfigFiles, OrbmuxConfWriteReadsBack)
     orbs3_conf.cache_max_file = uint64_t{2} << 30;
     orbs3_conf.cache_retry = 9;
     orbs3_conf.cache_interval = 11;
+    orbs3_conf.cache_tmp[0] = '\0';  // written as its default
     ASSERT_EQ(orbs3_write_conf_xml(), 0);
 
     ASSERT_EQ(orbs3_read_conf_xml(), 0);
@@ -365,8 +377,8 @@ TEST(ConfigSize, SizeTextCountsKibibytesUnlessGOrM)
         {"2m", 2097152},
         {"2047G", int64_t{2047} << 30},
         {"4096G", int64_t{4096} << 30},  // past the 32-bit shift: taken in 64 bits
-        {"-1M", -1048576},
-        {" 10M", 10240},  // the unit is the byte behind the leading digits
+        {"-1M", -1024},   // the unit is the byte behind the leading digits
+        {" 10M", 10240},
         {"", 0},
         {"abc", 0},
         {"M", 0},

@@ -1,0 +1,185 @@
+#include "memory/neo_files.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "memory/neo_string.h"
+
+static constexpr std::size_t path_area = 1024;
+
+struct dir_closer {
+    void operator()(DIR* d) const noexcept { closedir(d); }
+};
+using dir_ptr = std::unique_ptr<DIR, dir_closer>;
+
+int neo_file_exist(const char* path)
+{
+    if (path == nullptr)
+        return -1;
+    return access(path, F_OK) == 0 ? 0 : errno;
+}
+
+int neo_isdir(const char* path)
+{
+    struct stat st;
+    if (lstat(path, &st) != 0) {
+        if (errno != ENOENT)
+            std::fprintf(stderr, "Stat failed on %s: %s\n", path, std::strerror(errno));
+        return 0;
+    }
+    return S_ISDIR(st.st_mode) ? 1 : 0;
+}
+
+// mkdir that accepts a directory already there (also through a link: a prefix may be one).
+static int make_dir(const char* path, mode_t mode)
+{
+    if (mkdir(path, mode) == 0)
+        return 0;
+    if (errno != EEXIST)
+        return -1;
+    struct stat st;
+    if (stat(path, &st) != 0 || !S_ISDIR(st.st_mode)) {
+        errno = ENOTDIR;
+        return -1;
+    }
+    return 0;
+}
+
+// Makes each prefix of the writable copy `p` that ends before a "/". A leading "/" is the root.
+static int make_prefixes(char* p, mode_t mode)
+{
+    for (char* s = p + 1; *s != '\0'; s++) {
+        if (*s != '/' || s[-1] == '/')
+            continue;
+        *s = '\0';
+        int rc = make_dir(p, mode);
+        *s = '/';
+        if (rc != 0)
+            return -1;
+    }
+    return 0;
+}
+
+int neo_mkdir(const char* path)
+{
+    if (path == nullptr || *path == '\0')
+        return -1;
+    char area[path_area];
+    cpystrn(area, path, sizeof(area));
+    return make_prefixes(area, 0775);
+}
+
+int neo_mkdir_p(const char* path, mode_t mode)
+{
+    if (path == nullptr || *path == '\0')
+        return -1;
+    neo_cstr_ptr copy(str_dup(path));
+    if (!copy)
+        return -1;
+    if (make_prefixes(copy.get(), mode) != 0)
+        return -1;
+    return make_dir(path, mode);
+}
+
+int mkdir_p(const char* path, mode_t mode)
+{
+    return neo_mkdir_p(path, mode);
+}
+
+char* neo_path_normalize(const char* path)
+{
+    if (path == nullptr)
+        return nullptr;
+    auto* out = static_cast<char*>(std::malloc(std::strlen(path) + 1));
+    if (out == nullptr)
+        return nullptr;
+    char* d = out;
+    for (const char* s = path; *s != '\0'; s++) {
+        if (*s == '/' && d != out && d[-1] == '/')
+            continue;
+        *d++ = *s;
+    }
+    *d = '\0';
+    return out;
+}
+
+char* path_normalize(const char* path)
+{
+    return neo_path_normalize(path);
+}
+
+// Clears the directory open as `fd` (owned here). Entries are reached through the directory's
+// descriptor and never through a link, so a link swapped in during the walk cannot lead outside.
+static int clear_dir(int fd)
+{
+    dir_ptr dir(fdopendir(fd));
+    if (!dir) {
+        close(fd);
+        return -1;
+    }
+
+    int rc = 0;
+    while (struct dirent* e = readdir(dir.get())) {
+        const char* name = e->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+            continue;
+
+        unsigned char type = e->d_type;
+        if (type == DT_UNKNOWN) {
+            struct stat st;
+            if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+                rc = -1;
+                continue;
+            }
+            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
+        }
+
+        if (type == DT_DIR) {
+            int sub = openat(dirfd(dir.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (sub < 0 || clear_dir(sub) != 0)
+                rc = -1;
+        } else if (type == DT_REG) {
+            if (unlinkat(dirfd(dir.get()), name, 0) != 0 && errno != ENOENT)
+                rc = -1;
+        }
+    }
+    return rc;
+}
+
+int neo_rmdir(const char* path)
+{
+    if (path == nullptr)
+        return -1;
+    struct stat st;
+    if (lstat(path, &st) != 0)
+        return errno == ENOENT ? 0 : -1;
+    if (S_ISREG(st.st_mode))
+        return unlink(path) == 0 ? 0 : -1;
+    if (!S_ISDIR(st.st_mode))
+        return 0;
+
+    int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    return clear_dir(fd);
+}
+
+void tryhelp_exit(int status, const char* prog)
+{
+    std::fprintf(stderr, "Try `%s -h' or '%s --help' for more information.\n", prog, prog);
+    std::exit(status);
+}
+
+void version_exit(int status, const char* name, const char* version, const char* build)
+{
+    std::fprintf(stderr, "%s %s, %s\n", name, version, build);
+    std::exit(status);
+}

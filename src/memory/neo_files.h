@@ -1,0 +1,34 @@
+// Directory and file helpers for start-up and for the storage trees.
+#pragma once
+
+#include <sys/types.h>
+
+// 0 if the path exists, else the errno of access(F_OK); -1 for a null path.
+[[nodiscard]] int neo_file_exist(const char* path);
+
+// 1 for a directory that is not a symbolic link, else 0. A failure other than ENOENT is written to
+// standard error.
+[[nodiscard]] int neo_isdir(const char* path);
+
+// Creates every prefix of `path` that ends before a "/", with mode 0775; the part behind the last "/"
+// is not created, so a file's path makes its parents and "a/b/c/" makes c too. The path is cut at
+// 1024 bytes. 0, or -1 when a prefix can be neither made nor found.
+[[nodiscard]] int neo_mkdir(const char* path);
+
+// Creates the directory and all its parents with `mode`; an existing directory is no error. 0 or -1.
+int neo_mkdir_p(const char* path, mode_t mode);
+int mkdir_p(const char* path, mode_t mode);
+
+// A malloc'd copy with every run of "/" collapsed to one; the caller frees it. Null for a null path
+// or when memory runs out.
+[[nodiscard]] char* neo_path_normalize(const char* path);
+[[nodiscard]] char* path_normalize(const char* path);
+
+// Removes every regular file below `path` and keeps the directories, so the tree stays, empty.
+// Symbolic links and other entries are left alone and never followed. A missing path gives 0; a
+// failure to read a directory or remove a file gives -1 (the walk goes on with the rest).
+[[nodiscard]] int neo_rmdir(const char* path);
+
+// Usage hints at start-up; both write to standard error and exit with `status`.
+[[noreturn]] void tryhelp_exit(int status, const char* prog);
+[[noreturn]] void version_exit(int status, const char* name, const char* version, const char* build);

@@ -1,0 +1,92 @@
+#include "memory/neo_string.h"
+
+#include <cstring>
+
+char* cpystrn(char* dst, const char* src, std::size_t size)
+{
+    if (size == 0)
+        return dst;
+
+    while (--size) {
+        *dst = *src;
+        if (*dst == '\0')
+            return dst;
+        dst++;
+        src++;
+    }
+    *dst = '\0';
+    return dst;
+}
+
+char* neo_cpystrn(char* dst, const char* src, std::size_t size)
+{
+    return cpystrn(dst, src, size);
+}
+
+char* str_dup(const char* s)
+{
+    if (s == nullptr)
+        return nullptr;
+    std::size_t len = std::strlen(s) + 1;
+    auto* copy = static_cast<char*>(std::malloc(len));
+    if (copy != nullptr)
+        std::memcpy(copy, s, len);
+    return copy;
+}
+
+static inline unsigned fold(unsigned c)
+{
+    return (c >= 'A' && c <= 'Z') ? (c | 0x20) : c;
+}
+
+int neo_strncasecmp(const char* s1, const char* s2, std::size_t n)
+{
+    while (n) {
+        unsigned c1 = fold(static_cast<unsigned char>(*s1++));
+        unsigned c2 = fold(static_cast<unsigned char>(*s2++));
+        if (c1 != c2)
+            return static_cast<int>(c1) - static_cast<int>(c2);
+        if (c1 == 0)
+            return 0;
+        n--;
+    }
+    return 0;
+}
+
+void orbs3_strlow(uint8_t* dst, const uint8_t* src, std::size_t n)
+{
+    for (std::size_t i = 0; i < n; i++)
+        dst[i] = static_cast<uint8_t>(fold(src[i]));
+}
+
+int64_t orbs3_atoof(const uint8_t* text, std::size_t n)
+{
+    if (n == 0)
+        return -1;
+
+    // Checked before each step, so the value never leaves the signed range.
+    constexpr int64_t cutoff = INT64_MAX / 10;
+    constexpr int64_t cutlim = INT64_MAX % 10;
+
+    int64_t value = 0;
+    for (std::size_t i = 0; i < n; i++) {
+        if (text[i] < '0' || text[i] > '9')
+            return -1;
+        int64_t digit = text[i] - '0';
+        if (value > cutoff || (value == cutoff && digit > cutlim))
+            return -1;
+        value = value * 10 + digit;
+    }
+    return value;
+}
+
+char* neo_hex(char* dst, const void* src, std::size_t n)
+{
+    static constexpr char digits[] = "0123456789abcdef";
+    const auto* p = static_cast<const uint8_t*>(src);
+    for (std::size_t i = 0; i < n; i++) {
+        *dst++ = digits[p[i] >> 4];
+        *dst++ = digits[p[i] & 0xf];
+    }
+    return dst;
+}

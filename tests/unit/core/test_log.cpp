@@ -1,0 +1,155 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <regex>
+#include <string>
+
+#include "core/orbs3_log.h"
+#include "core/orbs3_process.h"
+
+namespace {
+
+struct TempDir {
+    std::string path;
+    TempDir()
+    {
+        char tmpl[] = "/tmp/orbmux-log-XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
+    std::string file(const std::string& name) const { return path + "/" + name; }
+};
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+void write_size(const std::string& path, off_t size)
+{
+    std::ofstream(path).close();
+    ASSERT_EQ(truncate(path.c_str(), size), 0);
+}
+
+}  // namespace
+
+TEST(Log, LevelNamesAndUnknownLevelIsNotice)
+{
+    struct {
+        int level;
+        const char* expect;
+    } const rows[] = {
+        {LOG_EMERG, "EMERG, m"}, {LOG_ALERT, "ALERT, m"}, {LOG_CRIT, "CRIT, m"}, {LOG_ERR, "ERR, m"},
+        {LOG_WARNING, "WARNING, m"}, {LOG_NOTICE, "NOTICE, m"}, {LOG_INFO, "INFO, m"}, {LOG_DEBUG, "DEBUG, m"},
+        {9, "NOTICE, m"}, {-1, "NOTICE, m"},
+    };
+    for (const auto& row : rows) {
+        char out[64];
+        ipd_log_format(out, sizeof out, row.level, "%s", "m");
+        EXPECT_STREQ(out, row.expect) << row.level;
+    }
+}
+
+TEST(Log, MessageAbove1024BytesIsCutAt1023)
+{
+    std::string longmsg(3000, 'x');
+    char out[4096];
+    std::size_t n = ipd_log_format(out, sizeof out, LOG_ERR, "%s", longmsg.c_str());
+    EXPECT_EQ(n, std::string("ERR, ").size() + 1023);
+    EXPECT_EQ(std::string(out + 5), std::string(1023, 'x'));
+
+    char tiny[8];
+    EXPECT_EQ(ipd_log_format(tiny, sizeof tiny, LOG_ERR, "%s", "abcdef"), 7u);
+    EXPECT_STREQ(tiny, "ERR, ab");
+}
+
+TEST(Log, ControlStatusTexts)
+{
+    EXPECT_STREQ(orbs3_get_error(0), "OK");
+    EXPECT_STREQ(orbs3_get_error(1121), "Service is running");
+    EXPECT_STREQ(orbs3_get_error(4086), "Not registered");
+    EXPECT_STREQ(orbs3_get_error(7), "Unknow");
+    EXPECT_STREQ(orbs3_get_error(-1), "Unknow");
+}
+
+TEST(Log, DebugFileOnlyWhenSwitchedOnAndRecreatedAfterRemoval)
+{
+    TempDir dir;
+    std::string path = dir.file("orbmux.debug");
+    ipd_log_init("orbmux-test", path.c_str());
+
+    ipd_log_debug_close();
+    ipd_debug("nobody reads %d", 1);
+    EXPECT_NE(access(path.c_str(), F_OK), 0) << "no file while debugging is off";
+
+    ipd_log_debug_open();
+    ipd_debug("first %s", "line");
+    struct stat st;
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+
+    ASSERT_EQ(unlink(path.c_str()), 0);
+    ipd_debug("second %d", 2);
+    std::string text = slurp(path);
+    std::regex line(R"(\d{4}\.\d\d\.\d\d-\d\d:\d\d:\d\d tid\[\d+\]: second 2\n)");
+    EXPECT_TRUE(std::regex_match(text, line)) << text;
+
+    // An over-long trace is cut but still ends with its newline.
+    ipd_debug("%s", std::string(5000, 'y').c_str());
+    text = slurp(path);
+    EXPECT_EQ(text.back(), '\n');
+    EXPECT_LE(text.size(), 2048u) << "each line is at most 1024 bytes";
+    ipd_log_debug_close();
+}
+
+TEST(Log, RotationBySizeAndGenerations)
+{
+    TempDir dir;
+    std::string live = dir.file("d.log");
+
+    write_size(live, 10485760);
+    EXPECT_EQ(checkblocksize(live.c_str()), -1) << "exactly 10 MiB does not rotate";
+    write_size(live, 10485761);
+    EXPECT_EQ(checkblocksize(live.c_str()), 0);
+    EXPECT_NE(access(live.c_str(), F_OK), 0);
+    EXPECT_EQ(access((live + ".1").c_str(), F_OK), 0);
+    EXPECT_NE(access((live + ".2").c_str(), F_OK), 0) << "no older generations appear from nothing";
+
+    // Five rotations keep four generations, newest in .1, and the oldest falls off.
+    for (int i = 0; i < 5; ++i) {
+        std::ofstream(live) << "gen" << i;
+        restorelog(live.c_str());
+    }
+    EXPECT_EQ(slurp(live + ".1"), "gen4");
+    EXPECT_EQ(slurp(live + ".4"), "gen1");
+    EXPECT_NE(access((live + ".5").c_str(), F_OK), 0);
+}
+
+TEST(Log, RotationByAgeMeasuresAgainstFirstGeneration)
+{
+    TempDir dir;
+    std::string live = dir.file("d.log");
+    std::ofstream(live) << "x";
+    EXPECT_EQ(checktimestamp(live.c_str()), -1) << "nothing to compare against";
+
+    std::ofstream(live + ".1") << "old";
+    struct timeval times[2] = {{1000000, 0}, {1000000, 0}};
+    ASSERT_EQ(utimes((live + ".1").c_str(), times), 0);
+    struct timeval young[2] = {{1000000 + 604800, 0}, {1000000 + 604800, 0}};
+    ASSERT_EQ(utimes(live.c_str(), young), 0);
+    EXPECT_EQ(checktimestamp(live.c_str()), -1);
+    struct timeval aged[2] = {{1000000 + 604801, 0}, {1000000 + 604801, 0}};
+    ASSERT_EQ(utimes(live.c_str(), aged), 0);
+    EXPECT_EQ(checktimestamp(live.c_str()), 0);
+    EXPECT_EQ(slurp(live + ".2"), "old");
+}
+
+TEST(Log, UsageTextIsBuiltFromTheOptionString)
+{
+    EXPECT_STREQ(orbs3_usage_text(), "\nUsage: server [-dtkvh] [-l unknown-flag-argument]\n");
+}
