@@ -89,7 +89,11 @@ def reap(pid, timeout=10.0):
         try:
             got, status = os.waitpid(pid, os.WNOHANG)
         except ChildProcessError:
-            return None
+            # Not (yet) ours: the daemonising parent may still be alive (slow to exit under the
+            # sanitizers), and the master comes to us only when that parent has gone.
+            if not os.path.exists(f"/proc/{pid}"):
+                return None
+            got, status = 0, None
         if got == pid:
             return status
         time.sleep(0.02)

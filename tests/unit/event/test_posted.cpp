@@ -106,8 +106,9 @@ TEST_F(Posted, ConcurrentProducersKeepEachOnesOrder)
     std::vector<std::thread> producers;
     for (int p = 0; p < kProducers; p++)
         producers.emplace_back([&, p] {
-            for (int i = 0; i < kEach; i++)
+            for (int i = 0; i < kEach; i++) {
                 EXPECT_EQ(neo_queue_add_task(&queue, &evs[p][i]), 0);
+            }
         });
     // The consumer takes while producers add.
     std::size_t taken = 0;

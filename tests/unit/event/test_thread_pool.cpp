@@ -139,8 +139,9 @@ protected:
     void TearDown() override
     {
         open = true;
-        if (started)
+        if (started) {
             EXPECT_EQ(neo_thread_pool_destroy(&pool), 0);
+        }
     }
 };
 
@@ -149,11 +150,12 @@ protected:
 TEST(ThreadPool, RunsEveryQueuedTaskExactlyOnce)
 {
     constexpr int kTasks = 10000;
-    neo_thread_pool_t pool{};
-    pool.name = "count";
-    pool.threads = 4;
-    pool.max_queue = 64;  // small, so that posting meets a full queue and retries
-    ASSERT_EQ(neo_thread_pool_init(&pool), 0);
+    // On the heap and freed only after a clean stop: a failed test must not leave threads on a dead frame.
+    auto* pool = new neo_thread_pool_t{};
+    pool->name = "count";
+    pool->threads = 4;
+    pool->max_queue = 64;  // small, so that posting meets a full queue and retries
+    ASSERT_EQ(neo_thread_pool_init(pool), 0);
 
     tally t(kTasks);
     int refused = 0;
@@ -162,14 +164,14 @@ TEST(ThreadPool, RunsEveryQueuedTaskExactlyOnce)
         ASSERT_NE(task, nullptr);
         int rc;
         auto give_up = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-        while ((rc = neo_thread_task_post(&pool, task)) == -2 && std::chrono::steady_clock::now() < give_up) {
+        while ((rc = neo_thread_task_post(pool, task)) == -2 && std::chrono::steady_clock::now() < give_up) {
             refused++;
             sched_yield();
         }
         ASSERT_EQ(rc, 0) << "task " << i;
     }
     EXPECT_TRUE(wait_until([&t] { return t.done.load() == kTasks; })) << t.done.load() << " tasks ran";
-    ASSERT_EQ(neo_thread_pool_destroy(&pool), 0);
+    ASSERT_EQ(neo_thread_pool_destroy(pool), 0);
 
     EXPECT_EQ(t.done.load(), kTasks);
     int wrong = 0;
@@ -177,6 +179,7 @@ TEST(ThreadPool, RunsEveryQueuedTaskExactlyOnce)
         wrong += t.per[i].load() != 1;
     EXPECT_EQ(wrong, 0) << "tasks that did not run exactly once";
     RecordProperty("refused_posts", refused);
+    delete pool;
 }
 
 TEST_F(GatedPool, FullQueueRefusesTaskAndRunningTasksDoNotCount)
@@ -224,15 +227,16 @@ TEST(ThreadPool, DestroyRunsQueuedTasksThenNoPoolThreadRemains)
 {
     constexpr int kThreads = 4;
     constexpr int kTasks = 1000;
-    neo_thread_pool_t pool{};
-    pool.name = "stop";
-    pool.threads = kThreads;
-    pool.max_queue = kTasks;  // the queue may be full when destroy posts its stop tasks
-    ASSERT_EQ(neo_thread_pool_init(&pool), 0);
+    // On the heap and freed only after a clean stop: a failed test must not leave threads on a dead frame.
+    auto* pool = new neo_thread_pool_t{};
+    pool->name = "stop";
+    pool->threads = kThreads;
+    pool->max_queue = kTasks;  // the queue may be full when destroy posts its stop tasks
+    ASSERT_EQ(neo_thread_pool_init(pool), 0);
 
     std::vector<int> ids;
     ASSERT_TRUE(wait_until([&] {
-        ids = pool_ktids(&pool);
+        ids = pool_ktids(pool);
         for (int id : ids)
             if (id == 0)
                 return false;
@@ -254,12 +258,12 @@ TEST(ThreadPool, DestroyRunsQueuedTasksThenNoPoolThreadRemains)
     for (int i = 0; i < kTasks; i++) {
         neo_thread_task_t* task = counting_task(&t, static_cast<uint64_t>(i));
         ASSERT_NE(task, nullptr);
-        ASSERT_EQ(neo_thread_task_post(&pool, task), 0);
+        ASSERT_EQ(neo_thread_task_post(pool, task), 0);
     }
-    ASSERT_EQ(neo_thread_pool_destroy(&pool), 0);
+    ASSERT_EQ(neo_thread_pool_destroy(pool), 0);
     // Stop tasks queue behind the work, and each thread finishes its task before it takes one.
     EXPECT_EQ(t.done.load(), kTasks);
-    EXPECT_EQ(pool.thread_list, nullptr);
+    EXPECT_EQ(pool->thread_list, nullptr);
 
     EXPECT_TRUE(wait_until([&ids] {
         for (int id : ids)
@@ -267,6 +271,7 @@ TEST(ThreadPool, DestroyRunsQueuedTasksThenNoPoolThreadRemains)
                 return false;
         return true;
     }, 10));
+    delete pool;
 }
 
 TEST(ThreadPool, MutexWrapperReportsMisuse)

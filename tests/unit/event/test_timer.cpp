@@ -98,8 +98,9 @@ TEST_F(Timer, ExpiredTimersFireInDeadlineOrderAndLaterOnesStay)
     for (std::size_t i = 0; i < r.fired.size(); i++) {
         EXPECT_TRUE(r.timedout[i]);
         EXPECT_FALSE(r.timer_set[i]);
-        if (i > 0)
+        if (i > 0) {
             EXPECT_LE(keys[r.fired[i - 1] - evs.data()], keys[r.fired[i] - evs.data()]) << "call " << i;
+        }
     }
     EXPECT_TRUE(later.timer_set);
     EXPECT_FALSE(later.timedout);

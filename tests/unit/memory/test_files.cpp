@@ -211,7 +211,7 @@ TEST_F(Files, RmdirRemovesFilesKeepsTheTreeAndFollowsNoLink)
     EXPECT_FALSE(exists(path("f")));
 }
 
-TEST(ExitHelpers, WriteTheirLineAndExitWithTheStatus)
+TEST(ExitHelpersDeathTest, WriteTheirLineAndExitWithTheStatus)
 {
     EXPECT_EXIT(tryhelp_exit(2, "orbmux"), testing::ExitedWithCode(2),
                 "^Try `orbmux -h' or 'orbmux --help' for more information\\.\n$");

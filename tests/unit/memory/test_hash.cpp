@@ -186,3 +186,30 @@ TEST(Hash, NullNamesAreLeftOutAndCrowdedTablesStillWork)
     EXPECT_EQ(orbs3_hash_find(&hash, 7, "delta", 5), nullptr);
     EXPECT_EQ(orbs3_hash_find(&hash, 8, "alpha", 5), nullptr);
 }
+
+TEST(Hash, LargeMaximumWithFewSlotsPerEntryStartsNearTheMaximum)
+{
+    orbs3_pool_ptr pool(orbs3_create_mem_block(4096));
+    ASSERT_TRUE(pool);
+    std::vector<std::string> names;
+    for (int i = 0; i < 300; i++)
+        names.push_back("h" + std::to_string(i));
+    std::vector<orbs3_hash_key_t> keys;
+    for (const auto& n : names)
+        keys.push_back(key_of(n.c_str(), const_cast<char*>(n.c_str())));
+
+    // 20000 / 300 is below 100: the sizes tried start at 20000 - 1000.
+    orbs3_hash_t hash{};
+    orbs3_hash_init_t near{&hash, 20000, 64, pool.get(), "near"};
+    ASSERT_EQ(orbs3_hash_init(&near, keys.data(), keys.size()), 0);
+    EXPECT_EQ(hash.size, 19000u);
+
+    // 20000 / 150 is not: the search starts low and stops at the first fit.
+    orbs3_hash_t small{};
+    orbs3_hash_init_t low{&small, 20000, 64, pool.get(), "low"};
+    ASSERT_EQ(orbs3_hash_init(&low, keys.data(), 150), 0);
+    EXPECT_LT(small.size, 1000u);
+
+    for (const auto& n : names)
+        EXPECT_EQ(orbs3_hash_find(&hash, orbs3_hash_key(n.data(), n.size()), n.data(), n.size()), n.c_str()) << n;
+}

@@ -30,7 +30,7 @@ std::vector<int> backward(neo_list_head_t* head)
 
 }  // namespace
 
-TEST(List, EmptyWhenNewAndAfterDeletingTheOnlyNode)
+TEST(LinkedList, EmptyWhenNewAndAfterDeletingTheOnlyNode)
 {
     neo_list_head_t head;
     INIT_LIST_HEAD(&head);
@@ -49,7 +49,7 @@ TEST(List, EmptyWhenNewAndAfterDeletingTheOnlyNode)
     EXPECT_EQ(reinterpret_cast<std::uintptr_t>(r.link.prev), 0x200200u);
 }
 
-TEST(List, AddTailAppendsAddPrependsAndLinksStayConsistent)
+TEST(LinkedList, AddTailAppendsAddPrependsAndLinksStayConsistent)
 {
     neo_list_head_t head;
     INIT_LIST_HEAD(&head);
@@ -70,7 +70,7 @@ TEST(List, AddTailAppendsAddPrependsAndLinksStayConsistent)
     EXPECT_EQ(backward(&head), (std::vector<int>{3, 1}));
 }
 
-TEST(List, SafeWalksAllowRemovingTheCurrentNode)
+TEST(LinkedList, SafeWalksAllowRemovingTheCurrentNode)
 {
     neo_list_head_t head;
     INIT_LIST_HEAD(&head);

@@ -95,8 +95,9 @@ TEST(RbTree, RandomInsertDeleteKeepsInvariantsAndOrder)
             std::vector<neo_rbtree_node_t*> order;
             ASSERT_TRUE(rbtree_check::valid(t.tree, count, true, &order)) << "after op " << op;
             ASSERT_TRUE(ordered_by_key_then_arrival(order)) << "after op " << op;
-            if (count > 0)
+            if (count > 0) {
                 ASSERT_EQ(neo_rbtree_min(t.tree.root, t.tree.sentinel), order.front());
+            }
         }
 
         // Drain in random order: each removal keeps the tree valid and ends with an empty tree.
@@ -134,8 +135,9 @@ TEST(RbTree, EqualKeysAllStayAndMinIsOneOfTheSmallest)
     uint64_t last_seq = 0;
     while (!neo_rbtree_empty(&t.tree)) {
         item* m = of(neo_rbtree_min(t.tree.root, t.tree.sentinel));
-        if (!seen.empty() && m->key == last_key)
+        if (!seen.empty() && m->key == last_key) {
             EXPECT_GT(m->seq, last_seq);
+        }
         last_key = m->key;
         last_seq = m->seq;
         seen.push_back(m->key);
@@ -158,8 +160,9 @@ TEST(RbTree, TimerInsertKeepsArrivalOrderWhateverTheKeys)
     }
     std::vector<neo_rbtree_node_t*> order;
     ASSERT_TRUE(rbtree_check::valid(t.tree, items.size(), false, &order));
-    for (std::size_t i = 0; i < order.size(); i++)
+    for (std::size_t i = 0; i < order.size(); i++) {
         ASSERT_EQ(order[i], &items[i].node) << "position " << i;
+    }
 
     // The minimum is always the oldest arrival.
     for (std::size_t i = 0; i < items.size(); i++) {
