@@ -20,6 +20,8 @@
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_proctitle.h"
+#include "core/orbs3_worker.h"
+#include "event/orbs3_connection.h"
 #include "event/orbs3_epoll.h"
 #include "memory/orbs3_palloc.h"
 
@@ -394,9 +396,17 @@ int orbs3_master_process_init()
     (void)orbs3_get_sysconfig();
     if (orbs3_init_cycle() != 0)
         return -1;
+    if (orbs3_event_process_init() != 0) {
+        ipd_debug("connection slots init failed");
+        std::exit(-1);
+    }
     epfd = orbs3_create_epfd(512);
     if (epfd < 0)
         std::exit(-1);
+    if (orbs3_epoll_notify_init() != 0) {
+        ipd_debug("epoll notify init failed");
+        std::exit(-1);
+    }
     if (orbs3_read_conf_xml() != 0) {
         ipd_debug("read %s failed", orbs3_prefix_path(ORBS3_CONF).c_str());
         std::exit(-1);
@@ -414,5 +424,10 @@ void orbs3_master_process_cycle(char** argv)
     }
     ipd_log(LOG_INFO, "start %s service.", "orbmux");
     other_process_main_start();
+    // Test only, until tenants are loaded: ORBMUX_TEST_SERVICE="<ipv4>:<port>" makes one service with one
+    // active vhost and forks its worker, so the worker and its event loop can be run end to end. The
+    // worker's pid stands in the service, so the reaper and the exit order treat it as any other.
+    if (const char* test_service = std::getenv("ORBMUX_TEST_SERVICE"); test_service != nullptr)
+        (void)orbs3_test_service_start(test_service);
     control_process();
 }

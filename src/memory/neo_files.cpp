@@ -29,6 +29,8 @@ int neo_file_exist(const char* path)
 
 int neo_isdir(const char* path)
 {
+    if (path == nullptr)
+        return 0;
     struct stat st;
     if (lstat(path, &st) != 0) {
         if (errno != ENOENT)

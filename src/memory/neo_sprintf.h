@@ -3,7 +3,8 @@
 // to. A bounded call writes exactly the first bytes of what an unbounded one would write.
 //
 // A conversion is "%", an optional "0" (pad with zeros instead of blanks), a decimal width, modifiers,
-// and a letter. The width counts the sign; zero padding goes between sign and digits.
+// and a letter. The width applies to numbers and counts the sign; zero padding goes between sign and
+// digits. For f it covers the sign and the integer part.
 //
 //   modifiers  u        unsigned
 //              x, X     hexadecimal, small or capital letters, unsigned

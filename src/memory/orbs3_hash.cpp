@@ -47,7 +47,7 @@ void* orbs3_hash_find(const orbs3_hash_t* hash, uint64_t key, const uint8_t* nam
             return nullptr;
         uint16_t elt_len;
         std::memcpy(&elt_len, elt + elt_len_off, sizeof(elt_len));
-        if (elt_len == len && std::memcmp(elt + elt_name_off, name, len) == 0)
+        if (elt_len == len && (len == 0 || std::memcmp(elt + elt_name_off, name, len) == 0))
             return value;
         elt += elt_size(elt_len);
     }

@@ -89,6 +89,7 @@ TEST(Palloc, ManyAllocationsOfVariedSizesKeepTheirContents)
     if (!orbs3_pool_debug) {
         for (const orbs3_pool_t* b = pool.get(); b != nullptr; b = b->next) {
             EXPECT_TRUE(aligned(b, ORBS3_POOL_ALIGNMENT));
+            EXPECT_LE(b->last, b->end);
             EXPECT_EQ(b->end - reinterpret_cast<const uint8_t*>(b), 4096) << "blocks share the first one's size";
         }
     }
@@ -167,6 +168,20 @@ TEST(Palloc, ReleaseLayoutOfBlocks)
     auto* x = static_cast<uint8_t*>(orbs3_pnalloc(pool.get(), left));
     EXPECT_EQ(x, blk + 132);
     EXPECT_EQ(pool->next->next, nullptr);
+
+    // Ten bytes left at an odd offset: after realignment only eight remain, too few for 10 aligned bytes,
+    // yet enough for 10 bytes of text.
+    orbs3_pool_ptr odd(orbs3_create_mem_block(1024));
+    ASSERT_NE(odd, nullptr);
+    auto* obase = reinterpret_cast<uint8_t*>(odd.get());
+    ASSERT_NE(orbs3_pnalloc(odd.get(), 1024 - 64 - 10), nullptr);
+    ASSERT_EQ(odd->last, odd->end - 10);
+    auto* al = static_cast<uint8_t*>(orbs3_palloc(odd.get(), 10));
+    ASSERT_NE(odd->next, nullptr);
+    EXPECT_EQ(al, reinterpret_cast<uint8_t*>(odd->next) + 32);
+    EXPECT_EQ(odd->last, odd->end - 10);
+    EXPECT_EQ(orbs3_pnalloc(odd.get(), 10), obase + 1014);
+    EXPECT_EQ(odd->last, odd->end);
 }
 
 TEST(Palloc, PnallocThenPallocIsAligned)

@@ -1,0 +1,507 @@
+#include "core/orbs3_worker.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <sched.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+
+#include "core/orbs3_config.h"
+#include "core/orbs3_log.h"
+#include "core/orbs3_proctitle.h"
+#include "event/neo_event_timer.h"
+#include "event/orbs3_epoll.h"
+#include "event/orbs3_socket.h"
+#include "http/orbs3_http_bringup.h"
+
+orbs3_service_t* orbs3_service = nullptr;
+orbs3_connection_t* listen_c = nullptr;
+pthread_rwlock_t g_cpu_lock = PTHREAD_RWLOCK_INITIALIZER;
+int g_cpu_index = 0;
+orbs3_worker_thread_info_t worker_thread_info[ORBS3_WORKER_THREADS_MAX];
+
+std::atomic<int> process_terminate{0};
+std::atomic<int> process_quit{0};
+std::atomic<int> process_exit{0};
+std::atomic<int> process_reload{0};
+
+namespace {
+
+constexpr int kStatusActive = 1;
+constexpr int kEpollSizeHint = 512;
+constexpr int kLoopMs = 1000;
+
+// A byte on this pipe cuts the main thread's one-second wait short: a signal may land on any thread, and
+// SIGWINCH or SIGINT must end the worker at once, not after the next full second.
+int g_wake[2] = {-1, -1};
+
+// The test service of the master; held here so it stays reachable for the life of the process.
+orbs3_service_t* g_test_service = nullptr;
+
+class cpu_write_lock {
+public:
+    cpu_write_lock() { pthread_rwlock_wrlock(&g_cpu_lock); }
+    ~cpu_write_lock() { pthread_rwlock_unlock(&g_cpu_lock); }
+    cpu_write_lock(const cpu_write_lock&) = delete;
+    cpu_write_lock& operator=(const cpu_write_lock&) = delete;
+};
+
+void wake_main_thread()
+{
+    int saved = errno;
+    if (g_wake[1] >= 0) {
+        char c = 0;
+        (void)!write(g_wake[1], &c, 1);
+    }
+    errno = saved;
+}
+
+// Stands in for the worker's control channel, which comes with the control plane: the thread exists,
+// so the worker's thread layout is the final one, and answers nothing.
+void* ctrl_worker_placeholder(void*)
+{
+    for (;;)
+        pause();
+    return nullptr;
+}
+
+void trace_counters()
+{
+    static uint64_t last_accepted = ~uint64_t{0};
+    static uint64_t last_closed = ~uint64_t{0};
+    uint64_t accepted = orbs3_conn_counters.accepted.load();
+    uint64_t closed = orbs3_conn_counters.closed.load();
+    if (accepted == last_accepted && closed == last_closed)
+        return;
+    last_accepted = accepted;
+    last_closed = closed;
+    ipd_debug("connections accepted=%llu open=%lld closed=%llu free slots=%lld",
+              static_cast<unsigned long long>(accepted), static_cast<long long>(orbs3_conn_counters.open.load()),
+              static_cast<unsigned long long>(closed), static_cast<long long>(orbs3_conn_counters.free_slots.load()));
+}
+
+[[noreturn]] void worker_exit()
+{
+    // The control channel's part of the exit: the vhosts go with it.
+    if (orbs3_service != nullptr) {
+        neo_list_head_t *pos, *n;
+        list_for_each_safe(pos, n, &orbs3_service->vhosts)
+        {
+            (void)orbs3_service_free_vhost(orbs3_service,
+                                           static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data));
+        }
+    }
+    orbs3_close_listen();
+    pthread_rwlock_destroy(&g_cpu_lock);
+    (void)orbs3_event_process_destory_resource();
+    trace_counters();
+    ipd_debug("worker process exit");
+    // Connections in progress are not drained: the detached epoll threads end with the process.
+    std::exit(0);
+}
+
+void wait_one_second()
+{
+    struct pollfd pfd = {g_wake[0], POLLIN, 0};
+    (void)poll(&pfd, 1, kLoopMs);
+    char drain[64];
+    while (read(g_wake[0], drain, sizeof drain) > 0) {
+    }
+}
+
+void* fork_worker_thread(void* arg)
+{
+    auto* vh = static_cast<orbs3_vhost_t*>(arg);
+    // The child starts with every signal held, so none can reach the master's handlers in it before the
+    // worker has installed its own.
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, nullptr);
+    pid_t pid = fork();
+    if (pid == 0)
+        orbs3_process_cycle(vh);
+    if (pid < 0) {
+        ipd_log(LOG_ERR, "failed to fork worker,syserror=%s", strerror(errno));
+        return nullptr;
+    }
+    vh->service->pid = pid;
+    return nullptr;
+}
+
+}  // namespace
+
+void orbs3_process_handle_pipe(int)
+{
+}
+
+void orbs3_process_handle_term(int)
+{
+}
+
+void orbs3_process_handle_exiting(int)
+{
+    process_terminate = 1;
+    wake_main_thread();
+}
+
+void orbs3_process_handle_quit(int)
+{
+    process_quit = 1;
+    wake_main_thread();
+}
+
+int process_sheild_signals()
+{
+    if (g_wake[0] < 0 && pipe2(g_wake, O_NONBLOCK | O_CLOEXEC) != 0) {
+        ipd_debug("Create the worker wake pipe failed,syserror=%s", strerror(errno));
+        return -1;
+    }
+    sigset_t set;
+    sigfillset(&set);
+    struct {
+        int signo;
+        void (*handler)(int);
+    } const rows[] = {
+        {SIGPIPE, orbs3_process_handle_pipe},  // a write on a dead socket only fails
+        {SIGWINCH, orbs3_process_handle_exiting},
+        {SIGINT, orbs3_process_handle_quit},
+        {SIGTERM, orbs3_process_handle_term},  // a worker outlives a plain SIGTERM
+    };
+    for (const auto& r : rows) {
+        sigdelset(&set, r.signo);
+        struct sigaction sa;
+        std::memset(&sa, 0, sizeof sa);
+        sa.sa_handler = r.handler;
+        sigemptyset(&sa.sa_mask);
+        sa.sa_flags = 0;
+        if (sigaction(r.signo, &sa, nullptr) != 0) {
+            ipd_debug("Set signal %d handler failed,syserror=%s", r.signo, strerror(errno));
+            return -1;
+        }
+    }
+    // Last, so that a signal held since the fork is taken by the worker's handler.
+    if (pthread_sigmask(SIG_SETMASK, &set, nullptr) != 0) {
+        ipd_debug("Set the signal mask failed,syserror=%s", strerror(errno));
+        return -1;
+    }
+    return 0;
+}
+
+int orbs3_make_listen(orbs3_service_t* svc)
+{
+    const int mode = svc->ssl == 0 ? ORBS3_MODE_HTTPS : ORBS3_MODE_HTTP;
+    orbs3_listening_t* ls = orbs3_create_listening(neo_getstr(&svc->ipaddr), static_cast<int>(svc->port), AF_INET,
+                                                   SOCK_STREAM, 0, mode);
+    if (ls == nullptr) {
+        ipd_log(LOG_ERR, "turn back service failed");
+        return -1;
+    }
+    // Request classification and action dispatch hang here once the S3 front end exists.
+    ls->request_handler = nullptr;
+    ls->response_handler = nullptr;
+    orbs3_connection_t* c = orbs3_found_connection(ls->fd);
+    if (c == nullptr) {
+        close(ls->fd);
+        ls->fd = -1;
+        return -1;
+    }
+    c->listening = ls;
+    c->listen = 1;
+    c->read->active = 1;
+    c->write->active = 1;
+    c->write->handler = orbs3_http_events_empty;
+    c->exit_handler = orbs3_http_connection_exit_handler;
+    listen_c = c;
+    return 0;
+}
+
+void orbs3_threads_add_listen(orbs3_connection_t* c)
+{
+    cpu_write_lock lock;
+    for (int i = 0; i < g_cpu_index; i++)
+        if (worker_thread_info[i].epfd >= 0)
+            (void)orbs3_epoll_add_conn(c->fd, worker_thread_info[i].epfd, c);
+}
+
+void orbs3_threads_del_listen(orbs3_connection_t* c)
+{
+    cpu_write_lock lock;
+    for (int i = 0; i < g_cpu_index; i++)
+        if (worker_thread_info[i].epfd >= 0)
+            (void)orbs3_epoll_del_conn(c->fd, worker_thread_info[i].epfd, c);
+}
+
+void orbs3_close_listen()
+{
+    orbs3_connection_t* c = listen_c;
+    if (c == nullptr || c->fd <= 0)
+        return;
+    orbs3_threads_del_listen(c);
+    close(c->fd);
+    if (c->listening != nullptr)
+        c->listening->fd = -1;
+    orbs3_free_connection(c);
+    listen_c = nullptr;
+    // A TLS service also ends its TLS state here, once TLS exists.
+}
+
+void orbs3_reload_listen()
+{
+    orbs3_close_listen();
+    if (orbs3_make_listen(orbs3_service) != 0)
+        return;
+    orbs3_threads_add_listen(listen_c);
+}
+
+long orbs3_get_cpu_num()
+{
+    return sysconf(_SC_NPROCESSORS_ONLN);
+}
+
+int orbs3_worker_thread_count(long cpus)
+{
+    if (cpus < 1)
+        return 1;
+    if (cpus > ORBS3_WORKER_THREADS_MAX)
+        return ORBS3_WORKER_THREADS_MAX;
+    return static_cast<int>(cpus);
+}
+
+void* orbs3_worker_thread_cycle(void*)
+{
+    prctl(PR_SET_NAME, "worker thread");
+    int index;
+    {
+        cpu_write_lock lock;
+        index = g_cpu_index++;
+    }
+    if (index >= ORBS3_WORKER_THREADS_MAX)
+        return nullptr;
+    cpu_set_t set;  // 128 bytes: CPUs 0 to 1023
+    CPU_ZERO(&set);
+    if (index < CPU_SETSIZE)
+        CPU_SET(index, &set);
+    if (pthread_setaffinity_np(pthread_self(), sizeof set, &set) != 0)
+        return nullptr;  // this thread ends; the others serve
+    int efd = orbs3_create_epfd(kEpollSizeHint);
+    if (efd < 0)
+        std::exit(-1);
+    orbs3_thread_index = index;
+    {
+        // One step with the listener's registration, so a reload's walk sees this thread either not yet
+        // or with the listener it has.
+        cpu_write_lock lock;
+        worker_thread_info[index].epfd = efd;
+        worker_thread_info[index].tid = pthread_self();
+        if (listen_c != nullptr)
+            (void)orbs3_epoll_add_conn(listen_c->fd, efd, listen_c);
+    }
+    ipd_debug("worker thread %d on cpu %d, epfd %d", index, index, efd);
+    for (;;)
+        (void)orbs3_epoll_events_manage(efd);
+    return nullptr;
+}
+
+int orbs3_create_worker_threads()
+{
+    pthread_attr_t attr;
+    if (pthread_attr_init(&attr) != 0)
+        return -1;
+    pthread_attr_setdetachstate(&attr, PTHREAD_CREATE_DETACHED);
+    pthread_rwlock_init(&g_cpu_lock, nullptr);
+    g_cpu_index = 0;
+    for (auto& info : worker_thread_info)
+        info.epfd = -1;
+    int n = orbs3_worker_thread_count(orbs3_get_cpu_num());
+    int rc = 0;
+    for (int i = 0; i < n; i++) {
+        usleep(1000);
+        pthread_t tid;
+        if (pthread_create(&tid, &attr, orbs3_worker_thread_cycle, nullptr) != 0) {
+            rc = -1;
+            break;
+        }
+    }
+    pthread_attr_destroy(&attr);
+    return rc;
+}
+
+void orbs3_list_vhost_for_debug()
+{
+    if (orbs3_service == nullptr)
+        return;
+    neo_list_head_t* pos;
+    list_for_each(pos, &orbs3_service->vhosts)
+    {
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        ipd_debug("vhost:%s,%s,%s,%s,%s", neo_getstr(&vh->id), neo_getstr(&vh->name), neo_getstr(&vh->domain),
+                  orbs3_get_status_string(vh->status), orbs3_get_bool_string(static_cast<int>(vh->ssl)));
+    }
+}
+
+orbs3_vhost_t* orbs3_find_vhost_byid(const char* id)
+{
+    if (orbs3_service == nullptr || id == nullptr)
+        return nullptr;
+    neo_list_head_t* pos;
+    list_for_each(pos, &orbs3_service->vhosts)
+    {
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        if (std::strcmp(neo_getstr(&vh->id), id) == 0)
+            return vh;
+    }
+    return nullptr;
+}
+
+void orbs3_free_vhost(const char* id)
+{
+    orbs3_vhost_t* vh = orbs3_find_vhost_byid(id);
+    if (vh != nullptr)
+        (void)orbs3_service_free_vhost(orbs3_service, vh);
+}
+
+int orbs3_keep_active_vhosts(orbs3_service_t* svc)
+{
+    int left = 0;
+    neo_list_head_t *pos, *n;
+    list_for_each_safe(pos, n, &svc->vhosts)
+    {
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        if (vh->status != kStatusActive)
+            (void)orbs3_service_free_vhost(svc, vh);
+        else
+            left++;
+    }
+    return left;
+}
+
+void orbs3_process_cycle(orbs3_vhost_t* vhost)
+{
+    // Lock state that crossed the fork: another master thread may have held a lock at that moment, and
+    // its copy would stay held for ever here. The worker's own locks are made new in the child before
+    // any thread exists: the slot list's mutex, the timer tree's lock, and g_cpu_lock (made new in
+    // orbs3_create_worker_threads). The service list of the master is not used by the worker.
+    orbs3_conn_mtx_reinit();
+    pthread_rwlock_init(&neo_event_lock, nullptr);
+
+    (void)process_sheild_signals();
+    orbs3_service = vhost->service;
+    if (orbs3_keep_active_vhosts(orbs3_service) == 0)
+        std::exit(-1);
+
+    char title[128];
+    std::snprintf(title, sizeof title, "%s:%s:%d", orbs3_service->ssl == 0 ? "https" : "http",
+                  neo_getstr(&orbs3_service->ipaddr), static_cast<int>(orbs3_service->port));
+    set_proctitle(title);
+
+    (void)neo_event_timer_init();
+    pthread_t ctrl;
+    if (pthread_create(&ctrl, nullptr, ctrl_worker_placeholder, nullptr) != 0)
+        std::exit(-1);
+    if (orbs3_make_listen(orbs3_service) != 0)
+        std::exit(-1);
+    if (orbs3_create_worker_threads() != 0)
+        std::exit(-1);
+
+    // Paths, users, cache and buckets of each vhost come here with the storage engine.
+    neo_list_head_t* pos;
+    list_for_each(pos, &orbs3_service->vhosts)
+    {
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        if (vh->status == kStatusActive)
+            vh->running = 1;
+    }
+    orbs3_list_vhost_for_debug();
+    orbs3_service->started = 1;
+    ipd_debug("worker process %s started", title);
+
+    while (process_exit == 0) {
+        if (process_terminate.exchange(0) != 0) {
+            ipd_debug("worker process terminate");
+            worker_exit();
+        }
+        if (process_quit.exchange(0) != 0) {
+            ipd_debug("worker process quit");
+            process_exit = 1;
+            break;
+        }
+        if (process_reload.load() != 0) {
+            ipd_debug("process is reloading");
+            orbs3_reload_listen();
+            process_reload = 0;
+        }
+        trace_counters();
+        wait_one_second();
+    }
+    worker_exit();
+}
+
+int orbs3_parse_test_service(const char* spec, char* addr, std::size_t size, int* port)
+{
+    if (spec == nullptr)
+        return -1;
+    const char* colon = std::strrchr(spec, ':');
+    if (colon == nullptr || colon == spec || static_cast<std::size_t>(colon - spec) >= size)
+        return -1;
+    std::memcpy(addr, spec, static_cast<std::size_t>(colon - spec));
+    addr[colon - spec] = '\0';
+    struct in_addr in;
+    if (inet_pton(AF_INET, addr, &in) != 1)
+        return -1;
+    char* end = nullptr;
+    errno = 0;
+    long p = std::strtol(colon + 1, &end, 10);
+    if (errno != 0 || end == colon + 1 || *end != '\0' || p < 1 || p > 65535)
+        return -1;
+    *port = static_cast<int>(p);
+    return 0;
+}
+
+int orbs3_test_service_start(const char* spec)
+{
+    char addr[ORBS3_ADDR_CAP];
+    int port = 0;
+    if (orbs3_parse_test_service(spec, addr, sizeof addr, &port) != 0) {
+        ipd_log(LOG_ERR, "bad test service \"%s\", want <ipv4>:<port>", spec);
+        return -1;
+    }
+    orbs3_service_t* svc = orbs3_service_new();
+    orbs3_vhost_t* vh = orbs3_vhost_new();
+    if (svc == nullptr || vh == nullptr || orbs3_service_add_vhost(svc, vh) != 0) {
+        orbs3_vhost_free(vh);
+        orbs3_service_free(svc);
+        return -1;
+    }
+    neo_strdup(&svc->ipversion, "ipv4", ORBS3_ADDR_CAP);
+    neo_strdup(&svc->ipaddr, addr, ORBS3_ADDR_CAP);
+    svc->port = static_cast<uint32_t>(port);
+    svc->ssl = 1;
+    neo_strdup(&vh->id, "test", ORBS3_NAME_CAP);
+    neo_strdup(&vh->name, "test", ORBS3_NAME_CAP);
+    neo_strdup(&vh->domain, addr, ORBS3_NAME_CAP);
+    neo_strdup(&vh->ipaddr, addr, ORBS3_ADDR_CAP);
+    vh->ssl = 1;
+    vh->port = static_cast<uint32_t>(port);
+    vh->status = kStatusActive;
+    vh->running = 0;
+    g_test_service = svc;
+    orbs3_service_add(svc);
+
+    // Forked from a thread other than the main thread, as the control pool forks every worker.
+    pthread_t tid;
+    if (pthread_create(&tid, nullptr, fork_worker_thread, vh) != 0)
+        return -1;
+    pthread_join(tid, nullptr);
+    if (svc->pid <= 0)
+        return -1;
+    ipd_debug("test service %s:%d worker pid %d", addr, port, static_cast<int>(svc->pid));
+    return 0;
+}
