@@ -233,7 +233,7 @@ def test_four_hundred_concurrent_connections_are_all_served_and_spread_over_thre
         t.join(60)
     assert not failures, failures[:5]
 
-    wait_for(lambda: service.counts(since)[0] == clients, what="all accept traces")
+    wait_for(lambda: service.counts(since)[0] == clients, timeout=60, what="all accept traces")
     accepts = ACCEPT_LINE.findall(service.debug()[since:])
     spread = {}
     for _, thread in accepts:
