@@ -444,15 +444,15 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
     worker_exit();
 }
 
-int orbs3_parse_test_service(const char* spec, char* addr, std::size_t size, int* port)
+int orbs3_parse_test_service(const char* text, char* addr, std::size_t size, int* port)
 {
-    if (spec == nullptr)
+    if (text == nullptr)
         return -1;
-    const char* colon = std::strrchr(spec, ':');
-    if (colon == nullptr || colon == spec || static_cast<std::size_t>(colon - spec) >= size)
+    const char* colon = std::strrchr(text, ':');
+    if (colon == nullptr || colon == text || static_cast<std::size_t>(colon - text) >= size)
         return -1;
-    std::memcpy(addr, spec, static_cast<std::size_t>(colon - spec));
-    addr[colon - spec] = '\0';
+    std::memcpy(addr, text, static_cast<std::size_t>(colon - text));
+    addr[colon - text] = '\0';
     struct in_addr in;
     if (inet_pton(AF_INET, addr, &in) != 1)
         return -1;
@@ -465,12 +465,12 @@ int orbs3_parse_test_service(const char* spec, char* addr, std::size_t size, int
     return 0;
 }
 
-int orbs3_test_service_start(const char* spec)
+int orbs3_test_service_start(const char* text)
 {
     char addr[ORBS3_ADDR_CAP];
     int port = 0;
-    if (orbs3_parse_test_service(spec, addr, sizeof addr, &port) != 0) {
-        ipd_log(LOG_ERR, "bad test service \"%s\", want <ipv4>:<port>", spec);
+    if (orbs3_parse_test_service(text, addr, sizeof addr, &port) != 0) {
+        ipd_log(LOG_ERR, "bad test service \"%s\", want <ipv4>:<port>", text);
         return -1;
     }
     orbs3_service_t* svc = orbs3_service_new();

@@ -62,6 +62,6 @@ int orbs3_keep_active_vhosts(orbs3_service_t* svc);
 // Test entry point, until tenants are loaded: a service for "<ipv4>:<port>" with one active vhost, whose
 // worker is forked from a thread as the control pool does it. 0, or -1 when the text is bad or the fork
 // fails.
-int orbs3_test_service_start(const char* spec);
+int orbs3_test_service_start(const char* text);
 // Splits "<ipv4>:<port>"; 0, or -1 for anything else.
-[[nodiscard]] int orbs3_parse_test_service(const char* spec, char* addr, std::size_t size, int* port);
+[[nodiscard]] int orbs3_parse_test_service(const char* text, char* addr, std::size_t size, int* port);
