@@ -1,6 +1,7 @@
 #include "core/orbs3_log.h"
 
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/time.h>
@@ -8,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -47,6 +49,32 @@ long kernel_tid()
 namespace {
 char g_ident[64] = "orbmux";
 int g_log_opts = LOG_PID | LOG_CONS;
+
+// Guards every call into syslog and the time-zone code. The master forks workers from a pool thread while
+// its other threads keep logging; fork takes this lock first, so no libc lock behind it is held mid-call
+// when the child's copy of memory is made. The child's only thread is the one that forked and held it.
+pthread_mutex_t g_log_lock = PTHREAD_MUTEX_INITIALIZER;
+
+void log_fork_prepare()
+{
+    pthread_mutex_lock(&g_log_lock);
+}
+
+void log_fork_release()
+{
+    pthread_mutex_unlock(&g_log_lock);
+}
+
+const int g_log_atfork = pthread_atfork(log_fork_prepare, log_fork_release, log_fork_release);
+
+class log_lock_guard {
+public:
+    log_lock_guard() { pthread_mutex_lock(&g_log_lock); }
+    ~log_lock_guard() { pthread_mutex_unlock(&g_log_lock); }
+    log_lock_guard(const log_lock_guard&) = delete;
+    log_lock_guard& operator=(const log_lock_guard&) = delete;
+};
+
 }  // namespace
 
 void ipd_log_init(const char* ident, const char* debug_path)
@@ -60,6 +88,8 @@ void ipd_log_init(const char* ident, const char* debug_path)
     // openlog keeps the pointer: the identity must outlive every later syslog call.
     std::snprintf(g_ident, sizeof g_ident, "%s", ident);
     g_log_opts = opts;
+    (void)g_log_atfork;
+    log_lock_guard lock;
     openlog(g_ident, opts, LOG_USER);
     setenv("LOG_DEBUG", debug_path, 1);
     setenv("LOG_ID", ident, 1);
@@ -67,11 +97,13 @@ void ipd_log_init(const char* ident, const char* debug_path)
 
 void ipd_log_close()
 {
+    log_lock_guard lock;
     closelog();
 }
 
 void ipd_log_reopen()
 {
+    log_lock_guard lock;
     closelog();
     openlog(g_ident, g_log_opts, LOG_USER);
 }
@@ -119,6 +151,7 @@ void ipd_log(int level, const char* fmt, ...)
     if (n < 0)
         return;
     int prio = (level >= LOG_EMERG && level <= LOG_DEBUG) ? level : LOG_NOTICE;
+    log_lock_guard lock;
     syslog(prio, "%s, %s", level_name(level), msg);
 }
 
@@ -174,7 +207,7 @@ const char* gettimestamp()
     static thread_local char buf[64];
     time_t now = time(nullptr);
     struct tm tm;
-    localtime_r(&now, &tm);
+    orbs3_localtime(now, &tm);
     std::snprintf(buf, sizeof buf, "%04d.%02d.%02d-%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1,
                   tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
     return buf;
@@ -189,10 +222,50 @@ const char* get_sys_usec_time()
         return buf;
     }
     struct tm tm;
-    localtime_r(&tv.tv_sec, &tm);
+    orbs3_localtime(tv.tv_sec, &tm);
     std::snprintf(buf, sizeof buf, "%04d.%02d.%02d-%02d:%02d:%02d:%06ld", tm.tm_year + 1900, tm.tm_mon + 1,
                   tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec, static_cast<long>(tv.tv_usec));
     return buf;
+}
+
+void orbs3_localtime(time_t t, struct tm* tm)
+{
+    log_lock_guard lock;
+    localtime_r(&t, tm);
+}
+
+void orbs3_gmtime(time_t t, struct tm* tm)
+{
+    // Days since 1970-01-01 to a civil date (proleptic Gregorian), in 400-year eras of 146097 days.
+    constexpr int64_t kDay = 86400;
+    int64_t days = t / kDay;
+    int64_t secs = t % kDay;
+    if (secs < 0) {
+        secs += kDay;
+        days -= 1;
+    }
+    std::memset(tm, 0, sizeof *tm);
+    tm->tm_hour = static_cast<int>(secs / 3600);
+    tm->tm_min = static_cast<int>(secs % 3600 / 60);
+    tm->tm_sec = static_cast<int>(secs % 60);
+    tm->tm_wday = static_cast<int>(((days % 7) + 11) % 7);  // 1970-01-01 was a Thursday
+
+    const int64_t z = days + 719468;  // days since 0000-03-01
+    const int64_t era = (z >= 0 ? z : z - 146096) / 146097;
+    const int64_t doe = z - era * 146097;
+    const int64_t yoe = (doe - doe / 1460 + doe / 36524 - doe / 146096) / 365;
+    const int64_t doy = doe - (365 * yoe + yoe / 4 - yoe / 100);  // from March 1st
+    const int64_t mp = (5 * doy + 2) / 153;
+    const int64_t mday = doy - (153 * mp + 2) / 5 + 1;
+    const int64_t mon = mp < 10 ? mp + 3 : mp - 9;  // 1..12
+    const int64_t year = yoe + era * 400 + (mon <= 2 ? 1 : 0);
+
+    const bool leap = (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+    constexpr int kBefore[12] = {0, 31, 59, 90, 120, 151, 181, 212, 243, 273, 304, 334};
+    tm->tm_mday = static_cast<int>(mday);
+    tm->tm_mon = static_cast<int>(mon - 1);
+    tm->tm_year = static_cast<int>(year - 1900);
+    tm->tm_yday = kBefore[mon - 1] + static_cast<int>(mday) - 1 + (leap && mon > 2 ? 1 : 0);
 }
 
 void restorelog(const char* path)

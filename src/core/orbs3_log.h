@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <ctime>
 
 // Not 0: ipd_debug writes. Switched by -d at start; a worker inherits it by fork.
 extern std::atomic<int> g_debug_level;
@@ -32,6 +33,13 @@ void ipd_debug(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 // Returns the number of bytes written to out (at most size - 1), always terminated when size > 0.
 std::size_t ipd_log_format(char* out, std::size_t size, int level, const char* fmt, ...)
     __attribute__((format(printf, 4, 5)));
+
+// localtime_r under the log's lock. glibc's time-zone lock, like its syslog lock, is copied into a child
+// as it stood at fork; taking both only under a lock that fork itself takes first (pthread_atfork) means
+// a worker never starts with either held by a master thread that does not exist in it.
+void orbs3_localtime(time_t t, struct tm* tm);
+// Broken-down UTC time by arithmetic alone: no lock, nothing shared, safe on every request.
+void orbs3_gmtime(time_t t, struct tm* tm);
 
 void access_file(const char* path, unsigned mode);
 const char* gettimestamp();

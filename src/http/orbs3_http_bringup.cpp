@@ -115,7 +115,7 @@ void orbs3_http_bringup_date(char* out, std::size_t size)
 {
     time_t now = time(nullptr);
     struct tm tm;
-    gmtime_r(&now, &tm);
+    orbs3_gmtime(now, &tm);
     std::snprintf(out, size, "%s, %d %s %d %02d:%02d:%02d GMT", kWeekdays[tm.tm_wday], tm.tm_mday,
                   kMonths[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
 }

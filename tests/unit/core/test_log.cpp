@@ -1,9 +1,14 @@
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
+#include <thread>
+#include <vector>
 #include <fstream>
 #include <regex>
 #include <string>
@@ -152,4 +157,59 @@ TEST(Log, RotationByAgeMeasuresAgainstFirstGeneration)
 TEST(Log, UsageTextIsBuiltFromTheOptionString)
 {
     EXPECT_STREQ(orbs3_usage_text(), "\nUsage: server [-dtkvh] [-l unknown-flag-argument]\n");
+}
+
+// Every second of 1900..2200 at a stride that hits each day at a different time, plus the edges: the
+// arithmetic must agree with the C library field by field.
+TEST(Log, GmtimeAgreesWithTheLibrary)
+{
+    std::vector<time_t> samples = {0, -1, 86399, 86400, 951782400 /* 2000-02-29 */, 4107542400 /* 2100-03-01 */,
+                                   -2208988800 /* 1900-01-01 */, 2147483647, 2147483648};
+    for (time_t t = -2208988800; t < 7258118400; t += 86400 * 3 + 3671)
+        samples.push_back(t);
+    for (time_t t : samples) {
+        struct tm want, got;
+        ASSERT_NE(gmtime_r(&t, &want), nullptr);
+        orbs3_gmtime(t, &got);
+        ASSERT_EQ(got.tm_year, want.tm_year) << t;
+        ASSERT_EQ(got.tm_mon, want.tm_mon) << t;
+        ASSERT_EQ(got.tm_mday, want.tm_mday) << t;
+        ASSERT_EQ(got.tm_hour, want.tm_hour) << t;
+        ASSERT_EQ(got.tm_min, want.tm_min) << t;
+        ASSERT_EQ(got.tm_sec, want.tm_sec) << t;
+        ASSERT_EQ(got.tm_wday, want.tm_wday) << t;
+        ASSERT_EQ(got.tm_yday, want.tm_yday) << t;
+    }
+}
+
+// A worker is forked while other master threads log. Unguarded, glibc's syslog and time-zone locks are
+// copied into the child while held and its first log line waits for ever; each child here logs and
+// stamps once, and one that does not finish within seconds is ended by its alarm and counted.
+TEST(Log, ChildForkedWhileAnotherThreadLogsCanLog)
+{
+    std::atomic<bool> stop{false};
+    std::thread noisy([&stop] {
+        while (!stop.load()) {
+            ipd_log(LOG_DEBUG, "noise from a master thread");
+            (void)gettimestamp();
+        }
+    });
+    int stuck = 0;
+    for (int i = 0; i < 30; i++) {
+        pid_t pid = fork();
+        ASSERT_NE(pid, -1);
+        if (pid == 0) {
+            alarm(3);
+            ipd_log(LOG_DEBUG, "first line of a child");
+            (void)gettimestamp();
+            _exit(0);
+        }
+        int status = 0;
+        ASSERT_EQ(waitpid(pid, &status, 0), pid);
+        if (!WIFEXITED(status) || WEXITSTATUS(status) != 0)
+            stuck++;
+    }
+    stop = true;
+    noisy.join();
+    EXPECT_EQ(stuck, 0);
 }
