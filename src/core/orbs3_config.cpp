@@ -15,6 +15,7 @@
 
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
+#include "core/orbs3_xml.h"
 #include "memory/orbs3_palloc.h"
 
 namespace {
@@ -43,71 +44,6 @@ constexpr const char* kConfCacheTmp = "/tmp/orbmux/";
 // Only the first 8 characters of a numeric attribute of orbmux.conf count ("123456789" reads as 12345678).
 constexpr std::size_t kConfNumChars = 8;
 
-struct mxml_deleter {
-    void operator()(mxml_node_t* n) const noexcept { mxmlDelete(n); }
-};
-using mxml_ptr = std::unique_ptr<mxml_node_t, mxml_deleter>;
-
-struct file_closer {
-    void operator()(FILE* f) const noexcept { std::fclose(f); }
-};
-using file_ptr = std::unique_ptr<FILE, file_closer>;
-
-// mxml holds a file to one root element (an XML declaration being the parent of what follows it); a file
-// with no root or two roots is not well-formed and gives null.
-mxml_ptr load_tree(FILE* fp)
-{
-    return mxml_ptr(mxmlLoadFile(nullptr, fp, MXML_OPAQUE_CALLBACK));
-}
-
-// The element anywhere in the tree, the root included (mxmlFindElement looks only below its start).
-mxml_node_t* find_element(mxml_node_t* top, const char* name)
-{
-    if (top == nullptr)
-        return nullptr;
-    if (mxmlGetType(top) == MXML_ELEMENT && std::strcmp(mxmlGetElement(top), name) == 0)
-        return top;
-    return mxmlFindElement(top, top, name, nullptr, nullptr, MXML_DESCEND);
-}
-
-// atoi without its undefined behaviour: text that is not a number is 0, and a number beyond int is held
-// at INT_MIN or INT_MAX. Within int the value is atoi's.
-int to_int(const char* text)
-{
-    long v = std::strtol(text, nullptr, 10);
-    if (v > INT_MAX)
-        return INT_MAX;
-    if (v < INT_MIN)
-        return INT_MIN;
-    return static_cast<int>(v);
-}
-
-// Copies the attribute's value into dest, cut to len - 1 bytes and always terminated. 0 when node and
-// attribute exist; otherwise -1 and dest is left as it was.
-int xml_get_str(mxml_node_t* node, const char* attr, char* dest, std::size_t len)
-{
-    if (node == nullptr || dest == nullptr || len == 0)
-        return -1;
-    const char* v = mxmlElementGetAttr(node, attr);
-    if (v == nullptr)
-        return -1;
-    std::size_t n = strnlen(v, len - 1);
-    std::memcpy(dest, v, n);
-    dest[n] = '\0';
-    return 0;
-}
-
-// atoi of the attribute's value into dest when node and attribute exist (0 then); otherwise -1, dest kept.
-int xml_get_int(mxml_node_t* node, const char* attr, int* dest)
-{
-    if (node == nullptr)
-        return -1;
-    const char* v = mxmlElementGetAttr(node, attr);
-    if (v == nullptr)
-        return -1;
-    *dest = to_int(v);
-    return 0;
-}
 
 // A path cut to fit its field would name another directory, so a path that does not fit is refused:
 // the caller keeps its default (or skips the entry) and the operator sees why.
@@ -131,7 +67,7 @@ void copy_str(char* dest, std::size_t size, const char* text)
 uint64_t http_size(mxml_node_t* http, const char* attr)
 {
     int v = static_cast<int>(kHttpSizeInFile);
-    xml_get_int(http, attr, &v);
+    orbs3_xml_get_int(http, attr, &v);
     // A negative number wraps, as the field is unsigned; the setter's trace line reports it.
     return static_cast<uint64_t>(static_cast<int64_t>(v));
 }
@@ -164,7 +100,7 @@ void read_https(mxml_node_t* https)
         sysconfig.ssl_ticket = std::strcmp(ticket, "off") == 0 ? 0 : 1;
     if (const char* engine = mxmlElementGetAttr(https, "engine")) {
         sysconfig.ssl_engine = std::strcmp(engine, "on") == 0 ? 0 : 1;
-        xml_get_str(https, "engine", sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name);
+        orbs3_xml_get_str(https, "engine", sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name);
     } else {
         copy_str(sysconfig.ssl_engine_name, sizeof sysconfig.ssl_engine_name, "qat");
     }
@@ -180,14 +116,14 @@ void read_cache(mxml_node_t* cache)
         copy_str(sysconfig.cache_files.back().path, sizeof(orbs3_cache_file_t::path), kCacheDirDefault);
         return;
     }
-    xml_get_int(cache, "qty", &sysconfig.cache_qty);
-    xml_get_int(cache, "refresh", &sysconfig.cache_refresh);
+    orbs3_xml_get_int(cache, "qty", &sysconfig.cache_qty);
+    orbs3_xml_get_int(cache, "refresh", &sysconfig.cache_refresh);
     int hours = 0;
-    if (xml_get_int(cache, "recycle", &hours) == 0) {
+    if (orbs3_xml_get_int(cache, "recycle", &hours) == 0) {
         int64_t secs = static_cast<int64_t>(hours) * kSecondsPerHour;
         sysconfig.cache_recycle = secs > INT_MAX ? INT_MAX : secs < INT_MIN ? INT_MIN : static_cast<int>(secs);
     }
-    xml_get_int(cache, "bits", &sysconfig.cache_bits);
+    orbs3_xml_get_int(cache, "bits", &sysconfig.cache_bits);
 
     for (mxml_node_t* f = mxmlFindElement(cache, cache, "file", nullptr, nullptr, MXML_DESCEND_FIRST);
          f != nullptr; f = mxmlFindElement(f, cache, "file", nullptr, nullptr, MXML_NO_DESCEND)) {
@@ -207,15 +143,15 @@ void read_cache(mxml_node_t* cache)
 int conf_num(mxml_node_t* node, const char* attr, int def)
 {
     char buf[kConfNumChars + 1];
-    if (xml_get_str(node, attr, buf, sizeof buf) != 0)
+    if (orbs3_xml_get_str(node, attr, buf, sizeof buf) != 0)
         return def;
-    return to_int(buf);
+    return orbs3_xml_to_int(buf);
 }
 
 uint64_t conf_size(mxml_node_t* node, const char* attr)
 {
     char buf[kConfNumChars + 1];
-    if (xml_get_str(node, attr, buf, sizeof buf) != 0)
+    if (orbs3_xml_get_str(node, attr, buf, sizeof buf) != 0)
         return 0;
     return static_cast<uint64_t>(get_size_in_bytes(buf));
 }
@@ -350,19 +286,19 @@ int http_read_sysconfig_xml()
     orbs3_sysconfig_defaults();
 
     std::string path = orbs3_prefix_path(ORBS3_HTTP_CONF);
-    mxml_ptr tree;
+    orbs3_xml_ptr tree;
     {
-        file_ptr fp(std::fopen(path.c_str(), "r"));
+        orbs3_file_ptr fp(std::fopen(path.c_str(), "r"));
         if (!fp) {
             ipd_log(LOG_WARNING, "No system configuration file");
             return -1;
         }
         // A file that is not well-formed gives no tree: every element then counts as absent.
-        tree = load_tree(fp.get());
+        tree = orbs3_xml_load_file(fp.get());
     }
-    read_http(find_element(tree.get(), "http"));
-    read_https(find_element(tree.get(), "https"));
-    read_cache(find_element(tree.get(), "cache"));
+    read_http(orbs3_xml_find(tree.get(), "http"));
+    read_https(orbs3_xml_find(tree.get(), "https"));
+    read_cache(orbs3_xml_find(tree.get(), "cache"));
     sysconfig.ssl_shm_zone_size = kSslShmZoneSize;
     return 0;
 }
@@ -372,18 +308,18 @@ int orbs3_read_conf_xml()
     conf_clear();
 
     std::string path = orbs3_prefix_path(ORBS3_CONF);
-    mxml_ptr tree;
+    orbs3_xml_ptr tree;
     {
-        file_ptr fp(std::fopen(path.c_str(), "r"));
+        orbs3_file_ptr fp(std::fopen(path.c_str(), "r"));
         if (!fp)
             return -1;
-        tree = load_tree(fp.get());
+        tree = orbs3_xml_load_file(fp.get());
     }
     if (!tree)
         return -1;
 
-    mxml_node_t* om = find_element(tree.get(), "orbmux");
-    mxml_node_t* cache = find_element(tree.get(), "cache");
+    mxml_node_t* om = orbs3_xml_find(tree.get(), "orbmux");
+    mxml_node_t* cache = orbs3_xml_find(tree.get(), "cache");
 
     orbs3_conf.interval = conf_num(om, "interval", kConfInterval);
     conf_path_attr(om, "conf_path", orbs3_conf.conf_path, sizeof orbs3_conf.conf_path, kConfPath, "conf_path");
@@ -406,7 +342,7 @@ int orbs3_read_conf_xml()
 
 int orbs3_write_conf_xml()
 {
-    mxml_ptr tree(mxmlNewXML("1.0"));
+    orbs3_xml_ptr tree(mxmlNewXML("1.0"));
     if (!tree)
         return -1;
     mxml_node_t* om = mxmlNewElement(tree.get(), "orbmux");
@@ -435,7 +371,7 @@ int orbs3_write_conf_xml()
     set_str_attr(cache, "tmp", c.cache_tmp, kConfCacheTmp);
 
     std::string path = orbs3_prefix_path(ORBS3_CONF);
-    file_ptr fp(std::fopen(path.c_str(), "w+"));
+    orbs3_file_ptr fp(std::fopen(path.c_str(), "w+"));
     if (!fp)
         return -1;
     int saved = mxmlSaveFile(tree.get(), fp.get(), conf_whitespace);
@@ -456,7 +392,7 @@ int64_t get_size_in_bytes(const char* text)
     const char* p = text;
     while (*p >= '0' && *p <= '9')
         ++p;
-    int64_t n = to_int(text);
+    int64_t n = orbs3_xml_to_int(text);
     int64_t unit = 1024;
     if (*p == 'G' || *p == 'g')
         unit = int64_t{1} << 30;
