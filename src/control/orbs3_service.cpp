@@ -1,26 +1,23 @@
 #include "control/orbs3_service.h"
 
-#include <algorithm>
 #include <cstdlib>
-#include <list>
+#include <cstring>
+#include <new>
 
-// The node's services. It exists, empty, before the first signal handler can run.
-static std::list<orbs3_service_t*> g_service_list;
+// Static initialisation makes both lists empty and the lock usable before main runs, so a signal that
+// arrives before the control thread has set anything up finds empty lists, not garbage.
+neo_list_head_t g_service_list = {&g_service_list, &g_service_list};
+neo_list_head_t g_vhost_list = {&g_vhost_list, &g_vhost_list};
+pthread_rwlock_t g_service_lock = PTHREAD_RWLOCK_INITIALIZER;
 
-void orbs3_service_each(const std::function<void(orbs3_service_t*)>& fn)
+void orbs3_init_service_list()
 {
-    for (orbs3_service_t* svc : g_service_list)
-        fn(svc);
-}
-
-void orbs3_service_add(orbs3_service_t* svc)
-{
-    g_service_list.push_back(svc);
-}
-
-void orbs3_service_remove(orbs3_service_t* svc)
-{
-    g_service_list.remove(svc);
+    pthread_rwlock_wrlock(&g_service_lock);
+    if (g_service_list.next == nullptr)
+        INIT_LIST_HEAD(&g_service_list);
+    if (g_vhost_list.next == nullptr)
+        INIT_LIST_HEAD(&g_vhost_list);
+    pthread_rwlock_unlock(&g_service_lock);
 }
 
 orbs3_service_t* orbs3_service_new()
@@ -31,60 +28,176 @@ orbs3_service_t* orbs3_service_new()
     return svc;
 }
 
-void orbs3_service_free(orbs3_service_t* svc)
-{
-    if (svc == nullptr)
-        return;
-    neo_list_head_t *pos, *n;
-    list_for_each_safe(pos, n, &svc->vhosts)
-    {
-        orbs3_list_node_t* node = orbs3_list_node(pos);
-        list_del(pos);
-        orbs3_vhost_free(static_cast<orbs3_vhost_t*>(node->data));
-        std::free(node);
-    }
-    neo_strfree(&svc->ipversion);
-    neo_strfree(&svc->ipaddr);
-    std::free(svc);
-}
-
 orbs3_vhost_t* orbs3_vhost_new()
 {
-    return static_cast<orbs3_vhost_t*>(std::calloc(1, sizeof(orbs3_vhost_t)));
-}
-
-void orbs3_vhost_free(orbs3_vhost_t* vh)
-{
+    // Value-initialised: every field zero, the counters included.
+    auto* vh = new (std::nothrow) orbs3_vhost_t();
     if (vh == nullptr)
-        return;
-    for (orbs3_str_t* s : {&vh->id, &vh->name, &vh->domain, &vh->ipaddr})
-        neo_strfree(s);
-    std::free(vh);
+        return nullptr;
+    INIT_LIST_HEAD(&vh->users);
+    INIT_LIST_HEAD(&vh->bucket_list);
+    INIT_LIST_HEAD(&vh->admin.keys);
+    return vh;
 }
 
-int orbs3_service_add_vhost(orbs3_service_t* svc, orbs3_vhost_t* vh)
+orbs3_user_t* orbs3_user_new()
+{
+    auto* user = static_cast<orbs3_user_t*>(std::calloc(1, sizeof(orbs3_user_t)));
+    if (user != nullptr)
+        INIT_LIST_HEAD(&user->keys);
+    return user;
+}
+
+int orbs3_list_append(neo_list_head_t* head, void* data)
 {
     auto* node = static_cast<orbs3_list_node_t*>(std::calloc(1, sizeof(orbs3_list_node_t)));
     if (node == nullptr)
         return -1;
-    node->data = vh;
-    vh->service = svc;
-    list_add_tail(&node->list, &svc->vhosts);
+    node->data = data;
+    list_add_tail(&node->list, head);
     return 0;
 }
 
-int orbs3_service_free_vhost(orbs3_service_t* svc, orbs3_vhost_t* vh)
+int orbs3_service_add_vhost(orbs3_service_t* svc, orbs3_vhost_t* vh)
 {
-    neo_list_head_t* pos;
-    list_for_each(pos, &svc->vhosts)
+    if (orbs3_list_append(&svc->vhosts, vh) != 0)
+        return -1;
+    vh->service = svc;
+    return 0;
+}
+
+namespace {
+
+// Unlinks and frees every node of the list, handing each record to `release` first.
+template <typename Release>
+void drain(neo_list_head_t* head, Release release)
+{
+    if (head == nullptr || head->next == nullptr)
+        return;
+    neo_list_head_t *pos, *n;
+    list_for_each_safe(pos, n, head)
     {
         orbs3_list_node_t* node = orbs3_list_node(pos);
-        if (node->data == vh) {
-            list_del(pos);
-            std::free(node);
-            orbs3_vhost_free(vh);
-            return 0;
+        list_del(pos);
+        release(node->data);
+        std::free(node);
+    }
+    INIT_LIST_HEAD(head);
+}
+
+void free_user_fields(orbs3_user_t* user)
+{
+    for (orbs3_str_t* s :
+         {&user->UserId, &user->DisPlayName, &user->accesskeyid, &user->accesskeysecret, &user->vhost_id})
+        neo_strfree(s);
+    orbs3_free_accesskey_list(&user->keys);
+}
+
+}  // namespace
+
+void orbs3_free_accesskey_list(neo_list_head_t* head)
+{
+    drain(head, [](void* data) {
+        auto* key = static_cast<orbs3_accesskey_t*>(data);
+        if (key == nullptr)
+            return;
+        neo_strfree(&key->AccessKeyId);
+        neo_strfree(&key->AccessKeySecret);
+        std::free(key);
+    });
+}
+
+void orbs3_free_user_data(orbs3_user_t* user)
+{
+    if (user == nullptr)
+        return;
+    free_user_fields(user);
+    std::free(user);
+}
+
+void orbs3_free_user_list(neo_list_head_t* head)
+{
+    drain(head, [](void* data) { orbs3_free_user_data(static_cast<orbs3_user_t*>(data)); });
+}
+
+void orbs3_free_vhost_data(orbs3_vhost_t* vh)
+{
+    if (vh == nullptr)
+        return;
+    for (orbs3_str_t* s : {&vh->id, &vh->name, &vh->group, &vh->node_key, &vh->domain, &vh->ipversion, &vh->ipaddr,
+                           &vh->ca, &vh->cert, &vh->ssl_key, &vh->key_pwd, &vh->data_root, &vh->meta_root,
+                           &vh->version_root, &vh->recycle_root, &vh->cluster, &vh->tiered, &vh->group_path,
+                           &vh->cluster_path})
+        neo_strfree(s);
+    orbs3_free_user_list(&vh->users);
+    free_user_fields(&vh->admin);
+    // The service record and the bucket list get their owners with the storage layer; until then the
+    // worker never fills them.
+    delete vh;
+}
+
+void orbs3_free_vhost_list(neo_list_head_t* head)
+{
+    drain(head, [](void* data) { orbs3_free_vhost_data(static_cast<orbs3_vhost_t*>(data)); });
+}
+
+void orbs3_free_service_data(orbs3_service_t* svc)
+{
+    if (svc == nullptr)
+        return;
+    drain(&svc->vhosts, [](void*) {});
+    for (orbs3_str_t* s : {&svc->ipversion, &svc->ipaddr, &svc->ca, &svc->cert, &svc->ssl_key, &svc->key_pwd})
+        neo_strfree(s);
+    std::free(svc);
+}
+
+namespace {
+
+bool same_text(const orbs3_str_t& s, const char* text, std::size_t len)
+{
+    return s.len == len && s.data != nullptr && std::memcmp(s.data, text, len) == 0;
+}
+
+}  // namespace
+
+orbs3_user_t* orbs3_check_accesskeyid_exist(orbs3_user_t* admin, const char* key_id, orbs3_vhost_t* vhost)
+{
+    if (admin == nullptr || key_id == nullptr || vhost == nullptr)
+        return nullptr;
+    const std::size_t len = std::strlen(key_id);
+    if (len == 0)
+        return nullptr;  // an empty id would match every record whose key was never set
+    if (same_text(admin->accesskeyid, key_id, len)) {
+        admin->is_admin = 1;
+        return admin;
+    }
+    neo_list_head_t* upos;
+    list_for_each(upos, &vhost->users)
+    {
+        auto* user = static_cast<orbs3_user_t*>(orbs3_list_node(upos)->data);
+        if (user == nullptr)
+            continue;
+        neo_list_head_t* kpos;
+        list_for_each(kpos, &user->keys)
+        {
+            auto* key = static_cast<orbs3_accesskey_t*>(orbs3_list_node(kpos)->data);
+            if (key != nullptr && same_text(key->AccessKeyId, key_id, len))
+                return user;
         }
     }
-    return -1;
+    return nullptr;
+}
+
+orbs3_service_t* orbs3_check_service_is_exist(uint32_t ssl, const char* ip, uint32_t port)
+{
+    if (ip == nullptr)
+        return nullptr;
+    neo_list_head_t* pos;
+    list_for_each(pos, &g_service_list)
+    {
+        auto* svc = static_cast<orbs3_service_t*>(orbs3_list_node(pos)->data);
+        if (svc->ssl == ssl && svc->port == port && std::strcmp(neo_getstr(&svc->ipaddr), ip) == 0)
+            return svc;
+    }
+    return nullptr;
 }

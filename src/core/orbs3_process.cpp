@@ -278,9 +278,26 @@ int sheild_signals()
     return 0;
 }
 
+namespace {
+
+// Calls fn for every service of the node under the lock of the lists, read or write as `write` says.
+template <typename Fn>
+void each_service(bool write, Fn fn)
+{
+    if (write)
+        pthread_rwlock_wrlock(&g_service_lock);
+    else
+        pthread_rwlock_rdlock(&g_service_lock);
+    neo_list_head_t* pos;
+    list_for_each(pos, &g_service_list) fn(static_cast<orbs3_service_t*>(orbs3_list_node(pos)->data));
+    pthread_rwlock_unlock(&g_service_lock);
+}
+
+}  // namespace
+
 void orbs3_signal_process(int signo)
 {
-    orbs3_service_each([signo](orbs3_service_t* svc) {
+    each_service(false, [signo](orbs3_service_t* svc) {
         if (svc->pid > 0 && kill(svc->pid, signo) != 0)
             ipd_log(LOG_ERR, "Signal transmission failure");
     });
@@ -289,8 +306,8 @@ void orbs3_signal_process(int signo)
 int master_process_exit()
 {
     int rc = 0;
-    orbs3_service_each([&rc](orbs3_service_t* svc) {
-        if ((svc->flags & 1) == 0 && svc->pid != 0)
+    each_service(false, [&rc](orbs3_service_t* svc) {
+        if ((svc->flags & ORBS3_SERVICE_EXITED) == 0 && svc->pid > 0)
             rc = -1;
     });
     return rc;
@@ -322,9 +339,9 @@ int orbs3_handle_reap_children()
             break;  // ECHILD, or nothing more to learn
         }
         if ((status & 0x7f) == 0 || orbs3_terminate.load()) {
-            orbs3_service_each([pid](orbs3_service_t* svc) {
+            each_service(true, [pid](orbs3_service_t* svc) {
                 if (svc->pid == pid) {
-                    svc->flags |= 1;
+                    svc->flags |= ORBS3_SERVICE_EXITED;
                     svc->pid = 0;
                 }
             });

@@ -88,16 +88,21 @@ void trace_counters()
               static_cast<unsigned long long>(closed), static_cast<long long>(orbs3_conn_counters.free_slots.load()));
 }
 
+// Unlinks the vhost's node from the worker's service list and frees the vhost: the worker owns its copy.
+void drop_vhost(neo_list_head_t* pos)
+{
+    auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+    list_del(pos);
+    std::free(orbs3_list_node(pos));
+    orbs3_free_vhost_data(vh);
+}
+
 [[noreturn]] void worker_exit()
 {
     // The control channel's part of the exit: the vhosts go with it.
     if (orbs3_service != nullptr) {
         neo_list_head_t *pos, *n;
-        list_for_each_safe(pos, n, &orbs3_service->vhosts)
-        {
-            (void)orbs3_service_free_vhost(orbs3_service,
-                                           static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data));
-        }
+        list_for_each_safe(pos, n, &orbs3_service->vhosts) drop_vhost(pos);
     }
     orbs3_close_listen();
     pthread_rwlock_destroy(&g_cpu_lock);
@@ -363,9 +368,17 @@ orbs3_vhost_t* orbs3_find_vhost_byid(const char* id)
 
 void orbs3_free_vhost(const char* id)
 {
-    orbs3_vhost_t* vh = orbs3_find_vhost_byid(id);
-    if (vh != nullptr)
-        (void)orbs3_service_free_vhost(orbs3_service, vh);
+    if (orbs3_service == nullptr || id == nullptr)
+        return;
+    neo_list_head_t *pos, *n;
+    list_for_each_safe(pos, n, &orbs3_service->vhosts)
+    {
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        if (std::strcmp(neo_getstr(&vh->id), id) == 0) {
+            drop_vhost(pos);
+            return;
+        }
+    }
 }
 
 int orbs3_keep_active_vhosts(orbs3_service_t* svc)
@@ -376,7 +389,7 @@ int orbs3_keep_active_vhosts(orbs3_service_t* svc)
     {
         auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
         if (vh->status != kStatusActive)
-            (void)orbs3_service_free_vhost(svc, vh);
+            drop_vhost(pos);
         else
             left++;
     }
@@ -476,8 +489,8 @@ int orbs3_test_service_start(const char* text)
     orbs3_service_t* svc = orbs3_service_new();
     orbs3_vhost_t* vh = orbs3_vhost_new();
     if (svc == nullptr || vh == nullptr || orbs3_service_add_vhost(svc, vh) != 0) {
-        orbs3_vhost_free(vh);
-        orbs3_service_free(svc);
+        orbs3_free_vhost_data(vh);
+        orbs3_free_service_data(svc);
         return -1;
     }
     neo_strdup(&svc->ipversion, "ipv4", ORBS3_ADDR_CAP);
@@ -493,7 +506,11 @@ int orbs3_test_service_start(const char* text)
     vh->status = kStatusActive;
     vh->running = 0;
     g_test_service = svc;
-    orbs3_service_add(svc);
+    pthread_rwlock_wrlock(&g_service_lock);
+    int linked = orbs3_list_append(&g_service_list, svc);
+    pthread_rwlock_unlock(&g_service_lock);
+    if (linked != 0)
+        return -1;
 
     // Forked from a thread other than the main thread, as the control pool forks every worker.
     pthread_t tid;

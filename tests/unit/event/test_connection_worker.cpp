@@ -44,7 +44,7 @@ TEST(ConnectionWorker, WorkerKeepsOnlyTheActiveVhostsOfItsService)
     orbs3_free_vhost("vh2");
     EXPECT_EQ(orbs3_keep_active_vhosts(svc), 0) << "a service with no active vhost has nothing to serve";
     orbs3_service = saved;
-    orbs3_service_free(svc);
+    orbs3_free_service_data(svc);
 }
 
 TEST(ConnectionWorker, TestServiceTextIsAnIpv4AddressAndAPort)
