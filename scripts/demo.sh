@@ -6,13 +6,14 @@ bash scripts/install-deps.sh
 bash scripts/build.sh release
 
 prefix=${ORBMUX_PREFIX:-$PWD/demo}
-mkdir -p "$prefix/etc/orbmux"
-if [ ! -f "$prefix/etc/orbmux/orbmux.conf" ]; then
-  cat > "$prefix/etc/orbmux/orbmux.conf" <<XML
-<?xml version="1.0"?>
-<orbmux interval="10" conf_path="/etc/orbmux" bucketmaxlen="127" objectmaxlen="127" objectpathlen="1023" objectdirnum="10"/>
-<cache max_mem="0B" max_file="" retry="3" interval="3" tmp="/tmp/orbmux/"/>
-XML
+port=${ORBMUX_DEMO_PORT:-9000}
+mkdir -p "$prefix"
+# The demo tenant is made once; its keys are printed only by the tool, so its answer is kept.
+tenant_json="$prefix/tenant-demo.json"
+if [ ! -s "$tenant_json" ]; then
+  /usr/bin/python3 scripts/orbmux-tenant add --prefix "$prefix" --cluster-path "$prefix/cluster" \
+    --name demo --address 127.0.0.1 --port "$port" --json > "$tenant_json.tmp"
+  mv "$tenant_json.tmp" "$tenant_json"
 fi
 
 bin=$PWD/build/release/src/orbmux
@@ -24,12 +25,29 @@ if [ -f "$pidfile" ] && kill -0 "$(cat "$pidfile")" 2>/dev/null; then
 fi
 rm -f "$pidfile"
 
-ORBMUX_PREFIX=$prefix ORBMUX_LOG_STDERR=1 "$bin" 2>>"$prefix/orbmux.log"
+# The daemon keeps the descriptors it was started with: both go to the log, so no caller waits on them.
+ORBMUX_PREFIX=$prefix ORBMUX_LOG_STDERR=1 "$bin" </dev/null >>"$prefix/orbmux.log" 2>&1
 for _ in $(seq 50); do [ -s "$pidfile" ] && break; sleep 0.1; done
 [ -s "$pidfile" ] || { echo "orbmux did not start; see $prefix/orbmux.log" >&2; exit 1; }
 
+field() { /usr/bin/python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))[sys.argv[2]])' "$tenant_json" "$1"; }
+endpoint=$(field endpoint)
+demo_port=${endpoint##*:}
+# With no cluster controller on this machine the node decides after two 3-second passes that it starts
+# offline, then loads its tenants and forks their workers.
+echo "waiting for the demo tenant on $endpoint ..."
+for _ in $(seq 150); do
+  (exec 3<>"/dev/tcp/127.0.0.1/$demo_port") 2>/dev/null && break
+  sleep 0.1
+done
+(exec 3<>"/dev/tcp/127.0.0.1/$demo_port") 2>/dev/null || { echo "no service on $endpoint; see $prefix/orbmux.log" >&2; exit 1; }
+
 cat <<TXT
 orbmux started: master pid $(cat "$pidfile"), prefix $prefix
-  log:    $prefix/orbmux.log
-  stop:   ORBMUX_PREFIX=$prefix $bin -s stop
+  endpoint:          $endpoint
+  access key id:     $(field access_key)
+  secret access key: $(field secret_key)
+  log:               $prefix/orbmux.log
+  tenant files:      $(dirname "$(field group_file)")  (see docs/tenants.md)
+  stop:              ORBMUX_PREFIX=$prefix $bin -s stop
 TXT

@@ -441,10 +441,5 @@ void orbs3_master_process_cycle(char** argv)
     }
     ipd_log(LOG_INFO, "start %s service.", "orbmux");
     other_process_main_start();
-    // Test only, until tenants are loaded: ORBMUX_TEST_SERVICE="<ipv4>:<port>" makes one service with one
-    // active vhost and forks its worker, so the worker and its event loop can be run end to end. The
-    // worker's pid stands in the service, so the reaper and the exit order treat it as any other.
-    if (const char* test_service = std::getenv("ORBMUX_TEST_SERVICE"); test_service != nullptr)
-        (void)orbs3_test_service_start(test_service);
     control_process();
 }

@@ -1,6 +1,5 @@
 #include "core/orbs3_worker.h"
 
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sched.h>
@@ -14,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "control/orbs3_vhost_file.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_proctitle.h"
@@ -42,9 +42,6 @@ constexpr int kLoopMs = 1000;
 // A byte on this pipe cuts the main thread's one-second wait short: a signal may land on any thread, and
 // SIGWINCH or SIGINT must end the worker at once, not after the next full second.
 int g_wake[2] = {-1, -1};
-
-// The test service of the master; held here so it stays reachable for the life of the process.
-orbs3_service_t* g_test_service = nullptr;
 
 class cpu_write_lock {
 public:
@@ -120,25 +117,6 @@ void wait_one_second()
     char drain[64];
     while (read(g_wake[0], drain, sizeof drain) > 0) {
     }
-}
-
-void* fork_worker_thread(void* arg)
-{
-    auto* vh = static_cast<orbs3_vhost_t*>(arg);
-    // The child starts with every signal held, so none can reach the master's handlers in it before the
-    // worker has installed its own.
-    sigset_t all;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, nullptr);
-    pid_t pid = fork();
-    if (pid == 0)
-        orbs3_process_cycle(vh);
-    if (pid < 0) {
-        ipd_log(LOG_ERR, "failed to fork worker,syserror=%s", strerror(errno));
-        return nullptr;
-    }
-    vh->service->pid = pid;
-    return nullptr;
 }
 
 }  // namespace
@@ -424,13 +402,14 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
     if (orbs3_create_worker_threads() != 0)
         std::exit(-1);
 
-    // Paths, users, cache and buckets of each vhost come here with the storage engine.
+    // Paths, cache and buckets of each vhost come here with the storage engine.
     neo_list_head_t* pos;
     list_for_each(pos, &orbs3_service->vhosts)
     {
         auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
         if (vh->status == kStatusActive)
             vh->running = 1;
+        orbs3_init_user(vh);
     }
     orbs3_list_vhost_for_debug();
     orbs3_service->started = 1;
@@ -455,70 +434,4 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
         wait_one_second();
     }
     worker_exit();
-}
-
-int orbs3_parse_test_service(const char* text, char* addr, std::size_t size, int* port)
-{
-    if (text == nullptr)
-        return -1;
-    const char* colon = std::strrchr(text, ':');
-    if (colon == nullptr || colon == text || static_cast<std::size_t>(colon - text) >= size)
-        return -1;
-    std::memcpy(addr, text, static_cast<std::size_t>(colon - text));
-    addr[colon - text] = '\0';
-    struct in_addr in;
-    if (inet_pton(AF_INET, addr, &in) != 1)
-        return -1;
-    char* end = nullptr;
-    errno = 0;
-    long p = std::strtol(colon + 1, &end, 10);
-    if (errno != 0 || end == colon + 1 || *end != '\0' || p < 1 || p > 65535)
-        return -1;
-    *port = static_cast<int>(p);
-    return 0;
-}
-
-int orbs3_test_service_start(const char* text)
-{
-    char addr[ORBS3_ADDR_CAP];
-    int port = 0;
-    if (orbs3_parse_test_service(text, addr, sizeof addr, &port) != 0) {
-        ipd_log(LOG_ERR, "bad test service \"%s\", want <ipv4>:<port>", text);
-        return -1;
-    }
-    orbs3_service_t* svc = orbs3_service_new();
-    orbs3_vhost_t* vh = orbs3_vhost_new();
-    if (svc == nullptr || vh == nullptr || orbs3_service_add_vhost(svc, vh) != 0) {
-        orbs3_free_vhost_data(vh);
-        orbs3_free_service_data(svc);
-        return -1;
-    }
-    neo_strdup(&svc->ipversion, "ipv4", ORBS3_ADDR_CAP);
-    neo_strdup(&svc->ipaddr, addr, ORBS3_ADDR_CAP);
-    svc->port = static_cast<uint32_t>(port);
-    svc->ssl = 1;
-    neo_strdup(&vh->id, "test", ORBS3_NAME_CAP);
-    neo_strdup(&vh->name, "test", ORBS3_NAME_CAP);
-    neo_strdup(&vh->domain, addr, ORBS3_NAME_CAP);
-    neo_strdup(&vh->ipaddr, addr, ORBS3_ADDR_CAP);
-    vh->ssl = 1;
-    vh->port = static_cast<uint32_t>(port);
-    vh->status = kStatusActive;
-    vh->running = 0;
-    g_test_service = svc;
-    pthread_rwlock_wrlock(&g_service_lock);
-    int linked = orbs3_list_append(&g_service_list, svc);
-    pthread_rwlock_unlock(&g_service_lock);
-    if (linked != 0)
-        return -1;
-
-    // Forked from a thread other than the main thread, as the control pool forks every worker.
-    pthread_t tid;
-    if (pthread_create(&tid, nullptr, fork_worker_thread, vh) != 0)
-        return -1;
-    pthread_join(tid, nullptr);
-    if (svc->pid <= 0)
-        return -1;
-    ipd_debug("test service %s:%d worker pid %d", addr, port, static_cast<int>(svc->pid));
-    return 0;
 }

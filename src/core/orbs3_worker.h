@@ -58,10 +58,3 @@ orbs3_vhost_t* orbs3_find_vhost_byid(const char* id);
 void orbs3_free_vhost(const char* id);
 // Frees every vhost of svc whose status is not active; the number of vhosts left.
 int orbs3_keep_active_vhosts(orbs3_service_t* svc);
-
-// Test entry point, until tenants are loaded: a service for "<ipv4>:<port>" with one active vhost, whose
-// worker is forked from a thread as the control pool does it. 0, or -1 when the text is bad or the fork
-// fails.
-int orbs3_test_service_start(const char* text);
-// Splits "<ipv4>:<port>"; 0, or -1 for anything else.
-[[nodiscard]] int orbs3_parse_test_service(const char* text, char* addr, std::size_t size, int* port);

@@ -1,4 +1,4 @@
-"""The worker process and its event loop, started through the master's test service entry point.
+"""The worker process and its event loop, for one provisioned tenant on a free port.
 
 Until the HTTP engine exists every request head is answered with the fixed test reply; the worker's
 debug trace ("accept fd=.. on thread ..", "close fd=.. on thread ..", the counters line) shows how
@@ -15,7 +15,7 @@ import time
 
 import pytest
 
-from orbmux_harness import DEBUG_FILE, Sandbox, free_port, pid_alive, wait_for
+from orbmux_harness import DEBUG_FILE, OFFLINE_START, Sandbox, free_port, pid_alive, port_accepts, wait_for
 
 REPLY_HEAD = re.compile(
     rb"HTTP/1\.1 200 OK\r\n"
@@ -59,14 +59,6 @@ def read_replies(sock, n=1):
 def connect(port, timeout=10):
     s = socket.create_connection(("127.0.0.1", port), timeout=timeout)
     return s
-
-
-def port_accepts(port):
-    try:
-        with socket.create_connection(("127.0.0.1", port), timeout=1):
-            return True
-    except OSError:
-        return False
 
 
 def workers_of(master):
@@ -115,7 +107,7 @@ class Service:
         self.sandbox = sandbox
         self.daemon = daemon
         self.port = port
-        pids = wait_for(lambda: workers_of(daemon.pid), what="worker process")
+        pids = wait_for(lambda: workers_of(daemon.pid), timeout=OFFLINE_START + 10, what="worker process")
         assert len(pids) == 1, pids
         self.worker, self.title = pids[0]
         # The port takes connections into its backlog as soon as it listens; the worker serves once its
@@ -147,21 +139,10 @@ class Service:
         wait_for(settled, timeout=timeout, what="every accepted connection closed")
 
 
-# A worker is forked from a thread other than the master's main thread, so in the worker the per-thread
-# block that Mini-XML made for the master's main thread (while reading orbmux.conf) is referenced only
-# from that thread's storage, which no live thread of the worker has: LeakSanitizer would report it when
-# the worker exits. It is the one block the sanitized worker is allowed to leave behind.
-LSAN_SUPPRESSIONS = "leak:_mxml_global\n"
-
-
 def start_service(sandbox):
     port = free_port()
-    sandbox.write("lsan.supp", LSAN_SUPPRESSIONS)
-    env = {
-        "ORBMUX_TEST_SERVICE": f"127.0.0.1:{port}",
-        "LSAN_OPTIONS": f"suppressions={sandbox.path('lsan.supp')}:print_suppressions=0",
-    }
-    d = sandbox.start("-d", env=env)
+    sandbox.add_tenant("test", port)
+    d = sandbox.start("-d")
     return Service(sandbox, d, port)
 
 
@@ -189,7 +170,7 @@ def test_worker_has_its_title_and_one_pinned_epoll_thread_per_cpu(service):
     epoll = [cpus for comm, cpus in worker_threads(service.worker) if comm == "worker thread"]
     n = expected_epoll_threads()
     assert sorted(epoll, key=int) == [str(i) for i in range(n)], epoll
-    assert "vhost:test,test,127.0.0.1,active,false" in service.debug()
+    assert re.search(r"vhost:[0-9a-f]+,test,[^,]*,active,false", service.debug())
 
 
 def test_fixed_reply_arrives_byte_exact_for_every_request_of_every_connection(service):

@@ -47,37 +47,4 @@ TEST(ConnectionWorker, WorkerKeepsOnlyTheActiveVhostsOfItsService)
     orbs3_free_service_data(svc);
 }
 
-TEST(ConnectionWorker, TestServiceTextIsAnIpv4AddressAndAPort)
-{
-    struct row {
-        const char* text;
-        bool ok;
-        const char* addr;
-        int port;
-    } const rows[] = {
-        {"127.0.0.1:8080", true, "127.0.0.1", 8080},
-        {"0.0.0.0:1", true, "0.0.0.0", 1},
-        {"10.1.2.3:65535", true, "10.1.2.3", 65535},
-        {"127.0.0.1:0", false, "", 0},
-        {"127.0.0.1:65536", false, "", 0},
-        {"127.0.0.1:", false, "", 0},
-        {"127.0.0.1:80x", false, "", 0},
-        {":80", false, "", 0},
-        {"localhost:80", false, "", 0},
-        {"::1:80", false, "", 0},
-        {"127.0.0.1", false, "", 0},
-        {"", false, "", 0},
-    };
-    for (const auto& r : rows) {
-        char addr[ORBS3_ADDR_CAP] = "";
-        int port = 0;
-        int rc = orbs3_parse_test_service(r.text, addr, sizeof addr, &port);
-        EXPECT_EQ(rc == 0, r.ok) << r.text;
-        if (r.ok) {
-            EXPECT_STREQ(addr, r.addr);
-            EXPECT_EQ(port, r.port);
-        }
-    }
-}
-
 }  // namespace

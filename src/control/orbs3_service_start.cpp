@@ -1,0 +1,189 @@
+#include "control/orbs3_service_start.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "control/orbs3_vhost_file.h"
+#include "core/orbs3_log.h"
+#include "core/orbs3_prefix.h"
+#include "core/orbs3_worker.h"
+
+neo_thread_pool_t g_ctrl_tp;
+std::atomic<int> g_orbs3_init_flag{0};
+
+namespace {
+
+constexpr uint64_t kCtrlThreads = 4;
+constexpr int64_t kCtrlQueue = 1024;
+
+// Set once the pool's threads run; a task posted to a pool that never started would wait for ever.
+std::atomic<bool> g_ctrl_tp_ready{false};
+
+class service_write_lock {
+public:
+    service_write_lock() { pthread_rwlock_wrlock(&g_service_lock); }
+    ~service_write_lock() { pthread_rwlock_unlock(&g_service_lock); }
+    service_write_lock(const service_write_lock&) = delete;
+    service_write_lock& operator=(const service_write_lock&) = delete;
+};
+
+orbs3_vhost_t* vhost_of(neo_list_head_t* pos)
+{
+    return static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+}
+
+void start_task_handler(void* data)
+{
+    auto* words = static_cast<uint64_t*>(data);
+    (void)orbs3_start_vhost(reinterpret_cast<void*>(words[0]));
+}
+
+void format_iface(orbs3_service_t* svc, pid_t pid)
+{
+    std::string dir = orbs3_prefix_path("/var/run/orbmux/");
+    std::snprintf(svc->iface, sizeof svc->iface, "%s%d.iface", dir.c_str(), static_cast<int>(pid));
+}
+
+}  // namespace
+
+int orbs3_ctrl_pool_init()
+{
+    g_ctrl_tp.name = "ctrl";
+    g_ctrl_tp.threads = kCtrlThreads;
+    g_ctrl_tp.max_queue = kCtrlQueue;
+    orbs3_init_service_list();
+    if (neo_thread_pool_init(&g_ctrl_tp) != 0) {
+        ipd_log(LOG_ERR, "control thread pool init failed");
+        return -1;
+    }
+    g_ctrl_tp_ready = true;
+    return 0;
+}
+
+int orbs3_load_vhosts()
+{
+    int rc;
+    {
+        service_write_lock lock;
+        rc = orbs3_load_all_vhost(&g_vhost_list);
+        orbs3_init_vhost();
+        orbs3_init_service();
+    }
+    return rc;
+}
+
+void orbs3_init_vhost()
+{
+    neo_list_head_t* pos;
+    list_for_each(pos, &g_vhost_list)
+    {
+        orbs3_vhost_t* vh = vhost_of(pos);
+        orbs3_service_t* svc = orbs3_check_service_is_exist(vh->ssl, neo_getstr(&vh->ipaddr), vh->port);
+        if (svc == nullptr) {
+            svc = orbs3_service_new();
+            if (svc == nullptr) {
+                ipd_log(LOG_ERR, "out of memory for the service of vhost[%s]", neo_getstr(&vh->name));
+                continue;
+            }
+            neo_strdup(&svc->ipaddr, neo_getstr(&vh->ipaddr), ORBS3_ADDR_CAP);
+            neo_strdup(&svc->ipversion, neo_getstr(&vh->ipversion), ORBS3_ADDR_CAP);
+            svc->port = vh->port;
+            svc->ssl = vh->ssl;
+            // The first vhost of a service decides its TLS files.
+            neo_strdup(&svc->ca, neo_getstr(&vh->ca), ORBS3_PATH_CAP);
+            neo_strdup(&svc->cert, neo_getstr(&vh->cert), ORBS3_PATH_CAP);
+            neo_strdup(&svc->ssl_key, neo_getstr(&vh->ssl_key), ORBS3_PATH_CAP);
+            neo_strdup(&svc->key_pwd, neo_getstr(&vh->key_pwd), ORBS3_PWD_CAP);
+            if (orbs3_list_append(&g_service_list, svc) != 0) {
+                orbs3_free_service_data(svc);
+                continue;
+            }
+        }
+        if (orbs3_service_add_vhost(svc, vh) != 0)
+            ipd_log(LOG_ERR, "out of memory for vhost[%s]", neo_getstr(&vh->name));
+    }
+}
+
+void orbs3_init_service()
+{
+    neo_list_head_t* spos;
+    list_for_each(spos, &g_service_list)
+    {
+        auto* svc = static_cast<orbs3_service_t*>(orbs3_list_node(spos)->data);
+        neo_list_head_t* vpos;
+        list_for_each(vpos, &svc->vhosts)
+        {
+            orbs3_vhost_t* vh = vhost_of(vpos);
+            if (vh->status != ORBS3_STATUS_ACTIVE)
+                continue;
+            (void)orbs3_task_start_vhost(vh);
+            vh->running = ORBS3_STATUS_STARTING;
+        }
+    }
+}
+
+int orbs3_task_start_vhost(orbs3_vhost_t* vhost)
+{
+    if (!g_ctrl_tp_ready.load()) {
+        ipd_log(LOG_ERR, "no control pool to start vhost[%s]", neo_getstr(&vhost->name));
+        return -1;
+    }
+    neo_thread_task_t* task = neo_thread_task_alloc();
+    if (task == nullptr)
+        return -1;
+    task->data[0] = reinterpret_cast<uint64_t>(vhost);
+    task->handler = start_task_handler;
+    if (neo_thread_task_post(&g_ctrl_tp, task) != 0) {
+        neo_thread_task_free(task);
+        return -1;
+    }
+    return 0;
+}
+
+int orbs3_start_vhost(void* data)
+{
+    auto* vh = static_cast<orbs3_vhost_t*>(data);
+    orbs3_service_t* svc = vh->service;
+    if (svc == nullptr)
+        return 0;
+
+    // Decision and fork under the write lock: two start tasks of one service can never both see it without
+    // a worker and fork twice, no writer is half way through the lists when the child's copy is made, and
+    // the child, whose only thread is this one, makes the lock new. A later active vhost of the service
+    // is already in the worker's copy of the lists, so it is served without a message.
+    service_write_lock lock;
+    if (svc->pid > 0) {
+        ipd_debug("vhost[%s] joins the running worker %d", neo_getstr(&vh->name), static_cast<int>(svc->pid));
+        vh->running = ORBS3_STATUS_ACTIVE;
+        return 0;
+    }
+
+    // The child starts with every signal held, so none reaches the master's handlers in it before the
+    // worker has installed its own.
+    sigset_t all, old;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &old);
+    pid_t pid = fork();
+    if (pid == 0) {
+        pthread_rwlock_init(&g_service_lock, nullptr);
+        svc->pid = getpid();
+        format_iface(svc, svc->pid);
+        orbs3_process_cycle(vh);
+    }
+    pthread_sigmask(SIG_SETMASK, &old, nullptr);
+
+    if (pid < 0) {
+        ipd_log(LOG_ERR, "failed to fork process\n");
+        pid = -1;
+    }
+    svc->pid = pid;
+    svc->flags &= static_cast<uint8_t>(~ORBS3_SERVICE_EXITED);
+    format_iface(svc, pid);
+    vh->running = ORBS3_STATUS_ACTIVE;
+    return 0;
+}
