@@ -43,6 +43,30 @@ void start_task_handler(void* data)
     (void)orbs3_start_vhost(reinterpret_cast<void*>(words[0]));
 }
 
+void stop_task_handler(void* data)
+{
+    auto* words = static_cast<uint64_t*>(data);
+    (void)orbs3_stop_vhost(reinterpret_cast<void*>(words[0]));
+}
+
+int post_vhost_task(orbs3_vhost_t* vhost, neo_thread_handler_pt handler)
+{
+    if (!g_ctrl_tp_ready.load()) {
+        ipd_log(LOG_ERR, "no control pool for vhost[%s]", neo_getstr(&vhost->name));
+        return -1;
+    }
+    neo_thread_task_t* task = neo_thread_task_alloc();
+    if (task == nullptr)
+        return -1;
+    task->data[0] = reinterpret_cast<uint64_t>(vhost);
+    task->handler = handler;
+    if (neo_thread_task_post(&g_ctrl_tp, task) != 0) {
+        neo_thread_task_free(task);
+        return -1;
+    }
+    return 0;
+}
+
 void format_iface(orbs3_service_t* svc, pid_t pid)
 {
     std::string dir = orbs3_prefix_path("/var/run/orbmux/");
@@ -129,20 +153,12 @@ void orbs3_init_service()
 
 int orbs3_task_start_vhost(orbs3_vhost_t* vhost)
 {
-    if (!g_ctrl_tp_ready.load()) {
-        ipd_log(LOG_ERR, "no control pool to start vhost[%s]", neo_getstr(&vhost->name));
-        return -1;
-    }
-    neo_thread_task_t* task = neo_thread_task_alloc();
-    if (task == nullptr)
-        return -1;
-    task->data[0] = reinterpret_cast<uint64_t>(vhost);
-    task->handler = start_task_handler;
-    if (neo_thread_task_post(&g_ctrl_tp, task) != 0) {
-        neo_thread_task_free(task);
-        return -1;
-    }
-    return 0;
+    return post_vhost_task(vhost, start_task_handler);
+}
+
+int orbs3_task_stop_vhost(orbs3_vhost_t* vhost)
+{
+    return post_vhost_task(vhost, stop_task_handler);
 }
 
 int orbs3_start_vhost(void* data)
@@ -185,5 +201,34 @@ int orbs3_start_vhost(void* data)
     svc->flags &= static_cast<uint8_t>(~ORBS3_SERVICE_EXITED);
     format_iface(svc, pid);
     vh->running = ORBS3_STATUS_ACTIVE;
+    return 0;
+}
+
+int orbs3_stop_vhost(void* data)
+{
+    auto* vh = static_cast<orbs3_vhost_t*>(data);
+    orbs3_service_t* svc = vh->service;
+    service_write_lock lock;
+    if (svc != nullptr) {
+        int active = 0;
+        neo_list_head_t* pos;
+        list_for_each(pos, &svc->vhosts)
+        {
+            if (vhost_of(pos)->status == ORBS3_STATUS_ACTIVE)
+                active++;
+        }
+        if (active > 0) {
+            // The worker drops one of several vhosts on a message of its control channel, which does not
+            // exist yet: until it does, the worker serves the stopped vhost until its next start.
+            ipd_debug("has service in process[%d]", static_cast<int>(svc->pid));
+            ipd_debug("worker: del vhost failure[%s]", svc->iface);
+        } else {
+            if (svc->pid > 0 && kill(svc->pid, SIGWINCH) != 0)
+                ipd_log(LOG_ERR, "Signal transmission failure");
+            svc->pid = 0;
+            svc->flags |= ORBS3_SERVICE_EXITED;
+        }
+    }
+    vh->running = ORBS3_STATUS_INACTIVE;
     return 0;
 }

@@ -31,3 +31,10 @@ void orbs3_init_service();
 int orbs3_task_start_vhost(orbs3_vhost_t* vhost);
 // The start task's body: forks the service's worker unless one lives. Always 0.
 int orbs3_start_vhost(void* data);
+
+// Posts the stop of the vhost; 0, or -1 when it could not be posted (the task is freed then). The caller
+// has set the vhost's status to inactive and running to "stoping".
+int orbs3_task_stop_vhost(orbs3_vhost_t* vhost);
+// The stop task's body: the stop of a service's last active vhost ends its worker (SIGWINCH); a worker
+// with other active vhosts keeps running. Always 0.
+int orbs3_stop_vhost(void* data);

@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "control/orbs3_service.h"
+#include "control/orbs3_service_start.h"
+
+namespace {
+
+orbs3_vhost_t* make_vhost(const char* name, uint32_t ssl, const char* ip, uint32_t port, int32_t status)
+{
+    orbs3_vhost_t* vh = orbs3_vhost_new();
+    neo_strdup(&vh->name, name, ORBS3_NAME_CAP);
+    neo_strdup(&vh->ipaddr, ip, ORBS3_ADDR_CAP);
+    neo_strdup(&vh->ipversion, "ipv4", ORBS3_ADDR_CAP);
+    neo_strdup(&vh->cert, name, ORBS3_PATH_CAP);  // tells which vhost gave the service its TLS files
+    vh->ssl = ssl;
+    vh->port = port;
+    vh->status = status;
+    return vh;
+}
+
+std::vector<orbs3_service_t*> services()
+{
+    std::vector<orbs3_service_t*> out;
+    neo_list_head_t* pos;
+    list_for_each(pos, &g_service_list) out.push_back(static_cast<orbs3_service_t*>(orbs3_list_node(pos)->data));
+    return out;
+}
+
+// The node's lists are process-wide: each test leaves them empty as it found them.
+class ServiceStart : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        ASSERT_TRUE(list_empty(&g_service_list));
+        ASSERT_TRUE(list_empty(&g_vhost_list));
+    }
+    void TearDown() override
+    {
+        neo_list_head_t *pos, *n;
+        list_for_each_safe(pos, n, &g_service_list)
+        {
+            list_del(pos);
+            orbs3_free_service_data(static_cast<orbs3_service_t*>(orbs3_list_node(pos)->data));
+            std::free(orbs3_list_node(pos));
+        }
+        INIT_LIST_HEAD(&g_service_list);
+        orbs3_free_vhost_list(&g_vhost_list);
+    }
+};
+
+}  // namespace
+
+// Same ssl, address and port share a service; a different TLS word, address or port makes a new one, and
+// the first vhost of a service decides its TLS files.
+TEST_F(ServiceStart, VhostsFormOneServicePerSslAddressAndPort)
+{
+    struct row {
+        const char* name;
+        uint32_t ssl;
+        const char* ip;
+        uint32_t port;
+    } const rows[] = {
+        {"a", 1, "127.0.0.1", 9000}, {"b", 1, "127.0.0.1", 9000}, {"c", 0, "127.0.0.1", 9000},
+        {"d", 1, "127.0.0.2", 9000}, {"e", 1, "127.0.0.1", 9001}, {"f", 0, "127.0.0.1", 9000},
+    };
+    for (const auto& r : rows)
+        ASSERT_EQ(orbs3_list_append(&g_vhost_list, make_vhost(r.name, r.ssl, r.ip, r.port, 0)), 0);
+    orbs3_init_vhost();
+
+    auto svcs = services();
+    ASSERT_EQ(svcs.size(), 4u);
+    auto names = [](orbs3_service_t* svc) {
+        std::string out;
+        neo_list_head_t* pos;
+        list_for_each(pos, &svc->vhosts)
+        {
+            auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+            EXPECT_EQ(vh->service, svc);
+            out += neo_getstr(&vh->name);
+        }
+        return out;
+    };
+    EXPECT_EQ(names(svcs[0]), "ab");
+    EXPECT_EQ(names(svcs[1]), "cf");
+    EXPECT_EQ(names(svcs[2]), "d");
+    EXPECT_EQ(names(svcs[3]), "e");
+    EXPECT_STREQ(neo_getstr(&svcs[1]->cert), "c");
+    EXPECT_EQ(orbs3_check_service_is_exist(0, "127.0.0.1", 9000), svcs[1]);
+    EXPECT_EQ(orbs3_check_service_is_exist(0, "127.0.0.1", 9001), nullptr);
+}
+
+// A worker lives as long as its service has an active vhost: stopping one of two leaves it, stopping the
+// last sends it SIGWINCH and marks the service as without a worker.
+TEST_F(ServiceStart, StopOfTheLastActiveVhostEndsTheWorker)
+{
+    int ready[2];
+    ASSERT_EQ(pipe(ready), 0);
+    pid_t child = fork();
+    ASSERT_NE(child, -1);
+    if (child == 0) {
+        signal(SIGWINCH, [](int) { _exit(42); });  // the default action ignores it
+        alarm(20);
+        (void)!write(ready[1], "r", 1);
+        for (;;)
+            pause();
+    }
+    char c;
+    ASSERT_EQ(read(ready[0], &c, 1), 1);
+    close(ready[0]);
+    close(ready[1]);
+
+    orbs3_vhost_t* a = make_vhost("a", 1, "127.0.0.1", 9000, ORBS3_STATUS_ACTIVE);
+    orbs3_vhost_t* b = make_vhost("b", 1, "127.0.0.1", 9000, ORBS3_STATUS_ACTIVE);
+    ASSERT_EQ(orbs3_list_append(&g_vhost_list, a), 0);
+    ASSERT_EQ(orbs3_list_append(&g_vhost_list, b), 0);
+    orbs3_init_vhost();
+    orbs3_service_t* svc = a->service;
+    ASSERT_EQ(svc, b->service);
+    svc->pid = child;
+
+    a->status = ORBS3_STATUS_INACTIVE;
+    a->running = ORBS3_STATUS_STOPING;
+    EXPECT_EQ(orbs3_stop_vhost(a), 0);
+    EXPECT_EQ(a->running, ORBS3_STATUS_INACTIVE);
+    EXPECT_EQ(svc->pid, child) << "another vhost is active: the worker stays";
+    int status = 0;
+    EXPECT_EQ(waitpid(child, &status, WNOHANG), 0);
+
+    b->status = ORBS3_STATUS_INACTIVE;
+    EXPECT_EQ(orbs3_stop_vhost(b), 0);
+    EXPECT_EQ(svc->pid, 0);
+    EXPECT_NE(svc->flags & ORBS3_SERVICE_EXITED, 0);
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 42) << "the worker got SIGWINCH";
+}
