@@ -1,5 +1,7 @@
 #!/usr/bin/env bash
-# Builds one mode: release (g++) or sanitize (clang, ASan + UBSan, debug pools) into build/<mode>.
+# Builds one mode into build/<mode>: release (g++), sanitize (clang, ASan + UBSan, debug pools), or tsan
+# (clang, ThreadSanitizer; only the event-loop tests: a worker forked from the threaded master cannot
+# start threads under it, so the daemon itself is not run with it).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 mode=${1:-release}
@@ -8,6 +10,10 @@ case "$mode" in
               -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ >/dev/null ;;
   sanitize) cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORBMUX_SANITIZE=ON \
               -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null ;;
-  *) echo "usage: $0 release|sanitize" >&2; exit 2 ;;
+  tsan)     cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORBMUX_TSAN=ON \
+              -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null
+            ninja -C build/tsan ${ORBMUX_JOBS:+-j "$ORBMUX_JOBS"} unit_event
+            exit 0 ;;
+  *) echo "usage: $0 release|sanitize|tsan" >&2; exit 2 ;;
 esac
 ninja -C "build/$mode" ${ORBMUX_JOBS:+-j "$ORBMUX_JOBS"}

@@ -78,7 +78,7 @@ pool_debug_t* debug_of(orbs3_pool_t* pool)
     return reinterpret_cast<pool_debug_t*>(pool);
 }
 
-void* debug_alloc(orbs3_pool_t* pool, void* p)
+[[maybe_unused]] void* debug_alloc(orbs3_pool_t* pool, void* p)
 {
     if (p == nullptr)
         return nullptr;
@@ -97,7 +97,7 @@ void* debug_alloc(orbs3_pool_t* pool, void* p)
     return p;
 }
 
-void debug_free_all(orbs3_pool_t* pool)
+[[maybe_unused]] void debug_free_all(orbs3_pool_t* pool)
 {
     pool_debug_t* d = debug_of(pool);
     for (std::size_t i = 0; i < d->n; i++)
