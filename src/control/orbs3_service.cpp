@@ -48,6 +48,22 @@ orbs3_user_t* orbs3_user_new()
     return user;
 }
 
+void orbs3_free_list(neo_list_head_t* head, void (*release)(void* data))
+{
+    if (head == nullptr || head->next == nullptr)
+        return;
+    neo_list_head_t *pos, *n;
+    list_for_each_safe(pos, n, head)
+    {
+        orbs3_list_node_t* node = orbs3_list_node(pos);
+        list_del(pos);
+        if (release != nullptr)
+            release(node->data);
+        std::free(node);
+    }
+    INIT_LIST_HEAD(head);
+}
+
 int orbs3_list_append(neo_list_head_t* head, void* data)
 {
     auto* node = static_cast<orbs3_list_node_t*>(std::calloc(1, sizeof(orbs3_list_node_t)));
@@ -68,23 +84,6 @@ int orbs3_service_add_vhost(orbs3_service_t* svc, orbs3_vhost_t* vh)
 
 namespace {
 
-// Unlinks and frees every node of the list, handing each record to `release` first.
-template <typename Release>
-void drain(neo_list_head_t* head, Release release)
-{
-    if (head == nullptr || head->next == nullptr)
-        return;
-    neo_list_head_t *pos, *n;
-    list_for_each_safe(pos, n, head)
-    {
-        orbs3_list_node_t* node = orbs3_list_node(pos);
-        list_del(pos);
-        release(node->data);
-        std::free(node);
-    }
-    INIT_LIST_HEAD(head);
-}
-
 void free_user_fields(orbs3_user_t* user)
 {
     for (orbs3_str_t* s :
@@ -97,7 +96,7 @@ void free_user_fields(orbs3_user_t* user)
 
 void orbs3_free_accesskey_list(neo_list_head_t* head)
 {
-    drain(head, [](void* data) {
+    orbs3_free_list(head, [](void* data) {
         auto* key = static_cast<orbs3_accesskey_t*>(data);
         if (key == nullptr)
             return;
@@ -117,7 +116,7 @@ void orbs3_free_user_data(orbs3_user_t* user)
 
 void orbs3_free_user_list(neo_list_head_t* head)
 {
-    drain(head, [](void* data) { orbs3_free_user_data(static_cast<orbs3_user_t*>(data)); });
+    orbs3_free_list(head, [](void* data) { orbs3_free_user_data(static_cast<orbs3_user_t*>(data)); });
 }
 
 void orbs3_free_vhost_data(orbs3_vhost_t* vh)
@@ -138,14 +137,14 @@ void orbs3_free_vhost_data(orbs3_vhost_t* vh)
 
 void orbs3_free_vhost_list(neo_list_head_t* head)
 {
-    drain(head, [](void* data) { orbs3_free_vhost_data(static_cast<orbs3_vhost_t*>(data)); });
+    orbs3_free_list(head, [](void* data) { orbs3_free_vhost_data(static_cast<orbs3_vhost_t*>(data)); });
 }
 
 void orbs3_free_service_data(orbs3_service_t* svc)
 {
     if (svc == nullptr)
         return;
-    drain(&svc->vhosts, [](void*) {});
+    orbs3_free_list(&svc->vhosts, nullptr);
     for (orbs3_str_t* s : {&svc->ipversion, &svc->ipaddr, &svc->ca, &svc->cert, &svc->ssl_key, &svc->key_pwd})
         neo_strfree(s);
     std::free(svc);

@@ -113,6 +113,9 @@ void orbs3_init_service_list();
 // A zeroed user with an empty key list; null when memory runs out.
 [[nodiscard]] orbs3_user_t* orbs3_user_new();
 
+// Unlinks and frees every node of the list, handing each record to `release` first (when not null); the
+// head is left empty. A head that was never set up is left alone.
+void orbs3_free_list(neo_list_head_t* head, void (*release)(void* data));
 // Appends `data` to the list through a new node; 0, or -1 when memory runs out.
 [[nodiscard]] int orbs3_list_append(neo_list_head_t* head, void* data);
 // Appends the vhost to the service's list and points it at the service; 0, or -1 when memory runs out.

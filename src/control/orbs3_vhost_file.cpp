@@ -986,17 +986,7 @@ int orbs3_read_shost_data_file()
 
 void orbs3_free_endpoint_list(neo_list_head_t* head)
 {
-    if (head == nullptr || head->next == nullptr)
-        return;
-    neo_list_head_t *pos, *n;
-    list_for_each_safe(pos, n, head)
-    {
-        orbs3_list_node_t* node = orbs3_list_node(pos);
-        list_del(pos);
-        free_endpoint(node->data);
-        std::free(node);
-    }
-    INIT_LIST_HEAD(head);
+    orbs3_free_list(head, free_endpoint);
 }
 
 int reload_cluster_data()
