@@ -65,11 +65,24 @@ void log_fork_release()
     pthread_mutex_unlock(&g_log_lock);
 }
 
-const int g_log_atfork = pthread_atfork(log_fork_prepare, log_fork_release, log_fork_release);
+// Registered at the first use of the lock, so after any handler registered while the program was being
+// initialised: prepare handlers run in the reverse order of registration, so this lock is taken before
+// such an earlier handler's (a sanitizer build locks its allocator there, which a thread inside syslog
+// may still need on its way out of the log lock).
+pthread_once_t g_log_atfork_once = PTHREAD_ONCE_INIT;
+
+void log_register_atfork()
+{
+    (void)pthread_atfork(log_fork_prepare, log_fork_release, log_fork_release);
+}
 
 class log_lock_guard {
 public:
-    log_lock_guard() { pthread_mutex_lock(&g_log_lock); }
+    log_lock_guard()
+    {
+        pthread_once(&g_log_atfork_once, log_register_atfork);
+        pthread_mutex_lock(&g_log_lock);
+    }
     ~log_lock_guard() { pthread_mutex_unlock(&g_log_lock); }
     log_lock_guard(const log_lock_guard&) = delete;
     log_lock_guard& operator=(const log_lock_guard&) = delete;
@@ -88,7 +101,6 @@ void ipd_log_init(const char* ident, const char* debug_path)
     // openlog keeps the pointer: the identity must outlive every later syslog call.
     std::snprintf(g_ident, sizeof g_ident, "%s", ident);
     g_log_opts = opts;
-    (void)g_log_atfork;
     log_lock_guard lock;
     openlog(g_ident, opts, LOG_USER);
     setenv("LOG_DEBUG", debug_path, 1);

@@ -11,6 +11,7 @@
 
 int main(int argc, char** argv)
 {
+    orbs3_fork_guard_init();
     ipd_log_init("orbmux", orbs3_prefix_path(ORBS3_DEBUG_FILE).c_str());
 
     if (orbs3_get_options(argc, argv) != 0) {

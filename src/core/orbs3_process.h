@@ -20,6 +20,9 @@ extern orbs3_main_thread_t g_main_threads[3];
 
 // 0 to go on starting, 1 for an argument without "-". Control commands (-k, -s) and bad letters end the
 // process here.
+// Sanitizer builds: locks the sanitizer's allocator around every fork (see orbs3_sanitizer_fork.cpp); a
+// no-op otherwise. Called first in main.
+void orbs3_fork_guard_init();
 int orbs3_get_options(int argc, char** argv);
 [[noreturn]] void usage();
 int orbs3_make_daemon();
