@@ -1,5 +1,6 @@
 #!/usr/bin/env bash
-# Builds one mode into build/<mode>: release (g++), sanitize (clang, ASan + UBSan, debug pools), or tsan
+# Builds one mode into build/<mode>: release (g++), sanitize (clang, ASan + UBSan, debug pools, and the
+# libFuzzer targets, whose short runs are the fuzz.* tests), or tsan
 # (clang, ThreadSanitizer; only the event-loop tests: a worker forked from the threaded master cannot
 # start threads under it, so the daemon itself is not run with it).
 set -euo pipefail
@@ -8,7 +9,7 @@ mode=${1:-release}
 case "$mode" in
   release)  cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
               -DCMAKE_C_COMPILER=gcc -DCMAKE_CXX_COMPILER=g++ >/dev/null ;;
-  sanitize) cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORBMUX_SANITIZE=ON \
+  sanitize) cmake -S . -B build/sanitize -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORBMUX_SANITIZE=ON -DORBMUX_FUZZ=ON \
               -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null ;;
   tsan)     cmake -S . -B build/tsan -G Ninja -DCMAKE_BUILD_TYPE=Debug -DORBMUX_TSAN=ON \
               -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ >/dev/null

@@ -1,0 +1,292 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "http/orbs3_http_chunked.h"
+
+namespace {
+
+// Bytes placed right before an unreadable page: a read one byte past them faults at once, in every build.
+class guarded_bytes {
+public:
+    explicit guarded_bytes(std::string_view s)
+    {
+        std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        std::size_t data_pages = (s.size() + page) / page;
+        len_ = (data_pages + 1) * page;
+        void* m = mmap(nullptr, len_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (m == MAP_FAILED)
+            std::abort();
+        map_ = static_cast<uint8_t*>(m);
+        uint8_t* guard = map_ + data_pages * page;
+        if (mprotect(guard, page, PROT_NONE) != 0)
+            std::abort();
+        data_ = guard - s.size();
+        std::memcpy(data_, s.data(), s.size());
+    }
+    ~guarded_bytes() { munmap(map_, len_); }
+    guarded_bytes(const guarded_bytes&) = delete;
+    guarded_bytes& operator=(const guarded_bytes&) = delete;
+
+    uint8_t* data() const { return data_; }
+
+private:
+    uint8_t* map_;
+    uint8_t* data_;
+    std::size_t len_;
+};
+
+struct decoded {
+    int rc;
+    std::size_t consumed;
+    std::string out;
+};
+
+// Feeds body in pieces cut at `cuts` (ascending offsets), each piece in its own guarded buffer, through
+// the whole-body decoder; out_cap limits what one call may write.
+decoded decode_pieces(std::string_view body, const std::vector<std::size_t>& cuts, std::size_t out_cap = 4096)
+{
+    orbs3_http_chunked_t ctx{};
+    decoded d{ORBS3_CHUNKED_AGAIN, 0, {}};
+    std::size_t from = 0;
+    std::vector<std::size_t> ends = cuts;
+    ends.push_back(body.size());
+    for (std::size_t to : ends) {
+        guarded_bytes piece(body.substr(from, to - from));
+        std::size_t off = 0;
+        do {
+            std::vector<uint8_t> out(out_cap);
+            std::size_t consumed = 0, produced = 0;
+            d.rc = orbs3_http_dechunk(&ctx, piece.data() + off, to - from - off, out.data(), out.size(),
+                                      &consumed, &produced);
+            d.out.append(reinterpret_cast<const char*>(out.data()), produced);
+            d.consumed += consumed;
+            off += consumed;
+            // Out full: go on with the rest of the piece. Anything else ends this piece.
+        } while (d.rc == ORBS3_CHUNKED_AGAIN && off < to - from);
+        if (d.rc != ORBS3_CHUNKED_AGAIN)
+            return d;
+        from = to;
+    }
+    return d;
+}
+
+struct body_case {
+    const char* name;
+    std::string body;
+    int rc;
+    std::string out;       // decoded bytes
+    std::size_t consumed;  // bytes taken; npos: all of body; unused for a refused body
+};
+
+constexpr std::size_t ALL = std::string::npos;
+
+const std::vector<body_case>& body_cases()
+{
+    static const std::vector<body_case> cases = {
+        {"one chunk", "5\r\nhello\r\n0\r\n\r\n", ORBS3_CHUNKED_DONE, "hello", ALL},
+        {"hex digits in both cases", "a\r\n0123456789\r\nB\r\nabcdefghijk\r\n0\r\n\r\n", ORBS3_CHUNKED_DONE,
+         "0123456789abcdefghijk", ALL},
+        {"leading zeros", "0005\r\nhello\r\n000\r\n\r\n", ORBS3_CHUNKED_DONE, "hello", ALL},
+        {"extensions", "5;name=value\r\nhello\r\n3 ; x\r\nabc\r\n0;last=1\r\n\r\n", ORBS3_CHUNKED_DONE,
+         "helloabc", ALL},
+        {"tab before extension", "5\t;a\r\nhello\r\n0\t\r\n\r\n", ORBS3_CHUNKED_DONE, "hello", ALL},
+        {"trailers", "2\r\nhi\r\n0\r\nX-Sum: 1\r\nX-Other: two\r\n\r\n", ORBS3_CHUNKED_DONE, "hi", ALL},
+        {"bare LF framing", "5\nhello\n0\nT: v\n\n", ORBS3_CHUNKED_DONE, "hello", ALL},
+        {"data holding CR LF", "4\r\n\r\n\r\n\r\n0\r\n\r\n", ORBS3_CHUNKED_DONE, "\r\n\r\n", ALL},
+        {"bytes behind the body stay", "1\r\nx\r\n0\r\n\r\nGET / HTTP/1.1", ORBS3_CHUNKED_DONE, "x", 11},
+        {"empty body", "0\r\n\r\n", ORBS3_CHUNKED_DONE, "", ALL},
+        {"largest size accepted", "fffffffa\r\nab", ORBS3_CHUNKED_AGAIN, "ab", ALL},
+        {"cut inside data", "5\r\nhel", ORBS3_CHUNKED_AGAIN, "hel", ALL},
+        {"cut inside trailer", "0\r\nX: y\r\n", ORBS3_CHUNKED_AGAIN, "", ALL},
+        {"not a hex digit", "g\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"sign before size", "-1\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"bad byte after size", "5x\r\nhello\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"CR without LF after size", "5\rhello", ORBS3_CHUNKED_INVALID, "", 0},
+        {"CR without LF after data", "1\r\nx\r\r\n0\r\n\r\n", ORBS3_CHUNKED_INVALID, "x", 0},
+        {"CR without LF after last chunk", "0\r\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"CR without LF ending trailers", "0\r\n\rx", ORBS3_CHUNKED_INVALID, "", 0},
+        {"CR without LF ending a trailer line", "0\r\nX: y\rz", ORBS3_CHUNKED_INVALID, "", 0},
+        {"size + 5 over 32 bits", "fffffffb\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"size of 2^32", "100000000\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"size over 64 bits", "10000000000000000\r\n", ORBS3_CHUNKED_INVALID, "", 0},
+        {"size of many digits", "ffffffffffffffffffffffffffffffff1\r\nx", ORBS3_CHUNKED_INVALID, "", 0},
+        {"second chunk overflows", "1\r\nx\r\n1000000000\r\n", ORBS3_CHUNKED_INVALID, "x", 0},
+    };
+    return cases;
+}
+
+std::size_t expected_consumed(const body_case& c)
+{
+    return c.consumed == ALL ? c.body.size() : c.consumed;
+}
+
+}  // namespace
+
+TEST(HttpChunked, DecodesBodiesAndRefusesMalformedOnes)
+{
+    for (const auto& c : body_cases()) {
+        SCOPED_TRACE(c.name);
+        decoded d = decode_pieces(c.body, {});
+        EXPECT_EQ(d.rc, c.rc);
+        EXPECT_EQ(d.out, c.out);
+        // An invalid body is refused where the bad byte stands: the bytes of the failing call count as
+        // not consumed.
+        if (c.rc != ORBS3_CHUNKED_INVALID) {
+            EXPECT_EQ(d.consumed, expected_consumed(c));
+        }
+    }
+}
+
+TEST(HttpChunked, EveryCutIntoTwoFeedsDecodesTheSame)
+{
+    for (const auto& c : body_cases()) {
+        decoded whole = decode_pieces(c.body, {});
+        for (std::size_t cut = 0; cut <= c.body.size(); cut++) {
+            SCOPED_TRACE(std::string(c.name) + ", cut at " + std::to_string(cut));
+            decoded two = decode_pieces(c.body, {cut});
+            EXPECT_EQ(two.rc, whole.rc);
+            EXPECT_EQ(two.out, whole.out);
+            if (c.rc != ORBS3_CHUNKED_INVALID) {
+                EXPECT_EQ(two.consumed, whole.consumed);
+            }
+        }
+    }
+}
+
+TEST(HttpChunked, OneByteFeedsAndOneByteOutputDecodeTheSame)
+{
+    for (const auto& c : body_cases()) {
+        SCOPED_TRACE(c.name);
+        std::vector<std::size_t> every;
+        for (std::size_t i = 1; i < c.body.size(); i++)
+            every.push_back(i);
+        decoded bytewise = decode_pieces(c.body, every);
+        EXPECT_EQ(bytewise.rc, c.rc);
+        EXPECT_EQ(bytewise.out, c.out);
+        if (c.rc != ORBS3_CHUNKED_INVALID) {
+            EXPECT_EQ(bytewise.consumed, expected_consumed(c));
+        }
+
+        // A full output stops the decoder in the middle of a chunk; the next call goes on there.
+        decoded narrow = decode_pieces(c.body, {}, 1);
+        EXPECT_EQ(narrow.rc, c.rc);
+        EXPECT_EQ(narrow.out, c.out);
+        if (c.rc != ORBS3_CHUNKED_INVALID) {
+            EXPECT_EQ(narrow.consumed, expected_consumed(c));
+        }
+    }
+}
+
+// Fed one byte at a time, the decoder passes through each state with the lower bound of what must still
+// come. A call on the first data byte returns the start of the data instead.
+TEST(HttpChunked, StateAndRemainingLengthFollowEachByte)
+{
+    struct step {
+        char byte;
+        int rc;
+        uint32_t state;
+        uint64_t length;
+    };
+    const step steps[] = {
+        {'1', -2, ORBS3_CHUNK_SIZE, 6},          {'a', -2, ORBS3_CHUNK_SIZE, 31},
+        {';', -2, ORBS3_CHUNK_EXT, 31},          {'e', -2, ORBS3_CHUNK_EXT, 31},
+        {'\r', -2, ORBS3_CHUNK_SIZE_CR, 31},     {'\n', -2, ORBS3_CHUNK_DATA, 30},
+        // The data byte itself: taken by the test below, one at a time.
+        {'0', -2, ORBS3_CHUNK_SIZE, 2},          {' ', -2, ORBS3_CHUNK_LAST_EXT, 2},
+        {'\r', -2, ORBS3_CHUNK_LAST_CR, 2},      {'\n', -2, ORBS3_CHUNK_TRAILER, 1},
+        {'T', -2, ORBS3_CHUNK_TRAILER_HEADER, 2}, {'\r', -2, ORBS3_CHUNK_TRAILER_LINE_CR, 2},
+        {'\n', -2, ORBS3_CHUNK_TRAILER, 1},      {'\r', -2, ORBS3_CHUNK_TRAILER_END_CR, 1},
+        {'\n', ORBS3_CHUNKED_DONE, ORBS3_CHUNK_START, 0},
+    };
+
+    orbs3_http_chunked_t ctx{};
+    auto feed = [&ctx](std::string_view bytes) {
+        guarded_bytes g(bytes);
+        orbs3_buf_t b{};
+        b.pos = b.start = g.data();
+        b.last = b.end = g.data() + bytes.size();
+        int rc = orbs3_http_parse_chunked(&b, &ctx);
+        std::size_t taken = static_cast<std::size_t>(b.pos - g.data());
+        return std::make_pair(rc, taken);
+    };
+
+    // No bytes at all: the start of a chunk, at least "0" LF LF to come.
+    auto [rc0, taken0] = feed("");
+    EXPECT_EQ(rc0, ORBS3_CHUNKED_AGAIN);
+    EXPECT_EQ(taken0, 0u);
+    EXPECT_EQ(ctx.state, ORBS3_CHUNK_START);
+    EXPECT_EQ(ctx.length, 3u);
+
+    for (std::size_t i = 0; i < std::size(steps); i++) {
+        const step& s = steps[i];
+        SCOPED_TRACE("step " + std::to_string(i));
+        auto [rc, taken] = feed(std::string_view(&s.byte, 1));
+        EXPECT_EQ(rc, s.rc);
+        EXPECT_EQ(ctx.state, s.state);
+        EXPECT_EQ(ctx.length, s.length);
+        EXPECT_EQ(taken, 1u);
+        if (s.state == ORBS3_CHUNK_DATA) {
+            // 0x1a data bytes: each call returns the start of the data and takes nothing itself.
+            ASSERT_EQ(ctx.size, 0x1au);
+            while (ctx.size > 0) {
+                auto [drc, dtaken] = feed("x");
+                ASSERT_EQ(drc, ORBS3_CHUNKED_DATA);
+                ASSERT_EQ(dtaken, 0u);
+                ctx.size--;
+            }
+            // All data taken: the next call stands behind them.
+            auto [arc, ataken] = feed("");
+            EXPECT_EQ(arc, ORBS3_CHUNKED_AGAIN);
+            EXPECT_EQ(ataken, 0u);
+            EXPECT_EQ(ctx.state, ORBS3_CHUNK_AFTER_DATA);
+            EXPECT_EQ(ctx.length, 4u);
+            auto [crc, ctaken] = feed("\r");
+            EXPECT_EQ(ctx.state, ORBS3_CHUNK_AFTER_DATA_CR);
+            EXPECT_EQ(ctx.length, 4u);
+            auto [lrc, ltaken] = feed("\n");
+            EXPECT_EQ(ctx.state, ORBS3_CHUNK_START);
+            EXPECT_EQ(ctx.length, 3u);
+            (void)crc, (void)ctaken, (void)lrc, (void)ltaken;
+        }
+    }
+}
+
+TEST(HttpChunked, RefusalLeavesThePositionAndDoneStandsBehindTheBody)
+{
+    const std::string text = "3\r\nabc\r\n0\r\n\r\nnext";
+    guarded_bytes g(text);
+    orbs3_buf_t b{};
+    b.pos = b.start = g.data();
+    b.last = b.end = g.data() + text.size();
+    orbs3_http_chunked_t ctx{};
+
+    ASSERT_EQ(orbs3_http_parse_chunked(&b, &ctx), ORBS3_CHUNKED_DATA);
+    EXPECT_EQ(b.pos, g.data() + 3);
+    EXPECT_EQ(ctx.size, 3u);
+    EXPECT_EQ(ctx.length, 7u);
+    b.pos += 3;
+    ctx.size = 0;
+    ASSERT_EQ(orbs3_http_parse_chunked(&b, &ctx), ORBS3_CHUNKED_DONE);
+    EXPECT_EQ(b.pos, g.data() + text.size() - 4);
+    EXPECT_EQ(ctx.state, ORBS3_CHUNK_START);
+
+    // A size cut between two reads still counts every digit: the second read overflows it.
+    guarded_bytes first("fffffff");
+    b.pos = b.start = first.data();
+    b.last = b.end = first.data() + 7;
+    ctx = {};
+    ASSERT_EQ(orbs3_http_parse_chunked(&b, &ctx), ORBS3_CHUNKED_AGAIN);
+    EXPECT_EQ(ctx.size, 0xfffffffu);
+    guarded_bytes second("f\r\n");
+    b.pos = b.start = second.data();
+    b.last = b.end = second.data() + 3;
+    EXPECT_EQ(orbs3_http_parse_chunked(&b, &ctx), ORBS3_CHUNKED_INVALID);
+    EXPECT_EQ(b.pos, second.data());
+}

@@ -1,0 +1,191 @@
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <cstring>
+#include <string>
+#include <string_view>
+
+#include "http/orbs3_http_status_line.h"
+
+namespace {
+
+// Bytes placed right before an unreadable page: a read one byte past them faults at once, in every build.
+class guarded_bytes {
+public:
+    explicit guarded_bytes(std::string_view s)
+    {
+        std::size_t page = static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+        std::size_t data_pages = (s.size() + page) / page;
+        len_ = (data_pages + 1) * page;
+        void* m = mmap(nullptr, len_, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+        if (m == MAP_FAILED)
+            std::abort();
+        map_ = static_cast<uint8_t*>(m);
+        uint8_t* guard = map_ + data_pages * page;
+        if (mprotect(guard, page, PROT_NONE) != 0)
+            std::abort();
+        data_ = guard - s.size();
+        std::memcpy(data_, s.data(), s.size());
+    }
+    ~guarded_bytes() { munmap(map_, len_); }
+    guarded_bytes(const guarded_bytes&) = delete;
+    guarded_bytes& operator=(const guarded_bytes&) = delete;
+
+    uint8_t* data() const { return data_; }
+
+private:
+    uint8_t* map_;
+    uint8_t* data_;
+    std::size_t len_;
+};
+
+struct scanned {
+    int rc;
+    std::size_t pos;  // offset of buffer.pos after the last call
+    uint32_t version;
+    uint32_t code;
+    std::string text;  // [start, end)
+
+    bool operator==(const scanned&) const = default;
+};
+
+// Scans line as a receive buffer fills: `last` moves on to each cut, then to the end.
+scanned scan(std::string_view line, std::size_t step)
+{
+    guarded_bytes g(line);
+    orbs3_buf_t b{};
+    b.pos = b.start = g.data();
+    b.end = g.data() + line.size();
+    orbs3_http_status_t st{};
+    int rc = -2;
+    std::size_t have = 0;
+    do {
+        have = std::min(line.size(), have + step);
+        b.last = g.data() + have;
+        rc = orbs3_http_parse_status_line(&b, &st);
+        if (rc == -2 && b.pos != b.last)
+            ADD_FAILURE() << "-2 must leave pos at last";
+    } while (rc == -2 && have < line.size());
+    scanned s{rc, static_cast<std::size_t>(b.pos - g.data()), st.http_version, st.code, {}};
+    if (rc == 0)
+        s.text.assign(reinterpret_cast<const char*>(st.start), static_cast<std::size_t>(st.end - st.start));
+    return s;
+}
+
+struct line_case {
+    std::string line;
+    int rc;
+    uint32_t version;
+    uint32_t code;
+    std::string text;
+};
+
+const line_case k_lines[] = {
+    {"HTTP/1.1 200 OK\r\n", 0, 1001, 200, "200 OK"},
+    {"HTTP/1.0 404\r\n", 0, 1000, 404, "404"},
+    {"HTTP/1.1 503 Service Unavailable\n", 0, 1001, 503, "503 Service Unavailable"},
+    {"HTTP/1.1    301 Moved\r\n", 0, 1001, 301, "301 Moved"},
+    {"HTTP/1.1 403.1 Forbidden\r\n", 0, 1001, 403, "403.1 Forbidden"},
+    {"HTTP/2.0 204 \r\n", 0, 2000, 204, "204 "},
+    {"HTTP/1.100 200 x\r\n", 0, 1100, 200, "200 x"},
+    {"HTTP/123.999 100 Go on\r\n", 0, 123999, 100, "100 Go on"},
+    {"HTTP/1.1 200 OK\r\nServer: x\r\n", 0, 1001, 200, "200 OK"},
+    {"HTTP/1.1 200 tab\tand\x01 bytes\r\n", 0, 1001, 200, "200 tab\tand\x01 bytes"},
+    {"HTTP/1.1 20", -2, 0, 0, ""},
+    {"HTTP/1.1 200 OK\r", -2, 0, 0, ""},
+    {"http/1.1 200 OK\r\n", -1, 0, 0, ""},
+    {"GET / HTTP/1.1\r\n", -1, 0, 0, ""},
+    {"HTTP/0.9 200 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1000.1 200 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1000 200 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1. 200 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1 200 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1 20 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1 2000 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1 2 00 OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1 200OK\r\n", -1, 0, 0, ""},
+    {"HTTP/1.1 200 OK\rX\n", -1, 0, 0, ""},
+    {"HTTP/1.1 2x0 OK\r\n", -1, 0, 0, ""},
+};
+
+}  // namespace
+
+TEST(HttpStatusLine, ReadsVersionCodeAndTextAndRefusesMalformedLines)
+{
+    for (const auto& c : k_lines) {
+        SCOPED_TRACE(c.line);
+        scanned s = scan(c.line, c.line.size());
+        EXPECT_EQ(s.rc, c.rc);
+        if (c.rc == 0) {
+            EXPECT_EQ(s.version, c.version);
+            EXPECT_EQ(s.code, c.code);
+            EXPECT_EQ(s.text, c.text);
+            EXPECT_EQ(s.pos, c.line.find('\n') + 1) << "pos stands behind the LF";
+        }
+        if (c.rc == -2) {
+            EXPECT_EQ(s.pos, c.line.size());
+        }
+    }
+}
+
+TEST(HttpStatusLine, EveryCutAndOneByteReadsGiveTheSameResult)
+{
+    for (const auto& c : k_lines) {
+        scanned whole = scan(c.line, c.line.size());
+        for (std::size_t cut = 0; cut <= c.line.size(); cut++) {
+            SCOPED_TRACE(c.line + " cut at " + std::to_string(cut));
+            guarded_bytes g(c.line);
+            orbs3_buf_t b{};
+            b.pos = b.start = g.data();
+            b.last = g.data() + cut;
+            b.end = g.data() + c.line.size();
+            orbs3_http_status_t st{};
+            int rc = orbs3_http_parse_status_line(&b, &st);
+            if (rc == -2) {
+                EXPECT_EQ(b.pos, b.last);
+                b.last = b.end;
+                rc = orbs3_http_parse_status_line(&b, &st);
+            }
+            scanned two{rc, static_cast<std::size_t>(b.pos - g.data()), st.http_version, st.code, {}};
+            if (rc == 0)
+                two.text.assign(reinterpret_cast<const char*>(st.start),
+                                static_cast<std::size_t>(st.end - st.start));
+            if (whole.rc == -1) {
+                EXPECT_EQ(two.rc, -1);
+            } else {
+                EXPECT_EQ(two, whole);
+            }
+        }
+        SCOPED_TRACE(c.line + " one byte at a time");
+        scanned bytewise = scan(c.line, 1);
+        if (whole.rc == -1) {
+            EXPECT_EQ(bytewise.rc, -1);
+        } else {
+            EXPECT_EQ(bytewise, whole);
+        }
+    }
+}
+
+TEST(HttpStatusLine, SecondLineStartsFromAFreshRecord)
+{
+    const std::string two = "HTTP/1.1 404 Not Found\r\nHTTP/1.0 200\n";
+    guarded_bytes g(two);
+    orbs3_buf_t b{};
+    b.pos = b.start = g.data();
+    b.last = b.end = g.data() + two.size();
+    orbs3_http_status_t st{};
+
+    ASSERT_EQ(orbs3_http_parse_status_line(&b, &st), 0);
+    EXPECT_EQ(st.code, 404u);
+    EXPECT_EQ(st.state, 0u);
+    ASSERT_EQ(orbs3_http_parse_status_line(&b, &st), 0);
+    EXPECT_EQ(st.code, 200u);
+    EXPECT_EQ(st.count, 3u);
+    EXPECT_EQ(st.http_version, 1000u);
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(st.start), static_cast<std::size_t>(st.end - st.start)), "200");
+    EXPECT_EQ(b.pos, b.last);
+}
