@@ -3,13 +3,13 @@
 
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <string_view>
 
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/orbs3_epoll.h"
 #include "event/orbs3_socket.h"
+#include "http/orbs3_http_response.h"
 
 namespace {
 
@@ -23,32 +23,12 @@ constexpr const char* kReplyHead =
     "HTTP/1.1 200 OK\r\nDate: %s\r\nETag: 347744cc233e4f4f9457c9e3de370497\r\nConnection: keep-alive\r\n"
     "Content-Length:%d\r\nServer: KELVANE\r\n\r\n";
 
-// The month names are the ones clients of this server have always seen, "jul" and "Sept" included.
-constexpr const char* kWeekdays[7] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-constexpr const char* kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                     "jul", "Aug", "Sept", "Oct", "Nov", "Dec"};
-
 // Where the head ends: just behind the first blank line in [pos, last), or null.
 uint8_t* find_head_end(uint8_t* pos, uint8_t* last)
 {
     std::string_view text(reinterpret_cast<const char*>(pos), static_cast<std::size_t>(last - pos));
     std::size_t at = text.find("\r\n\r\n");
     return at == std::string_view::npos ? nullptr : pos + at + 4;
-}
-
-// 0 when the reply in send_buf has gone out, -2 when the socket is full, -1 on error.
-int send_pending(orbs3_connection_t* c)
-{
-    orbs3_buf_t* b = c->send_buf;
-    while (b->pos < b->last) {
-        ssize_t n = c->send(c, b->pos, static_cast<std::size_t>(b->last - b->pos));
-        if (n == -2)
-            return -2;
-        if (n <= 0)
-            return -1;
-        b->pos += n;
-    }
-    return 0;
 }
 
 void close_by_exit_handler(orbs3_connection_t* c)
@@ -78,24 +58,6 @@ int answer_heads(orbs3_connection_t* c, orbs3_buf_t* head)
     return 0;
 }
 
-void write_again_handler(orbs3_event_t* ev)
-{
-    auto* c = static_cast<orbs3_connection_t*>(ev->data);
-    int rc = send_pending(c);
-    if (rc == -2) {
-        if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0)
-            close_by_exit_handler(c);
-        return;
-    }
-    if (rc != 0) {
-        close_by_exit_handler(c);
-        return;
-    }
-    c->write->handler = orbs3_http_events_empty;
-    // Heads that arrived behind the one just answered are answered before anything more is read.
-    orbs3_http_wait_request_handler(c->read);
-}
-
 orbs3_buf_t* new_buf(orbs3_pool_t* pool, std::size_t size)
 {
     auto* b = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool, sizeof(orbs3_buf_t)));
@@ -113,11 +75,7 @@ orbs3_buf_t* new_buf(orbs3_pool_t* pool, std::size_t size)
 
 void orbs3_http_bringup_date(char* out, std::size_t size)
 {
-    time_t now = time(nullptr);
-    struct tm tm;
-    orbs3_gmtime(now, &tm);
-    std::snprintf(out, size, "%s, %d %s %d %02d:%02d:%02d GMT", kWeekdays[tm.tm_wday], tm.tm_mday,
-                  kMonths[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    get_gmt_time(out, size);
 }
 
 std::size_t orbs3_http_bringup_reply(char* out, std::size_t size, const char* date)
@@ -131,23 +89,15 @@ std::size_t orbs3_http_bringup_reply(char* out, std::size_t size, const char* da
 
 int test_orbs3_http_send_200_OK(orbs3_connection_t* c)
 {
-    orbs3_buf_t* b = c->send_buf;
-    char date[64];
+    char reply[kReplyCap];
+    char date[ORBS3_HTTP_DATE_LEN];
     orbs3_http_bringup_date(date, sizeof date);
-    std::size_t n = orbs3_http_bringup_reply(reinterpret_cast<char*>(b->start),
-                                             static_cast<std::size_t>(b->end - b->start), date);
-    if (n == 0)
+    std::size_t n = orbs3_http_bringup_reply(reply, sizeof reply, date);
+    if (n == 0 || orbs3_http_send_response_bytes(c, reply, n) != 0)
         return -1;
-    b->pos = b->start;
-    b->last = b->start + n;
-    int rc = send_pending(c);
-    if (rc == -2) {
-        // The socket never turns blocking: the rest leaves on write events, and the thread serves others.
-        c->write->handler = write_again_handler;
-        if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0)
-            return -1;
-    }
-    return rc;
+    // The socket never turns blocking: the rest leaves on write events, and the thread serves others;
+    // the read handler answers the heads behind it once the reply is out.
+    return orbs3_http_send_wait(c);
 }
 
 void orbs3_http_init_connection(orbs3_connection_t* c)
@@ -161,9 +111,8 @@ void orbs3_http_init_connection(orbs3_connection_t* c)
     std::size_t head_size = sysconfig.http_limit_header > 0 ? sysconfig.http_limit_header : kHeadFallback;
     // Until requests exist, `data` holds the head buffer of the connection.
     orbs3_buf_t* head = new_buf(c->pool, head_size);
-    c->send_buf = new_buf(c->pool, kReplyCap);
     c->data = head;
-    if (head == nullptr || c->send_buf == nullptr) {
+    if (head == nullptr) {
         ipd_log(LOG_ERR, "failed to create connection buffers");
         orbs3_close_connection(c);
         return;

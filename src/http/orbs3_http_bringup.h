@@ -17,7 +17,7 @@ void orbs3_http_wait_request_handler(orbs3_event_t* ev);
 void orbs3_http_connection_exit_handler(orbs3_connection_t* c);
 void orbs3_http_events_empty(orbs3_event_t* ev);
 
-// Builds the fixed reply in c->send_buf and writes what the socket takes. 0: all sent. -2: the rest
+// Writes the fixed reply; what the socket does not take waits in the connection's send queue. 0: all sent. -2: the rest
 // goes out on write events, after which the connection reads again. -1: the connection is to be closed.
 // The socket stays non-blocking throughout.
 [[nodiscard]] int test_orbs3_http_send_200_OK(orbs3_connection_t* c);

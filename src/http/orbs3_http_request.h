@@ -23,9 +23,10 @@ struct orbs3_http_resp_t {
     uint8_t reserved;
 };
 
-// Response headers and status line; the response writer adds its fields here.
+// The list-based head of object downloads.
 struct orbs3_http_headers_out_t {
-    orbs3_list_t headers;
+    orbs3_list_t headers;     // orbs3_header_t, 20 to a part; set up by the first header pushed
+    orbs3_str_t status_line;  // as in "206 Partial Content"
 };
 
 // The S3 view of the request; request classification adds the bucket, object and list fields here.

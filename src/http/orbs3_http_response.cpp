@@ -1,0 +1,410 @@
+#include "http/orbs3_http_response.h"
+
+#include <algorithm>
+#include <cstdio>
+#include <cstring>
+#include <string_view>
+
+#include "core/orbs3_log.h"
+#include "event/orbs3_epoll.h"
+#include "http/orbs3_http_bringup.h"
+#include "http/orbs3_http_head_text.h"
+
+// ---- the status table ----
+
+#define ORBS3_PAGE(n, reason)                                                                               \
+    "<html>\r\n<head><title>" #n " " reason "</title></head>\r\n<body bgcolor=\"white\">\r\n<center><h1>" #n \
+    " " reason "</h1></center>\r\n"
+#define ORBS3_ROW(n, reason) {n, reason, ORBS3_PAGE(n, reason)}
+// 494 to 497 are variants of 400: the page says so and names the cause below.
+#define ORBS3_ROW_400(n, reason)                                                                            \
+    {n, reason,                                                                                             \
+     "<html>\r\n<head><title>400 " reason "</title></head>\r\n<body bgcolor=\"white\">\r\n"                  \
+     "<center><h1>400 Bad Request</h1></center>\r\n<center>" reason "</center>\r\n"}
+
+const orbs3_http_status_t http_status_code[] = {
+    {200, "OK", nullptr},
+    {204, "No Content", nullptr},
+    ORBS3_ROW(301, "Moved Permanently"),
+    ORBS3_ROW(302, "Found"),
+    {303, "Request Redirect",
+     "<html>\r\n<head><title>303 Request Redirect</title></head>\r\n<body bgcolor=\"white\">\r\n"
+     "<center><h1>Server is being maintained. Please wait.</h1></center>\r\n"},
+    ORBS3_ROW(304, "Not Modified"),
+    ORBS3_ROW(307, "Temporary Redirect"),
+    ORBS3_ROW(400, "Bad Request"),
+    ORBS3_ROW(401, "Authorization Required"),
+    ORBS3_ROW(402, "Payment Required"),
+    ORBS3_ROW(403, "Forbidden"),
+    ORBS3_ROW(404, "Not Found"),
+    ORBS3_ROW(405, "Not Allowed"),
+    ORBS3_ROW(406, "Not Acceptable"),
+    ORBS3_ROW(408, "Request Time-out"),
+    ORBS3_ROW(409, "Conflict"),
+    ORBS3_ROW(410, "Gone"),
+    ORBS3_ROW(411, "Length Required"),
+    ORBS3_ROW(412, "Precondition Failed"),
+    ORBS3_ROW(413, "Request Entity Too Large"),
+    ORBS3_ROW(414, "Request-URI Too Large"),
+    ORBS3_ROW(415, "Unsupported Media Type"),
+    ORBS3_ROW(416, "Requested Range Not Satisfiable"),
+    ORBS3_ROW(421, "Misdirected Request"),
+    ORBS3_ROW_400(494, "Request Header Or Cookie Too Large"),
+    ORBS3_ROW_400(495, "The SSL certificate error"),
+    ORBS3_ROW_400(496, "No required SSL certificate was sent"),
+    ORBS3_ROW_400(497, "The plain HTTP request was sent to HTTPS port"),
+    ORBS3_ROW(500, "Internal Server Error"),
+    ORBS3_ROW(501, "Not Implemented"),
+    ORBS3_ROW(502, "Bad Gateway"),
+    ORBS3_ROW(503, "Service Temporarily Unavailable"),
+    ORBS3_ROW(504, "Gateway Time-out"),
+    ORBS3_ROW(507, "Insufficient Storage"),
+    {0, nullptr, nullptr},
+};
+
+#undef ORBS3_ROW_400
+#undef ORBS3_ROW
+#undef ORBS3_PAGE
+
+const orbs3_http_status_t* orbs3_http_find_status(uint32_t code)
+{
+    for (const orbs3_http_status_t* s = http_status_code; s->code != 0; s++) {
+        if (s->code == code)
+            return s;
+    }
+    return nullptr;
+}
+
+// ---- dates ----
+
+namespace {
+
+constexpr const char* kWeekdays[7] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+// The names clients of this server have always seen, "jul" and "Sept" included.
+constexpr const char* kMonths[12] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                     "jul", "Aug", "Sept", "Oct", "Nov", "Dec"};
+
+time_t system_clock()
+{
+    return time(nullptr);
+}
+
+bool leap_year(int year)
+{
+    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
+}
+
+}  // namespace
+
+orbs3_http_clock_pt orbs3_http_clock = system_clock;
+
+void orbs3_http_format_gmt(time_t t, char* buf, std::size_t size)
+{
+    struct tm tm;
+    orbs3_gmtime(t, &tm);
+    std::snprintf(buf, size, "%s, %d %s %d %02d:%02d:%02d GMT", kWeekdays[tm.tm_wday], tm.tm_mday,
+                  kMonths[tm.tm_mon], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+}
+
+void get_gmt_time(char* buf, std::size_t size)
+{
+    orbs3_http_format_gmt(orbs3_http_clock(), buf, size);
+}
+
+void get_cst_time(char* buf, std::size_t size)
+{
+    orbs3_http_format_gmt(orbs3_http_clock() + 8 * 3600, buf, size);
+}
+
+void get_gmt_meta_time(char* buf, std::size_t size)
+{
+    struct tm tm;
+    orbs3_gmtime(orbs3_http_clock(), &tm);
+    std::snprintf(buf, size, "%d-%02d-%02dT%02d:%02d:%02d.000Z", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
+                  tm.tm_hour, tm.tm_min, tm.tm_sec);
+}
+
+int get_day_from_meta_time(const char* text)
+{
+    int y, mo, d, h, mi, s;
+    if (text == nullptr || std::sscanf(text, "%d-%d-%dT%d:%d:%d", &y, &mo, &d, &h, &mi, &s) < 3)
+        return -1;
+    return d;
+}
+
+int get_hour_from_meta_time(const char* text)
+{
+    int y, mo, d, h, mi, s;
+    if (text == nullptr || std::sscanf(text, "%d-%d-%dT%d:%d:%d", &y, &mo, &d, &h, &mi, &s) < 4)
+        return -1;
+    return h;
+}
+
+int get_passed_days_from_year(int year, int month, int day)
+{
+    static constexpr int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
+    int n = day;
+    for (int m = 1; m < month && m <= 12; m++)
+        n += kDays[m - 1] + (m == 2 && leap_year(year) ? 1 : 0);
+    return n;
+}
+
+int get_remaining_days_from_year(int year, int month, int day)
+{
+    return (leap_year(year) ? 366 : 365) - get_passed_days_from_year(year, month, day);
+}
+
+int get_days_from_upload_2_now(const char* now, const char* upload)
+{
+    int ny, nm, nd, uy, um, ud;
+    if (now == nullptr || upload == nullptr || std::sscanf(now, "%d-%d-%dT", &ny, &nm, &nd) != 3 ||
+        std::sscanf(upload, "%d-%d-%dT", &uy, &um, &ud) != 3)
+        return 0;
+    int days = 0;
+    if (ny == uy)
+        days = get_passed_days_from_year(ny, nm, nd) - get_passed_days_from_year(uy, um, ud);
+    else if (ny > uy)
+        days = get_remaining_days_from_year(uy, um, ud) + get_passed_days_from_year(ny, nm, nd);
+    return std::max(days, 0);
+}
+
+// ---- writing ----
+
+namespace {
+
+// Appends to the connection's queue. The queue memory comes from the connection's pool and grows by
+// doubling; a grown block that the pool keeps as a large allocation goes back at once.
+int queue_append(orbs3_connection_t* c, const uint8_t* data, std::size_t len)
+{
+    orbs3_buf_t* b = c->send_buf;
+    if (b == nullptr) {
+        b = static_cast<orbs3_buf_t*>(orbs3_pcalloc(c->pool, sizeof(orbs3_buf_t)));
+        if (b == nullptr) {
+            ipd_log(LOG_ERR, "no memory for the pending reply of fd=%d", c->fd);
+            return -1;
+        }
+        c->send_buf = b;
+    }
+    std::size_t unsent = static_cast<std::size_t>(b->last - b->pos);
+    if (len > ORBS3_HTTP_SEND_PENDING_MAX - unsent) {
+        ipd_log(LOG_ERR, "reply of fd=%d would hold back more than %zu bytes", c->fd, ORBS3_HTTP_SEND_PENDING_MAX);
+        return -1;
+    }
+    std::size_t need = unsent + len;
+    if (static_cast<std::size_t>(b->end - b->last) < len) {
+        if (static_cast<std::size_t>(b->end - b->start) >= need) {
+            if (unsent != 0)
+                std::memmove(b->start, b->pos, unsent);
+        } else {
+            std::size_t cap = std::max<std::size_t>({need, 2 * static_cast<std::size_t>(b->end - b->start), 4096});
+            cap = std::min(cap, ORBS3_HTTP_SEND_PENDING_MAX);
+            auto* mem = static_cast<uint8_t*>(orbs3_pnalloc(c->pool, cap));
+            if (mem == nullptr) {
+                ipd_log(LOG_ERR, "no memory for the pending reply of fd=%d", c->fd);
+                return -1;
+            }
+            if (unsent != 0)
+                std::memcpy(mem, b->pos, unsent);
+            if (b->start != nullptr)
+                (void)orbs3_pfree(c->pool, b->start);
+            b->start = mem;
+            b->end = mem + cap;
+        }
+        b->pos = b->start;
+        b->last = b->start + unsent;
+    }
+    std::memcpy(b->last, data, len);
+    b->last += len;
+    return 0;
+}
+
+void drop_pending(orbs3_connection_t* c)
+{
+    if (c->send_buf != nullptr)
+        c->send_buf->pos = c->send_buf->last = c->send_buf->start;
+}
+
+void close_by_exit_handler(orbs3_connection_t* c)
+{
+    if (c->exit_handler != nullptr)
+        c->exit_handler(c);
+    else
+        orbs3_close_connection(c);
+}
+
+}  // namespace
+
+std::size_t orbs3_http_send_pending(const orbs3_connection_t* c)
+{
+    if (c == nullptr || c->send_buf == nullptr)
+        return 0;
+    return static_cast<std::size_t>(c->send_buf->last - c->send_buf->pos);
+}
+
+int orbs3_http_send_response_bytes(orbs3_connection_t* c, const void* data, std::size_t len)
+{
+    if (c == nullptr)
+        return 0;
+    if (data == nullptr)
+        return -1;
+    const auto* p = static_cast<const uint8_t*>(data);
+    std::size_t sent = 0;
+    // Behind pending output nothing may overtake it.
+    if (orbs3_http_send_pending(c) == 0) {
+        while (sent < len) {
+            ssize_t n = c->send(c, p + sent, len - sent);
+            if (n == -2)
+                break;
+            if (n <= 0) {
+                ipd_debug("reply to fd=%d failed after %zu of %zu bytes", c->fd, sent, len);
+                return -1;
+            }
+            sent += static_cast<std::size_t>(n);
+        }
+        if (sent == len)
+            return 0;
+    }
+    return queue_append(c, p + sent, len - sent);
+}
+
+int orbs3_http_send_response_data(orbs3_connection_t* c, const char* text)
+{
+    if (text == nullptr)
+        return -1;
+    return orbs3_http_send_response_bytes(c, text, std::strlen(text));
+}
+
+int orbs3_http_send_flush(orbs3_connection_t* c)
+{
+    orbs3_buf_t* b = c->send_buf;
+    if (b == nullptr)
+        return 0;
+    while (b->pos < b->last) {
+        ssize_t n = c->send(c, b->pos, static_cast<std::size_t>(b->last - b->pos));
+        if (n == -2)
+            return -2;
+        if (n <= 0) {
+            ipd_debug("pending reply to fd=%d failed with %zu bytes left", c->fd,
+                      static_cast<std::size_t>(b->last - b->pos));
+            drop_pending(c);
+            return -1;
+        }
+        b->pos += n;
+    }
+    drop_pending(c);
+    return 0;
+}
+
+int orbs3_http_send_wait(orbs3_connection_t* c)
+{
+    if (orbs3_http_send_pending(c) == 0)
+        return 0;
+    c->write->handler = orbs3_http_send_response_data_again;
+    // A connection not yet in the epoll set is added rather than changed.
+    if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0)
+        return -1;
+    return -2;
+}
+
+void orbs3_http_send_response_data_again(orbs3_event_t* ev)
+{
+    auto* c = static_cast<orbs3_connection_t*>(ev->data);
+    int rc = orbs3_http_send_flush(c);
+    if (rc == -2) {
+        if (orbs3_http_send_wait(c) != -2)
+            close_by_exit_handler(c);
+        return;
+    }
+    if (rc != 0) {
+        close_by_exit_handler(c);
+        return;
+    }
+    c->write->handler = orbs3_http_events_empty;
+    c->read->handler(c->read);
+}
+
+// ---- error pages ----
+
+int orbs3_http_send_error_page(orbs3_connection_t* c, uint32_t status)
+{
+    if (c == nullptr)
+        return 0;
+    const orbs3_http_status_t* s = orbs3_http_find_status(status);
+    if (s == nullptr) {
+        ipd_debug("no error page for status %u", status);
+        return 0;
+    }
+    orbs3_head_text<ORBS3_HTTP_HEAD_LEN> t;
+    t.put("HTTP/1.1 ");
+    t.put_number(s->code);
+    t.put(" ");
+    t.put(s->reason);
+    t.put("\r\nServer: KELVANE 1.0\r\nConnection: close\r\n\r\n");
+    t.put(s->page);
+    if (t.overflow) {
+        ipd_log(LOG_ERR, "error page %u does not fit %zu bytes", status, ORBS3_HTTP_HEAD_LEN);
+        return -1;
+    }
+    return orbs3_http_send_response_bytes(c, t.data, t.len) == 0 ? 0 : -1;
+}
+
+// ---- list-based head ----
+
+int orbs3_http_set_response_headers(orbs3_http_request_t* r, const char* name, const char* value)
+{
+    if (r == nullptr || name == nullptr || value == nullptr)
+        return -1;
+    orbs3_list_t* l = &r->headers_out.headers;
+    if (l->nalloc == 0 && orbs3_list_init(l, r->pool, 20, sizeof(orbs3_header_t)) != 0)
+        return -1;
+    std::size_t nlen = std::strlen(name);
+    std::size_t vlen = std::strlen(value);
+    auto* key = static_cast<char*>(orbs3_pnalloc(r->pool, nlen + 1));
+    auto* val = static_cast<char*>(orbs3_pnalloc(r->pool, vlen + 1));
+    auto* h = static_cast<orbs3_header_t*>(orbs3_list_push(l));
+    if (key == nullptr || val == nullptr || h == nullptr)
+        return -1;
+    std::memcpy(key, name, nlen + 1);
+    std::memcpy(val, value, vlen + 1);
+    h->hash = 1;
+    h->key = {nlen, key};
+    h->value = {vlen, val};
+    h->lowcase_key = nullptr;
+    return 0;
+}
+
+int orbs3_http_send_headers(orbs3_http_request_t* r)
+{
+    if (r == nullptr || r->connection == nullptr)
+        return -1;
+    // Joined once and written through the connection's send: at most 2 KB copied, and a socket that is
+    // full keeps the rest in the same queue as every other reply.
+    orbs3_head_text<ORBS3_HTTP_HEADERS_LEN> t;
+    t.put("HTTP/1.1 ");
+    t.put(std::string_view(r->headers_out.status_line.data ? r->headers_out.status_line.data : "",
+                           r->headers_out.status_line.len));
+    t.put("\r\n");
+    t.put(r->headers_in.connection_type == ORBS3_HTTP_CONNECTION_KEEP_ALIVE ? "Connection: Keep-alive\r\n"
+                                                                             : "Connection: close\r\n");
+    const orbs3_list_t* l = &r->headers_out.headers;
+    if (l->nalloc != 0) {
+        for (const orbs3_list_part_t* part = &l->part; part != nullptr; part = part->next) {
+            const auto* h = static_cast<const orbs3_header_t*>(part->elts);
+            for (uint32_t i = 0; i < part->nelts; i++) {
+                if (h[i].key.len == 0)
+                    continue;
+                t.put(std::string_view(h[i].key.data, h[i].key.len));
+                t.put(": ");
+                t.put(std::string_view(h[i].value.data, h[i].value.len));
+                t.put("\r\n");
+            }
+        }
+    }
+    t.put("\r\n");
+    if (t.overflow) {
+        ipd_log(LOG_ERR, "response headers of fd=%d do not fit %zu bytes", r->connection->fd,
+                ORBS3_HTTP_HEADERS_LEN);
+        return -1;
+    }
+    return orbs3_http_send_response_bytes(r->connection, t.data, t.len) == 0 ? 0 : -1;
+}
