@@ -19,6 +19,7 @@
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
+#include "http/orbs3_http_request.h"
 #include "core/orbs3_proctitle.h"
 #include "core/orbs3_worker.h"
 #include "event/orbs3_connection.h"
@@ -427,6 +428,11 @@ int orbs3_master_process_init()
     if (orbs3_read_conf_xml() != 0) {
         ipd_debug("read %s failed", orbs3_prefix_path(ORBS3_CONF).c_str());
         std::exit(-1);
+    }
+    // Built once here and inherited read-only by every worker through fork.
+    if (orbs3_http_init_headers_in_hash(orbs3_cycle->pool) != 0) {
+        ipd_log(LOG_ERR, "headers_in_hash init failed");
+        return -1;
     }
     ipd_trace_leave();
     return 0;
