@@ -38,6 +38,11 @@ namespace {
 constexpr int kStatusActive = 1;
 constexpr int kEpollSizeHint = 512;
 constexpr int kLoopMs = 1000;
+// Longer than two epoll passes of 500 ms: every thread that is not stuck in a handler has seen the stop.
+constexpr int kEpollStopWaitMs = 2000;
+
+std::atomic<bool> g_epoll_stop{false};
+std::atomic<int> g_epoll_threads_running{0};
 
 // A byte on this pipe cuts the main thread's one-second wait short: a signal may land on any thread, and
 // SIGWINCH or SIGINT must end the worker at once, not after the next full second.
@@ -94,19 +99,39 @@ void drop_vhost(neo_list_head_t* pos)
     orbs3_free_vhost_data(vh);
 }
 
+// Asks the epoll threads to end after their current pass (at most 500 ms of waiting) and waits for them a
+// bounded time; true when none runs any more.
+bool stop_epoll_threads()
+{
+    g_epoll_stop.store(true, std::memory_order_release);
+    for (int i = 0; i < kEpollStopWaitMs / 10; i++) {
+        if (g_epoll_threads_running.load() == 0)
+            return true;
+        usleep(10 * 1000);
+    }
+    return g_epoll_threads_running.load() == 0;
+}
+
 [[noreturn]] void worker_exit()
 {
+    // Connections in progress are not drained. What the epoll threads use (slots, listener, vhosts) is
+    // freed only once they have stopped; a thread stuck in a handler past the wait leaves everything to
+    // the process's exit instead of being freed under it.
+    if (!stop_epoll_threads()) {
+        ipd_debug("worker process exit with epoll threads still running");
+        std::exit(0);
+    }
     // The control channel's part of the exit: the vhosts go with it.
     if (orbs3_service != nullptr) {
         neo_list_head_t *pos, *n;
         list_for_each_safe(pos, n, &orbs3_service->vhosts) drop_vhost(pos);
     }
+    orbs3_close_all_connections();
     orbs3_close_listen();
     pthread_rwlock_destroy(&g_cpu_lock);
     (void)orbs3_event_process_destory_resource();
     trace_counters();
     ipd_debug("worker process exit");
-    // Connections in progress are not drained: the detached epoll threads end with the process.
     std::exit(0);
 }
 
@@ -260,6 +285,10 @@ int orbs3_worker_thread_count(long cpus)
 
 void* orbs3_worker_thread_cycle(void*)
 {
+    // Every way out of this thread is counted, so worker_exit knows when nothing uses what it frees.
+    struct running_guard {
+        ~running_guard() { g_epoll_threads_running.fetch_sub(1); }
+    } running;
     prctl(PR_SET_NAME, "worker thread");
     int index;
     {
@@ -288,7 +317,7 @@ void* orbs3_worker_thread_cycle(void*)
             (void)orbs3_epoll_add_conn(listen_c->fd, efd, listen_c);
     }
     ipd_debug("worker thread %d on cpu %d, epfd %d", index, index, efd);
-    for (;;)
+    while (!g_epoll_stop.load(std::memory_order_acquire))
         (void)orbs3_epoll_events_manage(efd);
     return nullptr;
 }
@@ -308,7 +337,10 @@ int orbs3_create_worker_threads()
     for (int i = 0; i < n; i++) {
         usleep(1000);
         pthread_t tid;
+        // Counted before it exists, so an exit that comes while it is still starting waits for it too.
+        g_epoll_threads_running.fetch_add(1);
         if (pthread_create(&tid, &attr, orbs3_worker_thread_cycle, nullptr) != 0) {
+            g_epoll_threads_running.fetch_sub(1);
             rc = -1;
             break;
         }

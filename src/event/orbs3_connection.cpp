@@ -16,6 +16,10 @@ namespace {
 // Big enough for the address of either family as accept gives it.
 constexpr std::size_t kSockaddrSize = sizeof(struct sockaddr_in6);
 
+// Every client connection from its creation to its close, so the worker's exit can end those still open
+// (they are otherwise reachable only through the kernel's epoll sets). Guarded by orbs3_conn_mtx.
+neo_list_head_t g_open_connections = {&g_open_connections, &g_open_connections};
+
 class conn_lock {
 public:
     conn_lock() { pthread_mutex_lock(&orbs3_conn_mtx); }
@@ -233,6 +237,10 @@ orbs3_connection_t* orbs3_create_connection(std::size_t pool_size)
     c->epfd = -1;
     c->async_fd = -1;
     c->pool = pool.release();
+    {
+        conn_lock lock;
+        list_add_tail(&c->open_link, &g_open_connections);
+    }
     return c;
 }
 
@@ -255,6 +263,24 @@ void orbs3_close_connection(orbs3_connection_t* c)
     orbs3_conn_counters.closed++;
     orbs3_conn_counters.open--;
     ipd_debug("close fd=%d on thread %d", fd, orbs3_thread_index);
+    {
+        conn_lock lock;
+        list_del(&c->open_link);
+    }
     // The record lives in the pool: nothing of it may be touched after this.
     orbs3_destroy_pool(c->pool);
+}
+
+void orbs3_close_all_connections()
+{
+    for (;;) {
+        orbs3_connection_t* c;
+        {
+            conn_lock lock;
+            if (list_empty(&g_open_connections))
+                return;
+            c = list_entry(g_open_connections.next, orbs3_connection_t, open_link);
+        }
+        orbs3_close_connection(c);
+    }
 }

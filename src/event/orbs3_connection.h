@@ -14,6 +14,7 @@
 #include <cstdint>
 
 #include "event/orbs3_event.h"
+#include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
 
 struct orbs3_connection_t;
@@ -55,6 +56,7 @@ struct orbs3_connection_t {
     orbs3_event_t* read;
     orbs3_event_t* write;
     orbs3_connection_handler_pt exit_handler;  // errors and peer hang-ups
+    neo_list_head_t open_link;  // client connections: in the list of open ones until closed
 };
 
 struct orbs3_listening_t {
@@ -111,3 +113,5 @@ void orbs3_free_connection(orbs3_connection_t* c);
 [[nodiscard]] orbs3_connection_t* orbs3_create_connection(std::size_t pool_size);
 // Ends a client connection: out of its epoll set, descriptor closed, pool (and the record) destroyed.
 void orbs3_close_connection(orbs3_connection_t* c);
+// Closes every client connection still open. Only once no epoll thread runs any more: the worker's exit.
+void orbs3_close_all_connections();
