@@ -138,10 +138,12 @@ def wait_port(port, timeout=OFFLINE_START + 10.0):
 # A worker is forked from a thread other than the master's main thread, so in the worker the per-thread
 # blocks that Mini-XML made for the master's threads that read XML are referenced only from those
 # threads' storage, which no live thread of the worker has: LeakSanitizer would report them when the
-# worker exits. Likewise the start tasks that other control-pool threads of the master had taken when
-# the worker was forked: in the worker they are referenced only from those threads' stacks. These are the
+# worker exits. Likewise whatever the master's other threads held at the moment of the fork: the start
+# tasks that other control-pool threads had taken, and what the master's shost and control threads had
+# allocated in a pass (their frames stand only in the master's stacks, never in a worker's). These are the
 # kinds of block a sanitized worker is allowed to leave behind.
-LSAN_SUPPRESSIONS = "leak:_mxml_global\nleak:orbs3_task_start_vhost\n"
+LSAN_SUPPRESSIONS = ("leak:_mxml_global\nleak:orbs3_task_start_vhost\n"
+                     "leak:orbs3_shost_thread\nleak:orbs3_ctrl_thread\n")
 
 
 class Sandbox:
