@@ -1126,16 +1126,7 @@ int parser_http_request_handler(orbs3_http_request_t* r)
 
 int orbs3_strncasecmp(const char* s1, const char* s2, std::size_t n)
 {
-    while (n) {
-        unsigned c1 = fold(static_cast<unsigned char>(*s1++));
-        unsigned c2 = fold(static_cast<unsigned char>(*s2++));
-        if (c1 != c2)
-            return static_cast<int>(c1) - static_cast<int>(c2);
-        if (c1 == 0)
-            return 0;
-        n--;
-    }
-    return 0;
+    return neo_strncasecmp(s1, s2, n);
 }
 
 const char* orbs3_strcasestrn(const char* haystack, const char* needle, std::size_t n)
