@@ -86,6 +86,13 @@ void read_http(mxml_node_t* http)
     set_http_header_in_size(sysconfig.http_header_in_size);
     set_http_header_out_size(sysconfig.http_header_out_size);
     set_http_work_space(sysconfig.http_work_space);
+    // Seconds a connection may wait for the rest of a head, the next body bytes, its next request, or a
+    // client to take more of a reply; 0 turns the deadlines off. Absent: the built-in 120.
+    if (http != nullptr && mxmlElementGetAttr(http, "timeout") != nullptr) {
+        int v = sysconfig.http_timeout;
+        orbs3_xml_get_int(http, "timeout", &v);
+        set_http_timeout(v);
+    }
     sysconfig.request_pool_size = orbs3_request_pool_size();
     sysconfig.http_pool_total = sysconfig.request_pool_size * sysconfig.http_limit_conns;
 }

@@ -20,7 +20,8 @@
 #include "event/neo_event_timer.h"
 #include "event/orbs3_epoll.h"
 #include "event/orbs3_socket.h"
-#include "http/orbs3_http_bringup.h"
+#include "http/orbs3_http_not_implemented.h"
+#include "http/orbs3_http_request.h"
 
 orbs3_service_t* orbs3_service = nullptr;
 orbs3_connection_t* listen_c = nullptr;
@@ -43,6 +44,7 @@ constexpr int kEpollStopWaitMs = 2000;
 
 std::atomic<bool> g_epoll_stop{false};
 std::atomic<int> g_epoll_threads_running{0};
+neo_event_timers_t g_thread_timers[ORBS3_WORKER_THREADS_MAX];
 
 // A byte on this pipe cuts the main thread's one-second wait short: a signal may land on any thread, and
 // SIGWINCH or SIGINT must end the worker at once, not after the next full second.
@@ -212,9 +214,9 @@ int orbs3_make_listen(orbs3_service_t* svc)
         ipd_log(LOG_ERR, "turn back service failed");
         return -1;
     }
-    // Request classification and action dispatch hang here once the S3 front end exists.
-    ls->request_handler = nullptr;
-    ls->response_handler = nullptr;
+    // Until the S3 layer answers, every request is read whole and answered NotImplemented.
+    ls->request_handler = orbs3_http_classify_unimplemented;
+    ls->response_handler = orbs3_http_answer_not_implemented;
     orbs3_connection_t* c = orbs3_found_connection(ls->fd);
     if (c == nullptr) {
         close(ls->fd);
@@ -316,9 +318,14 @@ void* orbs3_worker_thread_cycle(void*)
         if (listen_c != nullptr)
             (void)orbs3_epoll_add_conn(listen_c->fd, efd, listen_c);
     }
+    // The deadlines of this thread's connections wait and expire here; the tree outlives the thread,
+    // since the worker's exit may still close connections that wait in it.
+    neo_event_timer_thread_init(&g_thread_timers[index]);
     ipd_debug("worker thread %d on cpu %d, epfd %d", index, index, efd);
-    while (!g_epoll_stop.load(std::memory_order_acquire))
+    while (!g_epoll_stop.load(std::memory_order_acquire)) {
         (void)orbs3_epoll_events_manage(efd);
+        neo_event_expire_timers();
+    }
     return nullptr;
 }
 

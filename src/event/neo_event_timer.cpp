@@ -4,11 +4,14 @@
 
 #include <cstddef>
 #include <cstring>
+#include <optional>
 
 #include "core/orbs3_log.h"
 
-neo_rbtree_t neo_event_timer_rbtree;
+// Empty from the start (a zeroed sentinel is black), so timers work before neo_event_timer_init runs.
 neo_rbtree_node_t neo_event_timer_sentinel;
+neo_rbtree_t neo_event_timer_rbtree = {&neo_event_timer_sentinel, &neo_event_timer_sentinel,
+                                       neo_rbtree_insert_value};
 pthread_rwlock_t neo_event_lock = PTHREAD_RWLOCK_INITIALIZER;
 
 namespace {
@@ -51,11 +54,33 @@ orbs3_event_t* event_of(neo_rbtree_node_t* node)
     return reinterpret_cast<orbs3_event_t*>(reinterpret_cast<char*>(node) - offsetof(orbs3_event_t, timer));
 }
 
-// Takes the earliest node out of the tree; with `only_due`, only if its deadline has come. Caller holds
-// the lock.
-orbs3_event_t* take_earliest(bool only_due, uint64_t now)
+thread_local neo_event_timers_t* thread_timers = nullptr;
+
+neo_rbtree_t* tree_of(neo_event_timers_t* t)
 {
-    neo_rbtree_t* tree = &neo_event_timer_rbtree;
+    return t != nullptr ? &t->tree : &neo_event_timer_rbtree;
+}
+
+// The lock for the process tree; a thread's own tree needs none.
+class tree_guard {
+public:
+    explicit tree_guard(neo_event_timers_t* t) : lock_(t == nullptr ? std::optional<timer_lock>(std::in_place)
+                                                                      : std::nullopt) {}
+    [[nodiscard]] bool held() const { return !lock_ || lock_->held(); }
+    void release()
+    {
+        if (lock_)
+            lock_->release();
+    }
+
+private:
+    std::optional<timer_lock> lock_;
+};
+
+// Takes the earliest node out of the tree; with `only_due`, only if its deadline has come. Caller holds
+// the tree's guard.
+orbs3_event_t* take_earliest(neo_rbtree_t* tree, bool only_due, uint64_t now)
+{
     if (neo_rbtree_empty(tree))
         return nullptr;
     neo_rbtree_node_t* node = neo_rbtree_min(tree->root, tree->sentinel);
@@ -66,7 +91,18 @@ orbs3_event_t* take_earliest(bool only_due, uint64_t now)
     orbs3_event_t* ev = event_of(node);
     neo_rbtree_delete(tree, node);
     ev->timer_set = 0;
+    ev->timers = nullptr;
     return ev;
+}
+
+void remove_timer(orbs3_event_t* ev)
+{
+    tree_guard guard(ev->timers);
+    if (!guard.held() || !ev->timer_set)
+        return;
+    neo_rbtree_delete(tree_of(ev->timers), &ev->timer);
+    ev->timer_set = 0;
+    ev->timers = nullptr;
 }
 
 }  // namespace
@@ -78,6 +114,13 @@ int neo_event_timer_init()
     return 0;
 }
 
+void neo_event_timer_thread_init(neo_event_timers_t* t)
+{
+    if (t != nullptr)
+        neo_rbtree_init(&t->tree, &t->sentinel, neo_rbtree_insert_value);
+    thread_timers = t;
+}
+
 void neo_event_add_timer(orbs3_event_t* ev, uint64_t seconds)
 {
     neo_event_add_timer_ms(ev, seconds * 1000);
@@ -85,30 +128,29 @@ void neo_event_add_timer(orbs3_event_t* ev, uint64_t seconds)
 
 void neo_event_add_timer_ms(orbs3_event_t* ev, uint64_t msec)
 {
-    timer_lock lock;
-    if (!lock.held())
-        return;
     if (ev->timer_set)
-        neo_rbtree_delete(&neo_event_timer_rbtree, &ev->timer);
+        remove_timer(ev);
+    neo_event_timers_t* t = thread_timers;
+    tree_guard guard(t);
+    if (!guard.held())
+        return;
     ev->timer.key = neo_get_timer() + msec;
-    neo_rbtree_insert(&neo_event_timer_rbtree, &ev->timer);
+    neo_rbtree_insert(tree_of(t), &ev->timer);
     ev->timer_set = 1;
+    ev->timers = t;
 }
 
 void neo_event_del_timer(orbs3_event_t* ev)
 {
-    timer_lock lock;
-    if (!lock.held() || !ev->timer_set)
-        return;
-    neo_rbtree_delete(&neo_event_timer_rbtree, &ev->timer);
-    ev->timer_set = 0;
+    remove_timer(ev);
 }
 
 int64_t neo_event_find_timer()
 {
-    timer_lock lock;
-    neo_rbtree_t* tree = &neo_event_timer_rbtree;
-    if (!lock.held() || neo_rbtree_empty(tree))
+    neo_event_timers_t* t = thread_timers;
+    tree_guard guard(t);
+    neo_rbtree_t* tree = tree_of(t);
+    if (!guard.held() || neo_rbtree_empty(tree))
         return -1;
     uint64_t key = neo_rbtree_min(tree->root, tree->sentinel)->key;
     uint64_t now = neo_get_timer();
@@ -117,30 +159,32 @@ int64_t neo_event_find_timer()
 
 void neo_event_expire_timers()
 {
+    neo_event_timers_t* t = thread_timers;
     for (;;) {
-        timer_lock lock;
-        if (!lock.held())
+        tree_guard guard(t);
+        if (!guard.held())
             return;
-        orbs3_event_t* ev = take_earliest(true, neo_get_timer());
+        orbs3_event_t* ev = take_earliest(tree_of(t), true, neo_get_timer());
         if (ev == nullptr)
             return;
         ev->timedout = 1;
         // The handler may add timers, which takes the lock again.
-        lock.release();
+        guard.release();
         ev->handler(ev);
     }
 }
 
 void event_cancel_timers()
 {
+    neo_event_timers_t* t = thread_timers;
     for (;;) {
-        timer_lock lock;
-        if (!lock.held())
+        tree_guard guard(t);
+        if (!guard.held())
             return;
-        orbs3_event_t* ev = take_earliest(false, 0);
+        orbs3_event_t* ev = take_earliest(tree_of(t), false, 0);
         if (ev == nullptr)
             return;
-        lock.release();
+        guard.release();
         ev->handler(ev);
     }
 }

@@ -1,5 +1,7 @@
 #include "event/orbs3_connection.h"
 
+#include "event/neo_event_timer.h"
+
 #include <netinet/in.h>
 #include <sys/epoll.h>
 #include <unistd.h>
@@ -191,10 +193,12 @@ orbs3_connection_t* orbs3_found_connection(int fd)
     c->closed = 0;
     c->async_fd = -1;
     c->num_async_fds = 0;
+    c->send_file_fd = -1;
     for (orbs3_event_t* ev : {c->read, c->write}) {
         ev->closed = 0;
         ev->timedout = 0;
         ev->timer_set = 0;
+        ev->timers = nullptr;
     }
     return c;
 }
@@ -236,6 +240,7 @@ orbs3_connection_t* orbs3_create_connection(std::size_t pool_size)
     c->fd = -1;
     c->epfd = -1;
     c->async_fd = -1;
+    c->send_file_fd = -1;
     c->pool = pool.release();
     {
         conn_lock lock;
@@ -257,9 +262,16 @@ void orbs3_close_connection(orbs3_connection_t* c)
         close(fd);
         c->fd = -1;
     }
+    if (c->send_file_fd >= 0) {
+        close(c->send_file_fd);
+        c->send_file_fd = -1;
+    }
     c->closed = 1;
     c->read->closed = 1;
     c->write->closed = 1;
+    // The events die with the pool: no tree may keep their nodes.
+    neo_event_del_timer(c->read);
+    neo_event_del_timer(c->write);
     orbs3_conn_counters.closed++;
     orbs3_conn_counters.open--;
     ipd_debug("close fd=%d on thread %d", fd, orbs3_thread_index);

@@ -49,6 +49,14 @@ struct orbs3_connection_t {
     orbs3_send_pt send;
     uint64_t type;         // 1 on connections set up by orbs3_http_init_connection
     orbs3_buf_t* send_buf; // the rest of a reply that could not be written at once
+    // The file part of a reply still to be written: bytes [send_file_pos, send_file_end) of
+    // send_file_fd, owned by the connection. It leaves after the first send_file_ahead bytes of send_buf
+    // and before the rest, so what was queued behind it stays behind it.
+    int send_file_fd;  // -1 when none is pending
+    int64_t send_file_pos;
+    int64_t send_file_end;
+    std::size_t send_file_ahead;
+    orbs3_buf_t* send_file_slice;  // TLS: read from the file, not yet taken by send
     int async_fd;
     uint8_t num_async_fds;
     unsigned closed : 1;  // free, or closed

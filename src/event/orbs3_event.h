@@ -6,11 +6,13 @@
 #include "memory/neo_rbtree.h"
 
 struct orbs3_event_t;
+struct neo_event_timers_t;
 using orbs3_event_handler_pt = void (*)(orbs3_event_t* ev);
 
 struct orbs3_event_t {
     void* data;               // the owning connection
     neo_rbtree_node_t timer;  // key: deadline in milliseconds since the epoch
+    neo_event_timers_t* timers;  // the tree the timer waits in while timer_set; null: the process tree
     unsigned timedout : 1;
     unsigned timer_set : 1;
     unsigned active : 1;

@@ -16,7 +16,7 @@
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/orbs3_fd.h"
-#include "http/orbs3_http_bringup.h"
+#include "http/orbs3_http_request.h"
 
 namespace {
 

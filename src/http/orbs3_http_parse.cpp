@@ -989,11 +989,11 @@ int orbs3_http_process_request_header(orbs3_http_request_t* r)
     }
     if (in.content_length != nullptr && r->content_length == -1) {
         ipd_debug("request refused: unreadable Content-Length");
-        return -1;
+        return ORBS3_HTTP_BAD_FRAMING;
     }
     if (in.framing_conflict) {
         ipd_debug("request refused: repeated Transfer-Encoding or disputed Content-Length");
-        return -1;
+        return ORBS3_HTTP_BAD_FRAMING;
     }
     if (r->method == ORBS3_HTTP_TRACE) {
         ipd_debug("request refused: TRACE");
@@ -1003,7 +1003,7 @@ int orbs3_http_process_request_header(orbs3_http_request_t* r)
         // Both framings in one head let a proxy in front and this server disagree where the body ends.
         if (in.content_length != nullptr) {
             ipd_debug("request refused: Transfer-Encoding together with Content-Length");
-            return -1;
+            return ORBS3_HTTP_BAD_FRAMING;
         }
         const orbs3_str_t& v = in.transfer_encoding->value;
         if (v.len == 7 && orbs3_strncasecmp(v.data, "chunked", 7) == 0) {
@@ -1013,7 +1013,7 @@ int orbs3_http_process_request_header(orbs3_http_request_t* r)
             // nothing to do
         } else {
             ipd_debug("request refused: transfer coding \"%.*s\"", static_cast<int>(v.len), v.data);
-            return -1;
+            return ORBS3_HTTP_BAD_FRAMING;
         }
     }
     return 0;

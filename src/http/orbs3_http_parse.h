@@ -18,6 +18,8 @@ inline constexpr int ORBS3_PARSE_BAD_METHOD = 10;
 inline constexpr int ORBS3_PARSE_BAD_REQUEST = 11;
 inline constexpr int ORBS3_PARSE_BAD_09_METHOD = 12;  // a line without version whose method is not GET
 inline constexpr int ORBS3_PARSE_BAD_HEADER = 13;
+// The whole-head test's refusal of a head whose body framing is in doubt.
+inline constexpr int ORBS3_HTTP_BAD_FRAMING = 400;
 
 namespace orbs3_parse_tables {
 
@@ -89,10 +91,11 @@ static_assert(lowcase['Q'] == 'q' && lowcase['-'] == '-' && lowcase['_'] == 0 &&
 std::size_t orbs3_http_parse_cookie(orbs3_http_request_t* r, orbs3_str_t* value);
 // exten from uri: what follows the last dot of the last segment, a leading dot (hidden file) excluded.
 void orbs3_http_set_exten(orbs3_http_request_t* r);
-// Whole-head test. 0, or -1 without a server name, for a version above 1.0 without Host, an unreadable
-// or disputed Content-Length, TRACE, a Transfer-Encoding other than exactly "chunked" or "identity", a
-// repeated Transfer-Encoding, or Transfer-Encoding together with Content-Length. "chunked" sets
-// headers_in.chunked and content_length -1.
+// Whole-head test. 0; -1 (dropped without a reply) without a server name, for a version above 1.0
+// without Host, or TRACE; ORBS3_HTTP_BAD_FRAMING (answered 400, then the connection closes) where the end
+// of the body is in doubt: an unreadable or disputed Content-Length, a Transfer-Encoding other than
+// exactly "chunked" or "identity", a repeated Transfer-Encoding, or Transfer-Encoding together with
+// Content-Length. "chunked" sets headers_in.chunked and content_length -1.
 [[nodiscard]] int orbs3_http_process_request_header(orbs3_http_request_t* r);
 
 // Compares n bytes with A-Z folded, stopping at a NUL in s1. The difference of the first unequal bytes.

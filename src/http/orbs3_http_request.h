@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "event/orbs3_connection.h"
 #include "memory/orbs3_array.h"
 #include "memory/orbs3_hash.h"
 #include "memory/orbs3_palloc.h"
@@ -243,3 +244,29 @@ inline constexpr int ORBS3_HOST_INVALID = -5;
 // of this worker's service: a domain equal to it (path style), else a domain inside it (virtual-host
 // style), else the first vhost (path style). Leaves both alone when the service has no vhost. Returns 0.
 int orbs3_find_virtual_server(orbs3_http_request_t* r);
+
+// ---- the life of a connection and its requests ----
+
+// The listener's handler: I/O wrappers, handlers, one read event, the idle deadline; then reads at once,
+// since the request may be there already.
+void orbs3_http_init_connection(orbs3_connection_t* c);
+// Read handler of an idle connection: makes a request for the bytes that arrived.
+void orbs3_http_wait_request_handler(orbs3_event_t* ev);
+// Read handler while a head is incomplete; it also drives the request through the front end, and the
+// pipelined requests behind it.
+void orbs3_http_process_get_request_header(orbs3_event_t* ev);
+// A new request in its own pool of request_pool_size bytes, or null (logged).
+[[nodiscard]] orbs3_http_request_t* orbs3_http_create_request(orbs3_connection_t* c);
+// Ends a request: body pool and request pool destroyed; a second call does nothing.
+void orbs3_http_close_request(orbs3_http_request_t* r);
+// Ends a connection at once; a closed one is left alone.
+void orbs3_http_close_connection(orbs3_connection_t* c);
+// The connection's exit handler (errors, hang-ups): closes the request, if any, and the connection.
+void orbs3_http_connection_exit_handler(orbs3_connection_t* c);
+// Ends the connection's current request after deferred work has answered it: the connection then waits
+// for the next request, takes up one that has arrived, or closes after the reply. -1 when the
+// connection is closed or has no request, else 0. Whoever calls it from a front-end handler returns
+// ORBS3_HTTP_CLOSED, so that the request is not ended twice.
+int orbs3_http_destory_thread_handler(orbs3_event_t* ev);
+// A write handler that does nothing.
+void orbs3_http_events_empty(orbs3_event_t* ev);

@@ -1,13 +1,20 @@
 #include "http/orbs3_http_response.h"
 
+#include <sys/sendfile.h>
+#include <unistd.h>
+
 #include <algorithm>
+#include <cerrno>
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string_view>
 
+#include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
+#include "event/neo_event_timer.h"
 #include "event/orbs3_epoll.h"
-#include "http/orbs3_http_bringup.h"
+#include "http/orbs3_http_request.h"
 #include "http/orbs3_http_head_text.h"
 
 // ---- the status table ----
@@ -232,13 +239,167 @@ void close_by_exit_handler(orbs3_connection_t* c)
         orbs3_close_connection(c);
 }
 
+// Bytes read from the file on TLS connections before they go through send: bounded, so a large file
+// costs the connection no more memory than this.
+constexpr std::size_t kFileSlice = 64u << 10;
+// sendfile moves at most a little under 2 GiB per call.
+constexpr int64_t kSendfileMax = 1 << 30;
+
+bool file_pending(const orbs3_connection_t* c)
+{
+    return c->send_file_fd >= 0;
+}
+
+// The file has gone, or failed: the descriptor is closed and the slice given back.
+void file_done(orbs3_connection_t* c)
+{
+    if (c->send_file_fd >= 0)
+        close(c->send_file_fd);
+    c->send_file_fd = -1;
+    c->send_file_pos = c->send_file_end = 0;
+    c->send_file_ahead = 0;
+    if (c->send_file_slice != nullptr) {
+        if (c->send_file_slice->start != nullptr)
+            (void)orbs3_pfree(c->pool, c->send_file_slice->start);
+        c->send_file_slice->start = c->send_file_slice->end = nullptr;
+        c->send_file_slice->pos = c->send_file_slice->last = nullptr;
+    }
+}
+
+std::size_t slice_unsent(const orbs3_connection_t* c)
+{
+    const orbs3_buf_t* s = c->send_file_slice;
+    return s == nullptr ? 0 : static_cast<std::size_t>(s->last - s->pos);
+}
+
+void log_short_file(const orbs3_connection_t* c)
+{
+    ipd_log(LOG_ERR, "file of the reply to fd=%d ended %lld bytes early", c->fd,
+            static_cast<long long>(c->send_file_end - c->send_file_pos));
+}
+
+// Plain connection: the kernel copies from the page cache to the socket. 0 when the range has gone, -2
+// when the socket is full, -1 on error.
+int send_file_plain(orbs3_connection_t* c)
+{
+    while (c->send_file_pos < c->send_file_end) {
+        off_t off = c->send_file_pos;
+        auto chunk = static_cast<std::size_t>(std::min(c->send_file_end - c->send_file_pos, kSendfileMax));
+        ssize_t n = sendfile(c->fd, c->send_file_fd, &off, chunk);
+        if (n > 0) {
+            c->send_file_pos += n;
+            continue;
+        }
+        if (n == 0) {
+            log_short_file(c);
+            return -1;
+        }
+        if (errno == EINTR)
+            continue;
+        if (errno == EAGAIN || errno == EWOULDBLOCK)
+            return -2;
+        ipd_debug("sendfile to fd=%d failed with %lld bytes left: %d", c->fd,
+                  static_cast<long long>(c->send_file_end - c->send_file_pos), errno);
+        return -1;
+    }
+    return 0;
+}
+
+// TLS connection: slices read into a buffer of the connection and sent through c->send. A slice the
+// socket did not take whole is kept and resent as it is, never read again.
+int send_file_sliced(orbs3_connection_t* c)
+{
+    orbs3_buf_t* s = c->send_file_slice;
+    if (s == nullptr) {
+        s = static_cast<orbs3_buf_t*>(orbs3_pcalloc(c->pool, sizeof(orbs3_buf_t)));
+        if (s == nullptr) {
+            ipd_log(LOG_ERR, "no memory for the file of the reply to fd=%d", c->fd);
+            return -1;
+        }
+        c->send_file_slice = s;
+    }
+    if (s->start == nullptr) {
+        s->start = static_cast<uint8_t*>(orbs3_pnalloc(c->pool, kFileSlice));
+        if (s->start == nullptr) {
+            ipd_log(LOG_ERR, "no memory for the file of the reply to fd=%d", c->fd);
+            return -1;
+        }
+        s->end = s->start + kFileSlice;
+        s->pos = s->last = s->start;
+    }
+    for (;;) {
+        if (s->pos == s->last) {
+            if (c->send_file_pos >= c->send_file_end)
+                return 0;
+            auto want = static_cast<std::size_t>(
+                std::min<int64_t>(c->send_file_end - c->send_file_pos, static_cast<int64_t>(kFileSlice)));
+            ssize_t k = pread(c->send_file_fd, s->start, want, c->send_file_pos);
+            if (k < 0 && errno == EINTR)
+                continue;
+            if (k < 0) {
+                ipd_log(LOG_ERR, "reading the file of the reply to fd=%d failed: %d", c->fd, errno);
+                return -1;
+            }
+            if (k == 0) {
+                log_short_file(c);
+                return -1;
+            }
+            c->send_file_pos += k;
+            s->pos = s->start;
+            s->last = s->start + k;
+        }
+        ssize_t n = c->send(c, s->pos, static_cast<std::size_t>(s->last - s->pos));
+        if (n == -2)
+            return -2;
+        if (n <= 0) {
+            ipd_debug("file of the reply to fd=%d failed with %lld bytes left", c->fd,
+                      static_cast<long long>(c->send_file_end - c->send_file_pos + (s->last - s->pos)));
+            return -1;
+        }
+        s->pos += n;
+    }
+}
+
+// Sends the file and closes it once it has gone; 0, -2 or -1 (the file closed too).
+int send_file_tail(orbs3_connection_t* c)
+{
+    int rc = c->ssl != nullptr ? send_file_sliced(c) : send_file_plain(c);
+    if (rc != -2)
+        file_done(c);
+    return rc;
+}
+
+// Sends queued bytes until *left of them have gone, counting *left down; 0, -2 or -1.
+int send_queued(orbs3_connection_t* c, std::size_t* left)
+{
+    orbs3_buf_t* b = c->send_buf;
+    while (*left != 0) {
+        ssize_t n = c->send(c, b->pos, *left);
+        if (n == -2)
+            return -2;
+        if (n <= 0) {
+            ipd_debug("pending reply to fd=%d failed with %zu bytes left", c->fd,
+                      static_cast<std::size_t>(b->last - b->pos));
+            return -1;
+        }
+        b->pos += n;
+        *left -= static_cast<std::size_t>(n);
+    }
+    return 0;
+}
+
 }  // namespace
 
 std::size_t orbs3_http_send_pending(const orbs3_connection_t* c)
 {
-    if (c == nullptr || c->send_buf == nullptr)
+    if (c == nullptr)
         return 0;
-    return static_cast<std::size_t>(c->send_buf->last - c->send_buf->pos);
+    std::size_t n = 0;
+    if (c->send_buf != nullptr)
+        n = static_cast<std::size_t>(c->send_buf->last - c->send_buf->pos);
+    if (file_pending(c))
+        n += static_cast<std::size_t>(c->send_file_end - c->send_file_pos) + slice_unsent(c);
+    return n;
 }
 
 int orbs3_http_send_response_bytes(orbs3_connection_t* c, const void* data, std::size_t len)
@@ -249,7 +410,7 @@ int orbs3_http_send_response_bytes(orbs3_connection_t* c, const void* data, std:
         return -1;
     const auto* p = static_cast<const uint8_t*>(data);
     std::size_t sent = 0;
-    // Behind pending output nothing may overtake it.
+    // Behind pending output (a pending file included) nothing may overtake it.
     if (orbs3_http_send_pending(c) == 0) {
         while (sent < len) {
             ssize_t n = c->send(c, p + sent, len - sent);
@@ -276,23 +437,59 @@ int orbs3_http_send_response_data(orbs3_connection_t* c, const char* text)
 
 int orbs3_http_send_flush(orbs3_connection_t* c)
 {
-    orbs3_buf_t* b = c->send_buf;
-    if (b == nullptr)
-        return 0;
-    while (b->pos < b->last) {
-        ssize_t n = c->send(c, b->pos, static_cast<std::size_t>(b->last - b->pos));
-        if (n == -2)
+    if (file_pending(c)) {
+        int rc = send_queued(c, &c->send_file_ahead);
+        if (rc == 0)
+            rc = send_file_tail(c);
+        if (rc == -2)
             return -2;
-        if (n <= 0) {
-            ipd_debug("pending reply to fd=%d failed with %zu bytes left", c->fd,
-                      static_cast<std::size_t>(b->last - b->pos));
+        if (rc == -1) {
+            file_done(c);
             drop_pending(c);
             return -1;
         }
-        b->pos += n;
     }
+    if (c->send_buf == nullptr)
+        return 0;
+    std::size_t left = static_cast<std::size_t>(c->send_buf->last - c->send_buf->pos);
+    int rc = send_queued(c, &left);
+    if (rc == -2)
+        return -2;
     drop_pending(c);
-    return 0;
+    return rc;
+}
+
+int orbs3_http_send_file(orbs3_connection_t* c, int fd, int64_t offset, int64_t len)
+{
+    if (c == nullptr) {
+        if (fd >= 0)
+            close(fd);
+        return 0;
+    }
+    if (fd < 0 || offset < 0 || len < 0 || len > INT64_MAX - offset) {
+        ipd_log(LOG_ERR, "file range %lld+%lld of the reply to fd=%d is not valid", static_cast<long long>(offset),
+                static_cast<long long>(len), c->fd);
+        if (fd >= 0)
+            close(fd);
+        return -1;
+    }
+    if (file_pending(c)) {
+        ipd_log(LOG_ERR, "reply to fd=%d has a file pending already", c->fd);
+        close(fd);
+        return -1;
+    }
+    if (len == 0) {
+        close(fd);
+        return 0;
+    }
+    c->send_file_fd = fd;
+    c->send_file_pos = offset;
+    c->send_file_end = offset + len;
+    c->send_file_ahead = c->send_buf != nullptr ? static_cast<std::size_t>(c->send_buf->last - c->send_buf->pos) : 0;
+    // Behind queued bytes the file waits for the write events, as any output would.
+    if (c->send_file_ahead != 0)
+        return 0;
+    return send_file_tail(c) == -1 ? -1 : 0;
 }
 
 int orbs3_http_send_wait(orbs3_connection_t* c)
@@ -300,15 +497,27 @@ int orbs3_http_send_wait(orbs3_connection_t* c)
     if (orbs3_http_send_pending(c) == 0)
         return 0;
     c->write->handler = orbs3_http_send_response_data_again;
+    // Set before the event is armed, so the timer never lands on an event already being handled. A
+    // timeout of 0 means no deadline.
+    if (sysconfig.http_timeout > 0)
+        neo_event_add_timer(c->write, static_cast<uint64_t>(sysconfig.http_timeout));
     // A connection not yet in the epoll set is added rather than changed.
-    if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0)
+    if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0) {
+        neo_event_del_timer(c->write);
         return -1;
+    }
     return -2;
 }
 
 void orbs3_http_send_response_data_again(orbs3_event_t* ev)
 {
     auto* c = static_cast<orbs3_connection_t*>(ev->data);
+    if (ev->timedout) {
+        ipd_debug("client of fd=%d took nothing for %d seconds, closing", c->fd, sysconfig.http_timeout);
+        close_by_exit_handler(c);
+        return;
+    }
+    neo_event_del_timer(ev);
     int rc = orbs3_http_send_flush(c);
     if (rc == -2) {
         if (orbs3_http_send_wait(c) != -2)

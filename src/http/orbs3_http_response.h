@@ -5,7 +5,12 @@
 // send_buf (from the connection's pool, at most ORBS3_HTTP_SEND_PENDING_MAX bytes) and leaves on write
 // events. While output is pending the connection must not be armed for reading: orbs3_http_send_wait
 // arms the write event, and when the output has drained the connection's read handler runs, as if a
-// read event had arrived.
+// read event had arrived. A wait has a time limit: a peer that takes nothing for http_timeout seconds is
+// dropped.
+//
+// A file body is not copied into the queue: the connection holds its descriptor and range, and on plain
+// connections the kernel moves it from the page cache to the socket (sendfile). On TLS connections it is
+// read in bounded slices and goes through the connection's send.
 #pragma once
 
 #include <cstddef>
@@ -71,16 +76,27 @@ inline constexpr std::size_t ORBS3_HTTP_HEADERS_LEN = 2048;
 [[nodiscard]] int orbs3_http_send_response_bytes(orbs3_connection_t* c, const void* data, std::size_t len);
 // The same for a NUL-terminated text; -1 for a null text.
 [[nodiscard]] int orbs3_http_send_response_data(orbs3_connection_t* c, const char* text);
-// Bytes written or queued but not yet taken by the socket.
+// Bytes written or queued but not yet taken by the socket, the pending file range included.
 std::size_t orbs3_http_send_pending(const orbs3_connection_t* c);
-// Writes pending output: 0 when none is left, -2 when the socket is full, -1 on error.
+// Writes pending output in order (queue, file, what was queued behind the file): 0 when none is left,
+// -2 when the socket is full, -1 on error.
 [[nodiscard]] int orbs3_http_send_flush(orbs3_connection_t* c);
-// With output pending: makes orbs3_http_send_response_data_again the write handler and arms one write
-// event, -2 (or -1 when it cannot be armed). Without: 0.
+// With output pending: makes orbs3_http_send_response_data_again the write handler, sets a timer of
+// sysconfig.http_timeout seconds on the write event and arms one write event, -2 (or -1 when it cannot
+// be armed). Without: 0.
 [[nodiscard]] int orbs3_http_send_wait(orbs3_connection_t* c);
-// Write handler: sends pending output; when it has drained, the read handler runs. Errors close the
-// connection through its exit handler.
+// Write handler: sends pending output; when it has drained, the read handler runs. Errors and a timed
+// out wait close the connection through its exit handler.
 void orbs3_http_send_response_data_again(orbs3_event_t* ev);
+
+// Sends len bytes of fd from offset, behind output already pending; output written after this call
+// follows the file. The connection owns fd from the call on, whatever the result: it is closed when the
+// range has gone, on an error, or when the connection closes. 0: all sent, or the rest is pending (wait
+// with orbs3_http_send_wait as after any output); -1: an error, the connection is to be closed. A file
+// shorter than the range is an error, since the head has promised the length. One file at a time: while
+// one is pending, a second call gives -1 (the first stays pending). A null connection closes fd and
+// gives 0.
+[[nodiscard]] int orbs3_http_send_file(orbs3_connection_t* c, int fd, int64_t offset, int64_t len);
 
 // ---- replies ----
 // Each takes connection and origin as NUL-terminated words (null reads as empty); an origin that is not

@@ -406,6 +406,19 @@ const char* neo_getstr(const orbs3_str_t* str)
 
 // ---- buffers and chains ----
 
+orbs3_buf_t* orbs3_create_temp_buf(orbs3_pool_t* pool, std::size_t size)
+{
+    auto* b = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool, sizeof(orbs3_buf_t)));
+    if (b == nullptr)
+        return nullptr;
+    auto* mem = static_cast<uint8_t*>(orbs3_pnalloc(pool, size != 0 ? size : 1));
+    if (mem == nullptr)
+        return nullptr;
+    b->start = b->pos = b->last = mem;
+    b->end = mem + size;
+    return b;
+}
+
 orbs3_chain_t* orbs3_new_chain_size(orbs3_pool_t* pool, std::size_t size)
 {
     auto* cl = static_cast<orbs3_chain_t*>(orbs3_pcalloc(pool, sizeof(orbs3_chain_t)));

@@ -156,6 +156,8 @@ struct orbs3_chain_t {
     orbs3_chain_t* next;
 };
 
+// A buffer of `size` bytes from the pool, not cleared; pos and last at its start. Null on failure.
+[[nodiscard]] orbs3_buf_t* orbs3_create_temp_buf(orbs3_pool_t* pool, std::size_t size);
 // One link, one buffer and `size` bytes of cleared memory from the pool.
 [[nodiscard]] orbs3_chain_t* orbs3_new_chain_size(orbs3_pool_t* pool, std::size_t size);
 // The same with the configured receive buffer size.

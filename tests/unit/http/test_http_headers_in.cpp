@@ -186,7 +186,7 @@ TEST(HttpHeadersIn, ContentLengthIsDigitsWithinInt64)
         parsed_head p("Content-Length: " + std::string(row.value) + "\r\n");
         ASSERT_EQ(p.rc, 0);
         EXPECT_EQ(p.t.r->content_length, row.length);
-        EXPECT_EQ(orbs3_http_process_request_header(p.t.r), row.length >= 0 ? 0 : -1);
+        EXPECT_EQ(orbs3_http_process_request_header(p.t.r), row.length >= 0 ? 0 : ORBS3_HTTP_BAD_FRAMING);
     }
 }
 
@@ -200,22 +200,23 @@ TEST(HttpHeadersIn, WholeHeadTestRefusesAmbiguousFraming)
         bool chunked;
         int64_t length;
     };
+    constexpr int B = ORBS3_HTTP_BAD_FRAMING;
     const row rows[] = {
         {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 10\r\n", 0, false, 10},
         {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked\r\n", 0, true, -1},
         {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: CHUNKED\r\n", 0, true, -1},
         {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: identity\r\n", 0, false, -1},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: gzip\r\n", -1, false, -1},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: gzip, chunked\r\n", -1, true, -1},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked, identity\r\n", -1, true, -1},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n", -1, true,
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: gzip\r\n", B, false, -1},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: gzip, chunked\r\n", B, true, -1},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked, identity\r\n", B, true, -1},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked\r\nTransfer-Encoding: chunked\r\n", B, true,
          -1},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked\r\nContent-Length: 10\r\n", -1, true, 10},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 10\r\nTransfer-Encoding: identity\r\n", -1, false, 10},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Transfer-Encoding: chunked\r\nContent-Length: 10\r\n", B, true, 10},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 10\r\nTransfer-Encoding: identity\r\n", B, false, 10},
         {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 10\r\nContent-Length: 10\r\n", 0, false, 10},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 10\r\nContent-Length: 11\r\n", -1, false, 11},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: x\r\nContent-Length: 11\r\n", -1, false, 11},
-        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 11\r\nContent-Length: x\r\n", -1, false, -1},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 10\r\nContent-Length: 11\r\n", B, false, 11},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: x\r\nContent-Length: 11\r\n", B, false, 11},
+        {"PUT /o HTTP/1.1\r\nHost: h\r\n", "Content-Length: 11\r\nContent-Length: x\r\n", B, false, -1},
         {"TRACE / HTTP/1.1\r\nHost: h\r\n", "", -1, false, -1},
         // No Host: no server name, and above 1.0 no Host at all.
         {"GET / HTTP/1.0\r\n", "", -1, false, -1},

@@ -16,7 +16,7 @@
 #include "event/orbs3_epoll.h"
 #include "event/orbs3_fd.h"
 #include "event/orbs3_socket.h"
-#include "http/orbs3_http_bringup.h"
+#include "http/orbs3_http_request.h"
 #include "http/orbs3_http_response.h"
 #include "http_test_request.h"
 
