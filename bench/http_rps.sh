@@ -1,8 +1,10 @@
 #!/usr/bin/env bash
 # Requests per second over kept-alive connections, orbmux beside nginx in one run on this machine.
 #
-# orbmux serves one demo tenant from a sandbox prefix; nginx (Debian package) serves a static file of the
-# same size as orbmux's reply body from another loopback port. Both get the same wrk load, alternately,
+# orbmux serves one tenant from a sandbox prefix with its built-in settings, and answers every request
+# through the whole HTTP engine (head read and parsed, vhost found, request classified, reply written); until
+# the S3 layer exists that reply is the NotImplemented error document. nginx (Debian package) serves a
+# static file of the same size as that document from another loopback port. Both get the same wrk load, alternately,
 # ROUNDS times; the script prints every run, the medians and the ratio orbmux / nginx.
 #
 #   bash bench/http_rps.sh            # ROUNDS=3 SECONDS=10 CONNS=100 THREADS=2 by default
@@ -13,11 +15,11 @@ ROUNDS=${ROUNDS:-3}
 DURATION=${SECONDS_PER_RUN:-10}
 CONNS=${CONNS:-100}
 THREADS=${THREADS:-2}
-BODY_BYTES=${BODY_BYTES:-1024}
 
 need=()
 command -v wrk >/dev/null || need+=(wrk)
 command -v nginx >/dev/null || need+=(nginx-light)
+command -v curl >/dev/null || need+=(curl)
 if [ ${#need[@]} -gt 0 ]; then
   DEBIAN_FRONTEND=noninteractive apt-get install -y -q "${need[@]}" >/dev/null
 fi
@@ -43,7 +45,6 @@ ORBMUX_PREFIX=$work build/release/src/orbmux </dev/null >"$work/orbmux.log" 2>&1
 
 # nginx: as many workers as CPUs, no access log, one static file.
 mkdir -p "$work/nginx/html" "$work/nginx/tmp"
-head -c "$BODY_BYTES" /dev/zero | tr '\0' a >"$work/nginx/html/object"
 cat >"$work/nginx/nginx.conf" <<CONF
 worker_processes auto;
 pid $work/nginx/nginx.pid;
@@ -76,6 +77,9 @@ wait_port() {
 }
 wait_port "$orb_port"
 wait_port "$ngx_port"
+# The same number of body bytes from both.
+curl -s "http://127.0.0.1:$orb_port/bucket/object" >"$work/nginx/html/object"
+echo "reply body: $(wc -c <"$work/nginx/html/object") bytes from each server"
 
 rps() { wrk -t"$THREADS" -c"$CONNS" -d"${DURATION}s" "http://127.0.0.1:$1/bucket/object" | awk '/Requests\/sec/ {print $2}'; }
 median() { sort -n | awk '{a[NR]=$1} END {print a[int((NR+1)/2)]}'; }

@@ -16,6 +16,8 @@
 #include <ctime>
 #include <string>
 
+#include "core/orbs3_process.h"
+
 std::atomic<int> g_debug_level{0};
 
 const ipd_log_level_t g_log_level[8] = {
@@ -73,6 +75,9 @@ pthread_once_t g_log_atfork_once = PTHREAD_ONCE_INIT;
 
 void log_register_atfork()
 {
+    // The allocator's fork guard must be registered before this handler, so that its prepare step runs
+    // after this one: a thread holding the log lock may be waiting for the allocator.
+    orbs3_fork_guard_init();
     (void)pthread_atfork(log_fork_prepare, log_fork_release, log_fork_release);
 }
 

@@ -293,6 +293,15 @@ void orbs3_close_all_connections()
                 return;
             c = list_entry(g_open_connections.next, orbs3_connection_t, open_link);
         }
+        // The exit handler also ends a request in progress, whose pool is not the connection's. Should it
+        // leave the connection open, it is closed here, so the loop always moves on.
+        if (c->exit_handler != nullptr) {
+            c->exit_handler(c);
+            conn_lock lock;
+            if (list_empty(&g_open_connections) ||
+                list_entry(g_open_connections.next, orbs3_connection_t, open_link) != c)
+                continue;
+        }
         orbs3_close_connection(c);
     }
 }

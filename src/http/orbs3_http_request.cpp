@@ -94,12 +94,31 @@ void close_after_reply(orbs3_connection_t* c)
 }
 
 // A write handler that hands over to the read handler: a way back into the event loop, so that the next
-// pipelined request is taken up by the loop rather than by a deeper call.
+// pipelined request is taken up by the loop rather than by a deeper call. The socket reports itself
+// writable only while its send buffer has room, so a client that reads no replies holds the next request
+// here until the deadline closes it.
 void resume_read(orbs3_event_t* ev)
 {
     auto* c = static_cast<orbs3_connection_t*>(ev->data);
+    if (ev->timedout) {
+        ipd_debug("client of fd=%d took no replies for %d seconds, closing", c->fd, sysconfig.http_timeout);
+        orbs3_http_connection_exit_handler(c);
+        return;
+    }
+    neo_event_del_timer(ev);
     c->write->handler = orbs3_http_events_empty;
     c->read->handler(c->read);
+}
+
+// Takes up the connection's next request from the event loop. 0, or -1 when it cannot be armed.
+int wait_resume(orbs3_connection_t* c)
+{
+    c->write->handler = resume_read;
+    if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0)
+        return -1;
+    if (sysconfig.http_timeout > 0)
+        neo_event_add_timer(c->write, static_cast<uint64_t>(sysconfig.http_timeout));
+    return 0;
 }
 
 enum class next_step { stop, process };
@@ -157,8 +176,7 @@ next_step finish_request(orbs3_http_request_t* r, bool inline_next)
     }
     if (inline_next)
         return next_step::process;
-    c->write->handler = resume_read;
-    if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0)
+    if (wait_resume(c) != 0)
         close_request_and_connection(next);
     return next_step::stop;
 }
@@ -373,8 +391,7 @@ void orbs3_http_process_get_request_header(orbs3_event_t* ev)
         r = static_cast<orbs3_http_request_t*>(c->data);
         if (served + 1 >= kRequestsPerEvent) {
             // Fairness: the next pipelined request is taken up on the next pass.
-            c->write->handler = resume_read;
-            if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0)
+            if (wait_resume(c) != 0)
                 close_request_and_connection(r);
             return;
         }

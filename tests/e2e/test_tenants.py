@@ -1,7 +1,7 @@
 """Tenants loaded from their files at start: one worker per (ssl, address, port) with an active host.
 
 One daemon serves the whole module: it needs about six seconds to decide, without a cluster controller,
-that it starts offline. Until the HTTP engine exists a served port answers the fixed test reply.
+that it starts offline. Until the S3 layer exists a served port answers every request 501 NotImplemented.
 """
 
 import os

@@ -1,6 +1,6 @@
 """The worker process and its event loop, for one provisioned tenant on a free port.
 
-Until the HTTP engine exists every request head is answered with the fixed test reply; the worker's
+Until the S3 layer exists the HTTP engine answers every request 501 NotImplemented; the worker's
 debug trace ("accept fd=.. on thread ..", "close fd=.. on thread ..", the counters line) shows how
 connections were spread and that each one was closed again.
 """
@@ -17,42 +17,51 @@ import pytest
 
 from orbmux_harness import DEBUG_FILE, OFFLINE_START, Sandbox, free_port, pid_alive, port_accepts, wait_for
 
-REPLY_HEAD = re.compile(
-    rb"HTTP/1\.1 200 OK\r\n"
-    rb"Date: (?P<date>(Sun|Mon|Tue|Wed|Thu|Fri|Sat), [1-9]\d? "
+DATE = re.compile(
+    rb"\r\nDate: ((Sun|Mon|Tue|Wed|Thu|Fri|Sat), [1-9]\d? "
     rb"(Jan|Feb|Mar|Apr|May|Jun|jul|Aug|Sept|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d GMT)\r\n")
 REQUEST = b"GET /bucket/object HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: e2e\r\n\r\n"
 ACCEPT_LINE = re.compile(r"accept fd=(\d+) on thread (-?\d+)")
 CLOSE_LINE = re.compile(r"close fd=(\d+) on thread (-?\d+)")
 COUNTERS_LINE = re.compile(r"connections accepted=(\d+) open=(-?\d+) closed=(\d+) free slots=(-?\d+)")
 
+# The head buffer of the built-in configuration.
+HEAD_BUFFER = 1 << 20
 
-def expected_reply(date):
-    """The fixed reply, byte for byte, for the date the server wrote."""
-    return (b"HTTP/1.1 200 OK\r\nDate: " + date + b"\r\nETag: 347744cc233e4f4f9457c9e3de370497\r\n"
-            b"Connection: keep-alive\r\nContent-Length:1024\r\nServer: KELVANE\r\n\r\n" + b"a" * 1024)
+NOT_IMPLEMENTED_DOC = (b'<?xml version="1.0" encoding="utf-8"?><Error><Code>NotImplemented</Code>'
+                       b"<Message>A header you provided implies functionality that is not implemented.</Message>"
+                       b"<Resource>/</Resource><RequestId></RequestId></Error>\n")
+
+
+def expected_reply(date, connection=b"keep-alive", head_only=False):
+    """The 501 reply, byte for byte, for the date the server wrote; a reply to HEAD has no document."""
+    doc = b"" if head_only else NOT_IMPLEMENTED_DOC
+    return (b"HTTP/1.1 501 Not Implemented\r\nDate: " + date + b"\r\nContent-Length:" + str(len(doc)).encode()
+            + b"\r\nConnection: " + connection + b"\r\nServer: KELVANE 1.0\r\nContent-Type: text/xml\r\n\r\n"
+            + doc)
 
 
 def read_replies(sock, n=1):
-    """Reads n replies (head and 1024-byte body each), checking each byte for byte, Date aside.
+    """Reads n replies to GET (head and document each), checking each byte for byte, Date aside.
     Returns what came behind them."""
     data = b""
 
     def more():
         chunk = sock.recv(65536)
-        assert chunk, f"connection closed after {data[:200]!r}"
+        assert chunk, f"connection closed after {data[:300]!r}"
         return chunk
 
     for _ in range(n):
         while b"\r\n\r\n" not in data:
             data += more()
         head_len = data.index(b"\r\n\r\n") + 4
-        while len(data) < head_len + 1024:
-            data += more()
-        m = REPLY_HEAD.match(data)
+        m = DATE.search(data[:head_len])
         assert m, f"unexpected reply head {data[:head_len]!r}"
-        assert data[:head_len + 1024] == expected_reply(m.group("date"))
-        data = data[head_len + 1024:]
+        want = expected_reply(m.group(1))
+        while len(data) < len(want):
+            data += more()
+        assert data[:len(want)] == want, data[:len(want)]
+        data = data[len(want):]
     return data
 
 
@@ -173,7 +182,7 @@ def test_worker_has_its_title_and_one_pinned_epoll_thread_per_cpu(service):
     assert re.search(r"vhost:[0-9a-f]+,test,[^,]*,active,false", service.debug())
 
 
-def test_fixed_reply_arrives_byte_exact_for_every_request_of_every_connection(service):
+def test_not_implemented_reply_arrives_byte_exact_for_every_request_of_every_connection(service):
     for _ in range(10):
         with connect(service.port) as s:
             for _ in range(3):  # keep-alive: one request after the other
@@ -231,7 +240,17 @@ def test_clients_that_send_nothing_or_half_a_request_cost_nothing_lasting(servic
         if i % 3 == 1:
             s.sendall(REQUEST[:i % len(REQUEST) + 1])
         elif i % 3 == 2:
-            s.sendall(b"GET /" + b"k" * 8192)  # a head larger than the buffer: the server closes
+            # A head larger than the buffer (1 MiB without http.conf): the server closes, unanswered.
+            try:
+                s.sendall(b"GET /" + b"k" * HEAD_BUFFER)
+            except OSError:
+                pass
+    for i, s in enumerate(socks):
+        if i % 3 == 2:
+            try:
+                assert s.recv(1) == b""
+            except ConnectionResetError:
+                pass
     time.sleep(0.3)
     for s in socks:
         s.close()
