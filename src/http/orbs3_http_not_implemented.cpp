@@ -5,7 +5,6 @@
 #include <cstdio>
 
 #include "core/orbs3_log.h"
-#include "event/neo_event_timer.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
 
@@ -62,13 +61,6 @@ int reply_body_failure(orbs3_http_request_t* r, int rc)
 void put_again(orbs3_event_t* ev);
 void document_again(orbs3_event_t* ev);
 
-void close_both(orbs3_http_request_t* r)
-{
-    orbs3_connection_t* c = r->connection;
-    orbs3_http_close_request(r);
-    orbs3_http_close_connection(c);
-}
-
 // One pass of a PUT's data into /dev/null; the descriptor is opened anew for every pass, as an object
 // file is. The status sent, -2, or ORBS3_HTTP_CLOSED.
 int put_pass(orbs3_http_request_t* r)
@@ -80,7 +72,7 @@ int put_pass(orbs3_http_request_t* r)
     int rc = orbs3_http_write_body_into_file(r, file);
     if (rc == -2) {
         if (orbs3_http_wait_read(r->connection, put_again) != 0) {
-            close_both(r);
+            orbs3_http_close_request_and_connection(r);
             return ORBS3_HTTP_CLOSED;
         }
         return -2;
@@ -89,7 +81,7 @@ int put_pass(orbs3_http_request_t* r)
         // The client went away, or the socket failed: nobody to answer.
         ipd_log(LOG_INFO, "PUT %.*s: body ended after %lld bytes", static_cast<int>(r->uri.len), r->uri.data,
                 static_cast<long long>(file->size));
-        close_both(r);
+        orbs3_http_close_request_and_connection(r);
         return ORBS3_HTTP_CLOSED;
     }
     if (rc != 0)
@@ -106,7 +98,7 @@ int document_pass(orbs3_http_request_t* r)
         return rc;
     if (rc == -2) {
         if (orbs3_http_wait_read(r->connection, document_again) != 0) {
-            close_both(r);
+            orbs3_http_close_request_and_connection(r);
             return ORBS3_HTTP_CLOSED;
         }
         return -2;
@@ -121,23 +113,14 @@ int document_pass(orbs3_http_request_t* r)
 // A later read event of a body: the pass goes on, and the request ends here once it is answered.
 void resume(orbs3_event_t* ev, int (*pass)(orbs3_http_request_t*))
 {
-    auto* c = static_cast<orbs3_connection_t*>(ev->data);
-    auto* r = static_cast<orbs3_http_request_t*>(c->data);
-    if (r == nullptr || c->closed) {
-        orbs3_http_close_connection(c);
+    orbs3_http_request_t* r = orbs3_http_read_event_request(ev, "the body");
+    if (r == nullptr)
         return;
-    }
-    if (ev->timedout) {
-        ipd_debug("client timed out sending the body, fd=%d", c->fd);
-        close_both(r);
-        return;
-    }
-    neo_event_del_timer(ev);
     int rc = pass(r);
     if (rc == -2 || rc == ORBS3_HTTP_CLOSED)
         return;
     if (rc < 0) {
-        close_both(r);
+        orbs3_http_close_request_and_connection(r);
         return;
     }
     (void)orbs3_http_destory_thread_handler(ev);

@@ -31,13 +31,6 @@ constexpr std::size_t kLingerRead = 4096;
 // Pipelined requests taken one after another in one read event before the others get their turn.
 constexpr int kRequestsPerEvent = 32;
 
-void close_request_and_connection(orbs3_http_request_t* r)
-{
-    orbs3_connection_t* c = r->connection;
-    orbs3_http_close_request(r);
-    orbs3_http_close_connection(c);
-}
-
 void linger_handler(orbs3_event_t* ev)
 {
     auto* c = static_cast<orbs3_connection_t*>(ev->data);
@@ -171,13 +164,13 @@ next_step finish_request(orbs3_http_request_t* r, bool inline_next)
     c->read->handler = orbs3_http_process_get_request_header;
     if (orbs3_http_send_pending(c) != 0) {
         if (orbs3_http_send_wait(c) != -2)
-            close_request_and_connection(next);
+            orbs3_http_close_request_and_connection(next);
         return next_step::stop;
     }
     if (inline_next)
         return next_step::process;
     if (wait_resume(c) != 0)
-        close_request_and_connection(next);
+        orbs3_http_close_request_and_connection(next);
     return next_step::stop;
 }
 
@@ -206,19 +199,19 @@ int read_head(orbs3_http_request_t* r)
         // A head that fills the buffer without ending: dropped without a reply.
         ipd_log(LOG_ERR, "client sent too large request head: more than %zu bytes",
                 static_cast<std::size_t>(in->end - in->start) - 1);
-        close_request_and_connection(r);
+        orbs3_http_close_request_and_connection(r);
         return -1;
     }
     ssize_t n = c->recv(c, in->last, room - 1);
     if (n == -2) {
         if (orbs3_http_wait_read(c, orbs3_http_process_get_request_header) != 0) {
-            close_request_and_connection(r);
+            orbs3_http_close_request_and_connection(r);
             return -1;
         }
         return 0;
     }
     if (n <= 0) {
-        close_request_and_connection(r);
+        orbs3_http_close_request_and_connection(r);
         return -1;
     }
     in->last += n;
@@ -235,7 +228,7 @@ next_step run_request(orbs3_http_request_t* r)
     orbs3_buf_t* in = r->header_in;
 
     if (parser_http_request_handler(r) != 0) {
-        close_request_and_connection(r);
+        orbs3_http_close_request_and_connection(r);
         return next_step::stop;
     }
     int rc = orbs3_http_process_request_header(r);
@@ -244,7 +237,7 @@ next_step run_request(orbs3_http_request_t* r)
         return next_step::stop;
     }
     if (rc != 0) {
-        close_request_and_connection(r);
+        orbs3_http_close_request_and_connection(r);
         return next_step::stop;
     }
     (void)orbs3_find_virtual_server(r);
@@ -266,7 +259,7 @@ next_step run_request(orbs3_http_request_t* r)
     if (rc == ORBS3_AGAIN || rc == ORBS3_HTTP_CLOSED)
         return next_step::stop;  // goes on in later events, or already ended
     if (rc == -1) {
-        close_request_and_connection(r);
+        orbs3_http_close_request_and_connection(r);
         return next_step::stop;
     }
     return finish_request(r, true);
@@ -351,7 +344,7 @@ void orbs3_http_wait_request_handler(orbs3_event_t* ev)
         return;
     }
     if (n <= 0) {
-        close_request_and_connection(r);
+        orbs3_http_close_request_and_connection(r);
         return;
     }
     in->last += n;
@@ -364,17 +357,9 @@ void orbs3_http_wait_request_handler(orbs3_event_t* ev)
 void orbs3_http_process_get_request_header(orbs3_event_t* ev)
 {
     auto* c = static_cast<orbs3_connection_t*>(ev->data);
-    auto* r = static_cast<orbs3_http_request_t*>(c->data);
-    if (r == nullptr || c->closed) {
-        orbs3_http_close_connection(c);
+    orbs3_http_request_t* r = orbs3_http_read_event_request(ev, "the request head");
+    if (r == nullptr)
         return;
-    }
-    if (ev->timedout) {
-        ipd_debug("client timed out reading request head, fd=%d", c->fd);
-        close_request_and_connection(r);
-        return;
-    }
-    neo_event_del_timer(ev);
 
     for (int served = 0;; served++) {
         // The first round works on the bytes at hand; a head that has none, or an incomplete one, reads.
@@ -392,7 +377,7 @@ void orbs3_http_process_get_request_header(orbs3_event_t* ev)
         if (served + 1 >= kRequestsPerEvent) {
             // Fairness: the next pipelined request is taken up on the next pass.
             if (wait_resume(c) != 0)
-                close_request_and_connection(r);
+                orbs3_http_close_request_and_connection(r);
             return;
         }
     }
@@ -421,6 +406,30 @@ void orbs3_http_close_request(orbs3_http_request_t* r)
     orbs3_destroy_pool(pool);
 }
 
+void orbs3_http_close_request_and_connection(orbs3_http_request_t* r)
+{
+    orbs3_connection_t* c = r->connection;
+    orbs3_http_close_request(r);
+    orbs3_http_close_connection(c);
+}
+
+orbs3_http_request_t* orbs3_http_read_event_request(orbs3_event_t* ev, const char* waiting_for)
+{
+    auto* c = static_cast<orbs3_connection_t*>(ev->data);
+    auto* r = static_cast<orbs3_http_request_t*>(c->data);
+    if (r == nullptr || c->closed) {
+        orbs3_http_close_connection(c);
+        return nullptr;
+    }
+    if (ev->timedout) {
+        ipd_debug("client timed out sending %s, fd=%d", waiting_for, c->fd);
+        orbs3_http_close_request_and_connection(r);
+        return nullptr;
+    }
+    neo_event_del_timer(ev);
+    return r;
+}
+
 void orbs3_http_close_connection(orbs3_connection_t* c)
 {
     if (c == nullptr || c->closed)
@@ -442,7 +451,7 @@ void orbs3_http_connection_exit_handler(orbs3_connection_t* c)
     if (c->closed)
         return;
     if (c->data != nullptr) {
-        close_request_and_connection(static_cast<orbs3_http_request_t*>(c->data));
+        orbs3_http_close_request_and_connection(static_cast<orbs3_http_request_t*>(c->data));
         return;
     }
     orbs3_http_close_connection(c);

@@ -261,6 +261,12 @@ void orbs3_http_process_get_request_header(orbs3_event_t* ev);
 void orbs3_http_close_request(orbs3_http_request_t* r);
 // Ends a connection at once; a closed one is left alone.
 void orbs3_http_close_connection(orbs3_connection_t* c);
+// Both, request first.
+void orbs3_http_close_request_and_connection(orbs3_http_request_t* r);
+// The request of a read event that resumes waiting work, with the event's deadline removed; null when
+// there is nothing to resume: the connection was closed or had no request, or the deadline passed while
+// the client was sending `waiting_for` (logged). Connection and request are closed in those cases.
+[[nodiscard]] orbs3_http_request_t* orbs3_http_read_event_request(orbs3_event_t* ev, const char* waiting_for);
 // The connection's exit handler (errors, hang-ups): closes the request, if any, and the connection.
 void orbs3_http_connection_exit_handler(orbs3_connection_t* c);
 // Ends the connection's current request after deferred work has answered it: the connection then waits

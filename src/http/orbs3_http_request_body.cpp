@@ -230,8 +230,7 @@ int orbs3_http_recv_request_body(orbs3_event_t* ev)
         if (n == ORBS3_HTTP_BODY_INVALID)
             return ORBS3_HTTP_BODY_INVALID;
         if (n < 0) {
-            orbs3_http_close_connection(c);
-            orbs3_http_close_request(r);
+            orbs3_http_close_request_and_connection(r);
             return ORBS3_HTTP_CLOSED;
         }
         b->last += n;
