@@ -150,16 +150,36 @@ int orbs3_http_process_connection(orbs3_http_request_t* r, orbs3_header_t* h, st
     return 0;
 }
 
-int orbs3_http_process_header_xff(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
+namespace {
+
+// Appends the record to the array at the field, made with `first` slots on the first occurrence.
+int push_occurrence(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset, uint32_t first)
 {
     auto* a = field_at<orbs3_array_t>(r, offset);
-    if (a->elts == nullptr && orbs3_array_init(a, r->pool, 10, sizeof(orbs3_header_t*)) != 0)
+    if (a->elts == nullptr && orbs3_array_init(a, r->pool, first, sizeof(orbs3_header_t*)) != 0)
         return -1;
     auto** slot = static_cast<orbs3_header_t**>(orbs3_array_push(a));
     if (slot == nullptr)
         return -1;
     *slot = h;
     return 0;
+}
+
+}  // namespace
+
+int orbs3_http_process_header_xff(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
+{
+    return push_occurrence(r, h, offset, 10);
+}
+
+int orbs3_http_process_multi_header_lines(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
+{
+    return push_occurrence(r, h, offset, 1);
+}
+
+int orbs3_http_process_header_keep_alive(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
+{
+    return orbs3_http_process_header_line(r, h, offset);
 }
 
 int orbs3_http_process_multi_cookies(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)

@@ -617,3 +617,64 @@ int orbs3_http_send_headers(orbs3_http_request_t* r)
     }
     return orbs3_http_send_response_bytes(r->connection, t.data, t.len) == 0 ? 0 : -1;
 }
+
+int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf)
+{
+    if (c == nullptr || buf == nullptr || buf->last < buf->pos)
+        return -1;
+    const std::size_t len = static_cast<std::size_t>(buf->last - buf->pos);
+    if (orbs3_http_send_response_bytes(c, buf->pos, len) != 0)
+        return -1;
+    buf->pos = buf->last;
+    return orbs3_http_send_wait(c);
+}
+
+// ---- redirects and the minimal reply ----
+
+namespace {
+
+constexpr std::size_t kRedirectTargetMax = 1024;
+
+// Formats into the request's work buffer and sends; -1 when the text does not fit it.
+template <typename... Args>
+int send_formatted(orbs3_http_request_t* r, const char* format, Args... args)
+{
+    orbs3_buf_t* b = r->work_buf;
+    if (b == nullptr)
+        return -1;
+    const std::size_t room = static_cast<std::size_t>(b->end - b->start);
+    int n = std::snprintf(reinterpret_cast<char*>(b->start), room, format, args...);
+    if (n < 0 || static_cast<std::size_t>(n) >= room)
+        return -1;
+    return orbs3_http_send_response_bytes(r->connection, b->start, static_cast<std::size_t>(n)) == 0 ? 0 : -1;
+}
+
+int send_redirect(orbs3_http_request_t* r, const orbs3_str_t& target)
+{
+    if (target.len > kRedirectTargetMax)
+        return -1;
+    return send_formatted(r, "HTTP/1.1 302 Found\r\nLocation: %.*s\r\nContent-Length: 0\r\n\r\n",
+                          static_cast<int>(target.len), target.data != nullptr ? target.data : "");
+}
+
+}  // namespace
+
+int orbs3_urlp_redirect(orbs3_http_request_t* r)
+{
+    return r == nullptr ? -1 : send_redirect(r, r->url);
+}
+
+int orbs3_uri_redirect(orbs3_http_request_t* r)
+{
+    return r == nullptr ? -1 : send_redirect(r, r->uri);
+}
+
+int orbs3_http_response_200(orbs3_http_request_t* r)
+{
+    if (r == nullptr || r->uri.len > kRedirectTargetMax)
+        return -1;
+    const bool keep = r->headers_in.connection_type == ORBS3_HTTP_CONNECTION_KEEP_ALIVE;
+    return send_formatted(r, "HTTP/1.1 200 OK\r\nLocation: %.*s\r\nContent-Length: %d\r\nConnection: %s\r\n\r\n%s",
+                          static_cast<int>(r->uri.len), r->uri.data != nullptr ? r->uri.data : "", keep ? 5 : 0,
+                          keep ? "keep-alive" : "close", keep ? "hello" : "");
+}

@@ -78,6 +78,9 @@ inline constexpr std::size_t ORBS3_HTTP_HEADERS_LEN = 2048;
 [[nodiscard]] int orbs3_http_send_response_data(orbs3_connection_t* c, const char* text);
 // Bytes written or queued but not yet taken by the socket, the pending file range included.
 std::size_t orbs3_http_send_pending(const orbs3_connection_t* c);
+// Writes buf->pos up to buf->last (pos moves to last) and waits for the socket if it must: 0 all sent,
+// -2 the rest goes out on write events, -1 on error.
+[[nodiscard]] int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf);
 // Writes pending output in order (queue, file, what was queued behind the file): 0 when none is left,
 // -2 when the socket is full, -1 on error.
 [[nodiscard]] int orbs3_http_send_flush(orbs3_connection_t* c);
@@ -175,9 +178,24 @@ ORBS3_HTTP_ETAG_MSG(upload_part_object);
 [[nodiscard]] int orbs3_http_send_list_buckets_msg(orbs3_connection_t* c, uint32_t status,
                                                    const char* request_id, const char* body,
                                                    const char* connection, const char* origin);
+// The list reply of list_objects that leaves without waiting: 0 when it went out whole, -2 when the rest
+// goes out on write events (the connection's read handler runs once it has), -1 on error. With an origin
+// its head starts with the Connection line.
+[[nodiscard]] int orbs3_http_send_list_objects_msg_ex(orbs3_connection_t* c, uint32_t status, const char* body,
+                                                      const char* connection, const char* origin);
 // A JSON document; never an Access-Control-Allow-Origin line.
 [[nodiscard]] int orbs3_http_send_list_part_object_msg(orbs3_connection_t* c, uint32_t status, const char* body,
                                                        const char* connection);
+
+// ---- redirects and the minimal reply (no S3 operation answers with them) ----
+
+// "302 Found" to r->url (the Host value and the path), or to r->uri; at most 1024 bytes of target, else
+// -1. Formatted in r->work_buf. 0 or -1.
+[[nodiscard]] int orbs3_urlp_redirect(orbs3_http_request_t* r);
+[[nodiscard]] int orbs3_uri_redirect(orbs3_http_request_t* r);
+// 200 with "Location: <uri>", "Content-Length: 0" and "Connection: close"; on a kept-alive connection
+// "Content-Length: 5", "Connection: keep-alive" and the body "hello". 0 or -1.
+[[nodiscard]] int orbs3_http_response_200(orbs3_http_request_t* r);
 
 // ---- list-based head of object downloads ----
 

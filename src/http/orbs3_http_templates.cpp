@@ -51,6 +51,8 @@ constexpr tpl_line kTplJ[] = {kDate,
                               {"Content-Type: application/xml", field::none, false}};
 // Same lines as B.
 constexpr std::span<const tpl_line> kTplK = kTplB;
+// The non-blocking list reply states the connection first when it echoes an origin.
+constexpr tpl_line kTplKOrigin[] = {kConnection, kDate, kLength, kCors, kServer, kXml};
 constexpr tpl_line kTplL[] = {kDate, kConnection, kLength, kServer, kJson};
 // A preflight always echoes the origin.
 constexpr tpl_line kTplM[] = {kDate,
@@ -238,4 +240,15 @@ int orbs3_http_send_options_msg(orbs3_connection_t* c, uint32_t status, const ch
     return send_template(c, status, kTplM,
                          {.connection = connection, .origin = origin, .allow_headers = allow_headers}, nullptr,
                          "options");
+}
+
+int orbs3_http_send_list_objects_msg_ex(orbs3_connection_t* c, uint32_t status, const char* body,
+                                        const char* connection, const char* origin)
+{
+    if (body == nullptr)
+        return -1;
+    std::span<const tpl_line> tpl = empty(origin) ? kTplK : std::span<const tpl_line>(kTplKOrigin);
+    if (send_template(c, status, tpl, {.connection = connection, .origin = origin}, body, "list_objects") != 0)
+        return -1;
+    return c == nullptr ? 0 : orbs3_http_send_wait(c);
 }

@@ -235,6 +235,18 @@ std::vector<template_case> all_templates()
                                 "\r\nConnection: \r\nContent-Length:12\r\nServer: KELVANE\r\n"
                                 "Content-Type: application/json\r\n\r\n{\"parts\":[]}";
                      }});
+    // The list reply that does not wait: template K, or the connection first when it echoes an origin.
+    cases.push_back({"list_objects_ex",
+                     [](orbs3_connection_t* c, const char* o) {
+                         return orbs3_http_send_list_objects_msg_ex(c, 200, kXml.c_str(), "keep-alive", o);
+                     },
+                     [](const std::string& o) {
+                         if (o.empty())
+                             return head_b(o);
+                         return "HTTP/1.1 200 OK\r\nConnection: keep-alive\r\nDate: " + kDate +
+                                "\r\nContent-Length:" + kXmlLen + "\r\n" + acao(o) +
+                                "Server: KELVANE\r\nContent-Type: text/xml\r\n\r\n" + kXml;
+                     }});
     // One form only: the origin line stays even when the origin is empty.
     cases.push_back({"options",
                      [](orbs3_connection_t* c, const char* o) {
@@ -252,7 +264,7 @@ std::vector<template_case> all_templates()
 TEST_F(Response, EveryTemplateIsByteExactWithAndWithoutOrigin)
 {
     auto cases = all_templates();
-    EXPECT_EQ(cases.size(), 40u) << "every member of the family";
+    EXPECT_EQ(cases.size(), 41u) << "every member of the family";
     for (const template_case& t : cases) {
         for (const std::string& origin : {std::string(), kOrigin}) {
             SCOPED_TRACE(std::string(t.name) + (origin.empty() ? " without origin" : " with origin"));
@@ -522,3 +534,38 @@ TEST_F(Response, ListBasedHeadCarriesStatusConnectionAndHeadersInOrder)
 }
 
 }  // namespace
+
+TEST_F(Response, RedirectsAndTheMinimalReplyFillTheirFixedTextsWithinBounds)
+{
+    http_test::ensure_headers_hash();
+    http_test::test_request t("GET /b/o HTTP/1.1\r\nHost: h\r\n\r\n");
+    ASSERT_NE(t.r, nullptr);
+    orbs3_http_request_t* r = t.r;
+    ASSERT_EQ(parser_http_request_handler(r), 0);
+    uint8_t work[2048];
+    orbs3_buf_t wb{};
+    wb.start = wb.pos = wb.last = work;
+    wb.end = work + sizeof work;
+    r->work_buf = &wb;
+    r->connection = c_;
+
+    ASSERT_EQ(orbs3_uri_redirect(r), 0);
+    EXPECT_EQ(drain(), "HTTP/1.1 302 Found\r\nLocation: /b/o\r\nContent-Length: 0\r\n\r\n");
+    ASSERT_EQ(orbs3_urlp_redirect(r), 0);
+    EXPECT_EQ(drain(), "HTTP/1.1 302 Found\r\nLocation: h/b/o\r\nContent-Length: 0\r\n\r\n");
+    ASSERT_EQ(orbs3_http_response_200(r), 0);
+    EXPECT_EQ(drain(), "HTTP/1.1 200 OK\r\nLocation: /b/o\r\nContent-Length: 5\r\nConnection: keep-alive\r\n\r\nhello");
+    r->headers_in.connection_type = ORBS3_HTTP_CONNECTION_CLOSE;
+    ASSERT_EQ(orbs3_http_response_200(r), 0);
+    EXPECT_EQ(drain(), "HTTP/1.1 200 OK\r\nLocation: /b/o\r\nContent-Length: 0\r\nConnection: close\r\n\r\n");
+
+    // A target above 1024 bytes, or a text above the work buffer, is refused, not cut.
+    std::string long_uri(1025, 'u');
+    r->uri.data = long_uri.data();
+    r->uri.len = long_uri.size();
+    EXPECT_EQ(orbs3_uri_redirect(r), -1);
+    r->uri.len = 1024;
+    wb.end = work + 1000;
+    EXPECT_EQ(orbs3_uri_redirect(r), -1);
+    EXPECT_EQ(drain(), "");
+}
