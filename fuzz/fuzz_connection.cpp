@@ -1,7 +1,8 @@
 // A whole connection on arbitrary bytes: the client's side of a socketpair writes the input in pieces
 // (their sizes come from the input's first bytes), the server's side runs the HTTP engine's handlers as an
 // epoll thread would (heads, pipelining, Content-Length and chunked bodies, 100-continue, replies, the
-// front end that answers NotImplemented), and the client reads replies or, for some inputs, does not.
+// S3 front end with its admission and error replies), and the client reads replies or, for some inputs,
+// does not.
 // At the end the client goes away; every connection must then be closed and every request freed, which
 // LeakSanitizer checks at exit and the counters check after each input.
 #include <fcntl.h>
@@ -21,9 +22,10 @@
 #include "core/orbs3_worker.h"
 #include "event/orbs3_connection.h"
 #include "event/orbs3_socket.h"
-#include "http/orbs3_http_not_implemented.h"
 #include "http/orbs3_http_request.h"
 #include "memory/neo_string.h"
+#include "s3/orbs3_s3_classify.h"
+#include "s3/orbs3_s3_dispatch.h"
 
 namespace {
 
@@ -58,8 +60,8 @@ void setup()
     CHECK(orbs3_service_add_vhost(svc, vh) == 0);
     orbs3_service = svc;
     g_listening.mode = 3;
-    g_listening.request_handler = orbs3_http_classify_unimplemented;
-    g_listening.response_handler = orbs3_http_answer_not_implemented;
+    g_listening.request_handler = orbs3_parse_req_msg;
+    g_listening.response_handler = orbs3_events_process;
     g_epfd = epoll_create1(EPOLL_CLOEXEC);
     CHECK(g_epfd >= 0);
 }

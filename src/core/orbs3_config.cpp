@@ -185,6 +185,7 @@ void conf_clear()
     orbs3_conf.objectmaxlen = 0;
     orbs3_conf.objectpathlen = 0;
     orbs3_conf.objectdirnum = 0;
+    orbs3_conf.verify_signatures = 1;
     orbs3_conf.cache_max_mem = 0;
     orbs3_conf.cache_max_file = 0;
     std::memset(orbs3_conf.cache_tmp, 0, sizeof orbs3_conf.cache_tmp);
@@ -338,6 +339,11 @@ int orbs3_read_conf_xml()
     orbs3_conf.lifecyclethread_min = conf_num(om, "lifecyclethread_min", kConfLifecycleThreadMin);
     orbs3_conf.lifecyclethread_max = conf_num(om, "lifecyclethread_max", kConfLifecycleThreadMax);
     orbs3_conf.lifecyclethread_event = conf_num(om, "lifecyclethread_event", kConfLifecycleThreadEvent);
+    // Only the word "off" turns the check off; a misspelt value keeps it on.
+    const char* sig = om != nullptr ? mxmlElementGetAttr(om, "signatures") : nullptr;
+    orbs3_conf.verify_signatures = sig != nullptr && std::strcmp(sig, "off") == 0 ? 0 : 1;
+    if (!orbs3_conf.verify_signatures)
+        ipd_log(LOG_WARNING, "request signatures are not verified: signatures=\"off\" in %s", path.c_str());
 
     orbs3_conf.cache_max_mem = conf_size(cache, "max_mem");
     orbs3_conf.cache_max_file = conf_size(cache, "max_file");
@@ -368,6 +374,8 @@ int orbs3_write_conf_xml()
     set_int_attr(om, "lifecyclethread_min", c.lifecyclethread_min, kConfLifecycleThreadMin);
     set_int_attr(om, "lifecyclethread_max", c.lifecyclethread_max, kConfLifecycleThreadMax);
     set_int_attr(om, "lifecyclethread_event", c.lifecyclethread_event, kConfLifecycleThreadEvent);
+    if (!c.verify_signatures)
+        mxmlElementSetAttr(om, "signatures", "off");
 
     mxmlElementSetAttr(cache, "max_mem", get_bytes_string(static_cast<int64_t>(c.cache_max_mem)));
     // A max_file of 0 is an empty value in the file; it reads back as 0.

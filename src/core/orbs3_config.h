@@ -59,6 +59,8 @@ struct orbs3_conf_t {
     int objectmaxlen;
     int objectpathlen;
     int objectdirnum;
+    // 1 unless orbmux.conf says signatures="off": request signatures are checked before any action runs.
+    int verify_signatures;
     uint64_t cache_max_mem;
     uint64_t cache_max_file;
     char cache_tmp[1024];

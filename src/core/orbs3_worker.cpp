@@ -20,8 +20,9 @@
 #include "event/neo_event_timer.h"
 #include "event/orbs3_epoll.h"
 #include "event/orbs3_socket.h"
-#include "http/orbs3_http_not_implemented.h"
 #include "http/orbs3_http_request.h"
+#include "s3/orbs3_s3_classify.h"
+#include "s3/orbs3_s3_dispatch.h"
 
 orbs3_service_t* orbs3_service = nullptr;
 orbs3_connection_t* listen_c = nullptr;
@@ -214,9 +215,9 @@ int orbs3_make_listen(orbs3_service_t* svc)
         ipd_log(LOG_ERR, "turn back service failed");
         return -1;
     }
-    // Until the S3 layer answers, every request is read whole and answered NotImplemented.
-    ls->request_handler = orbs3_http_classify_unimplemented;
-    ls->response_handler = orbs3_http_answer_not_implemented;
+    // The S3 front end: classification, then admission and the action's handler.
+    ls->request_handler = orbs3_parse_req_msg;
+    ls->response_handler = orbs3_events_process;
     orbs3_connection_t* c = orbs3_found_connection(ls->fd);
     if (c == nullptr) {
         close(ls->fd);

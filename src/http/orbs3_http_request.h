@@ -19,9 +19,17 @@ struct orbs3_upload_file_t;        // the file record of an operation that moves
 struct orbs3_s3_event_t;           // a row of the S3 action table
 struct orbs3_http_request_body_t;  // body buffers and the count of bytes to come
 
-// Reply parameters; the S3 dispatcher adds its fields here.
+// Reply parameters that the S3 dispatcher prepares for the handlers, and the handlers for the error path.
+inline constexpr std::size_t ORBS3_RESP_CONNECTION_LEN = 16;
+inline constexpr std::size_t ORBS3_RESP_ORIGIN_LEN = 128;
+inline constexpr std::size_t ORBS3_RESP_REQUEST_ID_LEN = 48;
+inline constexpr std::size_t ORBS3_RESP_RESOURCE_LEN = 1024;
 struct orbs3_http_resp_t {
-    uint8_t reserved;
+    char connection[ORBS3_RESP_CONNECTION_LEN];  // "keep-alive", "close" or empty
+    char origin[ORBS3_RESP_ORIGIN_LEN];          // the Origin to echo, or empty
+    char request_id[ORBS3_RESP_REQUEST_ID_LEN];  // 32 lower-case hex digits
+    char resource[ORBS3_RESP_RESOURCE_LEN];      // the Resource of an error document
+    const char* message;  // a message of the error's own instead of its row's (static text), or null
 };
 
 // The list-based head of object downloads.
@@ -30,9 +38,26 @@ struct orbs3_http_headers_out_t {
     orbs3_str_t status_line;  // as in "206 Partial Content"
 };
 
-// The S3 view of the request; request classification adds the bucket, object and list fields here.
+// The S3 view of the request, filled by request classification. Strings live in the request's pool and
+// are NUL-terminated; an unset string is {0, nullptr}.
 struct orbs3_req_msg_t {
-    orbs3_str_t action;
+    orbs3_str_t action;  // a name of the S3 action table; unset: the engine answers 403
+    orbs3_str_t bucket;
+    orbs3_str_t object;  // key as in the path, slashes included; empty at bucket level
+    orbs3_str_t delimiter;
+    orbs3_str_t encoding_type;
+    orbs3_str_t prefix;
+    orbs3_str_t marker;
+    orbs3_str_t continuation_token;
+    orbs3_str_t fetch_owner;
+    orbs3_str_t start_after;
+    int32_t max_keys;   // 1000 when missing
+    int32_t list_type;  // 2 when missing
+    int32_t position;
+    int32_t part_number;
+    int32_t max_parts;
+    int32_t part_number_marker;
+    orbs3_str_t uploadId;
 };
 
 // Method bits; a method name outside this set leaves `method` at 0.

@@ -11,6 +11,7 @@
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
 #include "memory/orbs3_hash.h"
+#include "service_fixture.h"
 
 using http_test::sv;
 using http_test::test_request;
@@ -290,37 +291,7 @@ TEST(HttpHeadersIn, HostValidation)
     }
 }
 
-// A worker's service with vhosts for `domains`, in list order; restores the worker's service after.
-struct service_fixture {
-    orbs3_service_t* saved = orbs3_service;
-    orbs3_service_t* svc = orbs3_service_new();
-    std::vector<orbs3_vhost_t*> vhosts;
-
-    explicit service_fixture(std::initializer_list<const char*> domains)
-    {
-        if (svc == nullptr)
-            return;
-        for (const char* d : domains) {
-            orbs3_vhost_t* vh = orbs3_vhost_new();
-            if (vh == nullptr)
-                continue;
-            neo_strdup(&vh->domain, d, ORBS3_NAME_CAP);
-            if (orbs3_service_add_vhost(svc, vh) != 0) {
-                orbs3_free_vhost_data(vh);
-                continue;
-            }
-            vhosts.push_back(vh);
-        }
-        orbs3_service = svc;
-    }
-    ~service_fixture()
-    {
-        orbs3_service = saved;
-        for (orbs3_vhost_t* vh : vhosts)
-            orbs3_free_vhost_data(vh);
-        orbs3_free_service_data(svc);
-    }
-};
+using unit_test::service_fixture;
 
 TEST(HttpHeadersIn, HostHeaderResolvesTheVhost)
 {

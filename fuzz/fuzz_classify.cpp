@@ -1,0 +1,161 @@
+// Request classification on arbitrary heads: a complete head is parsed as the connection parses it, the
+// vhost is resolved against a fixed service (domains "s3.example" and "localhost", so both addressing
+// styles occur), and the request is classified. Checked after: the action is unset or a name the front
+// end knows; bucket and object are NUL-terminated copies no longer than the url they come from, query
+// values no longer than the query; the bucket is one path segment (path style) or one host label
+// (virtual-host style), and a listing never asks for fewer than one key.
+#include <syslog.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <span>
+#include <string_view>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_worker.h"
+#include "http/orbs3_http_parse.h"
+#include "http/orbs3_http_request.h"
+#include "memory/orbs3_palloc.h"
+#include "s3/orbs3_s3_cgi.h"
+#include "s3/orbs3_s3_classify.h"
+
+namespace {
+
+#define CHECK(cond)                                                                       \
+    do {                                                                                  \
+        if (!(cond)) {                                                                    \
+            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+            std::abort();                                                                 \
+        }                                                                                 \
+    } while (0)
+
+constexpr std::size_t url_space = 4096;
+
+// Names the classification makes beside the rows of the parameter tables.
+constexpr std::string_view fixed_actions[] = {
+    "ListBuckets",  "ListObject",    "ListParts",           "GetObject",    "PutBucket",
+    "PutObject",    "CopyObject",    "UploadPart",          "PutAccessKey", "DeleteBucket",
+    "DeleteObject", "DeleteObjects", "AbortMultipartUpload", "AppendObject", "CreateMultipartUpload",
+    "RestoreObject", "CompleteMultipartUpload", "Options",
+};
+
+const std::span<const orbs3_s3_param_t> param_tables[] = {
+    orbs3_put_service_params, orbs3_get_service_params, orbs3_delete_service_params,
+    orbs3_get_bucket_params,  orbs3_put_bucket_params,  orbs3_delete_bucket_params,
+    orbs3_get_object_params,  orbs3_put_object_params,  orbs3_delete_object_params,
+};
+
+bool known_action(std::string_view a)
+{
+    for (std::string_view f : fixed_actions) {
+        if (a == f)
+            return true;
+    }
+    for (auto table : param_tables) {
+        for (const orbs3_s3_param_t& row : table) {
+            if (row.active != 0 && a == row.action)
+                return true;
+        }
+    }
+    return false;
+}
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data ? std::string_view(s.data, s.len) : std::string_view();
+}
+
+void check_str(const orbs3_str_t& s, std::size_t bound)
+{
+    if (s.data == nullptr) {
+        CHECK(s.len == 0);
+        return;
+    }
+    CHECK(s.len <= bound);
+    CHECK(s.data[s.len] == '\0');
+}
+
+void setup_once()
+{
+    setlogmask(LOG_MASK(LOG_EMERG));  // the parser's client-error lines would drown the run
+    static orbs3_pool_ptr table_pool(orbs3_create_mem_block(16384));
+    CHECK(table_pool && orbs3_http_init_headers_in_hash(table_pool.get()) == 0);
+    cgiSetupConstants();
+    orbs3_service_t* svc = orbs3_service_new();
+    CHECK(svc != nullptr);
+    for (const char* domain : {"s3.example", "localhost"}) {
+        orbs3_vhost_t* vh = orbs3_vhost_new();
+        CHECK(vh != nullptr);
+        neo_strdup(&vh->domain, domain, ORBS3_NAME_CAP);
+        CHECK(orbs3_service_add_vhost(svc, vh) == 0);
+    }
+    orbs3_service = svc;  // lives as long as the process, as a worker's service does
+}
+
+void classify(const uint8_t* data, std::size_t size)
+{
+    orbs3_pool_ptr pool(orbs3_create_mem_block(16384));
+    CHECK(pool);
+    auto* r = static_cast<orbs3_http_request_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_http_request_t)));
+    auto* in = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), size + 1));  // the spare zero byte
+    auto* url = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), url_space));
+    r->header_in = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
+    r->url_buf = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
+    CHECK(r && in && url && r->header_in && r->url_buf);
+    if (size != 0)
+        std::memcpy(in, data, size);
+    r->pool = pool.get();
+    r->content_length = -1;
+    r->header_in->start = r->header_in->pos = in;
+    r->header_in->last = in + size;
+    r->header_in->end = in + size + 1;
+    r->url_buf->start = r->url_buf->pos = r->url_buf->last = url;
+    r->url_buf->end = url + url_space;
+
+    if (parser_http_request_handler(r) != 0)
+        return;
+    (void)orbs3_find_virtual_server(r);
+    CHECK(r->vhost != nullptr);
+
+    CHECK(orbs3_parse_req_msg(r) == 0);
+    const orbs3_req_msg_t& m = r->req_msg;
+    check_str(m.action, 64);
+    if (m.action.len == 0)
+        return;
+    CHECK(known_action(view(m.action)));
+
+    check_str(m.bucket, r->url.len);
+    check_str(m.object, r->url.len);
+    // Query values decode to no more bytes than they were sent in.
+    check_str(m.uploadId, r->args.len);
+    check_str(m.prefix, r->args.len);
+    const std::string_view bucket = view(m.bucket);
+    const std::string_view object = view(m.object);
+    if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL)
+        CHECK(bucket.find('.') == std::string_view::npos);
+    else
+        CHECK(bucket.find('/') == std::string_view::npos);
+    // Keys come from a normalised path: never an empty first segment.
+    CHECK(object.empty() || object[0] != '/');
+    CHECK(object.size() + bucket.size() <= r->url.len);
+    if (view(m.action) == "ListObject")
+        CHECK(m.max_keys >= 1);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    static const bool ready = (setup_once(), true);
+    (void)ready;
+
+    if (size > 16384)
+        return 0;
+    std::size_t head = orbs3_check_head(data, size);
+    if (head != 0)
+        classify(data, size);
+    return 0;
+}

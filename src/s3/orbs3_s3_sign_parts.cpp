@@ -1,0 +1,427 @@
+#include "s3/orbs3_s3_sign_parts.h"
+
+#include <openssl/crypto.h>
+#include <openssl/evp.h>
+#include <openssl/hmac.h>
+
+#include <algorithm>
+#include <climits>
+#include <cstring>
+
+#include "memory/neo_md5.h"
+#include "memory/orbs3_palloc.h"
+
+namespace {
+
+constexpr char kHex[] = "0123456789ABCDEF";
+
+bool unreserved(uint8_t c)
+{
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+           c == '.' || c == '~';
+}
+
+int hex_value(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// One byte of `raw` from position *i, decoded: false when the byte is a '%' to drop.
+bool next_decoded(std::string_view raw, std::size_t* i, uint8_t* out)
+{
+    char c = raw[*i];
+    if (c != '%') {
+        *out = static_cast<uint8_t>(c);
+        (*i)++;
+        return true;
+    }
+    if (*i + 2 < raw.size()) {
+        int hi = hex_value(raw[*i + 1]);
+        int lo = hex_value(raw[*i + 2]);
+        if (hi >= 0 && lo >= 0) {
+            *out = static_cast<uint8_t>(hi * 16 + lo);
+            *i += 3;
+            return true;
+        }
+    }
+    (*i)++;
+    return false;
+}
+
+void append_encoded_byte(orbs3_sign_text_t* out, uint8_t c, bool keep_slash)
+{
+    if (unreserved(c) || (keep_slash && c == '/')) {
+        char ch = static_cast<char>(c);
+        orbs3_sign_append(out, std::string_view(&ch, 1));
+        return;
+    }
+    const char esc[3] = {'%', kHex[c >> 4], kHex[c & 15]};
+    orbs3_sign_append(out, std::string_view(esc, 3));
+}
+
+bool blank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+std::string_view trim(std::string_view s)
+{
+    while (!s.empty() && blank(s.front()))
+        s.remove_prefix(1);
+    while (!s.empty() && blank(s.back()))
+        s.remove_suffix(1);
+    return s;
+}
+
+bool iequals(std::string_view a, std::string_view b)
+{
+    return a.size() == b.size() && (a.empty() || strncasecmp(a.data(), b.data(), a.size()) == 0);
+}
+
+std::string_view measured(const orbs3_http_request_t* r, const orbs3_str_t& s)
+{
+    if (s.data == nullptr)
+        return {};
+    if (s.len != 0)
+        return {s.data, s.len};
+    const orbs3_buf_t* b = r->header_in;
+    const auto* p = reinterpret_cast<const uint8_t*>(s.data);
+    if (b == nullptr || b->start == nullptr || p < b->start || p >= b->end)
+        return {};
+    return {s.data, strnlen(s.data, static_cast<std::size_t>(b->end - p))};
+}
+
+int hmac(const EVP_MD* md, std::string_view key, std::string_view data, uint8_t* out, unsigned expect)
+{
+    if (key.size() > INT_MAX)
+        return -1;
+    static const char kEmpty = 0;  // OpenSSL takes a null key as "keep the previous one"
+    unsigned int n = 0;
+    const unsigned char* p = HMAC(md, key.data() ? key.data() : &kEmpty, static_cast<int>(key.size()),
+                                  reinterpret_cast<const unsigned char*>(data.data() ? data.data() : &kEmpty),
+                                  data.size(), out, &n);
+    return p != nullptr && n == expect ? 0 : -1;
+}
+
+bool digits(std::string_view s, std::size_t at, std::size_t n, int* v)
+{
+    int x = 0;
+    for (std::size_t i = at; i < at + n; i++) {
+        if (s[i] < '0' || s[i] > '9')
+            return false;
+        x = x * 10 + (s[i] - '0');
+    }
+    *v = x;
+    return true;
+}
+
+bool make_time(int year, int mon, int day, int hour, int min, int sec, time_t* t)
+{
+    if (year < 1970 || mon < 1 || mon > 12 || day < 1 || day > 31 || hour > 23 || min > 59 || sec > 60)
+        return false;
+    struct tm tm {};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = mon - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_min = min;
+    tm.tm_sec = sec;
+    time_t v = timegm(&tm);
+    if (v == static_cast<time_t>(-1))
+        return false;
+    *t = v;
+    return true;
+}
+
+}  // namespace
+
+void orbs3_sign_append(orbs3_sign_text_t* t, std::string_view s)
+{
+    if (t->overflow)
+        return;
+    if (s.size() > t->cap - t->len) {
+        t->overflow = true;
+        return;
+    }
+    if (!s.empty())
+        std::memcpy(t->data + t->len, s.data(), s.size());
+    t->len += s.size();
+}
+
+void orbs3_uri_encode(orbs3_sign_text_t* out, std::string_view text, bool keep_slash)
+{
+    for (char c : text)
+        append_encoded_byte(out, static_cast<uint8_t>(c), keep_slash);
+}
+
+std::size_t orbs3_uri_decode(char* text, std::size_t len)
+{
+    std::string_view raw(text, len);
+    std::size_t w = 0;
+    std::size_t i = 0;
+    while (i < len) {
+        uint8_t c;
+        if (next_decoded(raw, &i, &c))
+            text[w++] = static_cast<char>(c);  // w never passes i: a decoded byte takes one or three
+    }
+    return w;
+}
+
+void orbs3_sign_append_reencoded(orbs3_sign_text_t* out, std::string_view raw, bool keep_slash)
+{
+    std::size_t i = 0;
+    while (i < raw.size()) {
+        uint8_t c;
+        if (next_decoded(raw, &i, &c))
+            append_encoded_byte(out, c, keep_slash);
+    }
+}
+
+// ---- the query ----
+
+int orbs3_sign_parse_query(orbs3_http_request_t* r, orbs3_sign_query_t* q)
+{
+    q->elts = nullptr;
+    q->n = 0;
+    if (r->args.data == nullptr || r->args.len == 0)
+        return 0;
+    std::string_view args(r->args.data, r->args.len);
+
+    std::size_t pieces = 1 + static_cast<std::size_t>(std::count(args.begin(), args.end(), '&'));
+    q->elts = static_cast<orbs3_sign_param_t*>(orbs3_palloc(r->pool, pieces * sizeof(orbs3_sign_param_t)));
+    auto* text = static_cast<char*>(orbs3_pnalloc(r->pool, args.size()));
+    if (q->elts == nullptr || text == nullptr)
+        return -1;
+
+    while (!args.empty()) {
+        std::size_t amp = args.find('&');
+        std::string_view piece = args.substr(0, amp);
+        args.remove_prefix(amp == std::string_view::npos ? args.size() : amp + 1);
+        if (piece.empty())
+            continue;
+
+        std::size_t eq = piece.find('=');
+        std::string_view name = piece.substr(0, eq);
+        std::string_view value = eq == std::string_view::npos ? std::string_view() : piece.substr(eq + 1);
+
+        orbs3_sign_param_t* p = &q->elts[q->n++];
+        std::memcpy(text, name.data(), name.size());
+        p->name = std::string_view(text, orbs3_uri_decode(text, name.size()));
+        text += name.size();
+        if (!value.empty())
+            std::memcpy(text, value.data(), value.size());
+        p->value = std::string_view(text, orbs3_uri_decode(text, value.size()));
+        text += value.size();
+        p->has_value = eq != std::string_view::npos;
+    }
+    return 0;
+}
+
+const orbs3_sign_param_t* orbs3_sign_query_find(const orbs3_sign_query_t* q, std::string_view name)
+{
+    for (std::size_t i = 0; i < q->n; i++) {
+        if (q->elts[i].name == name)
+            return &q->elts[i];
+    }
+    return nullptr;
+}
+
+int orbs3_sign_canonical_query(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::string_view skip,
+                               orbs3_sign_text_t* out)
+{
+    if (q->n == 0)
+        return 0;
+    struct pair_t {
+        std::string_view name;
+        std::string_view value;
+    };
+    std::size_t room = 0;
+    for (std::size_t i = 0; i < q->n; i++)
+        room += 3 * (q->elts[i].name.size() + q->elts[i].value.size());
+    auto* pairs = static_cast<pair_t*>(orbs3_palloc(r->pool, q->n * sizeof(pair_t)));
+    auto* area = static_cast<char*>(orbs3_pnalloc(r->pool, room ? room : 1));
+    if (pairs == nullptr || area == nullptr)
+        return -1;
+
+    // Sorted on the encoded form: encoding does not keep byte order ('~' stays, 0x7f becomes "%7F").
+    orbs3_sign_text_t enc{area, room ? room : 1};
+    std::size_t n = 0;
+    for (std::size_t i = 0; i < q->n; i++) {
+        const orbs3_sign_param_t& p = q->elts[i];
+        if (!skip.empty() && p.name == skip)
+            continue;
+        std::size_t at = enc.len;
+        orbs3_uri_encode(&enc, p.name, false);
+        std::size_t mid = enc.len;
+        orbs3_uri_encode(&enc, p.value, false);
+        pairs[n].name = std::string_view(area + at, mid - at);
+        pairs[n].value = std::string_view(area + mid, enc.len - mid);
+        n++;
+    }
+    if (enc.overflow)
+        return -1;
+    std::sort(pairs, pairs + n, [](const pair_t& a, const pair_t& b) {
+        return a.name != b.name ? a.name < b.name : a.value < b.value;
+    });
+    for (std::size_t i = 0; i < n; i++) {
+        if (i != 0)
+            orbs3_sign_append(out, "&");
+        orbs3_sign_append(out, pairs[i].name);
+        orbs3_sign_append(out, "=");
+        orbs3_sign_append(out, pairs[i].value);
+    }
+    return 0;
+}
+
+// ---- headers ----
+
+std::string_view orbs3_sign_header_key(const orbs3_http_request_t* r, const orbs3_header_t* h)
+{
+    return measured(r, h->key);
+}
+
+std::string_view orbs3_sign_header_value(const orbs3_http_request_t* r, const orbs3_header_t* h)
+{
+    return measured(r, h->value);
+}
+
+bool orbs3_sign_find_header(const orbs3_http_request_t* r, std::string_view name, std::string_view* value)
+{
+    bool found = false;
+    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+        if (!found && iequals(orbs3_sign_header_key(r, &h), name)) {
+            *value = trim(orbs3_sign_header_value(r, &h));
+            found = true;
+        }
+    });
+    return found;
+}
+
+std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_view name, bool collapse,
+                                     orbs3_sign_text_t* out)
+{
+    std::size_t count = 0;
+    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+        if (!iequals(orbs3_sign_header_key(r, &h), name))
+            return;
+        if (count++ != 0)
+            orbs3_sign_append(out, ",");
+        std::string_view v = trim(orbs3_sign_header_value(r, &h));
+        if (!collapse) {
+            orbs3_sign_append(out, v);
+            return;
+        }
+        while (!v.empty()) {
+            std::size_t run = 0;
+            while (run < v.size() && !blank(v[run]))
+                run++;
+            orbs3_sign_append(out, v.substr(0, run));
+            v.remove_prefix(run);
+            if (v.empty())
+                break;
+            orbs3_sign_append(out, " ");  // trimmed, so a run of blanks always has text behind it
+            while (!v.empty() && blank(v.front()))
+                v.remove_prefix(1);
+        }
+    });
+    return count;
+}
+
+// ---- dates ----
+
+bool orbs3_sign_parse_iso8601(std::string_view s, time_t* t)
+{
+    int year, mon, day, hour, min, sec;
+    if (s.size() != 16 || s[8] != 'T' || s[15] != 'Z')
+        return false;
+    if (!digits(s, 0, 4, &year) || !digits(s, 4, 2, &mon) || !digits(s, 6, 2, &day) || !digits(s, 9, 2, &hour) ||
+        !digits(s, 11, 2, &min) || !digits(s, 13, 2, &sec))
+        return false;
+    return make_time(year, mon, day, hour, min, sec, t);
+}
+
+bool orbs3_sign_parse_http_date(std::string_view s, time_t* t)
+{
+    static constexpr std::string_view kDays[] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
+    static constexpr std::string_view kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    // "Fri, 24 May 2013 00:00:00 GMT"; Python's email.utils (botocore) writes the zone as "-0000".
+    std::string_view zone = s.size() > 25 ? s.substr(25) : std::string_view();
+    if (zone != " GMT" && zone != " +0000" && zone != " -0000")
+        return false;
+    if (s.substr(3, 2) != ", " || s[7] != ' ' || s[11] != ' ' || s[16] != ' ' || s[19] != ':' || s[22] != ':')
+        return false;
+    if (std::find(std::begin(kDays), std::end(kDays), s.substr(0, 3)) == std::end(kDays))
+        return false;
+    auto m = std::find(std::begin(kMonths), std::end(kMonths), s.substr(8, 3));
+    if (m == std::end(kMonths))
+        return false;
+    int year, day, hour, min, sec;
+    if (!digits(s, 5, 2, &day) || !digits(s, 12, 4, &year) || !digits(s, 17, 2, &hour) || !digits(s, 20, 2, &min) ||
+        !digits(s, 23, 2, &sec))
+        return false;
+    return make_time(year, static_cast<int>(m - std::begin(kMonths)) + 1, day, hour, min, sec, t);
+}
+
+bool orbs3_sign_parse_date(std::string_view text, time_t* t)
+{
+    return orbs3_sign_parse_iso8601(text, t) || orbs3_sign_parse_http_date(text, t);
+}
+
+// ---- digests and compare ----
+
+int orbs3_get_hex_sha256(std::string_view text, char dst[ORBS3_SHA256_HEX_LEN + 1])
+{
+    evp_md_ctx_ptr ctx = evp_md_ctx_new();
+    uint8_t md[EVP_MAX_MD_SIZE];
+    unsigned int n = 0;
+    if (!ctx || EVP_DigestInit_ex(ctx.get(), EVP_sha256(), nullptr) != 1 ||
+        (!text.empty() && EVP_DigestUpdate(ctx.get(), text.data(), text.size()) != 1) ||
+        EVP_DigestFinal_ex(ctx.get(), md, &n) != 1 || n != ORBS3_SHA256_LEN)
+        return -1;
+    orbs3_hexdigest(md, dst);
+    return 0;
+}
+
+void orbs3_hexdigest(const uint8_t md[ORBS3_SHA256_LEN], char dst[ORBS3_SHA256_HEX_LEN + 1])
+{
+    static constexpr char kLower[] = "0123456789abcdef";
+    for (std::size_t i = 0; i < ORBS3_SHA256_LEN; i++) {
+        dst[2 * i] = kLower[md[i] >> 4];
+        dst[2 * i + 1] = kLower[md[i] & 15];
+    }
+    dst[ORBS3_SHA256_HEX_LEN] = '\0';
+}
+
+// HMAC through the one-shot call: it keeps no state of its own that would need an owner.
+int orbs3_hmac_sha256(std::string_view key, std::string_view data, uint8_t out[ORBS3_SHA256_LEN])
+{
+    return hmac(EVP_sha256(), key, data, out, ORBS3_SHA256_LEN);
+}
+
+int orbs3_hmac_sha1(std::string_view key, std::string_view data, uint8_t out[ORBS3_SHA1_LEN])
+{
+    return hmac(EVP_sha1(), key, data, out, ORBS3_SHA1_LEN);
+}
+
+std::size_t orbs3_sign_base64(const uint8_t* in, std::size_t n, char* out, std::size_t room)
+{
+    std::size_t need = 4 * ((n + 2) / 3);
+    if (n > INT_MAX || need + 1 > room)
+        return 0;
+    return static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out), in, static_cast<int>(n)));
+}
+
+bool orbs3_sign_equal(std::string_view expected, std::string_view sent)
+{
+    // The lengths are public (64 hex digits, 28 base64 characters); only the contents must not leak.
+    if (expected.empty() || expected.size() != sent.size())
+        return false;
+    return CRYPTO_memcmp(expected.data(), sent.data(), expected.size()) == 0;
+}

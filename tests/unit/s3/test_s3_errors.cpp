@@ -1,0 +1,212 @@
+// The S3 error table, the error document and the reply each status goes out with.
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+#include <regex>
+#include <set>
+#include <string>
+
+#include "core/orbs3_config.h"
+#include "event/orbs3_fd.h"
+#include "event/orbs3_socket.h"
+#include "http/orbs3_http_request.h"
+#include "memory/orbs3_palloc.h"
+#include "s3/orbs3_s3_dispatch.h"
+#include "s3/orbs3_s3_errors.h"
+
+namespace {
+
+struct doc_deleter {
+    void operator()(char* p) const noexcept { __free__(p); }
+};
+using doc_ptr = std::unique_ptr<char, doc_deleter>;
+
+TEST(S3Errors, TableHasEveryRowAndTheFirstRowOfACodeWins)
+{
+    std::size_t rows = 0;
+    std::set<std::string> names;
+    const orbs3_s3_error_t* e = g_s3_error_info;
+    for (; e->code != 0xffffffff; e++, rows++) {
+        names.insert(e->name);
+        EXPECT_EQ(e->message == nullptr, e->code == ORBS3_S3_OPERATION_NOT_SUPPORTED) << e->name;
+        EXPECT_TRUE(e->http_status >= 200 && e->http_status < 600) << e->name;
+    }
+    EXPECT_EQ(rows, 96u);
+    EXPECT_STREQ(e->name, "EndOff");
+    EXPECT_EQ(names.size(), 87u) << "InvalidRequest nine times, AccessDenied twice";
+
+    // Seven names share 0xc000062; the search finds the first.
+    EXPECT_STREQ(orbs3_s3_find_error(0xc000062)->name, "NoLoggingStatusForKey");
+    EXPECT_EQ(orbs3_s3_find_error(0xc000096), nullptr);
+    struct want {
+        uint32_t code;
+        const char* name;
+        const char* message;
+    };
+    const want texts[] = {
+        {0xc000001, "AccessDenied", "Access Denied"},
+        {0xc000093, "AccessDenied", "Access Denied"},
+        {0xc000005, "AuthorizationHeaderMalformed", "The authorization header you provided is invalid."},
+        {0xc000013, "EntityTooLarge", "Your proposed upload exceeds the maximum allowed object size."},
+        {0xc000020, "InvalidAccessKeyId", "The HARROWMINT access key ID you provided does not exist in our records."},
+        {0xc000022, "InvalidArgument", "Invalid Argument"},
+        {0xc000023, "InvalidBucketName", "The specified bucket is not valid."},
+        {0xc000059, "MissingRequestBodyError", "Request body is empty."},
+        {0xc000063, "NoSuchBucket", "The specified bucket does not exist."},
+        {0xc000065, "NoSuchKey", "The specified key does not exist."},
+        {0xc000066, "NoSuchLifecycleConfiguration", "The lifecycle configuration does not exist."},
+        {0xc000082, "SignatureDoesNotMatch",
+         "The request signature we calculated does not match the signature you provided. Check your HARROWMINT "
+         "secret access key and signing method. For more information, see REST Authentication and SOAP "
+         "Authentication for details."},
+        {0xc000091, "DestKeyAlreadyExists", "The Dest Key you tried to copy already exists."},
+        {0xc000092, "CopyFailed", "Copy failed."},
+        {0xc000094, "BucketTooMuch", "The bucket is full."},
+        {0xc000095, "ObjectTooMuch", "The object is full."},
+    };
+    for (const want& w : texts) {
+        const orbs3_s3_error_t* row = orbs3_s3_find_error(w.code);
+        ASSERT_NE(row, nullptr) << w.name;
+        EXPECT_STREQ(row->name, w.name);
+        EXPECT_STREQ(row->message, w.message);
+    }
+}
+
+TEST(S3Errors, DocumentIsOneLineWithEscapedTextsAndUnknownCodesSayUnknownError)
+{
+    doc_ptr doc(make_s3_error_resp_xml("NoSuchKey", "The specified key does not exist.", "photos/a.jpg",
+                                       "0af3c2d15e7b4c7f9d3e8a1b2c4d6e8f"));
+    ASSERT_TRUE(doc);
+    EXPECT_STREQ(doc.get(),
+                 "<?xml version=\"1.0\" encoding=\"utf-8\"?><Error><Code>NoSuchKey</Code><Message>The specified key "
+                 "does not exist.</Message><Resource>photos/a.jpg</Resource><RequestId>"
+                 "0af3c2d15e7b4c7f9d3e8a1b2c4d6e8f</RequestId></Error>\n");
+    // A key is the client's text: it must not break the document.
+    doc.reset(make_s3_error_resp_xml("NoSuchKey", "m", "b/<a&b>", "id"));
+    EXPECT_NE(std::strstr(doc.get(), "<Resource>b/&lt;a&amp;b&gt;</Resource>"), nullptr);
+    uint32_t status = 0;
+    doc.reset(make_s3_error_resp_xml_ex(0xc000097, "b/o", "id", &status));
+    EXPECT_EQ(status, 500u);
+    EXPECT_NE(std::strstr(doc.get(), "<Code>unknown error</Code><Message>unknown error</Message>"), nullptr);
+    doc.reset(make_s3_error_resp_xml_ex(ORBS3_S3_OPERATION_NOT_SUPPORTED, "/", "id", &status));
+    EXPECT_NE(std::strstr(doc.get(), "<Code>OperationNotSupported</Code><Message></Message>"), nullptr);
+}
+
+class S3ErrorReply : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        int sv[2];
+        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
+        peer_ = orbs3_fd(sv[1]);
+        fcntl(sv[1], F_SETFL, O_NONBLOCK);
+        c_ = orbs3_create_connection(8192);
+        ASSERT_NE(c_, nullptr);
+        c_->fd = sv[0];
+        c_->epfd = -1;
+        c_->send = orbs3_send;
+        c_->recv = orbs3_recv;
+        orbs3_nonblocking(sv[0]);
+        pool_.reset(orbs3_create_mem_block(16384));
+        r_ = static_cast<orbs3_http_request_t*>(orbs3_pcalloc(pool_.get(), sizeof(orbs3_http_request_t)));
+        ASSERT_NE(r_, nullptr);
+        r_->connection = c_;
+        r_->pool = pool_.get();
+        r_->method = ORBS3_HTTP_GET;
+        std::strcpy(r_->resp.connection, "keep-alive");
+        std::strcpy(r_->resp.request_id, "0123456789abcdef0123456789abcdef");
+    }
+    void TearDown() override { orbs3_close_connection(c_); }
+
+    // Status line, the document and whether a body came at all.
+    std::string reply()
+    {
+        std::string out;
+        char buf[8192];
+        ssize_t n;
+        while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
+            out.append(buf, static_cast<std::size_t>(n));
+        return out;
+    }
+
+    orbs3_fd peer_;
+    orbs3_connection_t* c_ = nullptr;
+    orbs3_pool_ptr pool_;
+    orbs3_http_request_t* r_ = nullptr;
+};
+
+TEST_F(S3ErrorReply, EachStatusGoesOutWithItsHttpStatusAndResource)
+{
+    struct row {
+        uint32_t code;
+        const char* status_line;
+        const char* resource;  // what the Resource element must hold, with "b/o" set by the handler
+    };
+    const row rows[] = {
+        {ORBS3_S3_AUTH_HEADER_MALFORMED, "HTTP/1.1 403 Forbidden", "/"},
+        {ORBS3_S3_INVALID_ACCESS_KEY_ID, "HTTP/1.1 403 Forbidden", "/"},
+        {ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, "HTTP/1.1 403 Forbidden", "/"},
+        {ORBS3_S3_OPERATION_NOT_SUPPORTED, "HTTP/1.1 400 Bad Request", "/"},
+        {ORBS3_S3_ACCESS_DENIED, "HTTP/1.1 403 Forbidden", "b/o"},
+        {ORBS3_S3_NO_SUCH_BUCKET, "HTTP/1.1 404 Not Found", "b/o"},
+        {ORBS3_S3_ENTITY_TOO_LARGE, "HTTP/1.1 400 Bad Request", "b/o"},
+        {ORBS3_S3_NO_SUCH_LIFECYCLE, "HTTP/1.1 404 Not Found", "b/o"},
+        {ORBS3_S3_DEST_KEY_ALREADY_EXISTS, "HTTP/1.1 404 Not Found", "b/o"},
+        {ORBS3_S3_NOT_IMPLEMENTED, "HTTP/1.1 501 Not Implemented", "b/o"},
+        {0xc000097, "HTTP/1.1 500 Internal Server Error", "b/o"},
+    };
+    for (const row& w : rows) {
+        SCOPED_TRACE(w.code);
+        std::strcpy(r_->resp.resource, "b/o");
+        ASSERT_EQ(orbs3_s3_send_error(r_, static_cast<int>(w.code)), static_cast<int>(w.code));
+        std::string got = reply();
+        EXPECT_EQ(got.rfind(w.status_line, 0), 0u) << got;
+        EXPECT_NE(got.find("\r\nConnection: keep-alive\r\n"), std::string::npos);
+        EXPECT_NE(got.find(std::string("<Resource>") + w.resource + "</Resource><RequestId>"
+                           "0123456789abcdef0123456789abcdef</RequestId>"),
+                  std::string::npos)
+            << got;
+    }
+    // Nothing for 0 and -2; an own message replaces the row's.
+    EXPECT_EQ(orbs3_s3_send_error(r_, 0), 0);
+    EXPECT_EQ(orbs3_s3_send_error(r_, -2), -2);
+    EXPECT_EQ(reply(), "");
+    r_->resp.message = "Request has expired";
+    orbs3_s3_send_error(r_, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_NE(reply().find("<Code>AccessDenied</Code><Message>Request has expired</Message>"), std::string::npos);
+}
+
+TEST_F(S3ErrorReply, ReplyToHeadCarriesNoBodyAndOriginAddsTheCorsLine)
+{
+    r_->method = ORBS3_HTTP_HEAD;
+    std::strcpy(r_->resp.origin, "http://app.example");
+    orbs3_s3_send_error(r_, static_cast<int>(ORBS3_S3_NO_SUCH_KEY));
+    std::string got = reply();
+    EXPECT_EQ(got.rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u);
+    EXPECT_NE(got.find("\r\nContent-Length:0\r\n"), std::string::npos) << got;
+    EXPECT_NE(got.find("\r\nAccess-Control-Allow-Origin:http://app.example\r\n"), std::string::npos);
+    EXPECT_EQ(got.substr(got.size() - 4), "\r\n\r\n");
+}
+
+TEST(S3Events, TableFindsEveryActionByExactNameAndNothingElse)
+{
+    std::size_t rows = 0;
+    for (const orbs3_s3_event_t* e = s3_events; e->code != 0; e++, rows++) {
+        EXPECT_EQ(orbs3_s3_find_event(e->name), e);
+        EXPECT_NE(e->handler, nullptr);
+    }
+    EXPECT_EQ(rows, 99u);
+    EXPECT_EQ(orbs3_s3_find_event("putobject"), nullptr);
+    EXPECT_EQ(orbs3_s3_find_event("PutObjec"), nullptr);
+    EXPECT_EQ(orbs3_s3_find_event(""), nullptr);
+    EXPECT_EQ(orbs3_s3_find_event("PutAccessKey"), nullptr) << "classified, answered OperationNotSupported";
+    EXPECT_EQ(orbs3_s3_find_event("PutObject")->read_body, 0u);
+    EXPECT_EQ(orbs3_s3_find_event("DeleteObjects")->read_body, 1u);
+}
+
+}  // namespace
