@@ -380,13 +380,52 @@ int orbs3_get_signature(const uint8_t key[ORBS3_SHA256_LEN], std::string_view si
     return 0;
 }
 
+namespace {
+
+// The key of a (dialect, secret, scope) stays the same for a whole day, and a client signs request after
+// request with it: each thread keeps the last one it derived, as the SDKs do on their side, and saves the
+// four HMACs of the derivation. The entry holds what the key is worth anyway: the secret it came from.
+struct signing_key_cache {
+    int source = -1;
+    std::size_t secret_len = 0;
+    std::size_t scope_len = 0;
+    char secret[128];
+    char scope[128];
+    uint8_t key[ORBS3_SHA256_LEN];
+};
+
+int signing_key(int source, const char* secret, std::string_view scope, uint8_t key[ORBS3_SHA256_LEN])
+{
+    thread_local signing_key_cache cache;
+    const std::size_t slen = secret != nullptr ? std::strlen(secret) : 0;
+    const bool cacheable = secret != nullptr && slen < sizeof cache.secret && scope.size() < sizeof cache.scope;
+    if (cacheable && cache.source == source && cache.secret_len == slen && cache.scope_len == scope.size() &&
+        std::memcmp(cache.secret, secret, slen) == 0 && std::memcmp(cache.scope, scope.data(), scope.size()) == 0) {
+        std::memcpy(key, cache.key, ORBS3_SHA256_LEN);
+        return 0;
+    }
+    if (orbs3_get_signkey(source, secret, scope, key) != 0)
+        return -1;
+    if (cacheable) {
+        cache.source = source;
+        cache.secret_len = slen;
+        cache.scope_len = scope.size();
+        std::memcpy(cache.secret, secret, slen);
+        std::memcpy(cache.scope, scope.data(), scope.size());
+        std::memcpy(cache.key, key, ORBS3_SHA256_LEN);
+    }
+    return 0;
+}
+
+}  // namespace
+
 uint32_t orbs3_sign_v4_verify(const orbs3_sign_v4_t* v, orbs3_http_request_t* r, const orbs3_sign_query_t* q,
                               const char* secret)
 {
     orbs3_sign_area_t<ORBS3_SIGN_STRING_LEN> sts;
     uint8_t key[ORBS3_SHA256_LEN];
     char expected[ORBS3_SHA256_HEX_LEN + 1];
-    if (orbs3_get_signstr(v, r, q, &sts.t) != 0 || orbs3_get_signkey(v->source, secret, v->scope, key) != 0)
+    if (orbs3_get_signstr(v, r, q, &sts.t) != 0 || signing_key(v->source, secret, v->scope, key) != 0)
         return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
     int rc = orbs3_get_signature(key, sts.t.view(), expected);
     OPENSSL_cleanse(key, sizeof key);
