@@ -311,6 +311,10 @@ def main():
     v2('V2PathStyleGet', 'GET', H, '/photos/2026/a.jpg')
     v2('V2VirtualHostGet', 'GET', VH, '/2026/a.jpg', style=2, auth_path='/photos/2026/a.jpg')
     v2('V2VirtualHostBucketRoot', 'GET', VH, '/', 'acl', style=2, auth_path='/photos/')
+    # botocore names a path-style bucket "/photos/" while it sends "/photos".
+    v2('V2PathStyleBucketSignedWithSlash', 'GET', H, '/photos', 'prefix=a%20b&encoding-type=url',
+       auth_path='/photos/')
+    v2('V2PathStyleBucketSignedAsSent', 'GET', H, '/photos', 'prefix=a')
     v2('V2PutWithAmzHeaders', 'PUT', H, '/photos/doc.txt',
        headers=[('Content-MD5', 'XrY7u+Ae7tCTyyK7j1rNww=='), ('Content-Type', 'text/plain'),
                 ('x-amz-acl', 'public-read'), ('X-Amz-Meta-Zeta', ' last '), ('x-amz-meta-alpha', 'one'),
