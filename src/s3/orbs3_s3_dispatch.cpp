@@ -291,7 +291,8 @@ int orbs3_s3_send_error(orbs3_http_request_t* r, int status)
     const auto code = static_cast<uint32_t>(status);
     const orbs3_s3_error_t* row = orbs3_s3_find_error(code);
     uint32_t http_status = row != nullptr ? row->http_status : 500;
-    const char* resource = r->resp.resource;
+    // Before a handler has named what failed, the request as a whole did.
+    const char* resource = r->resp.resource[0] != '\0' ? r->resp.resource : "/";
     for (const status_override& o : kOverrides) {
         if (o.code == code) {
             http_status = o.http_status;
@@ -312,7 +313,9 @@ int orbs3_s3_send_error(orbs3_http_request_t* r, int status)
     }
     // A reply to HEAD has no body: the client would read the document as the start of the next reply.
     const char* body = r->method == ORBS3_HTTP_HEAD ? "" : doc;
-    int rc = orbs3_http_send_msg(r->connection, http_status, body, r->resp.connection, r->resp.origin);
+    // A body left unread closes the connection after the reply; the client is told so.
+    const char* connection = orbs3_http_body_consumed(r) ? r->resp.connection : "close";
+    int rc = orbs3_http_send_msg(r->connection, http_status, body, connection, r->resp.origin);
     __free__(doc);
     return rc == 0 ? status : -1;
 }

@@ -142,11 +142,15 @@ struct orbs3_sign_v4_t {
 
 // ---- Version 2 ----
 
+// Forms of the resource that signers produce beside the plain one.
+inline constexpr unsigned ORBS3_SIGN_V2_BUCKET_SLASH = 1;  // "/bucket/" for "/bucket", or the reverse
+inline constexpr unsigned ORBS3_SIGN_V2_LIST_TYPE = 2;     // "?list-type=N" behind the path
+
 // The string to sign of V2 into `out`: method, Content-MD5, Content-Type, `date`, the x-amz-* headers
 // (and, presigned, the x-amz-* query parameters), the resource with its sub-resources. 0 or -1.
 [[nodiscard]] int orbs3_sign_v2_string(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::string_view date,
                                        bool presigned, orbs3_sign_text_t* out,
-                                       bool bucket_slash = false);
+                                       unsigned form = 0);
 // 0 when `sent` is the base64 HMAC-SHA1 of that string with `secret`, else
 // ORBS3_S3_SIGNATURE_DOES_NOT_MATCH.
 [[nodiscard]] uint32_t orbs3_sign_v2_verify(orbs3_http_request_t* r, const orbs3_sign_query_t* q,

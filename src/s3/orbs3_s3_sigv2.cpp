@@ -10,17 +10,25 @@
 
 namespace {
 
-// The query parameters that name a sub-resource and so belong to the signed resource. Sorted, for the
-// binary search.
+// The query parameters that name a sub-resource and so belong to the signed resource: those of the S3
+// documentation and those botocore's signer adds. Sorted, for the binary search.
 constexpr std::string_view kSubResources[] = {
+    "accelerate",
     "acl",
+    "analytics",
+    "cors",
+    "defaultObjectAcl",
     "delete",
+    "inventory",
     "lifecycle",
     "location",
     "logging",
+    "metrics",
     "notification",
+    "object-lock",
     "partNumber",
     "policy",
+    "replication",
     "requestPayment",
     "response-cache-control",
     "response-content-disposition",
@@ -28,6 +36,10 @@ constexpr std::string_view kSubResources[] = {
     "response-content-language",
     "response-content-type",
     "response-expires",
+    "restore",
+    "select",
+    "select-type",
+    "storageClass",
     "tagging",
     "torrent",
     "uploadId",
@@ -142,7 +154,7 @@ int append_amz_headers(orbs3_http_request_t* r, const orbs3_sign_query_t* q, boo
 
 // The resource: for a virtual-host request the bucket from the Host name in front, then the path as
 // sent, then the sub-resources sorted by name ("?acl&versionId=v", values decoded).
-int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_sign_text_t* out, bool bucket_slash)
+int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_sign_text_t* out, unsigned form)
 {
     if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL && r->headers_in.host != nullptr &&
         r->headers_in.host->value.data != nullptr) {
@@ -156,9 +168,23 @@ int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_
     }
     std::string_view path(r->unparsed_uri.data ? r->unparsed_uri.data : "", r->unparsed_uri.len);
     path = path.substr(0, path.find('?'));
-    orbs3_sign_append(out, path.empty() ? std::string_view("/") : path);
-    if (bucket_slash)
-        orbs3_sign_append(out, "/");
+    const bool virtual_root = r->host_style == ORBS3_HOST_STYLE_VIRTUAL && (path.empty() || path == "/");
+    if (virtual_root && (form & ORBS3_SIGN_V2_BUCKET_SLASH)) {
+        // "/bucket" rather than "/bucket/"
+    } else {
+        orbs3_sign_append(out, path.empty() ? std::string_view("/") : path);
+        if (form & ORBS3_SIGN_V2_BUCKET_SLASH)
+            orbs3_sign_append(out, "/");
+    }
+    if (form & ORBS3_SIGN_V2_LIST_TYPE) {
+        for (std::size_t i = 0; i < q->n; i++) {
+            if (q->elts[i].name == "list-type") {
+                orbs3_sign_append(out, "?list-type=");
+                orbs3_sign_append(out, q->elts[i].value);
+                break;
+            }
+        }
+    }
 
     std::size_t count = 0;
     for (std::size_t i = 0; i < q->n; i++)
@@ -190,7 +216,7 @@ int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_
 }  // namespace
 
 int orbs3_sign_v2_string(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::string_view date, bool presigned,
-                         orbs3_sign_text_t* out, bool bucket_slash)
+                         orbs3_sign_text_t* out, unsigned form)
 {
     orbs3_sign_append(out, std::string_view(r->method_name.data, r->method_name.len));
     orbs3_sign_append(out, "\n");
@@ -198,22 +224,36 @@ int orbs3_sign_v2_string(orbs3_http_request_t* r, const orbs3_sign_query_t* q, s
     append_standard(r, q, "content-type", presigned, out);
     orbs3_sign_append(out, date);
     orbs3_sign_append(out, "\n");
-    if (append_amz_headers(r, q, presigned, out) != 0 || append_resource(r, q, out, bucket_slash) != 0)
+    if (append_amz_headers(r, q, presigned, out) != 0 || append_resource(r, q, out, form) != 0)
         return -1;
     return out->overflow ? -1 : 0;
 }
 
 namespace {
 
-// A path-style request of a bucket itself ("/bucket"): signers name that resource "/bucket/" as often
-// as "/bucket" (botocore and s3cmd add the slash), and both name the same bucket.
+// A request of a bucket itself: signers name it "/bucket/" as often as "/bucket", whichever style the
+// request has (botocore and s3cmd add the slash to a path-style "/bucket", botocore leaves it off a
+// virtual-host listing), and both name the same bucket.
 bool bare_bucket_path(const orbs3_http_request_t* r)
 {
-    if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL || r->unparsed_uri.data == nullptr)
+    if (r->unparsed_uri.data == nullptr)
         return false;
     std::string_view path(r->unparsed_uri.data, r->unparsed_uri.len);
     path = path.substr(0, path.find('?'));
+    if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL)
+        return path.empty() || path == "/";
     return path.size() > 1 && path.find('/', 1) == std::string_view::npos;
+}
+
+// botocore signs a second-version listing with "?list-type=2" behind the path, as its request template
+// has it, although the parameter is no sub-resource; other signers leave it out.
+bool has_list_type(const orbs3_sign_query_t* q)
+{
+    for (std::size_t i = 0; i < q->n; i++) {
+        if (q->elts[i].name == "list-type")
+            return true;
+    }
+    return false;
 }
 
 }  // namespace
@@ -221,10 +261,15 @@ bool bare_bucket_path(const orbs3_http_request_t* r)
 uint32_t orbs3_sign_v2_verify(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::string_view date,
                               bool presigned, const char* secret, std::string_view sent)
 {
-    const int forms = bare_bucket_path(r) ? 2 : 1;
-    for (int form = 0; form < forms; form++) {
+    // The forms that name this resource, the plain one first; a request signed in another form costs an
+    // HMAC more per form only when it fails the first.
+    const unsigned slash = bare_bucket_path(r) ? ORBS3_SIGN_V2_BUCKET_SLASH : 0;
+    const unsigned list = has_list_type(q) ? ORBS3_SIGN_V2_LIST_TYPE : 0;
+    for (unsigned form = 0; form <= (slash | list); form++) {
+        if ((form & ~(slash | list)) != 0)
+            continue;
         orbs3_sign_area_t<ORBS3_SIGN_CANONICAL_LEN> sts;
-        if (orbs3_sign_v2_string(r, q, date, presigned, &sts.t, form == 1) != 0) {
+        if (orbs3_sign_v2_string(r, q, date, presigned, &sts.t, form) != 0) {
             ipd_debug("signature: V2 string to sign over %zu bytes or out of memory", ORBS3_SIGN_CANONICAL_LEN);
             return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
         }

@@ -1,7 +1,8 @@
 """Tenants loaded from their files at start: one worker per (ssl, address, port) with an active host.
 
 One daemon serves the whole module: it needs about six seconds to decide, without a cluster controller,
-that it starts offline. Until the S3 layer exists a served port answers every request 501 NotImplemented.
+that it starts offline. A served port answers a request without credentials 403 InvalidAccessKeyId from
+the S3 front end, which is enough to tell that a worker serves it.
 """
 
 import os

@@ -1,8 +1,8 @@
 """The worker process and its event loop, for one provisioned tenant on a free port.
 
-Until the S3 layer exists the HTTP engine answers every request 501 NotImplemented; the worker's
-debug trace ("accept fd=.. on thread ..", "close fd=.. on thread ..", the counters line) shows how
-connections were spread and that each one was closed again.
+The requests here carry no credentials, so the S3 front end answers each one 403 InvalidAccessKeyId
+before any action runs; the worker's debug trace ("accept fd=.. on thread ..", "close fd=.. on
+thread ..", the counters line) shows how connections were spread and that each one was closed again.
 """
 
 import os
@@ -28,22 +28,49 @@ COUNTERS_LINE = re.compile(r"connections accepted=(\d+) open=(-?\d+) closed=(\d+
 # The head buffer of the built-in configuration.
 HEAD_BUFFER = 1 << 20
 
-NOT_IMPLEMENTED_DOC = (b'<?xml version="1.0" encoding="utf-8"?><Error><Code>NotImplemented</Code>'
-                       b"<Message>A header you provided implies functionality that is not implemented.</Message>"
-                       b"<Resource>/</Resource><RequestId></RequestId></Error>\n")
+REQUEST_ID = re.compile(rb"<RequestId>([0-9a-f]{32})</RequestId>")
+ANY_REQUEST_ID = b"0" * 32
+
+INVALID_ACCESS_KEY = (b"InvalidAccessKeyId",
+                      b"The HARROWMINT access key ID you provided does not exist in our records.")
 
 
-def expected_reply(date, connection=b"keep-alive", head_only=False):
-    """The 501 reply, byte for byte, for the date the server wrote; a reply to HEAD has no document."""
-    doc = b"" if head_only else NOT_IMPLEMENTED_DOC
-    return (b"HTTP/1.1 501 Not Implemented\r\nDate: " + date + b"\r\nContent-Length:" + str(len(doc)).encode()
+def error_document(code, message, resource, request_id):
+    return (b'<?xml version="1.0" encoding="utf-8"?><Error><Code>' + code + b"</Code><Message>" + message
+            + b"</Message><Resource>" + resource + b"</Resource><RequestId>" + request_id
+            + b"</RequestId></Error>\n")
+
+
+def error_reply(status, code, message, resource, date, request_id, connection=b"keep-alive", head_only=False):
+    """An S3 error reply, byte for byte, for the date and request id the server wrote; a reply to HEAD
+    has no document. `status` is the status line's text behind the version, e.g. b"403 Forbidden"."""
+    doc = b"" if head_only else error_document(code, message, resource, request_id)
+    return (b"HTTP/1.1 " + status + b"\r\nDate: " + date + b"\r\nContent-Length:" + str(len(doc)).encode()
             + b"\r\nConnection: " + connection + b"\r\nServer: KELVANE 1.0\r\nContent-Type: text/xml\r\n\r\n"
             + doc)
 
 
-def read_replies(sock, n=1):
-    """Reads n replies to GET (head and document each), checking each byte for byte, Date aside.
-    Returns what came behind them."""
+def expected_reply(date, request_id=ANY_REQUEST_ID, connection=b"keep-alive", head_only=False):
+    """The reply to a request without credentials."""
+    return error_reply(b"403 Forbidden", *INVALID_ACCESS_KEY, b"/", date, request_id, connection, head_only)
+
+
+def check_error_reply(got, status, code, message, resource, connection=b"keep-alive", head_only=False):
+    """Asserts that `got` is exactly that error reply, Date and RequestId aside; returns the request id
+    (None for a reply to HEAD)."""
+    m = DATE.search(got)
+    assert m, f"no Date in {got!r}"
+    rid = REQUEST_ID.search(got)
+    assert head_only or rid, f"no 32-hex RequestId in {got!r}"
+    request_id = rid.group(1) if rid else ANY_REQUEST_ID
+    want = error_reply(status, code, message, resource, m.group(1), request_id, connection, head_only)
+    assert got == want, f"\n got {got!r}\nwant {want!r}"
+    return rid.group(1) if rid else None
+
+
+def read_replies(sock, n=1, ids=None):
+    """Reads n replies to GET without credentials (head and document each), checking each byte for byte,
+    Date and RequestId aside; their request ids go to `ids` when given. Returns what came behind them."""
     data = b""
 
     def more():
@@ -57,11 +84,13 @@ def read_replies(sock, n=1):
         head_len = data.index(b"\r\n\r\n") + 4
         m = DATE.search(data[:head_len])
         assert m, f"unexpected reply head {data[:head_len]!r}"
-        want = expected_reply(m.group(1))
-        while len(data) < len(want):
+        size = len(expected_reply(m.group(1)))  # a request id is always 32 digits
+        while len(data) < size:
             data += more()
-        assert data[:len(want)] == want, data[:len(want)]
-        data = data[len(want):]
+        request_id = check_error_reply(data[:size], b"403 Forbidden", *INVALID_ACCESS_KEY, b"/")
+        if ids is not None:
+            ids.append(request_id)
+        data = data[size:]
     return data
 
 
@@ -182,14 +211,16 @@ def test_worker_has_its_title_and_one_pinned_epoll_thread_per_cpu(service):
     assert re.search(r"vhost:[0-9a-f]+,test,[^,]*,active,false", service.debug())
 
 
-def test_not_implemented_reply_arrives_byte_exact_for_every_request_of_every_connection(service):
+def test_refusal_without_credentials_arrives_byte_exact_for_every_request_of_every_connection(service):
+    ids = []
     for _ in range(10):
         with connect(service.port) as s:
             for _ in range(3):  # keep-alive: one request after the other
                 s.sendall(REQUEST)
-                assert read_replies(s) == b""
+                assert read_replies(s, ids=ids) == b""
             s.sendall(REQUEST + REQUEST)  # pipelined
-            assert read_replies(s, 2) == b""
+            assert read_replies(s, 2, ids) == b""
+    assert len(set(ids)) == len(ids) == 50, "request ids repeat"
 
 
 def test_four_hundred_concurrent_connections_are_all_served_and_spread_over_threads(service):

@@ -315,6 +315,11 @@ def main():
     v2('V2PathStyleBucketSignedWithSlash', 'GET', H, '/photos', 'prefix=a%20b&encoding-type=url',
        auth_path='/photos/')
     v2('V2PathStyleBucketSignedAsSent', 'GET', H, '/photos', 'prefix=a')
+    # ... and a second-version listing "/photos?list-type=2", the parameter of its request template.
+    v2('V2ListTypeInTheResource', 'GET', H, '/photos', 'list-type=2&prefix=a', auth_path='/photos?list-type=2')
+    v2('V2ListTypeLeftOut', 'GET', H, '/photos/', 'list-type=2&prefix=a')
+    v2('V2VirtualHostListTypeWithoutSlash', 'GET', VH, '/', 'list-type=2&prefix=a', style=2,
+       auth_path='/photos?list-type=2')
     v2('V2PutWithAmzHeaders', 'PUT', H, '/photos/doc.txt',
        headers=[('Content-MD5', 'XrY7u+Ae7tCTyyK7j1rNww=='), ('Content-Type', 'text/plain'),
                 ('x-amz-acl', 'public-read'), ('X-Amz-Meta-Zeta', ' last '), ('x-amz-meta-alpha', 'one'),

@@ -181,6 +181,16 @@ TEST_F(S3ErrorReply, EachStatusGoesOutWithItsHttpStatusAndResource)
     EXPECT_NE(reply().find("<Code>AccessDenied</Code><Message>Request has expired</Message>"), std::string::npos);
 }
 
+TEST_F(S3ErrorReply, UnreadBodySaysCloseAndAnUnnamedResourceIsTheRoot)
+{
+    r_->content_length = 10;  // announced, never read: the connection closes after the reply
+    orbs3_s3_send_error(r_, static_cast<int>(ORBS3_S3_MAX_MESSAGE_LENGTH_EXCEEDED));
+    std::string got = reply();
+    EXPECT_EQ(got.rfind("HTTP/1.1 400 Bad Request\r\n", 0), 0u);
+    EXPECT_NE(got.find("\r\nConnection: close\r\n"), std::string::npos) << got;
+    EXPECT_NE(got.find("<Resource>/</Resource>"), std::string::npos) << got;
+}
+
 TEST_F(S3ErrorReply, ReplyToHeadCarriesNoBodyAndOriginAddsTheCorsLine)
 {
     r_->method = ORBS3_HTTP_HEAD;

@@ -1,0 +1,477 @@
+"""Admission of S3 requests with signatures verified, as a node runs by default.
+
+Real clients (boto3 with Signature Version 4 and 2, the AWS CLI, s3cmd, curl on presigned URLs) sign with a
+tenant's user key and its administrator key, in path style and, through the tenant's domain, in
+virtual-host style; other requests are built by hand. No S3 operation is built yet, so a request that
+passes admission is answered 501 NotImplemented naming its bucket and object: that answer is how these
+tests see a signature accepted. One daemon serves the module.
+"""
+
+import contextlib
+import datetime
+import hashlib
+import os
+import re
+import socket
+import subprocess
+import time
+import types
+from email.utils import formatdate
+
+import boto3  # Debian's python3-boto3
+import botocore.auth
+import pytest
+from botocore.auth import HmacV1Auth, S3SigV4Auth
+from botocore.awsrequest import AWSRequest
+from botocore.config import Config
+from botocore.credentials import Credentials
+from botocore.exceptions import ClientError
+
+try:
+    import botocore.crt.auth as botocore_crt_auth
+except ImportError:
+    botocore_crt_auth = None
+
+from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_for, wait_port
+from test_worker import DATE, INVALID_ACCESS_KEY, check_error_reply
+
+DOMAIN = "s3.test"
+BUCKET = "bkt"
+SIGS = {"v4": "s3v4", "v2": "s3"}
+
+NOT_IMPLEMENTED = b"A header you provided implies functionality that is not implemented."
+SIGNATURE_MISMATCH = ("The request signature we calculated does not match the signature you provided. Check your "
+                      "HARROWMINT secret access key and signing method. For more information, see REST "
+                      "Authentication and SOAP Authentication for details.")
+UNKNOWN_KEY = INVALID_ACCESS_KEY[1].decode()
+TOO_SKEWED = "The difference between the request time and the server's time is too large."
+MALFORMED = (b"AuthorizationHeaderMalformed", b"The authorization header you provided is invalid.")
+CHUNKED_REFUSED = (b"Payloads signed chunk by chunk are not accepted yet; send the body with a plain payload "
+                   b"hash.")
+
+# Keys and query values that take every road of encoding: blanks, '+', '~', '%' (alone and as a literal
+# escape that must not be decoded twice), non-ASCII and '/'.
+OBJECT_KEYS = ["plain.txt", "dir a/b+c~d%e.txt", "ünï/cödé ☃.bin", "a%20b+%2B", "trailing/slash/", "~/+/ /%/"]
+LIST_QUERIES = [
+    {"Prefix": "dir a/b+c~d%e/ü", "Delimiter": "/", "Marker": "m +%~/é"},
+    {"Prefix": "%41 literal", "Delimiter": "+", "Marker": "a%2Fb"},
+]
+LIST_V2_QUERY = {"Prefix": "sp ace/+/~/%", "Delimiter": "/", "StartAfter": "ß/x y"}
+
+
+class Tenant:
+    def __init__(self, box, daemon, port, info):
+        self.box = box
+        self.daemon = daemon
+        self.port = port
+        self.info = info
+
+    def keys(self, who):
+        if who == "admin":
+            return self.info["admin_access_key"], self.info["admin_secret_key"]
+        return self.info["access_key"], self.info["secret_key"]
+
+
+@pytest.fixture(scope="module")
+def tenant():
+    box = Sandbox()
+    port = free_port()
+    info = box.add_tenant("auth", port, "--domain", DOMAIN)
+    daemon = box.start("-d")
+    try:
+        wait_port(port)
+        yield Tenant(box, daemon, port, info)
+    finally:
+        box.cleanup()
+
+
+@pytest.fixture(scope="module", autouse=True)
+def domain_resolves_here():
+    """Names under the tenant's domain resolve to the loopback address in this process, so that clients
+    address buckets in virtual-host style with real Host values."""
+    real = socket.getaddrinfo
+
+    def getaddrinfo(host, *args, **kwargs):
+        if isinstance(host, str) and (host == DOMAIN or host.endswith("." + DOMAIN)):
+            host = "127.0.0.1"
+        return real(host, *args, **kwargs)
+
+    with pytest.MonkeyPatch.context() as mp:
+        mp.setattr(socket, "getaddrinfo", getaddrinfo)
+        yield
+
+
+def client(t, sig, style="path", who="user", access_key=None, secret=None):
+    ak, sk = t.keys(who)
+    endpoint = f"http://127.0.0.1:{t.port}" if style == "path" else f"http://{DOMAIN}:{t.port}"
+    return boto3.client("s3", endpoint_url=endpoint, region_name="us-east-1",
+                        aws_access_key_id=access_key or ak, aws_secret_access_key=secret or sk,
+                        config=Config(signature_version=SIGS[sig], s3={"addressing_style": style},
+                                      retries={"max_attempts": 1, "mode": "standard"},
+                                      connect_timeout=5, read_timeout=10 * SLOWDOWN))
+
+
+def s3_error(call):
+    """(HTTP status, Code, Message, Resource) of the error a client call ends in."""
+    with pytest.raises(ClientError) as err:
+        call()
+    r = err.value.response
+    e = r.get("Error", {})
+    return r["ResponseMetadata"]["HTTPStatusCode"], e.get("Code"), e.get("Message"), e.get("Resource")
+
+
+def not_implemented(resource):
+    return 501, "NotImplemented", NOT_IMPLEMENTED.decode(), resource
+
+
+# A reply to HEAD has no document: a client sees the status alone.
+HEAD_NOT_IMPLEMENTED = (501, "501", "Not Implemented", None)
+HEAD_FORBIDDEN = (403, "403", "Forbidden", None)
+
+
+@contextlib.contextmanager
+def signing_clock(offset):
+    """botocore signs as if the clock were `offset` seconds off: the V4 timestamp (headers and presigned
+    X-Amz-Date) and the V2 Date header."""
+    class Shifted(datetime.datetime):
+        @classmethod
+        def utcnow(cls):
+            return datetime.datetime.utcnow() + datetime.timedelta(seconds=offset)
+
+    clock = types.SimpleNamespace(datetime=Shifted, timezone=datetime.timezone)
+    with pytest.MonkeyPatch.context() as mp:
+        mp.setattr(botocore.auth, "datetime", clock)
+        if botocore_crt_auth is not None:  # with awscrt installed, V4 is signed there
+            mp.setattr(botocore_crt_auth, "datetime", clock)
+        mp.setattr(HmacV1Auth, "_get_date", lambda self: formatdate(time.time() + offset, usegmt=True))
+        yield
+
+
+# ---- boto3: what passes admission ----
+
+# A bucket-level V2 request in path style ("GET /bkt?prefix=...") is signed by botocore over the
+# resource "/bkt/": a bucket's resource ends in '/' whether or not the path does.
+@pytest.mark.parametrize("sig", ["v4", "v2"])
+@pytest.mark.parametrize("style", ["path", "virtual"])
+def test_signed_listings_with_awkward_query_values_pass_admission(tenant, sig, style):
+    for who in ("user", "admin"):
+        s3 = client(tenant, sig, style, who)
+        for query in LIST_QUERIES:
+            assert s3_error(lambda: s3.list_objects(Bucket=BUCKET, **query)) == not_implemented(BUCKET), (who, query)
+        # Under V2 botocore signs this listing with "?list-type=2" in the resource; it is accepted all the same.
+        assert s3_error(lambda: s3.list_objects_v2(Bucket=BUCKET, **LIST_V2_QUERY)) == not_implemented(BUCKET), who
+
+
+@pytest.mark.parametrize("sig", ["v4", "v2"])
+@pytest.mark.parametrize("style", ["path", "virtual"])
+def test_signed_object_requests_with_awkward_keys_pass_admission(tenant, sig, style):
+    for who in ("user", "admin"):
+        s3 = client(tenant, sig, style, who)
+        for key in OBJECT_KEYS:
+            want = not_implemented(f"{BUCKET}/{key}")
+            body = f"{sig} {style} {who} {key}".encode()
+            assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key=key, Body=body)) == want, (who, key)
+            assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key=key)) == want, (who, key)
+            assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key=key)) == HEAD_NOT_IMPLEMENTED, (who, key)
+    # Each upload was admitted and its body read to its end.
+    for who in ("user", "admin"):
+        for key in OBJECT_KEYS:
+            body = f"{sig} {style} {who} {key}".encode()
+            tenant.daemon.wait_log(re.escape(f": body of {len(body)} bytes, md5 {hashlib.md5(body).hexdigest()}"))
+
+
+# ---- boto3: what does not ----
+
+@pytest.mark.parametrize("sig", ["v4", "v2"])
+@pytest.mark.parametrize("style", ["path", "virtual"])
+def test_a_wrong_secret_or_an_unknown_key_is_refused(tenant, sig, style):
+    user_key, user_secret = tenant.keys("user")
+    admin_key, _ = tenant.keys("admin")
+    mismatch = (403, "SignatureDoesNotMatch", SIGNATURE_MISMATCH, "/")
+    unknown = (403, "InvalidAccessKeyId", UNKNOWN_KEY, "/")
+    cases = [
+        ("wrong secret", client(tenant, sig, style, secret=user_secret[:-1] + "x"), mismatch),
+        # Each key verifies with its own secret only.
+        ("admin key, user secret", client(tenant, sig, style, access_key=admin_key, secret=user_secret), mismatch),
+        ("unknown key", client(tenant, sig, style, access_key="AKIANOSUCHKEY0000000", secret=user_secret), unknown),
+    ]
+    key = OBJECT_KEYS[1]
+    refused = f"refused {sig} {style}".encode()
+    for name, s3, want in cases:
+        assert s3_error(lambda: s3.list_objects(Bucket=BUCKET, **LIST_QUERIES[0])) == want, name
+        assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key=key, Body=refused)) == want, name
+        assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key=key)) == want, name
+        assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key=key)) == HEAD_FORBIDDEN, name
+    # A refused upload is not read as an object's data.
+    assert f"md5 {hashlib.md5(refused).hexdigest()}" not in tenant.daemon.log()
+
+
+@pytest.mark.parametrize("sig", ["v4", "v2"])
+def test_a_request_dated_beyond_fifteen_minutes_either_way_is_too_skewed(tenant, sig):
+    s3 = client(tenant, sig, "path")
+    key = OBJECT_KEYS[2]
+    for offset in (-20 * 60, 20 * 60):
+        with signing_clock(offset):
+            for call in (lambda: s3.get_object(Bucket=BUCKET, Key=key),
+                         lambda: s3.put_object(Bucket=BUCKET, Key=key, Body=b"late")):
+                status, code, message, _ = s3_error(call)
+                assert (status, code, message) == (403, "RequestTimeTooSkewed", TOO_SKEWED), offset
+    # Inside the window the same requests pass.
+    for offset in (-10 * 60, 10 * 60):
+        with signing_clock(offset):
+            assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key=key)) == not_implemented(f"{BUCKET}/{key}")
+
+
+# ---- presigned URLs, fetched with curl ----
+
+def curl(t, url, method="GET"):
+    """Status and document of one fetch; names under the test domain are sent to the daemon."""
+    out = subprocess.run(["curl", "-sS", "-i", "-X", method, "--max-time", str(int(20 * SLOWDOWN)),
+                          "--resolve", f"{BUCKET}.{DOMAIN}:{t.port}:127.0.0.1",
+                          "--resolve", f"{DOMAIN}:{t.port}:127.0.0.1", url],
+                         capture_output=True, timeout=60 * SLOWDOWN)
+    assert out.returncode == 0, out.stderr
+    head, _, body = out.stdout.partition(b"\r\n\r\n")
+    status = int(head.split(b" ", 2)[1])
+    return status, body
+
+
+def error_fields(body):
+    """Code, Message and Resource of an error document."""
+    fields = []
+    for tag in (b"Code", b"Message", b"Resource"):
+        m = re.search(rb"<" + tag + rb">(.*?)</" + tag + rb">", body, re.S)
+        fields.append(m.group(1).decode() if m else None)
+    return tuple(fields)
+
+
+def tamper(url, sig):
+    """The URL with one character of its signature changed."""
+    name = "X-Amz-Signature=" if sig == "v4" else "Signature="
+    at = url.index(name) + len(name)
+    return url[:at] + ("B" if url[at] != "B" else "C") + url[at + 1:]
+
+
+def presign(s3, key, expires):
+    return s3.generate_presigned_url("get_object", Params={"Bucket": BUCKET, "Key": key}, ExpiresIn=expires)
+
+
+EXPIRED = (403, "AccessDenied", "Request has expired")
+
+
+@pytest.mark.parametrize("sig", ["v4", "v2"])
+def test_presigned_urls_pass_only_intact_and_in_time(tenant, sig):
+    expiring = []
+    for style in ("path", "virtual"):
+        for who in ("user", "admin"):
+            s3 = client(tenant, sig, style, who)
+            for key in OBJECT_KEYS[:3]:
+                url = presign(s3, key, 600)
+                status, body = curl(tenant, url)
+                assert (status, *error_fields(body)) == not_implemented(f"{BUCKET}/{key}"), url
+                status, body = curl(tenant, tamper(url, sig))
+                assert (status, *error_fields(body)) == (403, "SignatureDoesNotMatch", SIGNATURE_MISMATCH, "/"), url
+            expiring.append(presign(s3, OBJECT_KEYS[1], 1))
+    if sig == "v4":
+        # Signed two hours ago for one hour: expired on arrival.
+        with signing_clock(-2 * 3600):
+            old = presign(client(tenant, sig), OBJECT_KEYS[0], 3600)
+        status, body = curl(tenant, old)
+        assert (status, *error_fields(body)[:2]) == EXPIRED, old
+    time.sleep(2.5)
+    for url in expiring:
+        status, body = curl(tenant, url)
+        assert (status, *error_fields(body)[:2]) == EXPIRED, url
+
+
+# ---- the AWS CLI and s3cmd ----
+
+def run_tool(argv, env, home):
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8", **env}
+    return subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
+
+
+def aws(t, home, *args, secret=None):
+    ak, sk = t.keys("user")
+    env = {"AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
+           "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": ak, "AWS_SECRET_ACCESS_KEY": secret or sk,
+           "AWS_DEFAULT_REGION": "us-east-1", "AWS_MAX_ATTEMPTS": "1", "AWS_RETRY_MODE": "standard"}
+    return run_tool(["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1",
+                     *args], env, home)
+
+
+def test_aws_cli_requests_reach_the_action_and_a_wrong_secret_is_refused(tenant, tmp_path):
+    home = str(tmp_path)
+    small = tmp_path / "small file.txt"
+    small.write_bytes(b"a small file for the AWS CLI\n")
+    key = "cli dir/a+b~c%d.txt"
+    for args in (["s3api", "list-objects-v2", "--bucket", BUCKET, "--prefix", "cli dir/+~%"],
+                 ["s3api", "put-object", "--bucket", BUCKET, "--key", key, "--body", str(small)],
+                 ["s3", "cp", str(small), f"s3://{BUCKET}/{key}"]):
+        out = aws(tenant, home, *args)
+        assert out.returncode != 0 and "(NotImplemented)" in out.stderr, (args, out.returncode, out.stderr)
+        assert NOT_IMPLEMENTED.decode() in out.stderr, out.stderr
+    # Both uploads were admitted with their payload signed, and the file arrived whole.
+    data = small.read_bytes()
+    line = f"PutObject /{BUCKET}/{key}: body of {len(data)} bytes, md5 {hashlib.md5(data).hexdigest()}"
+    wait_for(lambda: tenant.daemon.log().count(line) == 2, what=f"two log lines {line!r}")
+    out = aws(tenant, home, "s3api", "head-object", "--bucket", BUCKET, "--key", key)
+    assert out.returncode != 0 and "(501)" in out.stderr and "Not Implemented" in out.stderr, out.stderr
+    for args in (["s3api", "list-objects-v2", "--bucket", BUCKET],
+                 ["s3api", "put-object", "--bucket", BUCKET, "--key", key, "--body", str(small)]):
+        out = aws(tenant, home, *args, secret="wrong-secret")
+        assert out.returncode != 0 and "SignatureDoesNotMatch" in out.stderr, (args, out.stderr)
+
+
+def s3cmd(t, home, *args, v2=False, secret=None, until):
+    """Runs s3cmd until its output names `until` or it ends; returns (output, exit code or None). s3cmd
+    retries a failed upload five times over 45 seconds whatever the error, so it is stopped once the
+    error it got is out."""
+    ak, sk = t.keys("user")
+    hostport = f"127.0.0.1:{t.port}"
+    argv = ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={ak}", f"--secret_key={secret or sk}",
+            f"--host={hostport}", f"--host-bucket={hostport}", "--no-ssl", "--region=us-east-1",
+            *(["--signature-v2"] if v2 else []), *args]
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8"}
+    proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                            stderr=subprocess.STDOUT, text=True)
+    lines = []
+    try:
+        for line in proc.stdout:
+            lines.append(line)
+            if until in line:
+                break
+    finally:
+        code = proc.poll()
+        if code is None:
+            proc.kill()
+        proc.wait(timeout=30)
+        proc.stdout.close()
+    return "".join(lines), code
+
+
+@pytest.mark.parametrize("v2", [False, True], ids=["v4", "v2"])
+def test_s3cmd_requests_reach_the_action_and_a_wrong_secret_is_refused(tenant, tmp_path, v2):
+    home = str(tmp_path)
+    small = tmp_path / "s3cmd file.txt"
+    small.write_bytes(b"a small file for s3cmd\n")
+    for args in (["ls", f"s3://{BUCKET}"], ["put", str(small), f"s3://{BUCKET}/s3cmd dir/a+b~c.txt"]):
+        for secret, want in ((None, "(NotImplemented)"), ("wrong-secret", "SignatureDoesNotMatch")):
+            text, code = s3cmd(tenant, home, *args, v2=v2, secret=secret, until=want)
+            assert want in text and code != 0, (args, secret, code, text)
+
+
+# ---- requests built by hand ----
+
+def one_reply(t, data, head_only=False):
+    """Sends `data` on a new connection and returns the one reply, head and document."""
+    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN) as s:
+        s.sendall(data)
+        got = b""
+        while b"\r\n\r\n" not in got:
+            chunk = s.recv(65536)
+            assert chunk, f"connection closed after {got!r}"
+            got += chunk
+        end = got.index(b"\r\n\r\n") + 4
+        m = re.search(rb"\r\nContent-Length:\s*(\d+)\r\n", got[:end])
+        size = end + (0 if head_only or m is None else int(m.group(1)))
+        while len(got) < size:
+            chunk = s.recv(65536)
+            assert chunk, f"connection closed after {got!r}"
+            got += chunk
+        assert len(got) == size, f"bytes behind the reply: {got[size:]!r}"
+        return got
+
+
+def wire(method, target, headers, body=b""):
+    lines = [f"{method} {target} HTTP/1.1", *(f"{k}: {v}" for k, v in headers)]
+    return ("\r\n".join(lines) + "\r\n\r\n").encode() + body
+
+
+def signed(t, method, path, query="", headers=(), body=b"", signer=S3SigV4Auth, who="user"):
+    """A request signed by one of botocore's signer classes, as its bytes on the wire."""
+    host = f"127.0.0.1:{t.port}"
+    target = path + ("?" + query if query else "")
+    req = AWSRequest(method=method, url=f"http://{host}{target}", data=body, headers=dict(headers))
+    creds = Credentials(*t.keys(who))
+    if issubclass(signer, HmacV1Auth):
+        signer(creds).add_auth(req)
+    else:
+        signer(creds, "s3", "us-east-1").add_auth(req)
+    fields = [("Host", host)] + [(k, v.decode() if isinstance(v, bytes) else v) for k, v in req.headers.items()]
+    if body:
+        fields.append(("Content-Length", str(len(body))))
+    return wire(method, target, fields, body)
+
+
+def test_requests_without_readable_credentials_are_refused_byte_exact(tenant):
+    host = ("Host", f"127.0.0.1:{tenant.port}")
+    forbidden = b"403 Forbidden"
+    # No credentials at all: the caller is unknown.
+    for method in ("GET", "HEAD", "DELETE"):
+        got = one_reply(tenant, wire(method, "/bkt/some/key", [host]), head_only=method == "HEAD")
+        check_error_reply(got, forbidden, *INVALID_ACCESS_KEY, b"/", head_only=method == "HEAD")
+    # A presigned query of a key nobody has.
+    query = ("X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=AKIANOSUCHKEY0000000%2F20260101%2Fus-east-1%2Fs3"
+             "%2Faws4_request&X-Amz-Date=20260101T000000Z&X-Amz-Expires=600&X-Amz-SignedHeaders=host"
+             "&X-Amz-Signature=" + "0" * 64)
+    check_error_reply(one_reply(tenant, wire("GET", "/bkt/k?" + query, [host])), forbidden, *INVALID_ACCESS_KEY,
+                      b"/")
+    # Credentials that cannot be read.
+    for value in ("Bearer x", "AWS4-HMAC-SHA256 SignedHeaders=host, Signature=00", "AWS " + "K" * 60 + ":sig"):
+        got = one_reply(tenant, wire("GET", "/bkt/some/key", [host, ("Authorization", value)]))
+        check_error_reply(got, forbidden, *MALFORMED, b"/")
+
+
+def test_an_action_without_a_table_row_is_not_supported_even_when_signed(tenant):
+    for signer in (S3SigV4Auth, HmacV1Auth):
+        got = one_reply(tenant, signed(tenant, "PUT", "/bkt", "accesskey", signer=signer))
+        check_error_reply(got, b"400 Bad Request", b"OperationNotSupported", b"", b"/")
+
+
+def test_a_signed_preflight_gets_the_preflight_reply_and_an_unsigned_one_is_refused(tenant):
+    origin = "http://app.example"
+    asked = "authorization,x-amz-date,x-amz-content-sha256"
+    cors = [("Origin", origin), ("Access-Control-Request-Method", "PUT"), ("Access-Control-Request-Headers", asked)]
+    for signer in (S3SigV4Auth, HmacV1Auth):
+        got = one_reply(tenant, signed(tenant, "OPTIONS", "/bkt/obj", headers=cors, signer=signer), head_only=True)
+        m = DATE.search(got)
+        assert m, got
+        want = (b"HTTP/1.1 200 OK\r\nDate: " + m.group(1) + b"\r\nConnection: keep-alive\r\nContent-Length:0\r\n"
+                b"Access-Control-Allow-Origin:" + origin.encode() + b"\r\n"
+                b"Access-Control-Allow-Methods:POST, GET, PUT, HEAD, DELETE, OPTIONS\r\n"
+                b"Access-Control-Allow-Headers: " + asked.encode() + b"\r\nServer: KELVANE\r\n\r\n")
+        assert got == want, got
+    got = one_reply(tenant, wire("OPTIONS", "/bkt/obj", [("Host", f"127.0.0.1:{tenant.port}"), *cors]))
+    assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and b"<Code>InvalidAccessKeyId</Code>" in got, got
+
+
+class UnsignedPayload(S3SigV4Auth):
+    def payload(self, request):
+        return "UNSIGNED-PAYLOAD"
+
+
+class StreamingSeed(S3SigV4Auth):
+    """Signs the head alone, as the seed of a body whose chunks carry their own signatures."""
+
+    def payload(self, request):
+        return "STREAMING-AWS4-HMAC-SHA256-PAYLOAD"
+
+
+def test_an_unsigned_payload_passes_and_a_chunk_signed_one_is_refused_unstored(tenant):
+    body = b"unsigned payload body"
+    got = one_reply(tenant, signed(tenant, "PUT", "/bkt/unsigned", body=body, signer=UnsignedPayload))
+    check_error_reply(got, b"501 Not Implemented", b"NotImplemented", NOT_IMPLEMENTED, b"bkt/unsigned")
+    tenant.daemon.wait_log(re.escape(f"PutObject /bkt/unsigned: body of {len(body)} bytes, "
+                                     f"md5 {hashlib.md5(body).hexdigest()}"))
+
+    data = b"streamed data"
+    framed = (f"{len(data):x};chunk-signature={'0' * 64}\r\n".encode() + data + b"\r\n"
+              + f"0;chunk-signature={'0' * 64}\r\n\r\n".encode())
+    got = one_reply(tenant, signed(tenant, "PUT", "/bkt/streamed", body=framed, signer=StreamingSeed,
+                                   headers=[("Content-Encoding", "aws-chunked"),
+                                            ("x-amz-decoded-content-length", str(len(data)))]))
+    code, message, _ = error_fields(got)
+    assert got.startswith(b"HTTP/1.1 501 Not Implemented\r\n") and (code, message) == (
+        "NotImplemented", CHUNKED_REFUSED.decode()), got
+    assert "/bkt/streamed: body of" not in tenant.daemon.log()
