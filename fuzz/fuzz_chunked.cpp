@@ -11,16 +11,9 @@
 #include <string>
 
 #include "http/orbs3_http_chunked.h"
+#include "fuzz_check.h"
 
 namespace {
-
-#define CHECK(cond)                                                                        \
-    do {                                                                                   \
-        if (!(cond)) {                                                                     \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                  \
-        }                                                                                  \
-    } while (0)
 
 // What must still come, by state: written out here again, not taken from the decoder.
 uint64_t expected_length(uint32_t state, uint32_t size)

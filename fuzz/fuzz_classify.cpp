@@ -21,16 +21,9 @@
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_classify.h"
+#include "fuzz_check.h"
 
 namespace {
-
-#define CHECK(cond)                                                                       \
-    do {                                                                                  \
-        if (!(cond)) {                                                                    \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                 \
-        }                                                                                 \
-    } while (0)
 
 constexpr std::size_t url_space = 4096;
 

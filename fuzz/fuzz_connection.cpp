@@ -26,16 +26,9 @@
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_classify.h"
 #include "s3/orbs3_s3_dispatch.h"
+#include "fuzz_check.h"
 
 namespace {
-
-#define CHECK(cond)                                                                       \
-    do {                                                                                  \
-        if (!(cond)) {                                                                    \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                 \
-        }                                                                                 \
-    } while (0)
 
 orbs3_listening_t g_listening;
 int g_epfd = -1;

@@ -9,16 +9,9 @@
 #include <memory>
 
 #include "http/orbs3_http_status_line.h"
+#include "fuzz_check.h"
 
 namespace {
-
-#define CHECK(cond)                                                                        \
-    do {                                                                                   \
-        if (!(cond)) {                                                                     \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                  \
-        }                                                                                  \
-    } while (0)
 
 struct result {
     int rc;

@@ -19,16 +19,9 @@
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
 #include "memory/orbs3_palloc.h"
+#include "fuzz_check.h"
 
 namespace {
-
-#define CHECK(cond)                                                                       \
-    do {                                                                                  \
-        if (!(cond)) {                                                                    \
-            std::fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
-            std::abort();                                                                 \
-        }                                                                                 \
-    } while (0)
 
 struct parsed_uri {
     int rc = -1;

@@ -65,25 +65,6 @@ void append_encoded_byte(orbs3_sign_text_t* out, uint8_t c, bool keep_slash)
     orbs3_sign_append(out, std::string_view(esc, 3));
 }
 
-bool blank(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && blank(s.front()))
-        s.remove_prefix(1);
-    while (!s.empty() && blank(s.back()))
-        s.remove_suffix(1);
-    return s;
-}
-
-bool iequals(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && (a.empty() || strncasecmp(a.data(), b.data(), a.size()) == 0);
-}
-
 std::string_view measured(const orbs3_http_request_t* r, const orbs3_str_t& s)
 {
     if (s.data == nullptr)
@@ -140,6 +121,26 @@ bool make_time(int year, int mon, int day, int hour, int min, int sec, time_t* t
 }
 
 }  // namespace
+
+bool orbs3_sign_blank(char c)
+{
+    return c == ' ' || c == '\t';
+}
+
+std::string_view orbs3_sign_trim(std::string_view s)
+{
+    while (!s.empty() && orbs3_sign_blank(s.front()))
+        s.remove_prefix(1);
+    while (!s.empty() && orbs3_sign_blank(s.back()))
+        s.remove_suffix(1);
+    return s;
+}
+
+bool orbs3_sign_iequals(std::string_view a, std::string_view b)
+{
+    return a.size() == b.size() && (a.empty() || strncasecmp(a.data(), b.data(), a.size()) == 0);
+}
+
 
 void orbs3_sign_append(orbs3_sign_text_t* t, std::string_view s)
 {
@@ -295,8 +296,8 @@ bool orbs3_sign_find_header(const orbs3_http_request_t* r, std::string_view name
 {
     bool found = false;
     orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
-        if (!found && iequals(orbs3_sign_header_key(r, &h), name)) {
-            *value = trim(orbs3_sign_header_value(r, &h));
+        if (!found && orbs3_sign_iequals(orbs3_sign_header_key(r, &h), name)) {
+            *value = orbs3_sign_trim(orbs3_sign_header_value(r, &h));
             found = true;
         }
     });
@@ -308,25 +309,25 @@ std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_
 {
     std::size_t count = 0;
     orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
-        if (!iequals(orbs3_sign_header_key(r, &h), name))
+        if (!orbs3_sign_iequals(orbs3_sign_header_key(r, &h), name))
             return;
         if (count++ != 0)
             orbs3_sign_append(out, ",");
-        std::string_view v = trim(orbs3_sign_header_value(r, &h));
+        std::string_view v = orbs3_sign_trim(orbs3_sign_header_value(r, &h));
         if (!collapse) {
             orbs3_sign_append(out, v);
             return;
         }
         while (!v.empty()) {
             std::size_t run = 0;
-            while (run < v.size() && !blank(v[run]))
+            while (run < v.size() && !orbs3_sign_blank(v[run]))
                 run++;
             orbs3_sign_append(out, v.substr(0, run));
             v.remove_prefix(run);
             if (v.empty())
                 break;
             orbs3_sign_append(out, " ");  // trimmed, so a run of blanks always has text behind it
-            while (!v.empty() && blank(v.front()))
+            while (!v.empty() && orbs3_sign_blank(v.front()))
                 v.remove_prefix(1);
         }
     });

@@ -73,6 +73,10 @@ struct orbs3_sign_query_t {
 [[nodiscard]] std::string_view orbs3_sign_header_key(const orbs3_http_request_t* r, const orbs3_header_t* h);
 [[nodiscard]] std::string_view orbs3_sign_header_value(const orbs3_http_request_t* r, const orbs3_header_t* h);
 
+// Blank is space or tab; the text without surrounding blanks; equal ignoring ASCII case.
+[[nodiscard]] bool orbs3_sign_blank(char c);
+[[nodiscard]] std::string_view orbs3_sign_trim(std::string_view s);
+[[nodiscard]] bool orbs3_sign_iequals(std::string_view a, std::string_view b);
 // The first header named `name` (any case), its value without surrounding blanks. False when absent.
 [[nodiscard]] bool orbs3_sign_find_header(const orbs3_http_request_t* r, std::string_view name,
                                           std::string_view* value);

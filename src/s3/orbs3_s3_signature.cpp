@@ -37,32 +37,18 @@ constexpr std::string_view kNoDate = "AWS authentication requires a valid Date o
 
 constexpr std::size_t kMaxSignedHeaders = ORBS3_SIGN_LIST_LEN / 2;  // "a;" is the shortest entry
 
-bool blank(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && blank(s.front()))
-        s.remove_prefix(1);
-    while (!s.empty() && blank(s.back()))
-        s.remove_suffix(1);
-    return s;
-}
-
 std::string_view header_view(const orbs3_header_t* h)
 {
-    return h != nullptr && h->value.data != nullptr ? trim(std::string_view(h->value.data, h->value.len))
+    return h != nullptr && h->value.data != nullptr ? orbs3_sign_trim(std::string_view(h->value.data, h->value.len))
                                                     : std::string_view();
 }
 
 // The scheme word and what follows it.
 std::string_view scheme_of(std::string_view value, std::string_view* rest)
 {
-    value = trim(value);
+    value = orbs3_sign_trim(value);
     std::size_t sp = value.find(' ');
-    *rest = sp == std::string_view::npos ? std::string_view() : trim(value.substr(sp + 1));
+    *rest = sp == std::string_view::npos ? std::string_view() : orbs3_sign_trim(value.substr(sp + 1));
     return value.substr(0, sp);
 }
 
@@ -82,7 +68,7 @@ void parse_v4_fields(std::string_view rest, v4_fields_t* f)
 {
     while (!rest.empty()) {
         std::size_t comma = rest.find(',');
-        std::string_view part = trim(rest.substr(0, comma));
+        std::string_view part = orbs3_sign_trim(rest.substr(0, comma));
         rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
         std::size_t eq = part.find('=');
         if (eq == std::string_view::npos)
@@ -270,7 +256,7 @@ int orbs3_sign_v4_canonical(const orbs3_sign_v4_t* v, orbs3_http_request_t* r, c
     std::string_view list(names_buf, v->signed_headers.size());
     while (!list.empty()) {
         std::size_t semi = list.find(';');
-        std::string_view name = trim(list.substr(0, semi));
+        std::string_view name = orbs3_sign_trim(list.substr(0, semi));
         list.remove_prefix(semi == std::string_view::npos ? list.size() : semi + 1);
         if (name.empty())
             continue;

@@ -63,20 +63,6 @@ bool amz_name(std::string_view name)
     return name.size() > kAmzPrefix.size() && strncasecmp(name.data(), kAmzPrefix.data(), kAmzPrefix.size()) == 0;
 }
 
-bool iequals(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && (a.empty() || strncasecmp(a.data(), b.data(), a.size()) == 0);
-}
-
-std::string_view trim(std::string_view s)
-{
-    while (!s.empty() && (s.front() == ' ' || s.front() == '\t'))
-        s.remove_prefix(1);
-    while (!s.empty() && (s.back() == ' ' || s.back() == '\t'))
-        s.remove_suffix(1);
-    return s;
-}
-
 // Content-MD5 or Content-Type: the header, or for a presigned URL the parameter a signer moved there.
 void append_standard(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::string_view name, bool presigned,
                      orbs3_sign_text_t* out)
@@ -86,8 +72,8 @@ void append_standard(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::
         orbs3_sign_append(out, v);
     } else if (presigned) {
         for (std::size_t i = 0; i < q->n; i++) {
-            if (iequals(q->elts[i].name, name)) {
-                orbs3_sign_append(out, trim(q->elts[i].value));
+            if (orbs3_sign_iequals(q->elts[i].name, name)) {
+                orbs3_sign_append(out, orbs3_sign_trim(q->elts[i].value));
                 break;
             }
         }
@@ -141,11 +127,11 @@ int append_amz_headers(orbs3_http_request_t* r, const orbs3_sign_query_t* q, boo
         orbs3_sign_append(out, ":");
         std::size_t values = orbs3_sign_append_header(r, names[i], false, out);
         for (std::size_t j = 0; presigned && j < q->n; j++) {
-            if (!iequals(q->elts[j].name, names[i]))
+            if (!orbs3_sign_iequals(q->elts[j].name, names[i]))
                 continue;
             if (values++ != 0)
                 orbs3_sign_append(out, ",");
-            orbs3_sign_append(out, trim(q->elts[j].value));
+            orbs3_sign_append(out, orbs3_sign_trim(q->elts[j].value));
         }
         orbs3_sign_append(out, "\n");
     }
@@ -159,7 +145,7 @@ int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_
     if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL && r->headers_in.host != nullptr &&
         r->headers_in.host->value.data != nullptr) {
         std::string_view host(r->headers_in.host->value.data, r->headers_in.host->value.len);
-        host = trim(host);
+        host = orbs3_sign_trim(host);
         host = host.substr(0, host.find_first_of(".:"));
         if (!host.empty()) {
             orbs3_sign_append(out, "/");
@@ -291,7 +277,7 @@ uint32_t orbs3_sign_v2_header(orbs3_http_request_t* r, std::string_view rest, co
     std::size_t colon = rest.find(':');
     if (colon == std::string_view::npos || colon == 0 || colon >= ORBS3_ACCESS_KEY_ID_LEN)
         return ORBS3_S3_AUTH_HEADER_MALFORMED;
-    std::string_view sent = trim(rest.substr(colon + 1));
+    std::string_view sent = orbs3_sign_trim(rest.substr(colon + 1));
 
     // With x-amz-date the Date header is not signed: its line stays empty.
     std::string_view date_line;

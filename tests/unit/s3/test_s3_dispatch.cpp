@@ -1,9 +1,6 @@
 // Admission of a classified request: who sends it, whether the key exists, the CORS origin, and what the
 // reply says when any of it fails. Signatures are switched off here (their own tests check them); one
 // case switches them on to see that the check runs between the owner's lookup and the handler.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -12,8 +9,6 @@
 #include <string>
 
 #include "core/orbs3_config.h"
-#include "event/orbs3_fd.h"
-#include "event/orbs3_socket.h"
 #include "http/http_test_request.h"
 #include "http/orbs3_http_parse.h"
 #include "memory/neo_string.h"
@@ -21,6 +16,7 @@
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_errors.h"
 #include "service_fixture.h"
+#include "socketpair_connection.h"
 
 namespace {
 
@@ -38,22 +34,12 @@ protected:
         orbs3_vhost_t* vh = service_.vhosts[0];
         neo_strdup(&vh->admin.accesskeyid, "ADMINKEY", ORBS3_KEY_CAP);
         neo_strdup(&vh->admin.accesskeysecret, "adminsecret", ORBS3_KEY_CAP);
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        peer_ = orbs3_fd(sv[1]);
-        fcntl(sv[1], F_SETFL, O_NONBLOCK);
-        c_ = orbs3_create_connection(8192);
-        ASSERT_NE(c_, nullptr);
-        c_->fd = sv[0];
-        c_->epfd = -1;
-        c_->send = orbs3_send;
-        c_->recv = orbs3_recv;
-        orbs3_nonblocking(sv[0]);
+        ASSERT_NE(conn_.c, nullptr);
+        c_ = conn_.c;
     }
     void TearDown() override
     {
         orbs3_conf.verify_signatures = saved_verify_;
-        orbs3_close_connection(c_);
     }
 
     // The status the dispatcher returns for the head, and the reply it sent.
@@ -66,17 +52,13 @@ protected:
         (void)orbs3_find_virtual_server(t.r);
         (void)orbs3_parse_req_msg(t.r);
         int rc = orbs3_events_process(t.r);
-        reply->clear();
-        char buf[8192];
-        ssize_t n;
-        while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
-            reply->append(buf, static_cast<std::size_t>(n));
+        *reply = conn_.drain();
         return rc;
     }
 
     int saved_verify_ = 1;
     service_fixture service_{"s3.example"};
-    orbs3_fd peer_;
+    unit_test::socketpair_connection conn_;
     orbs3_connection_t* c_ = nullptr;
 };
 
@@ -157,18 +139,12 @@ TEST_F(Dispatch, JsonErrorRepliesCarryTheRowOrAnEmptySuccess)
     t.r->connection = c_;
     std::strcpy(t.r->resp.connection, "close");
     ASSERT_EQ(orbs3_send_http_respones(-4, t.r), 0);
-    std::string reply;
-    char buf[4096];
-    ssize_t n;
-    while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
-        reply.append(buf, static_cast<std::size_t>(n));
+    std::string reply = conn_.drain();
     EXPECT_EQ(reply.rfind("HTTP/1.1 404 Not Found\r\n", 0), 0u);
     EXPECT_EQ(reply.substr(reply.find("\r\n\r\n") + 4),
               "{\"error_code\":\"NoSuchBucket\",\"error_msg\":\"bucket does not exist\"}");
     ASSERT_EQ(orbs3_send_http_respones(12345, t.r), 0);
-    reply.clear();
-    while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
-        reply.append(buf, static_cast<std::size_t>(n));
+    reply = conn_.drain();
     EXPECT_EQ(reply.rfind("HTTP/1.1 200 OK\r\n", 0), 0u);
     EXPECT_NE(reply.find("Content-Length:0\r\n"), std::string::npos);
 }

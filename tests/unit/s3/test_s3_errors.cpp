@@ -1,7 +1,4 @@
 // The S3 error table, the error document and the reply each status goes out with.
-#include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <gtest/gtest.h>
 
@@ -12,12 +9,11 @@
 #include <string>
 
 #include "core/orbs3_config.h"
-#include "event/orbs3_fd.h"
-#include "event/orbs3_socket.h"
 #include "http/orbs3_http_request.h"
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_errors.h"
+#include "socketpair_connection.h"
 
 namespace {
 
@@ -101,41 +97,20 @@ class S3ErrorReply : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        peer_ = orbs3_fd(sv[1]);
-        fcntl(sv[1], F_SETFL, O_NONBLOCK);
-        c_ = orbs3_create_connection(8192);
-        ASSERT_NE(c_, nullptr);
-        c_->fd = sv[0];
-        c_->epfd = -1;
-        c_->send = orbs3_send;
-        c_->recv = orbs3_recv;
-        orbs3_nonblocking(sv[0]);
+        ASSERT_NE(conn_.c, nullptr);
         pool_.reset(orbs3_create_mem_block(16384));
         r_ = static_cast<orbs3_http_request_t*>(orbs3_pcalloc(pool_.get(), sizeof(orbs3_http_request_t)));
         ASSERT_NE(r_, nullptr);
-        r_->connection = c_;
+        r_->connection = conn_.c;
         r_->pool = pool_.get();
         r_->method = ORBS3_HTTP_GET;
         std::strcpy(r_->resp.connection, "keep-alive");
         std::strcpy(r_->resp.request_id, "0123456789abcdef0123456789abcdef");
     }
-    void TearDown() override { orbs3_close_connection(c_); }
 
-    // Status line, the document and whether a body came at all.
-    std::string reply()
-    {
-        std::string out;
-        char buf[8192];
-        ssize_t n;
-        while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
-            out.append(buf, static_cast<std::size_t>(n));
-        return out;
-    }
+    std::string reply() { return conn_.drain(); }
 
-    orbs3_fd peer_;
-    orbs3_connection_t* c_ = nullptr;
+    unit_test::socketpair_connection conn_;
     orbs3_pool_ptr pool_;
     orbs3_http_request_t* r_ = nullptr;
 };
