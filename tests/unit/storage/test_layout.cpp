@@ -1,0 +1,404 @@
+#include "storage/orbs3_layout.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_config.h"
+#include "core/orbs3_worker.h"
+#include "s3/orbs3_s3_errors.h"
+
+namespace fs = std::filesystem;
+using namespace std::string_literals;
+
+namespace {
+
+bool is_dir(const std::string& p)
+{
+    struct stat st;
+    return lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+mode_t perm(const std::string& p)
+{
+    struct stat st;
+    return lstat(p.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
+}
+
+void touch(const std::string& p)
+{
+    std::ofstream(p) << "x";
+}
+
+std::string str(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string() : std::string(s.data, s.len);
+}
+
+struct vhost_holder {
+    orbs3_vhost_t vh{};
+    ~vhost_holder()
+    {
+        for (orbs3_str_t* s : {&vh.id, &vh.cluster_path, &vh.group_path, &vh.data_root, &vh.meta_root,
+                               &vh.version_root, &vh.recycle_root})
+            neo_strfree(s);
+    }
+};
+
+class Layout : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        saved_[0] = orbs3_conf.bucketmaxlen;
+        saved_[1] = orbs3_conf.objectmaxlen;
+        saved_[2] = orbs3_conf.objectpathlen;
+        saved_[3] = orbs3_conf.objectdirnum;
+        orbs3_conf.bucketmaxlen = 127;
+        orbs3_conf.objectmaxlen = 127;
+        orbs3_conf.objectpathlen = 1023;
+        orbs3_conf.objectdirnum = 10;
+        char tmpl[] = "/tmp/orbs3_layout_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+    }
+    void TearDown() override
+    {
+        orbs3_conf.bucketmaxlen = saved_[0];
+        orbs3_conf.objectmaxlen = saved_[1];
+        orbs3_conf.objectpathlen = saved_[2];
+        orbs3_conf.objectdirnum = saved_[3];
+        orbs3_free_bucket(bucket_);
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+
+    // A vhost under the temp dir with group path "g", its roots built.
+    void init_vhost()
+    {
+        neo_strdup(&vh_.vh.cluster_path, dir_.c_str(), ORBS3_PATH_AREA);
+        neo_strdup(&vh_.vh.group_path, "g", ORBS3_PATH_AREA);
+        ASSERT_EQ(orbs3_init_path(&vh_.vh), 0);
+    }
+    // A bucket `name` of owner "alice" with its paths filled.
+    void init_bucket(const char* name = "bkt")
+    {
+        init_vhost();
+        bucket_ = orbs3_bucket_new();
+        ASSERT_NE(bucket_, nullptr);
+        bucket_->owner_name = {owner_.size(), owner_.data()};
+        ASSERT_EQ(orbs3_bucket_init_path(&vh_.vh, nullptr, bucket_, name), 0);
+    }
+
+    int saved_[4] = {};
+    std::string dir_;
+    std::string owner_ = "alice";
+    vhost_holder vh_;
+    orbs3_bucket_t* bucket_ = nullptr;
+};
+
+TEST_F(Layout, BucketNameCheckedAtLengthLimitAndForPathCharacters)
+{
+    struct row {
+        std::string name;
+        int want;
+    } rows[] = {
+        {std::string(127, 'b'), 0},
+        {std::string(128, 'b'), -1},
+        {"", 0},  // the handlers refuse an empty name before this check
+        {"My-Bucket.9_", 0},
+        {"-x-", 0},
+        {"a/b", -1},
+        {"/", -1},
+        {".", -1},
+        {"..", -1},
+        {"...", 0},
+        {"a\0b"s, -1},
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(orbs3_check_bucketname(r.name), r.want) << r.name;
+
+    // A configured limit beyond the name area is capped by the area.
+    orbs3_conf.bucketmaxlen = 1000;
+    EXPECT_EQ(orbs3_check_bucketname(std::string(255, 'b')), 0);
+    EXPECT_EQ(orbs3_check_bucketname(std::string(256, 'b')), -1);
+}
+
+TEST_F(Layout, KeyCheckedAtEachConfiguredLimit)
+{
+    orbs3_conf.objectmaxlen = 8;
+    orbs3_conf.objectpathlen = 30;
+    orbs3_conf.objectdirnum = 3;
+    const std::string c8(8, 'k'), c9(9, 'k');
+    struct row {
+        std::string key;
+        int want;
+    } rows[] = {
+        {c8, 0},                          // component at the limit, as the only one
+        {c9, -1},                         // one over
+        {c8 + "/" + c8, 0},               // also as the last component
+        {c8 + "/" + c9, -1},
+        {c9 + "/" + c8, -1},              // and as the first
+        {"a/" + c9 + "/b", -1},           // and in the middle
+        {"a/b/c/d", 0},                   // exactly objectdirnum slashes
+        {"a/b/c/d/e", -1},                // one more
+        {"a/b/c/", 0},                    // a directory object with three slashes
+        {"a/b/c/d/", -1},
+        {c8 + "/" + c8 + "/" + c8 + "/123", 0},    // 30 bytes: the whole key at its limit
+        {c8 + "/" + c8 + "/" + c8 + "/1234", -1},  // 31
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+
+    // The defaults: a 1023-byte key passes; components are capped at the name area whatever is configured.
+    orbs3_conf.objectmaxlen = 127;
+    orbs3_conf.objectpathlen = 1023;
+    orbs3_conf.objectdirnum = 10;
+    std::string longest;
+    for (int i = 0; i < 7; i++)
+        longest += std::string(127, 'x') + "/";
+    longest += std::string(1023 - longest.size(), 'y');
+    ASSERT_EQ(longest.size(), 1023u);
+    EXPECT_EQ(orbs3_check_objectname(longest), 0);
+    EXPECT_EQ(orbs3_check_objectname(longest + "z"), -1);
+    orbs3_conf.objectmaxlen = 4000;
+    orbs3_conf.objectpathlen = 4000;
+    EXPECT_EQ(orbs3_check_objectname(std::string(255, 'k')), 0);
+    EXPECT_EQ(orbs3_check_objectname(std::string(256, 'k')), -1);
+    EXPECT_EQ(orbs3_check_objectname(std::string(120, 'k') + "/" + std::string(1023 - 121, 'k')), -1);
+
+    EXPECT_EQ(orbs3_check_dir_num("a//b/"), 3);
+    EXPECT_EQ(orbs3_check_dir_num(""), 0);
+}
+
+TEST_F(Layout, HostileKeysRefusedAndHarmlessDotsAccepted)
+{
+    struct row {
+        std::string key;
+        int want;
+    } rows[] = {
+        {".", -1},     {"..", -1},      {"a/../b", -1}, {"a/./b", -1}, {"../x", -1},
+        {"a/..", -1},  {"a/../", -1},   {"x\0y"s, -1},  {"\0"s, -1},   {"/a", -1},
+        {"//", -1},    {"/", -1},       {"//a", -1},    {"", -1},      {"a//b", 0},
+        {"a/b/", 0},   {"..a", 0},      {"a..", 0},     {".../b", 0},  {".hidden", 0},
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+}
+
+TEST_F(Layout, RootsAndBucketPathsFollowTheTreeLayout)
+{
+    init_bucket();
+    const std::string g = dir_ + "/g";
+    EXPECT_EQ(str(vh_.vh.data_root), g + "/data");
+    EXPECT_EQ(str(vh_.vh.meta_root), g + "/meta");
+    EXPECT_EQ(str(vh_.vh.version_root), g + "/version");
+    EXPECT_EQ(str(vh_.vh.recycle_root), g + "/recycle");
+    for (const char* d : {"/data", "/meta/bucket", "/meta/object", "/version", "/recycle"}) {
+        EXPECT_TRUE(is_dir(g + d)) << d;
+        EXPECT_EQ(perm(g + d), 0600u) << d;
+    }
+
+    EXPECT_EQ(str(bucket_->data_dir), g + "/data/alice/bkt");
+    EXPECT_EQ(str(bucket_->meta_file), g + "/meta/alice/bucket/bkt");
+    EXPECT_EQ(str(bucket_->meta_dir), g + "/meta/alice/object/bkt");
+    EXPECT_EQ(str(bucket_->version_dir), g + "/version/alice/bkt");
+    EXPECT_EQ(str(bucket_->recycle_dir), g + "/recycle/alice/bkt");
+    // The owner's record directory is made so that a first bucket can be saved; nothing else is.
+    EXPECT_TRUE(is_dir(g + "/meta/alice/bucket"));
+    EXPECT_FALSE(fs::exists(g + "/data/alice"));
+}
+
+TEST_F(Layout, ObjectPathsAndTheirDirectories)
+{
+    init_bucket();
+    const std::string data = str(bucket_->data_dir), meta = str(bucket_->meta_dir);
+    const std::string version = str(bucket_->version_dir), recycle = str(bucket_->recycle_dir);
+
+    orbs3_object_path_t p;
+    ASSERT_EQ(orbs3_make_object_path(bucket_, "a/b/c.txt", "c.txt", &p), 0);
+    EXPECT_EQ(p.data_path, data + "/a/b/c.txt");
+    EXPECT_EQ(p.meta_path, meta + "/a/b/c.txt");
+    EXPECT_EQ(p.version_path, version + "/a/b/c.txt");
+    EXPECT_EQ(p.recycle_path, recycle + "/a/b/c.txt");
+    EXPECT_EQ(p.data_dir, data + "/a/b/");
+    EXPECT_EQ(p.meta_dir, meta + "/a/b/");
+    EXPECT_EQ(p.version_dir, version + "/a/b/");
+    EXPECT_EQ(p.recycle_dir, recycle + "/a/b/");
+
+    ASSERT_EQ(orbs3_make_object_path(bucket_, "top", "", &p), 0);
+    EXPECT_EQ(p.data_dir, data + "/");
+    ASSERT_EQ(orbs3_make_object_path(bucket_, "a/b/", "", &p), 0);  // a directory object
+    EXPECT_EQ(p.meta_path, meta + "/a/b/");
+    EXPECT_EQ(p.meta_dir, meta + "/a/b/");
+    EXPECT_EQ(orbs3_make_object_path(bucket_, "a/b/c", "b", &p), -1);
+
+    char d[ORBS3_PATH_AREA], m[ORBS3_PATH_AREA];
+    ASSERT_EQ(orbs3_get_object_path(bucket_, "k", d, m, nullptr, nullptr), 0);
+    EXPECT_EQ(d, data + "/k");
+    EXPECT_EQ(m, meta + "/k");
+    for (const std::string& key : {"../x"s, "a/../../y"s, "/etc/passwd"s, "x\0y"s}) {
+        EXPECT_EQ(orbs3_get_object_path(bucket_, key, d, m, nullptr, nullptr), -1) << key;
+        EXPECT_STREQ(d, "");
+        EXPECT_EQ(orbs3_make_object_path(bucket_, key, "", &p), -1) << key;
+    }
+}
+
+TEST_F(Layout, UnsafeBucketOrOwnerNamesRefusedBeforeAnyPathIsBuilt)
+{
+    init_vhost();
+    bucket_ = orbs3_bucket_new();
+    ASSERT_NE(bucket_, nullptr);
+    bucket_->owner_name = {owner_.size(), owner_.data()};
+    for (const std::string& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, std::string(256, 'n')})
+        EXPECT_EQ(orbs3_bucket_init_path(&vh_.vh, nullptr, bucket_, name), -1) << name;
+    EXPECT_EQ(bucket_->data_dir.len, 0u);
+
+    for (std::string owner : {"", "..", "x/y"}) {
+        owner_ = owner;
+        bucket_->owner_name = {owner_.size(), owner_.data()};
+        EXPECT_EQ(orbs3_bucket_init_path(&vh_.vh, nullptr, bucket_, "bkt"), -1) << owner;
+    }
+    EXPECT_FALSE(fs::exists(dir_ + "/g/meta/bucket/bkt"));
+
+    // A bucket whose paths were never filled builds nothing from the file system's root.
+    char d[ORBS3_PATH_AREA];
+    EXPECT_EQ(orbs3_get_object_path(bucket_, "k", d, nullptr, nullptr, nullptr), -1);
+    EXPECT_EQ(orbs3_check_key_conflict(bucket_, "k"), -1);
+}
+
+TEST_F(Layout, PathsThatDoNotFitAreRefusedNotCut)
+{
+    vhost_holder v;
+    neo_strdup(&v.vh.cluster_path, ("/" + std::string(1016, 'c')).c_str(), 2000);
+    neo_strdup(&v.vh.group_path, "g", 10);
+    EXPECT_EQ(orbs3_init_path(&v.vh), -1);  // ".../g/data" alone is 1024 bytes
+    EXPECT_EQ(v.vh.data_root.len, 0u);
+    EXPECT_EQ(v.vh.recycle_root.len, 0u);
+
+    init_bucket();
+    // The key fills the area exactly (1023 bytes and the NUL), then one byte too many.
+    const std::size_t room = ORBS3_PATH_AREA - 1 - bucket_->recycle_dir.len - 1;
+    ASSERT_LT(bucket_->recycle_dir.len, bucket_->data_dir.len + 10);
+    std::string key;
+    while (key.size() + 101 < room)
+        key += std::string(100, 'k') + "/";
+    key += std::string(room - key.size(), 'z');
+    ASSERT_EQ(key.size(), room);
+
+    char r[ORBS3_PATH_AREA];
+    ASSERT_EQ(orbs3_get_object_path(bucket_, key, nullptr, nullptr, nullptr, r), 0);
+    EXPECT_EQ(std::strlen(r), ORBS3_PATH_AREA - 1);
+    char d[ORBS3_PATH_AREA];
+    EXPECT_EQ(orbs3_get_object_path(bucket_, key + "z", d, nullptr, nullptr, r), -1);
+    EXPECT_STREQ(r, "");
+    EXPECT_STREQ(d, "");  // every area is emptied, also those that would have fit
+    orbs3_object_path_t p;
+    EXPECT_EQ(orbs3_make_object_path(bucket_, key + "z", "", &p), -1);
+    EXPECT_EQ(orbs3_check_key_conflict(bucket_, key + std::string(20, 'z')), -1);
+
+    std::string owner(250, 'o');
+    owner_ = owner;
+    bucket_->owner_name = {owner_.size(), owner_.data()};
+    vhost_holder deep;
+    neo_strdup(&deep.vh.cluster_path, ("/" + std::string(700, 'c')).c_str(), 2000);
+    neo_strdup(&deep.vh.group_path, "g", 10);
+    ASSERT_EQ(orbs3_init_path(&deep.vh), 0);
+    EXPECT_EQ(orbs3_bucket_init_path(&deep.vh, nullptr, bucket_, std::string(100, 'b')), -1);
+}
+
+TEST_F(Layout, MkdirPMakesNestedTreesAndStopsAtAFile)
+{
+    const std::string nested = dir_ + "/x//y///z/";
+    EXPECT_EQ(mkdir_p(nested.c_str(), 0700), 0);
+    EXPECT_TRUE(is_dir(dir_ + "/x/y/z"));
+    EXPECT_EQ(mkdir_p(nested.c_str(), 0700), 0);  // existing
+    EXPECT_EQ(mkdir_p((dir_ + "/x/y").c_str(), 0700), 0);
+
+    touch(dir_ + "/f");
+    EXPECT_EQ(mkdir_p((dir_ + "/f").c_str(), 0700), -1);
+    EXPECT_EQ(mkdir_p((dir_ + "/f/g/h").c_str(), 0700), -1);
+    EXPECT_FALSE(fs::exists(dir_ + "/f/g"));
+    EXPECT_EQ(mkdir_p(nullptr, 0700), -1);
+}
+
+TEST_F(Layout, KeyDirectoriesMadeOnlyForKeysWithSlashes)
+{
+    init_bucket();
+    const std::string data = str(bucket_->data_dir);
+
+    EXPECT_EQ(orbs3_make_dir_by_name("flat", (data + "/flat").c_str()), 0);
+    EXPECT_FALSE(fs::exists(data));  // a flat key needs no directory of its own
+
+    EXPECT_EQ(orbs3_make_dir_by_name("a/b/c", (data + "/a/b/c").c_str()), 0);
+    EXPECT_TRUE(is_dir(data + "/a/b"));
+    EXPECT_FALSE(fs::exists(data + "/a/b/c"));
+    EXPECT_EQ(perm(data + "/a/b"), 0600u);
+
+    EXPECT_EQ(orbs3_make_dir_by_name("d/e/", (data + "/d/e/").c_str()), 0);
+    EXPECT_TRUE(is_dir(data + "/d/e"));
+
+    EXPECT_EQ(orbs3_make_dir_by_object_path((data + "/p/q/r").c_str()), 0);
+    EXPECT_TRUE(is_dir(data + "/p/q"));
+    EXPECT_FALSE(fs::exists(data + "/p/q/r"));
+
+    touch(data + "/file");
+    EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+    EXPECT_EQ(orbs3_make_dir_by_object_path((data + "/file/x/y").c_str()),
+              static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+}
+
+TEST_F(Layout, KeyConflictBetweenFileAndDirectoryBothWays)
+{
+    init_bucket();
+    const std::string data = str(bucket_->data_dir);
+    ASSERT_EQ(mkdir_p((data + "/d/e").c_str(), 0700), 0);
+    touch(data + "/a");
+    touch(data + "/d/e/f");
+
+    struct row {
+        std::string key;
+        int want;
+    } rows[] = {
+        {"a/b", ORBS3_KEY_CONFLICT_FILE},      // a stored, a/b arrives
+        {"a/", ORBS3_KEY_CONFLICT_FILE},       // a directory object over a file
+        {"d/e/f/g", ORBS3_KEY_CONFLICT_FILE},  // deep
+        {"d", ORBS3_KEY_CONFLICT_DIR},         // d/... stored, d arrives
+        {"d/e", ORBS3_KEY_CONFLICT_DIR},
+        {"d/", 0},                             // a directory object over a directory
+        {"d/e/f", 0},                          // overwrite
+        {"a", 0},
+        {"d//e/f", 0},                         // the folded slashes name the same file
+        {"new/x/y", 0},
+        {"../a", -1},
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(orbs3_check_key_conflict(bucket_, r.key), r.want) << r.key;
+}
+
+TEST_F(Layout, ReloadRemakesTheRootsOfTheServiceVhosts)
+{
+    init_vhost();
+    const std::string g = dir_ + "/g";
+    fs::remove_all(g);
+
+    orbs3_service_t svc{};
+    INIT_LIST_HEAD(&svc.vhosts);
+    orbs3_list_node_t node{{}, &vh_.vh};
+    list_add_tail(&node.list, &svc.vhosts);
+    orbs3_service_t* saved = orbs3_service;
+    orbs3_service = &svc;
+    orbs3_reload_path();
+    orbs3_service = saved;
+
+    for (const char* d : {"/data", "/meta/bucket", "/meta/object", "/version", "/recycle"})
+        EXPECT_TRUE(is_dir(g + d)) << d;
+}
+
+}  // namespace

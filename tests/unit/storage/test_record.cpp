@@ -1,0 +1,761 @@
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <mxml.h>
+
+#include "storage/orbs3_record.h"
+
+namespace {
+
+std::string golden(const char* name)
+{
+    std::string dir(__FILE__);
+    dir.resize(dir.rfind('/') + 1);
+    std::ifstream in(dir + "golden/" + name, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+std::string slurp(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void spit(const std::string& path, const std::string& text)
+{
+    std::ofstream out(path, std::ios::binary | std::ios::trunc);
+    out << text;
+}
+
+struct temp_dir {
+    std::string path;
+    temp_dir()
+    {
+        char tmpl[] = "/tmp/orbs3-record-XXXXXX";
+        path = mkdtemp(tmpl);
+    }
+    ~temp_dir() { (void)std::system(("rm -rf '" + path + "'").c_str()); }
+    std::vector<std::string> entries() const
+    {
+        std::vector<std::string> out;
+        DIR* d = opendir(path.c_str());
+        while (dirent* e = readdir(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                out.emplace_back(e->d_name);
+        }
+        closedir(d);
+        return out;
+    }
+};
+
+std::string str(const orbs3_str_t& s)
+{
+    return std::string(neo_getstr(&s), s.len);
+}
+
+// Pool-backed setters for the records under test.
+void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
+{
+    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
+    std::memcpy(d, v.data(), v.size());
+    s->data = d;
+    s->len = v.size();
+}
+
+void heap_set(orbs3_str_t* s, const std::string& v)
+{
+    std::free(s->data);
+    s->data = static_cast<char*>(std::calloc(1, v.size() + 1));
+    std::memcpy(s->data, v.data(), v.size());
+    s->len = v.size();
+}
+
+template <typename T>
+void push(orbs3_pool_t* pool, neo_list_head_t* head, T* data)
+{
+    void* mem = pool ? orbs3_pcalloc(pool, sizeof(orbs3_list_node_t)) : std::calloc(1, sizeof(orbs3_list_node_t));
+    auto* node = static_cast<orbs3_list_node_t*>(mem);
+    node->data = data;
+    list_add_tail(&node->list, head);
+}
+
+template <typename T>
+T* make(orbs3_pool_t* pool)
+{
+    return static_cast<T*>(pool ? orbs3_pcalloc(pool, sizeof(T)) : std::calloc(1, sizeof(T)));
+}
+
+template <typename T>
+std::vector<T*> items(const neo_list_head_t* head)
+{
+    std::vector<T*> out;
+    for (neo_list_head_t* p = head->next; p != head; p = p->next)
+        out.push_back(static_cast<T*>(orbs3_list_node(p)->data));
+    return out;
+}
+
+orbs3_bucket_rule_t* rule(orbs3_pool_t* pool, neo_list_head_t* list, const char* id, const char* name,
+                          uint32_t status)
+{
+    auto* r = make<orbs3_bucket_rule_t>(pool);
+    std::snprintf(r->id, sizeof(r->id), "%s", id);
+    if (name != nullptr) {
+        if (pool)
+            set(pool, &r->name, name);
+        else
+            heap_set(&r->name, name);
+    }
+    r->status = status;
+    INIT_LIST_HEAD(&r->addrs);
+    INIT_LIST_HEAD(&r->users);
+    push(pool, list, r);
+    return r;
+}
+
+void addr(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* a, uint32_t mask)
+{
+    auto* x = make<orbs3_rule_addr_t>(pool);
+    if (pool)
+        set(pool, &x->addr, a);
+    else
+        heap_set(&x->addr, a);
+    x->mask = mask;
+    push(pool, &r->addrs, x);
+}
+
+void user(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* name, const char* id)
+{
+    auto* u = make<orbs3_rule_user_t>(pool);
+    if (pool) {
+        set(pool, &u->name, name);
+        set(pool, &u->userid, id);
+    } else {
+        heap_set(&u->name, name);
+        heap_set(&u->userid, id);
+    }
+    push(pool, &r->users, u);
+}
+
+// The bucket of golden/bucket.xml.
+orbs3_bucket_t* sample_bucket()
+{
+    orbs3_bucket_t* b = orbs3_bucket_new();
+    orbs3_pool_t* p = b->pool;
+    set(p, &b->name, "photos");
+    set(p, &b->alias, "Holiday");
+    set(p, &b->created_date, "2026-11-23T16:13:01.000Z");
+    set(p, &b->extranet_endpoint, "photos.s3.example.com/");
+    set(p, &b->owner_id, "u-1001");
+    set(p, &b->owner_name, "alice");
+    for (const char* id : {"rule-a", "rule-b"}) {
+        char* d = static_cast<char*>(orbs3_pcalloc(p, std::strlen(id) + 1));
+        std::memcpy(d, id, std::strlen(id));
+        push(p, &b->lifecycle, d);
+    }
+    b->versioning = {1, 5};
+    addr(p, rule(p, &b->whitelist, "w1", "office", 1), "10.0.0.0", 8);
+    b->whitelist_status = 1;
+    orbs3_bucket_rule_t* aa = rule(p, &b->authaddr_list, "aa1", nullptr, 0);
+    addr(p, aa, "192.168.1.7", 32);
+    aa->bucket.flag[ORBS3_PERM_READ] = 1;
+    aa->bucket.flag[ORBS3_PERM_LIST] = 1;
+    aa->object.flag[ORBS3_PERM_READ] = 1;
+    b->authaddr_status = 1;
+    orbs3_bucket_rule_t* ak = rule(p, &b->authak_list, "ak1", "ro", 1);
+    user(p, ak, "bob", "u-2002");
+    ak->object.flag[ORBS3_PERM_WRITE] = 1;
+    ak->object.flag[ORBS3_PERM_DELETE] = 1;
+    b->recycle_days = 7;
+    b->quota = {1048576, 1000, 80, 0, 4096};
+    b->acl = ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_READ;
+    b->stat = {123456789012ULL, 42, 0};
+    return b;
+}
+
+orbs3_object_t* sample_object()
+{
+    orbs3_object_t* o = orbs3_create_object_block();
+    INIT_LIST_HEAD(&o->tags);
+    orbs3_pool_t* p = o->pool;
+    set(p, &o->name, "photos/a \"b\" & <c>.jpg");
+    set(p, &o->etag, "0123456789abcdef0123456789abcdef");
+    set(p, &o->last_modified, "2026-11-23T16:13:01.000Z");
+    set(p, &o->owner_id, "u-1001");
+    set(p, &o->owner_display_name, "alice");
+    std::snprintf(o->path, sizeof(o->path), "%s", "/mnt/c1/data/alice/photos/x");
+    std::snprintf(o->fpath, sizeof(o->fpath), "%s", "/mnt/c1/meta/alice/photos/x");
+    o->size = 5242880;
+    o->acl = 1;
+    for (auto [k, v] : {std::pair{"color", "red"}, {"a&b", "x\"y"}, {"zeta", "1"}}) {
+        auto* t = make<orbs3_tag_t>(p);
+        set(p, &t->key, k);
+        set(p, &t->value, v);
+        push(p, &o->tags, t);
+    }
+    return o;
+}
+
+orbs3_service_rec_t* sample_service()
+{
+    orbs3_service_rec_t* s = orbs3_get_service(nullptr);
+    s->version_status = 1;
+    s->save_num = 3;
+    s->memory = 1;
+    s->memory_size = 64;
+    heap_set(&s->accelerate_path, "/ssd");
+    addr(nullptr, rule(nullptr, &s->blacklist, "b1", "bad", 1), "203.0.113.0", 24);
+    s->blacklist_status = 1;
+    orbs3_bucket_rule_t* k = rule(nullptr, &s->authak_list, "k1", nullptr, 0);
+    user(nullptr, k, "bob", "u-2002");
+    k->bucket.flag[ORBS3_PERM_CREATE] = 1;
+    k->object.flag[ORBS3_PERM_READ] = 1;
+    s->authak_status = 1;
+    heap_set(&s->quota.service_quota, "10240");
+    s->quota.max_object = 500;
+    s->quota.bucket_threshold = 90;
+    heap_set(&s->quota.segment_size, "8192");
+    heap_set(&s->low_frequency_path, "/mnt/cold");
+    return s;
+}
+
+void expect_same_rules(const neo_list_head_t* a, const neo_list_head_t* b)
+{
+    auto ra = items<orbs3_bucket_rule_t>(a);
+    auto rb = items<orbs3_bucket_rule_t>(b);
+    ASSERT_EQ(ra.size(), rb.size());
+    for (std::size_t i = 0; i < ra.size(); ++i) {
+        EXPECT_STREQ(ra[i]->id, rb[i]->id);
+        EXPECT_EQ(str(ra[i]->name), str(rb[i]->name));
+        EXPECT_EQ(ra[i]->status, rb[i]->status);
+        EXPECT_EQ(0, std::memcmp(&ra[i]->bucket, &rb[i]->bucket, sizeof(orbs3_rule_perm_t)));
+        EXPECT_EQ(0, std::memcmp(&ra[i]->object, &rb[i]->object, sizeof(orbs3_rule_perm_t)));
+        auto aa = items<orbs3_rule_addr_t>(&ra[i]->addrs);
+        auto ab = items<orbs3_rule_addr_t>(&rb[i]->addrs);
+        ASSERT_EQ(aa.size(), ab.size());
+        for (std::size_t j = 0; j < aa.size(); ++j) {
+            EXPECT_EQ(str(aa[j]->addr), str(ab[j]->addr));
+            EXPECT_EQ(aa[j]->mask, ab[j]->mask);
+        }
+        auto ua = items<orbs3_rule_user_t>(&ra[i]->users);
+        auto ub = items<orbs3_rule_user_t>(&rb[i]->users);
+        ASSERT_EQ(ua.size(), ub.size());
+        for (std::size_t j = 0; j < ua.size(); ++j) {
+            EXPECT_EQ(str(ua[j]->name), str(ub[j]->name));
+            EXPECT_EQ(str(ua[j]->userid), str(ub[j]->userid));
+        }
+    }
+}
+
+void expect_same_bucket(const orbs3_bucket_t* a, const orbs3_bucket_t* b)
+{
+    EXPECT_EQ(str(a->name), str(b->name));
+    EXPECT_EQ(str(a->alias), str(b->alias));
+    EXPECT_EQ(str(a->created_date), str(b->created_date));
+    EXPECT_EQ(str(a->extranet_endpoint), str(b->extranet_endpoint));
+    EXPECT_EQ(str(a->intranet_endpoint), str(b->intranet_endpoint));
+    EXPECT_EQ(str(a->owner_id), str(b->owner_id));
+    EXPECT_EQ(str(a->owner_name), str(b->owner_name));
+    EXPECT_EQ(a->acl, b->acl);
+    auto la = items<char>(&a->lifecycle);
+    auto lb = items<char>(&b->lifecycle);
+    ASSERT_EQ(la.size(), lb.size());
+    for (std::size_t i = 0; i < la.size(); ++i)
+        EXPECT_STREQ(la[i], lb[i]);
+    EXPECT_EQ(a->versioning.status, b->versioning.status);
+    EXPECT_EQ(a->versioning.save_num, b->versioning.save_num);
+    expect_same_rules(&a->whitelist, &b->whitelist);
+    expect_same_rules(&a->blacklist, &b->blacklist);
+    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
+    expect_same_rules(&a->authak_list, &b->authak_list);
+    EXPECT_EQ(a->whitelist_status, b->whitelist_status);
+    EXPECT_EQ(a->blacklist_status, b->blacklist_status);
+    EXPECT_EQ(a->authaddr_status, b->authaddr_status);
+    EXPECT_EQ(a->authak_status, b->authak_status);
+    EXPECT_EQ(0, std::memcmp(&a->stat, &b->stat, sizeof(a->stat)));
+    EXPECT_EQ(0, std::memcmp(&a->quota, &b->quota, sizeof(a->quota)));
+    EXPECT_EQ(a->recycle_days, b->recycle_days);
+}
+
+void expect_same_object(const orbs3_object_t* a, const orbs3_object_t* b)
+{
+    EXPECT_EQ(str(a->name), str(b->name));
+    EXPECT_EQ(str(a->last_modified), str(b->last_modified));
+    EXPECT_EQ(str(a->etag), str(b->etag));
+    EXPECT_EQ(a->size, b->size);
+    EXPECT_EQ(str(a->owner_id), str(b->owner_id));
+    EXPECT_EQ(str(a->owner_display_name), str(b->owner_display_name));
+    EXPECT_EQ(a->acl, b->acl);
+    EXPECT_EQ(a->lifecycle, b->lifecycle);
+    EXPECT_STREQ(a->path, b->path);
+    EXPECT_STREQ(a->fpath, b->fpath);
+    auto ta = items<orbs3_tag_t>(&a->tags);
+    auto tb = items<orbs3_tag_t>(&b->tags);
+    ASSERT_EQ(ta.size(), tb.size());
+    for (std::size_t i = 0; i < ta.size(); ++i) {
+        EXPECT_EQ(str(ta[i]->key), str(tb[i]->key));
+        EXPECT_EQ(str(ta[i]->value), str(tb[i]->value));
+    }
+}
+
+void expect_same_service(const orbs3_service_rec_t* a, const orbs3_service_rec_t* b)
+{
+    expect_same_rules(&a->whitelist, &b->whitelist);
+    expect_same_rules(&a->blacklist, &b->blacklist);
+    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
+    expect_same_rules(&a->authak_list, &b->authak_list);
+    EXPECT_EQ(a->whitelist_status, b->whitelist_status);
+    EXPECT_EQ(a->blacklist_status, b->blacklist_status);
+    EXPECT_EQ(a->authaddr_status, b->authaddr_status);
+    EXPECT_EQ(a->authak_status, b->authak_status);
+    EXPECT_EQ(str(a->quota.service_quota), str(b->quota.service_quota));
+    EXPECT_EQ(str(a->quota.bucket_quota), str(b->quota.bucket_quota));
+    EXPECT_EQ(str(a->quota.file_threshold), str(b->quota.file_threshold));
+    EXPECT_EQ(str(a->quota.segment_size), str(b->quota.segment_size));
+    EXPECT_EQ(a->quota.max_bucket, b->quota.max_bucket);
+    EXPECT_EQ(a->quota.max_object, b->quota.max_object);
+    EXPECT_EQ(a->quota.bucket_threshold, b->quota.bucket_threshold);
+    EXPECT_EQ(a->version_status, b->version_status);
+    EXPECT_EQ(a->save_num, b->save_num);
+    EXPECT_EQ(a->memory_size, b->memory_size);
+    EXPECT_EQ(a->file_size, b->file_size);
+    EXPECT_EQ(a->memory, b->memory);
+    EXPECT_EQ(a->aggregate, b->aggregate);
+    EXPECT_EQ(str(a->accelerate_path), str(b->accelerate_path));
+    EXPECT_EQ(str(a->low_frequency_path), str(b->low_frequency_path));
+    EXPECT_EQ(str(a->archiving_path), str(b->archiving_path));
+}
+
+using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
+using object_ptr = std::unique_ptr<orbs3_object_t, decltype(&orbs3_free_object)>;
+using service_ptr = std::unique_ptr<orbs3_service_rec_t, decltype(&orbs3_free_service)>;
+
+}  // namespace
+
+TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
+{
+    temp_dir dir;
+    {
+        bucket_ptr b(sample_bucket(), orbs3_free_bucket);
+        const std::string path = dir.path + "/bucket.xml";
+        ASSERT_EQ(orbs3_save_bucket(b.get(), path.c_str()), 0);
+        EXPECT_EQ(slurp(path), golden("bucket.xml"));
+        bucket_ptr back(orbs3_create_bucket_from_file(path.c_str()), orbs3_free_bucket);
+        ASSERT_NE(back, nullptr);
+        expect_same_bucket(b.get(), back.get());
+    }
+    {
+        object_ptr o(sample_object(), orbs3_free_object);
+        const std::string path = dir.path + "/object.xml";
+        ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
+        EXPECT_EQ(slurp(path), golden("object.xml"));
+        object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
+        ASSERT_NE(back, nullptr);
+        expect_same_object(o.get(), back.get());
+        EXPECT_EQ(back->is_dir, 0u);
+    }
+    {
+        service_ptr s(sample_service(), orbs3_free_service);
+        const std::string path = dir.path + "/service";
+        ASSERT_EQ(orbs3_save_service(s.get(), path.c_str()), 0);
+        EXPECT_EQ(slurp(path), golden("service.xml"));
+        service_ptr back(orbs3_get_service(path.c_str()), orbs3_free_service);
+        ASSERT_NE(back, nullptr);
+        expect_same_service(s.get(), back.get());
+    }
+}
+
+TEST(Record, EmptyRecordsKeepListsEmptyAndDefaultsOut)
+{
+    bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+    b->whitelist_status = 1;
+    char* text = nullptr;
+    ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
+    std::string t(text);
+    std::free(text);
+    for (const char* el : {"<whitelist />", "<blacklist />", "<authaddr_list />", "<authak_list />"})
+        EXPECT_NE(t.find(el), std::string::npos) << el;
+    bucket_ptr back(orbs3_bucket_new(), orbs3_free_bucket);
+    ASSERT_EQ(xml_parse_bucket(back.get(), t.c_str()), 0);
+    expect_same_bucket(b.get(), back.get());
+
+    // A rule with no flag set keeps bare "bucket" and "object" elements.
+    orbs3_bucket_rule_t* r = rule(b->pool, &b->authaddr_list, "r", nullptr, 1);
+    (void)r;
+    ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
+    t = text;
+    std::free(text);
+    EXPECT_NE(t.find("<bucket />"), std::string::npos);
+    EXPECT_NE(t.find("<object />"), std::string::npos);
+
+    // lifecycle 0 is not written and reads back 0.
+    object_ptr o(sample_object(), orbs3_free_object);
+    ASSERT_EQ(orbs3_make_object_xml(o.get(), &text), 0);
+    EXPECT_EQ(std::strstr(text, "lifecycle"), nullptr);
+    std::free(text);
+    o->lifecycle = 3;
+    ASSERT_EQ(orbs3_make_object_xml(o.get(), &text), 0);
+    EXPECT_NE(std::strstr(text, "lifecycle=\"3\""), nullptr);
+    object_ptr ob(orbs3_create_object_block(), orbs3_free_object);
+    ASSERT_EQ(xml_parse_object(ob.get(), text), 0);
+    std::free(text);
+    EXPECT_EQ(ob->lifecycle, 3u);
+
+    // A service without save num and limits: "max_bucket" "0", and no "num".
+    service_ptr s(orbs3_get_service(nullptr), orbs3_free_service);
+    ASSERT_EQ(orbs3_make_service_xml(s.get(), &text), 0);
+    EXPECT_NE(std::strstr(text, "max_bucket=\"0\""), nullptr);
+    EXPECT_EQ(std::strstr(text, "num="), nullptr);
+    std::free(text);
+}
+
+TEST(Record, VersionWordsOtherThanEnabledOrSuspendedLeaveTheField)
+{
+    struct row {
+        const char* status;
+        uint32_t start;
+        uint32_t want;
+    };
+    for (row r : {row{"ENABLED", 0, 1}, {"SUSPENDED", 1, 0}, {"enabled", 0, 0}, {"Bogus", 0, 0}}) {
+        const std::string text = std::string("<bucket><version num=\"2\" status=\"") + r.status + "\"/></bucket>";
+        bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+        ASSERT_EQ(xml_parse_bucket(b.get(), text.c_str()), 0);
+        EXPECT_EQ(b->versioning.status, r.want) << r.status;
+        EXPECT_EQ(b->versioning.save_num, 2);
+    }
+    // A text without a "bucket" element is an empty record, not a failure; broken text is.
+    bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+    EXPECT_EQ(xml_parse_bucket(b.get(), "<other a=\"1\"/>"), 0);
+    EXPECT_EQ(b->name.len, 0u);
+    // Without the declaration an open element would otherwise pass for a whole one.
+    for (const char* t : {"<bucket", "<bucket bucketname=\"x\">", "<bucket bucketname=\"x\"><version num=\"1\"/>",
+                          "<bucket bucketname=\"x\"><whitelist><rule id=\"a\"/></whitelist></bucke", ""}) {
+        EXPECT_EQ(xml_parse_bucket(b.get(), t), -1) << t;
+        EXPECT_EQ(b->name.len, 0u) << t;
+        EXPECT_TRUE(list_empty(&b->whitelist)) << t;
+    }
+    EXPECT_EQ(xml_parse_bucket(b.get(), "<bucket bucketname=\"x\"/>\n"), 0);
+    EXPECT_EQ(str(b->name), "x");
+}
+
+namespace {
+
+// One string field of a record: where it lives and its cap.
+struct str_field {
+    const char* attr;
+    std::size_t cap;
+    orbs3_str_t* (*in_bucket)(orbs3_bucket_t*);
+    orbs3_str_t* (*in_object)(orbs3_object_t*);
+};
+
+}  // namespace
+
+TEST(Record, StringFieldsKeepTheirCapAndCutOneOver)
+{
+    const str_field fields[] = {
+        {"bucketname", ORBS3_REC_NAME_CAP, [](orbs3_bucket_t* b) { return &b->name; }, nullptr},
+        {"alias", ORBS3_REC_NAME_CAP, [](orbs3_bucket_t* b) { return &b->alias; }, nullptr},
+        {"extranet_endpoint", ORBS3_REC_PATH_CAP, [](orbs3_bucket_t* b) { return &b->extranet_endpoint; }, nullptr},
+        {"intranet_endpoint", ORBS3_REC_PATH_CAP, [](orbs3_bucket_t* b) { return &b->intranet_endpoint; }, nullptr},
+        {"owner_id", ORBS3_REC_NAME_CAP, [](orbs3_bucket_t* b) { return &b->owner_id; }, nullptr},
+        {"owner_name", ORBS3_REC_NAME_CAP, [](orbs3_bucket_t* b) { return &b->owner_name; }, nullptr},
+        {"objectname", ORBS3_REC_KEY_CAP, nullptr, [](orbs3_object_t* o) { return &o->name; }},
+        {"etag", ORBS3_REC_ETAG_CAP, nullptr, [](orbs3_object_t* o) { return &o->etag; }},
+        {"owner_id", ORBS3_REC_NAME_CAP, nullptr, [](orbs3_object_t* o) { return &o->owner_id; }},
+        {"owner_display_name", ORBS3_REC_NAME_CAP, nullptr, [](orbs3_object_t* o) { return &o->owner_display_name; }},
+    };
+    for (const str_field& f : fields) {
+        for (std::size_t len : {f.cap, f.cap + 1}) {
+            const std::string value(len, 'v');
+            char* text = nullptr;
+            std::string got;
+            if (f.in_bucket) {
+                bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+                set(b->pool, f.in_bucket(b.get()), value);
+                ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
+                bucket_ptr back(orbs3_bucket_new(), orbs3_free_bucket);
+                ASSERT_EQ(xml_parse_bucket(back.get(), text), 0);
+                got = str(*f.in_bucket(back.get()));
+                // The reader cuts too, whoever wrote the file.
+                const std::string hand = "<bucket " + std::string(f.attr) + "=\"" + value + "\"/>";
+                ASSERT_EQ(xml_parse_bucket(back.get(), hand.c_str()), 0);
+                EXPECT_EQ(str(*f.in_bucket(back.get())).size(), f.cap) << f.attr;
+            } else {
+                object_ptr o(orbs3_create_object_block(), orbs3_free_object);
+                INIT_LIST_HEAD(&o->tags);
+                set(o->pool, f.in_object(o.get()), value);
+                ASSERT_EQ(orbs3_make_object_xml(o.get(), &text), 0);
+                object_ptr back(orbs3_create_object_block(), orbs3_free_object);
+                ASSERT_EQ(xml_parse_object(back.get(), text), 0);
+                got = str(*f.in_object(back.get()));
+                const std::string hand = "<object " + std::string(f.attr) + "=\"" + value + "\"/>";
+                ASSERT_EQ(xml_parse_object(back.get(), hand.c_str()), 0);
+                EXPECT_EQ(str(*f.in_object(back.get())).size(), f.cap) << f.attr;
+            }
+            std::free(text);
+            EXPECT_EQ(got, value.substr(0, f.cap)) << f.attr << " length " << len;
+        }
+    }
+
+    // Service texts: written cut and read back at their caps.
+    struct svc_field {
+        orbs3_str_t* (*at)(orbs3_service_rec_t*);
+        std::size_t cap;
+    };
+    const svc_field svc_fields[] = {
+        {[](orbs3_service_rec_t* s) { return &s->accelerate_path; }, ORBS3_REC_ACCEL_PATH_CAP},
+        {[](orbs3_service_rec_t* s) { return &s->low_frequency_path; }, ORBS3_REC_PATH_CAP},
+        {[](orbs3_service_rec_t* s) { return &s->archiving_path; }, ORBS3_REC_PATH_CAP},
+        {[](orbs3_service_rec_t* s) { return &s->quota.service_quota; }, ORBS3_REC_NUMBER_CAP},
+        {[](orbs3_service_rec_t* s) { return &s->quota.segment_size; }, ORBS3_REC_NUMBER_CAP},
+    };
+    for (const svc_field& f : svc_fields) {
+        for (std::size_t len : {f.cap, f.cap + 1}) {
+            const std::string value(len, '7');
+            service_ptr s(orbs3_get_service(nullptr), orbs3_free_service);
+            heap_set(f.at(s.get()), value);
+            char* text = nullptr;
+            ASSERT_EQ(orbs3_make_service_xml(s.get(), &text), 0);
+            service_ptr back(orbs3_get_service(nullptr), orbs3_free_service);
+            ASSERT_EQ(orbs3_parse_service_xml(back.get(), text), 0);
+            std::free(text);
+            EXPECT_EQ(str(*f.at(back.get())), value.substr(0, f.cap)) << len;
+        }
+    }
+
+    // Rule and tag texts, and the fixed paths, on read.
+    const std::string id(ORBS3_REC_ID_CAP + 1, 'i'), path(ORBS3_REC_PATH_CAP + 1, 'p');
+    const std::string key(ORBS3_REC_TAG_KEY_CAP + 1, 'k'), val(ORBS3_REC_TAG_VALUE_CAP + 1, 'w');
+    bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+    const std::string bt = "<bucket><whitelist><rule id=\"" + id + "\"><addrs addr=\"" + std::string(48, 'a') +
+                           "\" mask=\"8\"/></rule></whitelist><lifecycle id=\"" + id + "\"/></bucket>";
+    ASSERT_EQ(xml_parse_bucket(b.get(), bt.c_str()), 0);
+    auto rules = items<orbs3_bucket_rule_t>(&b->whitelist);
+    ASSERT_EQ(rules.size(), 1u);
+    EXPECT_EQ(std::string(rules[0]->id), id.substr(0, ORBS3_REC_ID_CAP));
+    EXPECT_EQ(str(items<orbs3_rule_addr_t>(&rules[0]->addrs)[0]->addr).size(), ORBS3_REC_ADDR_CAP);
+    EXPECT_EQ(std::string(items<char>(&b->lifecycle)[0]), id.substr(0, ORBS3_REC_ID_CAP));
+    object_ptr o(orbs3_create_object_block(), orbs3_free_object);
+    const std::string ot = "<object path=\"" + path + "\" fpath=\"" + path + "\"><tagging key=\"" + key +
+                           "\" value=\"" + val + "\"/></object>";
+    ASSERT_EQ(xml_parse_object(o.get(), ot.c_str()), 0);
+    EXPECT_EQ(std::strlen(o->path), ORBS3_REC_PATH_CAP);
+    EXPECT_EQ(std::strlen(o->fpath), ORBS3_REC_PATH_CAP);
+    EXPECT_EQ(str(items<orbs3_tag_t>(&o->tags)[0]->key).size(), ORBS3_REC_TAG_KEY_CAP);
+    EXPECT_EQ(str(items<orbs3_tag_t>(&o->tags)[0]->value).size(), ORBS3_REC_TAG_VALUE_CAP);
+}
+
+TEST(Record, NumbersAtTheirLimitPassAndOneOverIsRefused)
+{
+    // Writer: "%d" fields stop at INT_MAX, sizes at INT64_MAX.
+    object_ptr o(sample_object(), orbs3_free_object);
+    char* text = nullptr;
+    o->acl = INT32_MAX;
+    o->size = INT64_MAX;
+    ASSERT_EQ(orbs3_make_object_xml(o.get(), &text), 0);
+    object_ptr back(orbs3_create_object_block(), orbs3_free_object);
+    ASSERT_EQ(xml_parse_object(back.get(), text), 0);
+    std::free(text);
+    EXPECT_EQ(back->acl, static_cast<uint32_t>(INT32_MAX));
+    EXPECT_EQ(back->size, static_cast<uint64_t>(INT64_MAX));
+    o->acl = static_cast<uint32_t>(INT32_MAX) + 1;
+    EXPECT_EQ(orbs3_make_object_xml(o.get(), &text), -1);
+    EXPECT_EQ(text, nullptr);
+    o->acl = 1;
+    o->size = static_cast<uint64_t>(INT64_MAX) + 1;
+    EXPECT_EQ(orbs3_make_object_xml(o.get(), &text), -1);
+
+    o->size = 1;
+    set(o->pool, &o->last_modified, "Mon, 23 Nov 2026 16:13:01 GMT");  // not the record form
+    EXPECT_EQ(orbs3_make_object_xml(o.get(), &text), -1);
+
+    bucket_ptr b(sample_bucket(), orbs3_free_bucket);
+    b->quota.max_object = static_cast<uint64_t>(INT32_MAX) + 1;
+    EXPECT_EQ(orbs3_make_bucket_xml(b.get(), &text), -1);
+    b->quota.max_object = INT32_MAX;
+    b->recycle_days = INT32_MIN;
+    ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
+    bucket_ptr bb(orbs3_bucket_new(), orbs3_free_bucket);
+    ASSERT_EQ(xml_parse_bucket(bb.get(), text), 0);
+    std::free(text);
+    EXPECT_EQ(bb->quota.max_object, static_cast<uint64_t>(INT32_MAX));
+    EXPECT_EQ(bb->recycle_days, INT32_MIN);
+
+    // Reader: a value beyond its field, or not a number, fails the record and leaves it empty.
+    const char* bad[] = {
+        "<object objectname=\"k\" acl=\"2147483648\"/>",
+        "<object objectname=\"k\" size=\"9223372036854775808\"/>",
+        "<object objectname=\"k\" size=\"-1\"/>",
+        "<object objectname=\"k\" size=\"12abc\"/>",
+        "<object objectname=\"k\" size=\"\"/>",
+        "<object objectname=\"k\" last_modified=\"2026-11-23 16:13:01\"/>",
+        "<object objectname=\"k\"><tagging key=\"a\" value=\"b\"/></object><x",
+    };
+    for (const char* t : bad) {
+        object_ptr ob(orbs3_create_object_block(), orbs3_free_object);
+        EXPECT_EQ(xml_parse_object(ob.get(), t), -1) << t;
+        EXPECT_EQ(ob->name.len, 0u) << t;
+        EXPECT_TRUE(list_empty(&ob->tags)) << t;
+    }
+    const char* bad_bucket[] = {
+        "<bucket bucketname=\"x\" recycle_days=\"2147483648\"/>",
+        "<bucket bucketname=\"x\"><stat object_count=\"-3\"/></bucket>",
+        ("<bucket bucketname=\"x\"><whitelist><rule id=\"a\"><addrs addr=\"1.2.3.4\" mask=\"x\"/></rule>"
+         "</whitelist></bucket>"),
+    };
+    for (const char* t : bad_bucket) {
+        bucket_ptr bb(orbs3_bucket_new(), orbs3_free_bucket);
+        EXPECT_EQ(xml_parse_bucket(bb.get(), t), -1) << t;
+        EXPECT_EQ(bb->name.len, 0u) << t;
+        EXPECT_TRUE(list_empty(&bb->whitelist)) << t;
+    }
+    service_ptr s(orbs3_get_service(nullptr), orbs3_free_service);
+    EXPECT_EQ(orbs3_parse_service_xml(s.get(), "<service><blacklist><rule id=\"a\"/></blacklist>"
+                                               "<quota max_bucket=\"-1\"/></service>"),
+              -1);
+    EXPECT_TRUE(list_empty(&s->blacklist));
+    EXPECT_EQ(orbs3_parse_service_xml(s.get(), nullptr), -1);
+}
+
+TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
+{
+    temp_dir dir;
+    const std::string path = dir.path + "/rec";
+    struct kind {
+        const char* golden;
+        bool (*read)(const char* path);
+    };
+    const kind kinds[] = {
+        {"bucket.xml",
+         [](const char* p) {
+             bucket_ptr b(orbs3_create_bucket_from_file(p), orbs3_free_bucket);
+             if (b == nullptr)
+                 return false;
+             bucket_ptr want(sample_bucket(), orbs3_free_bucket);
+             expect_same_bucket(want.get(), b.get());
+             return true;
+         }},
+        {"object.xml",
+         [](const char* p) {
+             object_ptr o(orbs3_create_object_from_file(p), orbs3_free_object);
+             if (o == nullptr)
+                 return false;
+             object_ptr want(sample_object(), orbs3_free_object);
+             expect_same_object(want.get(), o.get());
+             return true;
+         }},
+        {"service.xml",
+         [](const char* p) {
+             service_ptr s(orbs3_get_service(p), orbs3_free_service);
+             if (s == nullptr)
+                 return false;
+             service_ptr want(sample_service(), orbs3_free_service);
+             expect_same_service(want.get(), s.get());
+             return true;
+         }},
+    };
+    // Each cut makes Mini-XML complain on standard error; thousands of such lines hide real failures.
+    mxmlSetErrorCallback([](const char*) {});
+    for (const kind& k : kinds) {
+        const std::string whole = golden(k.golden);
+        ASSERT_FALSE(whole.empty());
+        const std::size_t end = whole.rfind('>') + 1;  // only the final newline lies behind it
+        for (std::size_t cut = 1; cut < whole.size(); ++cut) {
+            spit(path, whole.substr(0, cut));
+            const bool read = k.read(path.c_str());
+            if (cut < end)
+                EXPECT_FALSE(read) << k.golden << " cut at " << cut;
+            else
+                EXPECT_TRUE(read) << k.golden << " cut at " << cut;  // all content there, compared above
+        }
+    }
+    mxmlSetErrorCallback(nullptr);
+    // Nothing at all: no object, no bucket; an empty service file is a service without limits.
+    spit(path, "");
+    EXPECT_EQ(orbs3_create_object_from_file(path.c_str()), nullptr);
+    EXPECT_EQ(orbs3_create_bucket_from_file(path.c_str()), nullptr);
+    service_ptr s(orbs3_get_service(path.c_str()), orbs3_free_service);
+    ASSERT_NE(s, nullptr);
+    EXPECT_TRUE(list_empty(&s->blacklist));
+    EXPECT_EQ(orbs3_create_object_from_file((dir.path + "/absent").c_str()), nullptr);
+}
+
+TEST(Record, ReplaceUnderConcurrentReaderShowsOnlyWholeRecords)
+{
+    temp_dir dir;
+    const std::string path = dir.path + "/obj";
+    object_ptr a(sample_object(), orbs3_free_object);
+    object_ptr b(sample_object(), orbs3_free_object);
+    // Two records whose fields must stay paired: a torn read would mix or lose them.
+    set(b->pool, &b->name, std::string(900, 'z'));
+    b->size = 7;
+    ASSERT_EQ(orbs3_save_object(a.get(), path.c_str()), 0);
+
+    std::atomic<bool> done{false};
+    std::atomic<int> reads{0}, torn{0};
+    std::thread reader([&] {
+        while (!done.load()) {
+            orbs3_object_t* o = orbs3_create_object_from_file(path.c_str());
+            if (o == nullptr) {
+                torn++;
+                continue;
+            }
+            const bool is_a = str(o->name) == str(a->name) && o->size == a->size;
+            const bool is_b = str(o->name) == str(b->name) && o->size == b->size;
+            if (!(is_a || is_b) || items<orbs3_tag_t>(&o->tags).size() != 3)
+                torn++;
+            orbs3_free_object(o);
+            reads++;
+        }
+    });
+    for (int i = 0; i < 300; ++i)
+        ASSERT_EQ(orbs3_save_object((i % 2 ? a : b).get(), path.c_str()), 0);
+    done = true;
+    reader.join();
+    EXPECT_EQ(torn.load(), 0);
+    EXPECT_GT(reads.load(), 0);
+    EXPECT_EQ(dir.entries(), std::vector<std::string>{"obj"});  // no temporary left behind
+}
+
+TEST(Record, TemporaryNamesAreRecognisedAndFailedReplaceKeepsTheOld)
+{
+    EXPECT_TRUE(orbs3_record_is_temp(".orbs3-tmp-Ab12Cd"));
+    EXPECT_TRUE(orbs3_record_is_temp("/mnt/c/meta/a/b/.orbs3-tmp-x"));
+    EXPECT_FALSE(orbs3_record_is_temp(".orbs3-tm"));
+    EXPECT_FALSE(orbs3_record_is_temp("orbs3-tmp-x"));
+    EXPECT_FALSE(orbs3_record_is_temp("photo.orbs3-tmp-x"));
+    EXPECT_FALSE(orbs3_record_is_temp(""));
+
+    temp_dir dir;
+    const std::string path = dir.path + "/rec";
+    ASSERT_EQ(orbs3_record_replace(path.c_str(), "old", 3), 0);
+    struct stat st{};
+    ASSERT_EQ(stat(path.c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0644u);
+    // The target is a directory: rename fails, the old content stands, no temporary is left.
+    ASSERT_EQ(mkdir((dir.path + "/sub").c_str(), 0755), 0);
+    EXPECT_EQ(orbs3_record_replace((dir.path + "/sub").c_str(), "new", 3), -1);
+    EXPECT_EQ(orbs3_record_replace((dir.path + "/missing/rec").c_str(), "new", 3), -1);
+    auto names = dir.entries();
+    std::sort(names.begin(), names.end());
+    EXPECT_EQ(names, (std::vector<std::string>{"rec", "sub"}));
+    EXPECT_EQ(slurp(path), "old");
+}
