@@ -1,0 +1,139 @@
+// The parsers of S3 request documents on arbitrary bodies, each body in a heap block of its exact size
+// (ASan faults on a read past the terminator). Checked after each parser: the result is 0 or -1 (the
+// versioning parser: 0, -2 or -3), a refused body leaves the caller's value alone, every kept text is
+// terminated and within its bound, and no list grows past its cap.
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
+#include <memory>
+
+#include <mxml.h>
+
+#include "fuzz_check.h"
+#include "memory/orbs3_palloc.h"
+#include "s3/orbs3_s3_documents.h"
+#include "storage/orbs3_bucket.h"
+
+namespace {
+
+void quiet(const char*) {}
+
+void check_str(const orbs3_str_t& s, std::size_t max)
+{
+    if (s.data == nullptr) {
+        CHECK(s.len == 0);
+        return;
+    }
+    CHECK(s.len <= max);
+    CHECK(std::strlen(s.data) == s.len);
+}
+
+template <typename T, typename F>
+std::size_t walk(neo_list_head_t* list, F&& each)
+{
+    std::size_t n = 0;
+    neo_list_head_t* pos;
+    list_for_each(pos, list)
+    {
+        each(list_entry(pos, T, link));
+        ++n;
+    }
+    return n;
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
+{
+    static bool once = (mxmlSetErrorCallback(quiet), true);
+    (void)once;
+    std::unique_ptr<char[]> text(new char[size + 1]);
+    std::memcpy(text.get(), data, size);
+    text[size] = '\0';
+    orbs3_pool_ptr pool(orbs3_create_mem_block(4096));
+    CHECK(pool != nullptr);
+
+    uint32_t acl = 0x80000000u;
+    int rc = parse_bucket_acl_xmlstring(text.get(), &acl);
+    CHECK(rc == 0 || rc == -1);
+    CHECK(rc == 0 || acl == 0x80000000u);
+    CHECK((acl & ~(0x80000000u | ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_READ | ORBS3_ACL_WRITE | ORBS3_ACL_READ_ACP |
+                   ORBS3_ACL_WRITE_ACP)) == 0);
+
+    orbs3_bucket_versioning_t v{7, 7};
+    rc = parse_bucket_versioning_xmlstring(text.get(), &v);
+    CHECK(rc == 0 || rc == -2 || rc == -3);
+    CHECK(rc == 0 ? v.status <= 1 : (v.status == 7 && v.save_num == 7));
+
+    neo_list_head_t tags;
+    INIT_LIST_HEAD(&tags);
+    rc = parse_object_tagging_xmlstring(text.get(), &tags, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    CHECK(walk<orbs3_tag_t>(&tags, [](orbs3_tag_t* t) {
+              check_str(t->key, ORBS3_XML_TEXT_MAX);
+              check_str(t->value, ORBS3_XML_TEXT_MAX);
+          }) <= ORBS3_XML_MAX_TAGS);
+
+    neo_list_head_t parts;
+    INIT_LIST_HEAD(&parts);
+    rc = parse_complete_multipart_upload_xmlstring(text.get(), &parts, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    CHECK(walk<orbs3_part_t>(&parts, [](orbs3_part_t* p) { check_str(p->etag, ORBS3_XML_TEXT_MAX); }) <=
+          ORBS3_XML_MAX_PARTS);
+
+    neo_list_head_t keys;
+    INIT_LIST_HEAD(&keys);
+    rc = parse_del_objects_xmlstring(text.get(), &keys, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    CHECK(walk<orbs3_del_key_t>(&keys, [](orbs3_del_key_t* k) { check_str(k->key, ORBS3_XML_DEL_KEY_MAX); }) <=
+          ORBS3_XML_MAX_DEL_OBJECTS);
+
+    neo_list_head_t recycle;
+    INIT_LIST_HEAD(&recycle);
+    rc = parse_bucket_recycle_xmlstring(text.get(), &recycle, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    CHECK(walk<orbs3_recycle_entry_t>(&recycle, [](orbs3_recycle_entry_t* r) {
+              check_str(r->name, ORBS3_XML_TEXT_MAX);
+              check_str(r->path, ORBS3_XML_TEXT_MAX);
+          }) <= ORBS3_XML_MAX_RECYCLE);
+
+    orbs3_str_t id{};
+    rc = parse_bucket_lifecycle_del_xmlstring(text.get(), &id, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    check_str(id, ORBS3_XML_TEXT_MAX);
+    id = {};
+    rc = parse_lifecycle_job_id_xmlstring(text.get(), &id, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    check_str(id, ORBS3_XML_TEXT_MAX);
+
+    neo_list_head_t rules;
+    INIT_LIST_HEAD(&rules);
+    rc = parse_bucket_lifecycle_xmlstring(text.get(), &rules, pool.get());
+    CHECK(rc == 0 || rc == -1);
+    CHECK(walk<orbs3_lifecycle_rule_t>(&rules, [](orbs3_lifecycle_rule_t* r) {
+              check_str(r->id, ORBS3_XML_TEXT_MAX);
+              check_str(r->prefix, ORBS3_XML_TEXT_MAX);
+              CHECK(r->alias.len == 0);
+              CHECK(r->status <= 1);
+              CHECK(r->expiration == nullptr || r->expiration->kind <= 2);
+              std::size_t items = walk<orbs3_lifecycle_tag_t>(&r->tags, [](orbs3_lifecycle_tag_t* t) {
+                  check_str(t->key, ORBS3_XML_TEXT_MAX);
+                  check_str(t->value, ORBS3_XML_TEXT_MAX);
+              });
+              items += walk<orbs3_lifecycle_transition_t>(&r->transitions, [](orbs3_lifecycle_transition_t* t) {
+                  CHECK(t->storage_class <= 4);
+                  check_str(t->date, ORBS3_XML_TEXT_MAX);
+              });
+              CHECK(items <= ORBS3_XML_MAX_RULE_ITEMS);
+          }) <= ORBS3_XML_MAX_RULES);
+    orbs3_lifecycle_rule_t* one = parse_bucket_vorne_lifecycle_xmlstring(text.get(), pool.get());
+    CHECK(one == nullptr || one->status <= 1);
+    if (one != nullptr)
+        check_str(one->alias, ORBS3_XML_TEXT_MAX);
+
+    int days = -12345;
+    rc = parse_bucket_recycle_conf_xmlstring(text.get(), &days);
+    CHECK(rc == 0 || rc == -1);
+    CHECK(rc == 0 || days == -12345);
+    return 0;
+}

@@ -1,0 +1,1023 @@
+#include "s3/orbs3_s3_documents.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+#include <iterator>
+#include <strings.h>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_xml.h"
+#include "storage/orbs3_bucket.h"
+
+namespace {
+
+// Indentation is an LF followed by CR bytes, as the clients of this system expect it.
+constexpr const char* L = "\n";
+constexpr const char* LC = "\n\r";
+constexpr const char* LCC = "\n\r\r";
+constexpr const char* LCCC = "\n\r\r\r";
+constexpr const char* LCCCC = "\n\r\r\r\r";
+
+// One element's indentation: written before its opening tag, and before its closing tag when `both`.
+struct ws_row {
+    const char* name;
+    const char* ws;
+    bool both;
+};
+
+// The row of the element in `rows` (ended by a null name) answers; `dflt` answers for anything else,
+// the declaration included.
+template <std::size_t N>
+const char* ws_lookup(const ws_row (&rows)[N], mxml_node_t* node, int where, const char* dflt = nullptr)
+{
+    if (where != MXML_WS_BEFORE_OPEN && where != MXML_WS_BEFORE_CLOSE)
+        return nullptr;
+    const char* name = mxmlGetElement(node);
+    if (name == nullptr)
+        return nullptr;
+    for (const ws_row& r : rows) {
+        if (std::strcmp(r.name, name) == 0)
+            return (where == MXML_WS_BEFORE_OPEN || r.both) ? r.ws : nullptr;
+    }
+    return dflt;
+}
+
+constexpr ws_row list_buckets_rows[] = {
+    {"ListAllMyBucketsResult", L, true}, {"Owner", LC, true},        {"Buckets", LC, true},
+    {"Bucket", LCC, true},               {"ID", LCC, false},         {"DisplayName", LCC, false},
+    {"Name", LCCC, false},               {"CreationDate", LCCC, false}, {"KeyCount", LCCC, false},
+};
+const char* list_buckets_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(list_buckets_rows, node, where);
+}
+
+constexpr const char* L2 = "\n  ";
+constexpr const char* L4 = "\n    ";
+constexpr ws_row list_objects_rows[] = {
+    {"ListBucketResult", L, true}, {"Contents", L2, true},     {"CommonPrefixes", L2, true},
+    {"Name", L2, false},           {"Prefix", L2, false},      {"KeyCount", L2, false},
+    {"Delimiter", L2, false},      {"MaxKeys", L2, false},     {"IsTruncated", L2, false},
+    {"Key", L4, false},            {"LastModified", L4, false}, {"ETag", L4, false},
+    {"Size", L4, false},           {"StorageClass", L4, false},
+};
+const char* list_objects_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(list_objects_rows, node, where);
+}
+
+constexpr ws_row bucket_acl_rows[] = {
+    {"AccessControlPolicy", L, true}, {"Owner", LC, true},       {"AccessControlList", LC, true},
+    {"Grant", LCC, true},             {"Grantee", LCCC, true},   {"Permission", LCCC, false},
+    {"ID", LCCCC, false},             {"DisplayName", LCCCC, false},
+};
+const char* make_bucket_acl_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(bucket_acl_rows, node, where);
+}
+
+constexpr ws_row object_acl_rows[] = {
+    {"AccessControlPolicy", L, true}, {"Owner", LC, true},       {"AccessControlList", LC, true},
+    {"Grant", LCC, true},             {"Grantee", LCC, true},    {"Permission", LCCC, false},
+    {"ID", LCCCC, false},             {"DisplayName", LCCCC, false},
+};
+const char* get_object_acl_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(object_acl_rows, node, where);
+}
+
+constexpr ws_row tagging_rows[] = {
+    {"Tagging", L, true}, {"TagSet", LC, true}, {"Tag", LCC, true}, {"Key", LCCC, false}, {"Value", LCCC, false},
+};
+const char* get_object_tagging_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(tagging_rows, node, where);
+}
+
+constexpr ws_row create_multipart_rows[] = {
+    {"InitiateMultipartUploadResult", L, true}, {"Bucket", LC, false}, {"Key", LC, false}, {"UploadId", LC, false},
+};
+const char* create_multipart_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(create_multipart_rows, node, where);
+}
+
+constexpr ws_row complete_multipart_rows[] = {
+    {"CompleteMultipartUploadResult", L, true}, {"Location", LC, false}, {"Bucket", LC, false},
+    {"Key", LC, false},                         {"ETag", LC, false},
+};
+const char* complete_multipart_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(complete_multipart_rows, node, where);
+}
+
+constexpr ws_row list_parts_rows[] = {
+    {"ListPartsResult", L, true},        {"Initiator", LC, true},        {"Owner", LC, true},
+    {"Part", LC, true},                  {"Bucket", LC, false},          {"Key", LC, false},
+    {"UploadId", LC, false},             {"StorageClass", LC, false},    {"PartNumberMarker", LC, false},
+    {"NextPartNumberMarker", LC, false}, {"MaxParts", LC, false},        {"IsTruncated", LC, false},
+    {"ID", LCC, false},                  {"DisplayName", LCC, false},    {"PartNumber", LCC, false},
+    {"LastModified", LCC, false},        {"ETag", LCC, false},           {"Size", LCC, false},
+};
+const char* list_parts_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(list_parts_rows, node, where);
+}
+
+constexpr ws_row del_objects_rows[] = {
+    {"DeleteResult", L, true}, {"Deleted", LC, true}, {"Error", LC, true}, {"Key", LCC, false},
+};
+const char* del_objects_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(del_objects_rows, node, where);
+}
+
+// Everything but Object, the declaration too, takes the default LC: the reply has no common root.
+constexpr ws_row recycle_rows[] = {{"Object", L, true}};
+const char* get_bucket_recycle_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(recycle_rows, node, where, LC);
+}
+
+constexpr ws_row lifecycle_rows[] = {
+    {"LifecycleConfiguration", L, true}, {"Rule", LC, true},         {"Id", LCC, false},
+    {"Status", LCC, false},              {"Alias", LCC, false},      {"Filter", LCC, true},
+    {"Transition", LCC, true},           {"Expiration", LCC, true},  {"Prefix", LCCC, false},
+    {"Days", LCCC, false},               {"StorageClass", LCCC, false},
+};
+const char* get_bucket_lifecycle_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(lifecycle_rows, node, where);
+}
+
+// The history reply indents with tabs before the line feed.
+constexpr ws_row history_rows[] = {{"LifecycleJobHistory", L, true}, {"History", "\t\n", true}};
+const char* get_bucket_lifecycle_history_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(history_rows, node, where, "\t\t\n");
+}
+
+constexpr ws_row recycle_conf_rows[] = {{"RecycleConf", L, true}};
+const char* recycle_conf_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(recycle_conf_rows, node, where, LC);
+}
+
+// Mini-XML saves through an 8 KiB stack buffer and takes an exact allocation only for longer texts.
+char* save_doc(mxml_node_t* xml, mxml_save_cb_t cb)
+{
+    if (xml == nullptr)
+        return nullptr;
+    return mxmlSaveAllocString(xml, cb);
+}
+
+orbs3_xml_ptr new_doc()
+{
+    return orbs3_xml_ptr(mxmlNewXML("1.0"));
+}
+
+// Last byte that is not blank is the end of a tag: Mini-XML takes a final close tag without its '>'.
+bool ends_in_tag(const char* text)
+{
+    std::size_t n = std::strlen(text);
+    while (n > 0 && (text[n - 1] == ' ' || text[n - 1] == '\t' || text[n - 1] == '\r' || text[n - 1] == '\n'))
+        --n;
+    return n > 0 && text[n - 1] == '>';
+}
+
+// The body as a tree, null when it does not load, has no root element, leaves an element open or holds a
+// second root. Texts arrive as chains of words, so a value is read up to its first blank.
+//
+// The body loads under a holder of ours. Mini-XML alone accepts a root that is never closed
+// (a body cut short in transit must not pass as a shorter request) and loses a parentless element whose
+// attributes break off; under a holder it refuses the first, and every node it made is ours to free.
+orbs3_xml_ptr load_body(const char* text)
+{
+    if (text == nullptr || !ends_in_tag(text))
+        return nullptr;
+    // A blank ends a tag name, so no close tag in the body can match the holder's and climb out of it.
+    orbs3_xml_ptr holder(mxmlNewElement(MXML_NO_PARENT, "orbs3 body"));
+    if (holder == nullptr)
+        return nullptr;
+    if (mxmlLoadString(holder.get(), text, MXML_NO_CALLBACK) != holder.get())
+        return nullptr;
+    // Declarations and comments load as elements named "?..." and "!..."; exactly one other is the root.
+    int roots = 0;
+    for (mxml_node_t* n = mxmlGetFirstChild(holder.get()); n != nullptr; n = mxmlGetNextSibling(n)) {
+        const char* name = mxmlGetElement(n);
+        if (name != nullptr && name[0] != '?' && name[0] != '!')
+            ++roots;
+    }
+    if (roots != 1)
+        return nullptr;
+    return holder;
+}
+
+// The first word of the element's own text, or null.
+const char* elem_text(mxml_node_t* node, const char* name)
+{
+    mxml_node_t* e = orbs3_xml_find(node, name);
+    if (e == nullptr)
+        return nullptr;
+    return mxmlGetText(e, nullptr);
+}
+
+// The next `name` below parent behind prev (or the first one when prev is null).
+mxml_node_t* next_elem(mxml_node_t* prev, mxml_node_t* parent, const char* name)
+{
+    if (prev == nullptr)
+        return mxmlFindElement(parent, parent, name, nullptr, nullptr, MXML_DESCEND);
+    return mxmlFindElement(prev, parent, name, nullptr, nullptr, MXML_DESCEND);
+}
+
+// Copies at most `max` bytes of text into str from the pool.
+int pool_str(orbs3_str_t* str, const char* text, std::size_t max, orbs3_pool_t* pool)
+{
+    if (text == nullptr)
+        text = "";
+    std::size_t n = strnlen(text, max);
+    auto* data = static_cast<char*>(orbs3_pnalloc(pool, n + 1));
+    if (data == nullptr)
+        return -1;
+    std::memcpy(data, text, n);
+    data[n] = '\0';
+    str->data = data;
+    str->len = n;
+    return 0;
+}
+
+template <typename T>
+T* new_record(orbs3_pool_t* pool, neo_list_head_t* list)
+{
+    auto* rec = static_cast<T*>(orbs3_pcalloc(pool, sizeof(T)));
+    if (rec != nullptr)
+        list_add_tail(&rec->link, list);
+    return rec;
+}
+
+mxml_node_t* new_text_str(mxml_node_t* parent, const char* name, const orbs3_str_t& s)
+{
+    return orbs3_xml_new_text_string(parent, name, s.len, neo_getstr(&s));
+}
+
+mxml_node_t* new_text_cstr(mxml_node_t* parent, const char* name, const char* text)
+{
+    return orbs3_xml_new_text_string(parent, name, text == nullptr ? 0 : std::strlen(text), text);
+}
+
+// The requester's identity as the bucket list, the ACLs and the part list show it.
+void add_identity(mxml_node_t* parent, const orbs3_user_t* user)
+{
+    static const orbs3_str_t none{0, nullptr};
+    new_text_str(parent, "ID", user != nullptr ? user->accesskeyid : none);
+    new_text_str(parent, "DisplayName", user != nullptr ? user->DisPlayName : none);
+}
+
+constexpr struct {
+    uint32_t bit;
+    const char* name;
+} acl_words[] = {
+    {ORBS3_ACL_FULL_CONTROL, "FULL_CONTROL"}, {ORBS3_ACL_READ, "READ"},           {ORBS3_ACL_WRITE, "WRITE"},
+    {ORBS3_ACL_READ_ACP, "READ_ACP"},         {ORBS3_ACL_WRITE_ACP, "WRITE_ACP"},
+};
+
+// Permissions are not per grantee: every Grant's Permission adds its bit.
+int parse_acl(const char* text, uint32_t* acl)
+{
+    if (acl == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* list = orbs3_xml_find(doc.get(), "AccessControlList");
+    if (list == nullptr)
+        return -1;
+    uint32_t bits = 0;
+    for (mxml_node_t* g = next_elem(nullptr, list, "Grant"); g != nullptr; g = next_elem(g, list, "Grant")) {
+        const char* p = elem_text(g, "Permission");
+        if (p == nullptr)
+            continue;
+        for (const auto& w : acl_words) {
+            if (std::strcmp(p, w.name) == 0)
+                bits |= w.bit;
+        }
+    }
+    *acl |= bits;
+    return 0;
+}
+
+char* make_acl(uint32_t acl, const orbs3_user_t* user, mxml_save_cb_t cb)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "AccessControlPolicy");
+    add_identity(mxmlNewElement(root, "Owner"), user);
+    mxml_node_t* list = mxmlNewElement(root, "AccessControlList");
+    for (const auto& w : acl_words) {
+        if ((acl & w.bit) == 0)
+            continue;
+        mxml_node_t* grant = mxmlNewElement(list, "Grant");
+        add_identity(mxmlNewElement(grant, "Grantee"), user);
+        mxmlNewText(mxmlNewElement(grant, "Permission"), 0, w.name);
+    }
+    return save_doc(xml.get(), cb);
+}
+
+}  // namespace
+
+// ---- helpers ----
+
+int orbs3_xml_get_textint(mxml_node_t* node, const char* name)
+{
+    const char* t = elem_text(node, name);
+    return t == nullptr ? 0 : orbs3_xml_to_int(t);
+}
+
+int orbs3_pack_xml_text_str(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
+{
+    mxml_node_t* e = orbs3_xml_find(node, name);
+    if (e == nullptr || str == nullptr)
+        return -1;
+    return pool_str(str, mxmlGetText(e, nullptr), ORBS3_XML_TEXT_MAX, pool);
+}
+
+mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, std::size_t len, const char* text)
+{
+    mxml_node_t* e = mxmlNewElement(parent, name);
+    if (e == nullptr)
+        return nullptr;
+    char buf[ORBS3_XML_TEXT_MAX + 1];
+    std::size_t n = 0;
+    if (text != nullptr) {
+        n = len < ORBS3_XML_TEXT_MAX ? len : ORBS3_XML_TEXT_MAX;
+        n = strnlen(text, n);
+        std::memcpy(buf, text, n);
+    }
+    buf[n] = '\0';
+    mxmlNewText(e, 0, buf);
+    return e;
+}
+
+mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int value)
+{
+    mxml_node_t* e = mxmlNewElement(parent, name);
+    if (e != nullptr)
+        mxmlNewTextf(e, 0, "%d", value);
+    return e;
+}
+
+// ---- bucket list ----
+
+char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "ListAllMyBucketsResult");
+    add_identity(mxmlNewElement(root, "Owner"), user);
+    mxml_node_t* buckets = mxmlNewElement(root, "Buckets");
+    if (list != nullptr) {
+        neo_list_head_t* pos;
+        list_for_each(pos, list) {
+            auto* b = list_entry(pos, orbs3_bucket_t, link);
+            mxml_node_t* e = mxmlNewElement(buckets, "Bucket");
+            new_text_str(e, "Name", b->name);
+            new_text_str(e, "Alias", b->alias);
+            new_text_str(e, "CreationDate", b->created_date);
+            orbs3_xml_new_text_int(e, "KeyCount", static_cast<int>(b->stat.object_count));
+        }
+    }
+    return save_doc(xml.get(), list_buckets_whitespace_cb);
+}
+
+// ---- object list ----
+
+char* make_list_objects_xml(const char* bucket, const char* prefix, neo_list_head_t* list,
+                            std::size_t delimiter_len, int max_keys, int key_count, const char* next_marker,
+                            const char* marker, const char* start_after, bool use_marker)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "ListBucketResult");
+    new_text_cstr(root, "Name", bucket);
+    if (prefix != nullptr && prefix[0] != '\0')
+        new_text_cstr(root, "Prefix", prefix);
+    else
+        mxmlNewElement(root, "Prefix");
+    if (start_after != nullptr && marker == nullptr)
+        new_text_cstr(root, "StartAfter", start_after);
+    if (marker != nullptr)
+        new_text_cstr(root, use_marker ? "Marker" : "ContinuationToken", marker);
+    if (next_marker != nullptr)
+        new_text_cstr(root, use_marker ? "NextMarker" : "NextContinuationToken", next_marker);
+    orbs3_xml_new_text_int(root, "KeyCount", key_count);
+    orbs3_xml_new_text_int(root, "MaxKeys", max_keys);
+    // The tree is walked by "/" only, so that is the only delimiter a listing can have used.
+    if (delimiter_len > 0)
+        mxmlNewText(mxmlNewElement(root, "Delimiter"), 0, "/");
+    else
+        mxmlNewElement(root, "Delimiter");
+    mxmlNewText(mxmlNewElement(root, "IsTruncated"), 0, key_count >= max_keys ? "true" : "false");
+    if (list != nullptr) {
+        neo_list_head_t* pos;
+        list_for_each(pos, list) {
+            auto* ent = list_entry(pos, orbs3_list_entry_t, link);
+            if (ent->is_dir) {
+                new_text_str(mxmlNewElement(root, "CommonPrefixes"), "Prefix", ent->key);
+                continue;
+            }
+            mxml_node_t* c = mxmlNewElement(root, "Contents");
+            new_text_str(c, "Key", ent->key);
+            new_text_str(c, "LastModified", ent->last_modified);
+            new_text_str(c, "ETag", ent->etag);
+            mxmlNewTextf(mxmlNewElement(c, "Size"), 0, "%" PRIu64, ent->size);
+            mxmlNewText(mxmlNewElement(c, "StorageClass"), 0, "STANDARD");
+        }
+    }
+    return save_doc(xml.get(), list_objects_whitespace_cb);
+}
+
+// ---- access control ----
+
+int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl)
+{
+    return parse_acl(text, acl);
+}
+
+int parse_object_acl_xmlstring(const char* text, uint32_t* acl)
+{
+    return parse_acl(text, acl);
+}
+
+char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user)
+{
+    return make_acl(acl, user, make_bucket_acl_whitespace_cb);
+}
+
+char* make_object_acl_xmlstring(uint32_t acl, const orbs3_user_t* user)
+{
+    return make_acl(acl, user, get_object_acl_whitespace_cb);
+}
+
+// ---- versioning ----
+
+int parse_bucket_versioning_xmlstring(const char* text, orbs3_bucket_versioning_t* versioning)
+{
+    if (text == nullptr || versioning == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -2;
+    mxml_node_t* root = orbs3_xml_find(doc.get(), "VersioningConfiguration");
+    if (root == nullptr)
+        return -3;
+    const char* status = elem_text(root, "Status");
+    versioning->status = (status != nullptr && strcasecmp(status, "Enabled") == 0) ? 1 : 0;
+    versioning->save_num = orbs3_xml_find(root, "SaveNum") != nullptr ? orbs3_xml_get_textint(root, "SaveNum") : 10;
+    return 0;
+}
+
+char* make_bucket_versioning_xmlstring(const orbs3_bucket_versioning_t* versioning)
+{
+    if (versioning == nullptr)
+        return nullptr;
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "VersioningConfiguration");
+    mxmlNewText(mxmlNewElement(root, "Status"), 0, versioning->status == 1 ? "Enabled" : "Suspended");
+    if (versioning->save_num > 0)
+        orbs3_xml_new_text_int(root, "SaveNum", versioning->save_num);
+    return save_doc(xml.get(), MXML_NO_CALLBACK);
+}
+
+// ---- tagging ----
+
+int parse_object_tagging_xmlstring(const char* text, neo_list_head_t* tags, orbs3_pool_t* pool)
+{
+    if (tags == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* set = orbs3_xml_find(doc.get(), "TagSet");
+    if (set == nullptr)
+        return -1;
+    std::size_t n = 0;
+    for (mxml_node_t* t = next_elem(nullptr, set, "Tag"); t != nullptr; t = next_elem(t, set, "Tag")) {
+        if (++n > ORBS3_XML_MAX_TAGS)
+            return -1;
+        auto* rec = new_record<orbs3_tag_t>(pool, tags);
+        if (rec == nullptr)
+            return -1;
+        if (orbs3_pack_xml_text_str(t, "Key", &rec->key, pool) != 0)
+            rec->key = {0, nullptr};
+        if (orbs3_pack_xml_text_str(t, "Value", &rec->value, pool) != 0)
+            rec->value = {0, nullptr};
+    }
+    return 0;
+}
+
+char* make_object_tagging_xmlstring(neo_list_head_t* tags)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "Tagging");
+    mxml_node_t* set = mxmlNewElement(root, "TagSet");
+    if (tags != nullptr) {
+        neo_list_head_t* pos;
+        list_for_each(pos, tags) {
+            auto* t = list_entry(pos, orbs3_tag_t, link);
+            mxml_node_t* e = mxmlNewElement(set, "Tag");
+            new_text_str(e, "Key", t->key);
+            new_text_str(e, "Value", t->value);
+        }
+    }
+    return save_doc(xml.get(), get_object_tagging_whitespace_cb);
+}
+
+// ---- multipart upload ----
+
+char* make_create_multipartupload_xmlstring(const char* bucket, const char* key, const char* upload_id)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "InitiateMultipartUploadResult");
+    new_text_cstr(root, "Bucket", bucket);
+    new_text_cstr(root, "Key", key);
+    new_text_cstr(root, "UploadId", upload_id);
+    return save_doc(xml.get(), create_multipart_whitespace_cb);
+}
+
+int parse_complete_multipart_upload_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)
+{
+    if (list == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* top = doc.get();
+    std::size_t n = 0;
+    for (mxml_node_t* p = next_elem(nullptr, top, "Part"); p != nullptr; p = next_elem(p, top, "Part")) {
+        if (++n > ORBS3_XML_MAX_PARTS)
+            return -1;
+        auto* rec = new_record<orbs3_part_t>(pool, list);
+        if (rec == nullptr)
+            return -1;
+        rec->part_number = orbs3_xml_get_textint(p, "PartNumber");
+        if (orbs3_pack_xml_text_str(p, "ETag", &rec->etag, pool) != 0)
+            rec->etag = {0, nullptr};
+    }
+    return 0;
+}
+
+char* make_complete_multipart_upload_xmlstring(const char* etag, const char* bucket, const char* key,
+                                               const char* location)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "CompleteMultipartUploadResult");
+    new_text_cstr(root, "Location", location);
+    new_text_cstr(root, "Bucket", bucket);
+    new_text_cstr(root, "Key", key);
+    new_text_cstr(root, "ETag", etag);
+    return save_doc(xml.get(), complete_multipart_whitespace_cb);
+}
+
+char* make_list_multipart_upload_xmlstring(neo_list_head_t* parts, const char* upload_id, const char* bucket,
+                                           const char* key, int part_number_marker, int max_parts,
+                                           const orbs3_user_t* user)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "ListPartsResult");
+    new_text_cstr(root, "Bucket", bucket);
+    new_text_cstr(root, "Key", key);
+    new_text_cstr(root, "UploadId", upload_id);
+    mxml_node_t* init = mxmlNewElement(root, "Initiator");
+    mxmlNewElement(init, "ID");
+    mxmlNewElement(init, "DisplayName");
+    add_identity(mxmlNewElement(root, "Owner"), user);
+    mxmlNewElement(root, "StorageClass");
+    orbs3_xml_new_text_int(root, "PartNumberMarker", part_number_marker);
+    mxml_node_t* next = mxmlNewElement(root, "NextPartNumberMarker");
+    orbs3_xml_new_text_int(root, "MaxParts", max_parts);
+    mxmlNewElement(root, "IsTruncated");
+
+    // Walk part numbers up from the marker; once a part was found, a gap ends the walk.
+    int number = part_number_marker;
+    int last = 0;
+    bool found_any = false;
+    for (int round = 0; round < max_parts && parts != nullptr; ++round) {
+        orbs3_part_t* hit = nullptr;
+        neo_list_head_t* pos;
+        list_for_each(pos, parts) {
+            auto* p = list_entry(pos, orbs3_part_t, link);
+            if (p->part_number == number) {
+                hit = p;
+                break;
+            }
+        }
+        if (hit == nullptr) {
+            if (found_any)
+                break;
+            if (number == INT32_MAX)
+                break;
+            ++number;
+            continue;
+        }
+        mxml_node_t* e = mxmlNewElement(root, "Part");
+        orbs3_xml_new_text_int(e, "PartNumber", hit->part_number);
+        new_text_str(e, "LastModified", hit->last_modified);
+        new_text_str(e, "ETag", hit->etag);
+        mxmlNewTextf(mxmlNewElement(e, "Size"), 0, "%" PRIu64, hit->size);
+        found_any = true;
+        last = number;
+        if (number == INT32_MAX)
+            break;
+        ++number;
+    }
+    // In 64 bits: a marker near INT_MAX must not overflow the comparison.
+    if (static_cast<int64_t>(last) != static_cast<int64_t>(max_parts) + part_number_marker - 1 && last < INT32_MAX)
+        mxmlNewTextf(next, 0, "%d", last + 1);
+    return save_doc(xml.get(), list_parts_whitespace_cb);
+}
+
+// ---- batch delete ----
+
+int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)
+{
+    if (list == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* top = doc.get();
+    std::size_t n = 0;
+    for (mxml_node_t* o = next_elem(nullptr, top, "Object"); o != nullptr; o = next_elem(o, top, "Object")) {
+        if (++n > ORBS3_XML_MAX_DEL_OBJECTS)
+            return -1;
+        const char* k = elem_text(o, "Key");
+        if (k != nullptr && strnlen(k, ORBS3_XML_DEL_KEY_MAX + 1) > ORBS3_XML_DEL_KEY_MAX)
+            return -1;
+        auto* rec = new_record<orbs3_del_key_t>(pool, list);
+        if (rec == nullptr || pool_str(&rec->key, k, ORBS3_XML_DEL_KEY_MAX, pool) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+char* make_del_objects_xmlstring(neo_list_head_t* deleted, neo_list_head_t* failed)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "DeleteResult");
+    neo_list_head_t* pos;
+    if (deleted != nullptr) {
+        list_for_each(pos, deleted) {
+            new_text_str(mxmlNewElement(root, "Deleted"), "Key", list_entry(pos, orbs3_del_key_t, link)->key);
+        }
+    }
+    if (failed != nullptr) {
+        list_for_each(pos, failed) {
+            new_text_str(mxmlNewElement(root, "Error"), "Key", list_entry(pos, orbs3_del_key_t, link)->key);
+        }
+    }
+    return save_doc(xml.get(), del_objects_whitespace_cb);
+}
+
+// ---- recycle bin ----
+
+int parse_bucket_recycle_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)
+{
+    if (list == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* top = doc.get();
+    std::size_t n = 0;
+    for (mxml_node_t* o = next_elem(nullptr, top, "Object"); o != nullptr; o = next_elem(o, top, "Object")) {
+        if (++n > ORBS3_XML_MAX_RECYCLE)
+            return -1;
+        auto* rec = new_record<orbs3_recycle_entry_t>(pool, list);
+        if (rec == nullptr)
+            return -1;
+        if (orbs3_pack_xml_text_str(o, "Name", &rec->name, pool) != 0)
+            rec->name = {0, nullptr};
+        if (orbs3_pack_xml_text_str(o, "Path", &rec->path, pool) != 0)
+            rec->path = {0, nullptr};
+    }
+    return 0;
+}
+
+char* make_bucket_recycle_xmlstring(neo_list_head_t* list)
+{
+    orbs3_xml_ptr xml = new_doc();
+    if (list != nullptr) {
+        neo_list_head_t* pos;
+        list_for_each(pos, list) {
+            auto* r = list_entry(pos, orbs3_recycle_entry_t, link);
+            mxml_node_t* o = mxmlNewElement(xml.get(), "Object");
+            new_text_str(o, "Name", r->name);
+            new_text_str(o, "Path", r->path);
+            new_text_str(o, "Size", r->size);
+        }
+    }
+    return save_doc(xml.get(), get_bucket_recycle_whitespace_cb);
+}
+
+int parse_bucket_recycle_conf_xmlstring(const char* text, int* days)
+{
+    if (days == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* root = orbs3_xml_find(doc.get(), "RecycleConf");
+    if (root == nullptr)
+        return -1;
+    *days = orbs3_xml_get_textint(root, "Days");
+    return 0;
+}
+
+char* make_bucket_recycle_conf_xmlstring(int days)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "RecycleConf");
+    orbs3_xml_new_text_int(root, "Days", days);
+    return save_doc(xml.get(), recycle_conf_whitespace_cb);
+}
+
+// ---- lifecycle jobs ----
+
+namespace {
+
+int parse_named_id(const char* text, const char* root_name, const char* holder, orbs3_str_t* id, orbs3_pool_t* pool)
+{
+    if (id == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* root = orbs3_xml_find(doc.get(), root_name);
+    if (root == nullptr)
+        return -1;
+    mxml_node_t* from = holder != nullptr ? orbs3_xml_find(root, holder) : root;
+    const char* t = from != nullptr ? elem_text(from, "Id") : nullptr;
+    return pool_str(id, t, ORBS3_XML_TEXT_MAX, pool);
+}
+
+// The history file's name comes from the client: it must stay a plain name inside the history directory.
+bool plain_file_name(const char* id)
+{
+    std::size_t n = strnlen(id, 256);
+    return n > 0 && n < 256 && id[0] != '.' && std::strchr(id, '/') == nullptr;
+}
+
+}  // namespace
+
+int parse_bucket_lifecycle_del_xmlstring(const char* text, orbs3_str_t* id, orbs3_pool_t* pool)
+{
+    return parse_named_id(text, "Lifecycle", "Rule", id, pool);
+}
+
+int parse_lifecycle_job_id_xmlstring(const char* text, orbs3_str_t* id, orbs3_pool_t* pool)
+{
+    return parse_named_id(text, "Lifecyclejob", nullptr, id, pool);
+}
+
+char* orbs3_make_lifecycle_history_xml(FILE* fp)
+{
+    if (fp == nullptr)
+        return nullptr;
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "LifecycleJobHistory");
+    static constexpr const char* names[5] = {"Id", "Alias", "StartTime", "StopTime", "Status"};
+    char line[4096];
+    while (std::fgets(line, sizeof(line), fp) != nullptr) {
+        // A line longer than the buffer is read on as the next line; its pieces rarely hold five words.
+        char v[5][ORBS3_XML_TEXT_MAX];
+        if (std::sscanf(line, "%1023[^ ] %1023[^ ] %1023[^ ] %1023[^ ] %1023s", v[0], v[1], v[2], v[3], v[4]) != 5)
+            continue;
+        mxml_node_t* h = mxmlNewElement(root, "History");
+        for (int i = 0; i < 5; ++i)
+            new_text_cstr(h, names[i], v[i]);
+    }
+    return save_doc(xml.get(), get_bucket_lifecycle_history_whitespace_cb);
+}
+
+char* make_bucket_lifecycle_job_history(const char* id)
+{
+    if (id == nullptr || !plain_file_name(id))
+        return nullptr;
+    char path[1024];
+    int n = std::snprintf(path, sizeof(path), "/var/log/lifecycle/history/%s.log", id);
+    if (n < 0 || static_cast<std::size_t>(n) >= sizeof(path))
+        return nullptr;
+    orbs3_file_ptr fp(std::fopen(path, "re"));
+    return orbs3_make_lifecycle_history_xml(fp.get());
+}
+
+// ---- lifecycle rules, S3 form ----
+
+namespace {
+
+constexpr const char* storage_classes[] = {"GLACIER", "STANDARD_IA", "ONEZONE_IA", "INTELLIGENT_TIERING",
+                                           "DEEP_ARCHIVE"};
+
+uint32_t storage_class_number(const char* text)
+{
+    for (uint32_t i = 0; text != nullptr && i < std::size(storage_classes); ++i) {
+        if (std::strcmp(text, storage_classes[i]) == 0)
+            return i;
+    }
+    return 0;
+}
+
+const char* storage_class_text(uint32_t n)
+{
+    return n < std::size(storage_classes) ? storage_classes[n] : storage_classes[0];
+}
+
+// Copies the first word of the element's text when the element exists; the field stays empty otherwise.
+int take_text(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
+{
+    if (orbs3_xml_find(node, name) == nullptr)
+        return 0;
+    return orbs3_pack_xml_text_str(node, name, str, pool);
+}
+
+// One Rule into a new record. -1 when a bound is passed or memory runs out; 1 when the rule is left out.
+int parse_rule(mxml_node_t* rule, bool with_alias, orbs3_pool_t* pool, orbs3_lifecycle_rule_t** out)
+{
+    auto* r = static_cast<orbs3_lifecycle_rule_t*>(orbs3_pcalloc(pool, sizeof(orbs3_lifecycle_rule_t)));
+    if (r == nullptr)
+        return -1;
+    INIT_LIST_HEAD(&r->link);
+    INIT_LIST_HEAD(&r->tags);
+    INIT_LIST_HEAD(&r->transitions);
+    INIT_LIST_HEAD(&r->noncurrent_transitions);
+    if (take_text(rule, "Id", &r->id, pool) != 0)
+        return -1;
+    if (with_alias && take_text(rule, "Alias", &r->alias, pool) != 0)
+        return -1;
+
+    std::size_t items = 0;
+    if (mxml_node_t* filter = orbs3_xml_find(rule, "Filter"); filter != nullptr) {
+        mxml_node_t* conj = orbs3_xml_find(filter, "And");
+        if (conj != nullptr) {
+            if (take_text(conj, "Prefix", &r->prefix, pool) != 0)
+                return -1;
+            for (mxml_node_t* t = next_elem(nullptr, conj, "Tag"); t != nullptr; t = next_elem(t, conj, "Tag")) {
+                auto* tag = new_record<orbs3_lifecycle_tag_t>(pool, &r->tags);
+                if (++items > ORBS3_XML_MAX_RULE_ITEMS || tag == nullptr)
+                    return -1;
+                if (take_text(t, "Key", &tag->key, pool) != 0 || take_text(t, "Value", &tag->value, pool) != 0)
+                    return -1;
+            }
+        } else if (take_text(filter, "Prefix", &r->prefix, pool) != 0) {
+            return -1;
+        }
+    }
+
+    const char* status = elem_text(rule, "Status");
+    r->status = (status != nullptr && std::strcmp(status, "Enabled") == 0) ? 1 : 0;
+    r->abort_days = orbs3_xml_get_textint(rule, "DaysAfterInitiation");
+
+    for (mxml_node_t* t = next_elem(nullptr, rule, "Transition"); t != nullptr; t = next_elem(t, rule, "Transition")) {
+        auto* tr = new_record<orbs3_lifecycle_transition_t>(pool, &r->transitions);
+        if (++items > ORBS3_XML_MAX_RULE_ITEMS || tr == nullptr)
+            return -1;
+        tr->storage_class = storage_class_number(elem_text(t, "StorageClass"));
+        if (orbs3_xml_find(t, "Days") != nullptr)
+            tr->days = orbs3_xml_get_textint(t, "Days");
+        else if (take_text(t, "Date", &tr->date, pool) != 0)
+            return -1;
+    }
+
+    if (mxml_node_t* e = orbs3_xml_find(rule, "Expiration"); e != nullptr) {
+        static constexpr const char* kinds[] = {"Days", "Date", "ExpiredObjectDeleteMarker"};
+        for (uint32_t k = 0; k < std::size(kinds); ++k) {
+            if (orbs3_xml_find(e, kinds[k]) == nullptr)
+                continue;
+            auto* x = static_cast<orbs3_lifecycle_expiration_t*>(
+                orbs3_pcalloc(pool, sizeof(orbs3_lifecycle_expiration_t)));
+            if (x == nullptr || orbs3_pack_xml_text_str(e, kinds[k], &x->value, pool) != 0)
+                return -1;
+            x->kind = k;
+            r->expiration = x;
+            break;
+        }
+    }
+
+    for (mxml_node_t* t = next_elem(nullptr, rule, "NoncurrentVersionTransition"); t != nullptr;
+         t = next_elem(t, rule, "NoncurrentVersionTransition")) {
+        auto* tr = new_record<orbs3_lifecycle_transition_t>(pool, &r->noncurrent_transitions);
+        if (++items > ORBS3_XML_MAX_RULE_ITEMS || tr == nullptr)
+            return -1;
+        tr->days = orbs3_xml_get_textint(t, "NoncurrentDays");
+        tr->storage_class = storage_class_number(elem_text(t, "StorageClass"));
+    }
+
+    if (mxml_node_t* e = orbs3_xml_find(rule, "NoncurrentVersionExpiration"); e != nullptr) {
+        if (orbs3_xml_find(e, "NoncurrentDays") == nullptr)
+            return 1;
+        r->noncurrent_days = orbs3_xml_get_textint(e, "NoncurrentDays");
+    }
+    *out = r;
+    return 0;
+}
+
+}  // namespace
+
+int parse_bucket_lifecycle_xmlstring(const char* text, neo_list_head_t* rules, orbs3_pool_t* pool)
+{
+    if (rules == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* root = orbs3_xml_find(doc.get(), "LifecycleConfiguration");
+    if (root == nullptr)
+        return -1;
+    std::size_t n = 0;
+    for (mxml_node_t* rule = next_elem(nullptr, root, "Rule"); rule != nullptr; rule = next_elem(rule, root, "Rule")) {
+        if (++n > ORBS3_XML_MAX_RULES)
+            return -1;
+        orbs3_lifecycle_rule_t* r = nullptr;
+        int rc = parse_rule(rule, false, pool, &r);
+        if (rc < 0)
+            return -1;
+        if (rc == 0)
+            list_add_tail(&r->link, rules);
+    }
+    return 0;
+}
+
+orbs3_lifecycle_rule_t* parse_bucket_vorne_lifecycle_xmlstring(const char* text, orbs3_pool_t* pool)
+{
+    if (pool == nullptr)
+        return nullptr;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return nullptr;
+    mxml_node_t* rule = orbs3_xml_find(doc.get(), "Rule");
+    if (rule == nullptr)
+        return nullptr;
+    orbs3_lifecycle_rule_t* r = nullptr;
+    return parse_rule(rule, true, pool, &r) == 0 ? r : nullptr;
+}
+
+char* make_bucket_lifecycle_xmlstring(neo_list_head_t* rules)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "LifecycleConfiguration");
+    neo_list_head_t* pos;
+    if (rules == nullptr)
+        return save_doc(xml.get(), get_bucket_lifecycle_whitespace_cb);
+    list_for_each(pos, rules) {
+        auto* r = list_entry(pos, orbs3_lifecycle_rule_t, link);
+        mxml_node_t* e = mxmlNewElement(root, "Rule");
+        if (r->id.len > 0)
+            new_text_str(e, "Id", r->id);
+        if (r->alias.len > 0)
+            new_text_str(e, "Alias", r->alias);
+        mxml_node_t* filter = mxmlNewElement(e, "Filter");
+        if (!list_empty(&r->tags)) {
+            mxml_node_t* conj = mxmlNewElement(filter, "And");
+            if (r->prefix.len > 0)
+                new_text_str(conj, "Prefix", r->prefix);
+            neo_list_head_t* tp;
+            list_for_each(tp, &r->tags) {
+                auto* t = list_entry(tp, orbs3_lifecycle_tag_t, link);
+                mxml_node_t* te = mxmlNewElement(conj, "Tag");
+                if (t->key.len > 0)
+                    new_text_str(te, "Key", t->key);
+                if (t->value.len > 0)
+                    new_text_str(te, "Value", t->value);
+            }
+        } else if (r->prefix.len > 0) {
+            new_text_str(filter, "Prefix", r->prefix);
+        }
+        mxmlNewText(mxmlNewElement(e, "Status"), 0, r->status == 1 ? "Enabled" : "Suspended");
+        if (r->abort_days > 0)
+            orbs3_xml_new_text_int(mxmlNewElement(e, "AbortIncompleteMultipartUpload"), "DaysAfterInitiation",
+                                   r->abort_days);
+        neo_list_head_t* tp;
+        list_for_each(tp, &r->transitions) {
+            auto* t = list_entry(tp, orbs3_lifecycle_transition_t, link);
+            mxml_node_t* te = mxmlNewElement(e, "Transition");
+            mxmlNewText(mxmlNewElement(te, "StorageClass"), 0, storage_class_text(t->storage_class));
+            if (t->days > 0)
+                orbs3_xml_new_text_int(te, "Days", t->days);
+            else if (t->date.len > 0)
+                new_text_str(te, "Date", t->date);
+        }
+        if (r->expiration != nullptr) {
+            static constexpr const char* kinds[] = {"Days", "Date", "ExpiredObjectDeleteMarker"};
+            uint32_t k = r->expiration->kind < std::size(kinds) ? r->expiration->kind : 0;
+            new_text_str(mxmlNewElement(e, "Expiration"), kinds[k], r->expiration->value);
+        }
+        list_for_each(tp, &r->noncurrent_transitions) {
+            auto* t = list_entry(tp, orbs3_lifecycle_transition_t, link);
+            mxml_node_t* te = mxmlNewElement(e, "NoncurrentVersionTransition");
+            mxmlNewText(mxmlNewElement(te, "StorageClass"), 0, storage_class_text(t->storage_class));
+            orbs3_xml_new_text_int(te, "NoncurrentDays", t->days);
+        }
+        if (r->noncurrent_days > 0)
+            orbs3_xml_new_text_int(mxmlNewElement(e, "NoncurrentVersionExpiration"), "NoncurrentDays",
+                                   r->noncurrent_days);
+    }
+    return save_doc(xml.get(), get_bucket_lifecycle_whitespace_cb);
+}
