@@ -590,6 +590,11 @@ bool looks_whole(const std::string& text, const char* root)
 
 }  // namespace
 
+bool orbs3_record_text_whole(const char* text, const char* root)
+{
+    return text != nullptr && root != nullptr && looks_whole(std::string(text), root);
+}
+
 // ---- writers ----
 
 int orbs3_make_bucket_xml(const orbs3_bucket_t* b, char** text)

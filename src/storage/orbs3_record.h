@@ -182,3 +182,7 @@ void orbs3_free_object_list(neo_list_head_t* list);
 void orbs3_free_service(orbs3_service_rec_t* service);
 // Frees every rule of a heap list of the service record; the head is left empty.
 void orbs3_free_service_rules(neo_list_head_t* list);
+
+// Whether a record text holds a whole `root` element: it ends in a tag, and an element left open or cut
+// inside a tag (which Mini-XML would read as a smaller document) is refused.
+[[nodiscard]] bool orbs3_record_text_whole(const char* text, const char* root);

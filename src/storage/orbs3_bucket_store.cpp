@@ -1,0 +1,249 @@
+#include "storage/orbs3_bucket_store.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <initializer_list>
+#include <memory>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_log.h"
+#include "core/orbs3_xml.h"
+#include "storage/orbs3_file_helpers.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_record.h"
+
+namespace {
+
+struct dir_closer {
+    void operator()(DIR* d) const noexcept { closedir(d); }
+};
+using dir_ptr = std::unique_ptr<DIR, dir_closer>;
+
+struct text_free {
+    void operator()(char* p) const noexcept { std::free(p); }
+};
+using text_ptr = std::unique_ptr<char, text_free>;
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+// The parts one after the other into `out`; -1 (and `out` empty) when they don't fit `cap` bytes.
+int join(char* out, std::size_t cap, std::initializer_list<std::string_view> parts)
+{
+    std::size_t len = 0;
+    for (std::string_view p : parts) {
+        if (p.size() >= cap - len) {
+            out[0] = '\0';
+            return -1;
+        }
+        std::memcpy(out + len, p.data(), p.size());
+        len += p.size();
+    }
+    out[len] = '\0';
+    return 0;
+}
+
+// A name that stays one level below the directory it is joined to.
+bool safe_component(std::string_view name)
+{
+    return !name.empty() && name != "." && name != ".." && name.find('/') == std::string_view::npos &&
+           name.find('\0') == std::string_view::npos && name.size() < ORBS3_NAME_AREA;
+}
+
+bool dot_entry(const char* name)
+{
+    return std::strcmp(name, ".") == 0 || std::strcmp(name, "..") == 0;
+}
+
+// Symbolic links are not followed: nothing in the trees is made as one, and following one could leave
+// the tenant's tree.
+bool is_dir_at(DIR* d, const char* rel)
+{
+    struct stat st;
+    return fstatat(dirfd(d), rel, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+}
+
+orbs3_bucket_t* read_bucket_file(const char* path)
+{
+    char* raw = nullptr;
+    if (orbs3_read_data_from_file(path, &raw) != 0)
+        return nullptr;
+    text_ptr text(raw);
+    return orbs3_create_bucket_from_xml(text.get());
+}
+
+}  // namespace
+
+orbs3_bucket_t* orbs3_create_bucket_from_xml(const char* xml)
+{
+    if (!orbs3_record_text_whole(xml, "bucket"))
+        return nullptr;
+    orbs3_bucket_t* b = orbs3_bucket_new(1024);
+    if (b == nullptr)
+        return nullptr;
+    if (xml_parse_bucket(b, xml) != 0) {
+        orbs3_free_bucket(b);
+        return nullptr;
+    }
+    return b;
+}
+
+int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, char* out)
+{
+    if (out == nullptr)
+        return -1;
+    out[0] = '\0';
+    if (vhost == nullptr || vhost->data_root.len == 0 || vhost->meta_root.len == 0 || !safe_component(name))
+        return -1;
+    char root[ORBS3_PATH_AREA];
+    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+        return -1;
+    dir_ptr d(opendir(root));
+    if (!d) {
+        ipd_debug("opendir %s failed: %s", root, std::strerror(errno));
+        return -1;
+    }
+    char rel[ORBS3_PATH_AREA];
+    while (const dirent* e = readdir(d.get())) {
+        if (dot_entry(e->d_name))
+            continue;
+        // The data directory is what marks a name as taken (it is made before the record is written).
+        if (join(rel, sizeof(rel), {e->d_name, "/", name}) != 0 || !is_dir_at(d.get(), rel))
+            continue;
+        if (join(out, ORBS3_PATH_AREA, {view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0)
+            continue;
+        return 0;
+    }
+    return -1;
+}
+
+int orbs3_check_bucket_exist(const orbs3_vhost_t* vhost, const orbs3_user_t* /*user*/, std::string_view name)
+{
+    char path[ORBS3_PATH_AREA];
+    return orbs3_get_bucket_path(vhost, name, path);
+}
+
+orbs3_bucket_t* orbs3_get_bucket(const orbs3_vhost_t* vhost, const orbs3_user_t* /*user*/, std::string_view name)
+{
+    char path[ORBS3_PATH_AREA];
+    if (orbs3_get_bucket_path(vhost, name, path) != 0)
+        return nullptr;
+    orbs3_bucket_t* b = read_bucket_file(path);
+    if (b == nullptr)
+        ipd_debug("bucket record %s can't be read", path);
+    return b;
+}
+
+int orbs3_bucket_init(orbs3_vhost_t* vhost)
+{
+    if (vhost == nullptr)
+        return -1;
+    INIT_LIST_HEAD(&vhost->bucket_list);
+    vhost->bucket_count = 0;
+    char root[ORBS3_PATH_AREA];
+    if (vhost->meta_root.len == 0 || join(root, sizeof(root), {view(vhost->meta_root)}) != 0)
+        return -1;
+    dir_ptr d(opendir(root));
+    if (!d) {
+        ipd_log(LOG_ERR, "opendir %s failed: %s", root, std::strerror(errno));
+        return -1;
+    }
+    char dir[ORBS3_PATH_AREA];
+    while (const dirent* e = readdir(d.get())) {
+        // "bucket" and "object" are the meta root's own fixed directories, not owners.
+        if (dot_entry(e->d_name) || std::strcmp(e->d_name, "bucket") == 0 || std::strcmp(e->d_name, "object") == 0)
+            continue;
+        if (join(dir, sizeof(dir), {root, "/", e->d_name, "/bucket"}) != 0)
+            continue;
+        char rel[ORBS3_PATH_AREA];
+        if (join(rel, sizeof(rel), {e->d_name, "/bucket"}) != 0 || !is_dir_at(d.get(), rel))
+            continue;
+        // An owner whose directory can't be read loses its buckets from the count, not the others.
+        (void)orbs3_bucket_user_init(vhost, dir);
+    }
+    return 0;
+}
+
+int orbs3_bucket_user_init(orbs3_vhost_t* vhost, const char* dir)
+{
+    if (vhost == nullptr || dir == nullptr)
+        return -1;
+    dir_ptr d(opendir(dir));
+    if (!d) {
+        ipd_debug("opendir %s failed: %s", dir, std::strerror(errno));
+        return -1;
+    }
+    char path[ORBS3_PATH_AREA];
+    while (const dirent* e = readdir(d.get())) {
+        if (dot_entry(e->d_name) || orbs3_record_is_temp(e->d_name) || is_dir_at(d.get(), e->d_name))
+            continue;
+        if (join(path, sizeof(path), {dir, "/", e->d_name}) != 0)
+            continue;
+        orbs3_bucket_t* b = read_bucket_file(path);
+        if (b == nullptr) {
+            ipd_debug("bucket record %s skipped: can't be read", path);
+            continue;
+        }
+        list_add_tail(&b->link, &vhost->bucket_list);
+        vhost->bucket_count.fetch_add(1);
+    }
+    return 0;
+}
+
+void orbs3_bucket_exit(orbs3_vhost_t* vhost)
+{
+    // A vhost whose buckets were never loaded has a list that was never set up.
+    if (vhost == nullptr || vhost->bucket_list.next == nullptr)
+        return;
+    orbs3_bucket_t* b;
+    orbs3_bucket_t* n;
+    list_for_each_entry_safe(b, n, &vhost->bucket_list, link)
+    {
+        list_del(&b->link);
+        orbs3_free_bucket(b);
+    }
+    INIT_LIST_HEAD(&vhost->bucket_list);
+}
+
+int orbs3_load_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* user, neo_list_head_t* list)
+{
+    if (user == nullptr)
+        return -1;
+    return orbs3_load_user_bucket_list(list, vhost, user, view(user->DisPlayName));
+}
+
+int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhost, const orbs3_user_t* /*user*/,
+                                std::string_view owner)
+{
+    if (list == nullptr || vhost == nullptr || !safe_component(owner))
+        return -1;
+    char owner_dir[ORBS3_PATH_AREA];
+    if (vhost->data_root.len == 0 || vhost->meta_root.len == 0 ||
+        join(owner_dir, sizeof(owner_dir), {view(vhost->data_root), "/", owner}) != 0)
+        return -1;
+    dir_ptr d(opendir(owner_dir));
+    if (!d)
+        return 0;  // an owner without buckets yet
+    char path[ORBS3_PATH_AREA];
+    while (const dirent* e = readdir(d.get())) {
+        if (dot_entry(e->d_name) || !is_dir_at(d.get(), e->d_name))
+            continue;
+        // The owner's own record, not a lookup over all owners: it is one read instead of a scan of the
+        // data root per bucket, and a name that two owners hold after a race shows under each owner with
+        // that owner's record.
+        if (join(path, sizeof(path), {view(vhost->meta_root), "/", owner, "/bucket/", e->d_name}) != 0)
+            break;
+        orbs3_bucket_t* b = read_bucket_file(path);
+        if (b == nullptr)
+            break;  // a bucket whose record is missing or half written ends the owner's walk
+        list_add_tail(&b->link, list);
+    }
+    return 0;
+}
