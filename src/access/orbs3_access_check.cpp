@@ -2,7 +2,6 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
-#include <pthread.h>
 #include <sys/socket.h>
 
 #include <cstring>
@@ -257,28 +256,14 @@ uint32_t orbs3_access_prefix_mask(uint32_t length)
     return mask;
 }
 
-int orbs3_access_service_blacklist(orbs3_service_t* service, const orbs3_peer_t* peer)
+int orbs3_access_service_blacklist(const orbs3_vhost_t* vhost, const orbs3_peer_t* peer)
 {
-    // The gate hands over the service, while the lists belong to a vhost. With one vhost (the common case)
-    // that vhost's record decides; with several the tenant can't be told apart here and the gate passes,
-    // rather than letting one tenant's lists bar another's clients.
-    if (service == nullptr || peer == nullptr)
+    if (vhost == nullptr || peer == nullptr)
         return 1;
-    const orbs3_service_rec_t* rec = nullptr;
-    int vhosts = 0;
-    pthread_rwlock_rdlock(&g_service_lock);
-    for (neo_list_head_t* p = service->vhosts.next; p != &service->vhosts; p = p->next) {
-        const auto* vh = static_cast<const orbs3_vhost_t*>(orbs3_list_node(p)->data);
-        if (vh == nullptr)
-            continue;
-        vhosts++;
-        rec = vh->service_rec;
-    }
-    int rc = 0;
-    if (vhosts == 1)
-        rc = orbmux_check_service_rec_blacklist(rec, peer);
-    pthread_rwlock_unlock(&g_service_lock);
-    return rc;
+    // A tenant whose record is not loaded has no list in force.
+    if (vhost->service_rec == nullptr)
+        return 0;
+    return orbmux_check_service_rec_blacklist(vhost->service_rec, peer);
 }
 
 void orbs3_access_install_hooks()

@@ -84,7 +84,8 @@ enum class orbs3_access_chain_t {
 // The mask of a prefix length in host order: 24 gives 0xFFFFFF00, 0 gives 0, 32 and beyond all ones.
 [[nodiscard]] uint32_t orbs3_access_prefix_mask(uint32_t length);
 
-// The dispatcher's gate: the service blacklist of the vhost the service serves. 0 or 1.
-[[nodiscard]] int orbs3_access_service_blacklist(orbs3_service_t* service, const orbs3_peer_t* peer);
+// The dispatcher's gate: the blacklist of the requesting tenant's service record bars the peer
+// (non-zero). A tenant whose record is not loaded has no list in force.
+[[nodiscard]] int orbs3_access_service_blacklist(const orbs3_vhost_t* vhost, const orbs3_peer_t* peer);
 // Points the dispatcher's blacklist hook at orbs3_access_service_blacklist.
 void orbs3_access_install_hooks();

@@ -242,7 +242,7 @@ int admit_and_run(orbs3_http_request_t* r)
     }
 
     if (user != &vh->admin && orbmux_check_service_blacklist != nullptr &&
-        orbmux_check_service_blacklist(vh->service, r->connection->peer) != 0) {
+        orbmux_check_service_blacklist(vh, r->connection->peer) != 0) {
         copy_field(r->resp.resource, sizeof r->resp.resource, "/");
         return static_cast<int>(ORBS3_S3_ACCESS_DENIED);
     }

@@ -9,7 +9,7 @@
 #include "event/orbs3_connection.h"
 #include "http/orbs3_http_request.h"
 
-struct orbs3_service_t;
+struct orbs3_vhost_t;
 
 // A handler: 0 after its reply went out; -2 when its work goes on in later events (it then ends the
 // request with orbs3_http_destory_thread_handler and its caller returns ORBS3_HTTP_CLOSED); a status
@@ -47,9 +47,9 @@ int orbs3_send_http_respones(int code, orbs3_http_request_t* r);
 // null.
 [[nodiscard]] const char* orbs3_s3_user_secret(const orbs3_user_t* user, std::string_view key_id);
 
-// The service's blacklist test, installed by the access rules when they load: non-zero bars the peer.
-// Null: no list.
-using orbs3_s3_blacklist_pt = int (*)(orbs3_service_t* service, const orbs3_peer_t* peer);
+// The tenant's service blacklist test, installed by the access rules when they load: non-zero bars the
+// peer. Null: no list.
+using orbs3_s3_blacklist_pt = int (*)(const orbs3_vhost_t* vhost, const orbs3_peer_t* peer);
 extern orbs3_s3_blacklist_pt orbmux_check_service_blacklist;
 
 // The preflight: template M with the request's Origin and Access-Control-Request-Headers echoed.
