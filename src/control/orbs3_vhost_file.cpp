@@ -8,6 +8,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -275,67 +276,16 @@ T* record_of(neo_list_head_t* pos)
 
 // ---- replacing a file ----
 
-enum : int { kReplaceOpen = -1, kReplaceWrite = -2 };
+enum : int { kReplaceOpen = NEO_REPLACE_OPEN, kReplaceWrite = NEO_REPLACE_WRITE };
 
-// A temporary file that is removed unless it was renamed into place; errno survives the removal.
-struct temp_file {
-    std::string path;
-    bool placed = false;
-    ~temp_file()
-    {
-        if (!placed) {
-            int saved = errno;
-            unlink(path.c_str());
-            errno = saved;
-        }
-    }
-};
-
-// Writes the new content through `fill` into a temporary file beside `target`, makes it durable, then
-// renames it over `target`. Truncating in place would lose the old content if the disk filled or the
-// node died half way; this way a reader sees the old file or the new one, whole. The temporary name
-// begins with "." so the group scan never takes it for a group file. 0, kReplaceOpen or kReplaceWrite,
-// with errno.
-template <typename Fill>
-int replace_file(const std::string& target, Fill fill)
+// The new content goes into a temporary file beside `target` and is renamed over it, so a reader sees
+// the old file or the new one, whole. The temporary name begins with "." so the group scan never takes
+// it for a group file. 0, kReplaceOpen or kReplaceWrite, with errno.
+int replace_file(const std::string& target, const std::function<bool(FILE*)>& fill)
 {
     const std::size_t slash = target.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
-    const std::string lead = slash == std::string::npos ? "" : target.substr(0, slash + 1);
     const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    temp_file tmp{lead + "." + base + ".XXXXXX"};
-    const int fd = mkostemp(tmp.path.data(), O_CLOEXEC);
-    if (fd < 0) {
-        tmp.placed = true;  // nothing was made
-        return kReplaceOpen;
-    }
-    FILE* raw = fdopen(fd, "w");
-    if (raw == nullptr) {
-        int saved = errno;
-        close(fd);
-        errno = saved;
-        return kReplaceOpen;
-    }
-    orbs3_file_ptr fp(raw);
-    // mkostemp makes the file 0600; the node's tools read these files as the ones they replace.
-    errno = 0;
-    if (fchmod(fd, 0644) != 0 || !fill(fp.get()) || std::fflush(fp.get()) != 0 || fsync(fd) != 0) {
-        if (errno == 0)
-            errno = EIO;
-        return kReplaceWrite;
-    }
-    if (std::fclose(fp.release()) != 0)
-        return kReplaceWrite;
-    if (std::rename(tmp.path.c_str(), target.c_str()) != 0)
-        return kReplaceWrite;
-    tmp.placed = true;
-    // The rename reaches the disk only with its directory; without this a crash can bring the old back.
-    const int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dfd >= 0) {
-        (void)fsync(dfd);
-        close(dfd);
-    }
-    return 0;
+    return neo_replace_file(target, "." + base + ".", fill);
 }
 
 // Mini-XML's whitespace rule of the user and lifecycle files.

@@ -185,3 +185,66 @@ void version_exit(int status, const char* name, const char* version, const char*
     std::fprintf(stderr, "%s %s, %s\n", name, version, build);
     std::exit(status);
 }
+
+namespace {
+
+// A temporary file that is removed unless it was renamed into place; errno survives the removal.
+struct temp_file {
+    std::string path;
+    bool placed = false;
+    ~temp_file()
+    {
+        if (!placed) {
+            const int saved = errno;
+            unlink(path.c_str());
+            errno = saved;
+        }
+    }
+};
+
+struct file_closer {
+    void operator()(FILE* f) const noexcept { std::fclose(f); }
+};
+
+}  // namespace
+
+int neo_replace_file(const std::string& target, std::string_view temp_name,
+                     const std::function<bool(FILE* fp)>& fill)
+{
+    const std::size_t slash = target.rfind('/');
+    const std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
+    const std::string lead = slash == std::string::npos ? "" : target.substr(0, slash + 1);
+    temp_file tmp{lead + std::string(temp_name) + "XXXXXX"};
+    const int fd = mkostemp(tmp.path.data(), O_CLOEXEC);
+    if (fd < 0) {
+        tmp.placed = true;  // nothing was made
+        return NEO_REPLACE_OPEN;
+    }
+    FILE* raw = fdopen(fd, "w");
+    if (raw == nullptr) {
+        const int saved = errno;
+        close(fd);
+        errno = saved;
+        return NEO_REPLACE_OPEN;
+    }
+    std::unique_ptr<FILE, file_closer> fp(raw);
+    // mkostemp makes the file 0600; the node's other programs read it as the file it replaces.
+    errno = 0;
+    if (fchmod(fd, 0644) != 0 || !fill(fp.get()) || std::fflush(fp.get()) != 0 || fsync(fd) != 0) {
+        if (errno == 0)
+            errno = EIO;
+        return NEO_REPLACE_WRITE;
+    }
+    if (std::fclose(fp.release()) != 0)
+        return NEO_REPLACE_WRITE;
+    if (std::rename(tmp.path.c_str(), target.c_str()) != 0)
+        return NEO_REPLACE_WRITE;
+    tmp.placed = true;
+    // The rename reaches the disk only with its directory; without this a crash can bring the old back.
+    const int dfd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (dfd >= 0) {
+        (void)fsync(dfd);
+        close(dfd);
+    }
+    return 0;
+}

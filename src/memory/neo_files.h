@@ -1,6 +1,14 @@
 // Directory and file helpers for start-up and for the storage trees.
 #pragma once
 
+#include <string_view>
+
+#include <string>
+
+#include <functional>
+
+#include <cstdio>
+
 #include <sys/types.h>
 
 // 0 if the path exists, else the errno of access(F_OK); -1 for a null path.
@@ -28,6 +36,17 @@ int mkdir_p(const char* path, mode_t mode);
 // Symbolic links and other entries are left alone and never followed. A missing path gives 0; a
 // failure to read a directory or remove a file gives -1 (the walk goes on with the rest).
 [[nodiscard]] int neo_rmdir(const char* path);
+
+// Replaces `target` whole: `fill` writes the new content into a temporary file beside it (named
+// `temp_name` plus six random characters, in target's directory, mode 0644), which is flushed to disk and
+// renamed over `target`, and the directory is synced. A reader sees the old file or the new one, never
+// half of either, and a crash leaves at worst a temporary behind. `fill` returns false on failure.
+// 0; NEO_REPLACE_OPEN when the temporary could not be made, NEO_REPLACE_WRITE when writing or renaming
+// failed; errno tells why, and no temporary stays.
+inline constexpr int NEO_REPLACE_OPEN = -1;
+inline constexpr int NEO_REPLACE_WRITE = -2;
+[[nodiscard]] int neo_replace_file(const std::string& target, std::string_view temp_name,
+                                   const std::function<bool(FILE* fp)>& fill);
 
 // Usage hints at start-up; both write to standard error and exit with `status`.
 [[noreturn]] void tryhelp_exit(int status, const char* prog);

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "core/orbs3_xml.h"
+#include "memory/neo_files.h"
 
 namespace {
 
@@ -735,34 +736,6 @@ bool orbs3_record_is_temp(std::string_view name)
     return name.substr(0, ORBS3_RECORD_TMP_PREFIX.size()) == ORBS3_RECORD_TMP_PREFIX;
 }
 
-namespace {
-
-struct fd_closer {
-    int fd = -1;
-    ~fd_closer()
-    {
-        if (fd >= 0) {
-            const int saved = errno;
-            close(fd);
-            errno = saved;
-        }
-    }
-};
-
-struct temp_unlinker {
-    std::string path;
-    bool placed = false;
-    ~temp_unlinker()
-    {
-        if (!placed) {
-            const int saved = errno;
-            unlink(path.c_str());
-            errno = saved;
-        }
-    }
-};
-
-}  // namespace
 
 int orbs3_record_replace(const char* path, const char* text, std::size_t len)
 {
@@ -770,45 +743,11 @@ int orbs3_record_replace(const char* path, const char* text, std::size_t len)
         errno = EINVAL;
         return -1;
     }
-    const std::string target(path);
-    const std::size_t slash = target.rfind('/');
-    const std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
-    const std::string lead = slash == std::string::npos ? "" : target.substr(0, slash + 1);
     // The temporary name is short whatever the record's name, so a key component near NAME_MAX still has
     // room beside it.
-    temp_unlinker tmp{lead + std::string(ORBS3_RECORD_TMP_PREFIX) + "XXXXXX"};
-    fd_closer fd{mkostemp(tmp.path.data(), O_CLOEXEC)};
-    if (fd.fd < 0) {
-        tmp.placed = true;  // nothing was made
-        return -1;
-    }
-    // mkostemp makes 0600; records are read by the node's other daemons as any data file.
-    if (fchmod(fd.fd, 0644) != 0)
-        return -1;
-    std::size_t done = 0;
-    while (done < len) {
-        const ssize_t n = write(fd.fd, text + done, len - done);
-        if (n < 0) {
-            if (errno == EINTR)
-                continue;
-            return -1;
-        }
-        done += static_cast<std::size_t>(n);
-    }
-    if (fsync(fd.fd) != 0)
-        return -1;
-    const int cfd = fd.fd;
-    fd.fd = -1;
-    if (close(cfd) != 0)
-        return -1;
-    if (std::rename(tmp.path.c_str(), target.c_str()) != 0)
-        return -1;
-    tmp.placed = true;
-    // The rename is durable only with its directory.
-    fd_closer dfd{open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-    if (dfd.fd >= 0)
-        (void)fsync(dfd.fd);
-    return 0;
+    const int rc = neo_replace_file(path, ORBS3_RECORD_TMP_PREFIX,
+                                    [&](FILE* fp) { return len == 0 || std::fwrite(text, 1, len, fp) == len; });
+    return rc == 0 ? 0 : -1;
 }
 
 namespace {
