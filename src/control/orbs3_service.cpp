@@ -4,6 +4,9 @@
 #include <cstring>
 #include <new>
 
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_record.h"
+
 // Static initialisation makes both lists empty and the lock usable before main runs, so a signal that
 // arrives before the control thread has set anything up finds empty lists, not garbage.
 neo_list_head_t g_service_list = {&g_service_list, &g_service_list};
@@ -130,8 +133,8 @@ void orbs3_free_vhost_data(orbs3_vhost_t* vh)
         neo_strfree(s);
     orbs3_free_user_list(&vh->users);
     free_user_fields(&vh->admin);
-    // The service record and the bucket list get their owners with the storage layer; until then the
-    // worker never fills them.
+    orbs3_free_service(vh->service_rec);
+    orbs3_bucket_exit(vh);
     delete vh;
 }
 

@@ -17,6 +17,7 @@
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_xml.h"
 #include "memory/neo_files.h"
+#include "storage/orbs3_record.h"
 
 neo_list_head_t orbs3_endpoints = {&orbs3_endpoints, &orbs3_endpoints};
 pthread_mutex_t orbs3_endpoints_lock = PTHREAD_MUTEX_INITIALIZER;
@@ -1032,6 +1033,14 @@ int orbs3_init_user(orbs3_vhost_t* vh)
         ipd_log(LOG_ERR, "read user file[%s] failure", path.c_str());
         rc = -1;
     }
-    // The service record is read here once its reader exists; until then service_rec stays null.
+    // A missing or empty service file is a record without limits or lists; one that exists but does not
+    // read stays unloaded, so the checks refuse everyone but the administrator rather than drop its lists.
+    const std::string rec_path = std::string(dir).append(id);
+    orbs3_free_service(vh->service_rec);
+    vh->service_rec = orbs3_get_service(rec_path.c_str());
+    if (vh->service_rec == nullptr) {
+        ipd_log(LOG_ERR, "service file[%s] unreadable, only the administrator is served", rec_path.c_str());
+        rc = -1;
+    }
     return rc;
 }

@@ -13,6 +13,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "access/orbs3_access_check.h"
 #include "control/orbs3_vhost_file.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
@@ -23,6 +24,8 @@
 #include "http/orbs3_http_request.h"
 #include "s3/orbs3_s3_classify.h"
 #include "s3/orbs3_s3_dispatch.h"
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_layout.h"
 
 orbs3_service_t* orbs3_service = nullptr;
 orbs3_connection_t* listen_c = nullptr;
@@ -433,6 +436,23 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
                   neo_getstr(&orbs3_service->ipaddr), static_cast<int>(orbs3_service->port));
     set_proctitle(title);
 
+    // Users, service records, trees and bucket counts are in place before the first request can arrive:
+    // the epoll threads read them without a lock.
+    neo_list_head_t* pos;
+    list_for_each(pos, &orbs3_service->vhosts)
+    {
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        if (vh->status == kStatusActive)
+            vh->running = 1;
+        (void)orbs3_init_user(vh);
+        if (orbs3_init_path(vh) != 0)
+            ipd_log(LOG_ERR, "vhost[%s]: tenant trees unusable", neo_getstr(&vh->id));
+        else if (orbs3_bucket_init(vh) != 0)
+            ipd_log(LOG_ERR, "vhost[%s]: meta root [%s] unreadable, no buckets counted", neo_getstr(&vh->id),
+                    neo_getstr(&vh->meta_root));
+    }
+    orbs3_access_install_hooks();
+
     (void)neo_event_timer_init();
     pthread_t ctrl;
     if (pthread_create(&ctrl, nullptr, ctrl_worker_placeholder, nullptr) != 0)
@@ -442,15 +462,6 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
     if (orbs3_create_worker_threads() != 0)
         std::exit(-1);
 
-    // Paths, cache and buckets of each vhost come here with the storage engine.
-    neo_list_head_t* pos;
-    list_for_each(pos, &orbs3_service->vhosts)
-    {
-        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
-        if (vh->status == kStatusActive)
-            vh->running = 1;
-        orbs3_init_user(vh);
-    }
     orbs3_list_vhost_for_debug();
     orbs3_service->started = 1;
     ipd_debug("worker process %s started", title);

@@ -135,6 +135,29 @@ int join_document(orbs3_http_request_body_t* rb)
 
 }  // namespace
 
+const char* orbs3_http_body_document(orbs3_http_request_t* r)
+{
+    orbs3_http_request_body_t* rb = r->request_body;
+    if (rb == nullptr || rb->buf == nullptr)
+        return "";
+    orbs3_buf_t* b = rb->buf;
+    if (b->last < b->end) {
+        *b->last = '\0';
+        return reinterpret_cast<const char*>(b->pos);
+    }
+    // A document that filled its buffer to the end gets a copy with room for the NUL.
+    std::size_t n = unread(b);
+    orbs3_buf_t* whole = orbs3_create_temp_buf(rb->pool, n + 1);
+    if (whole == nullptr)
+        return nullptr;
+    if (n != 0)
+        std::memcpy(whole->last, b->pos, n);
+    whole->last += n;
+    *whole->last = '\0';
+    rb->buf = whole;
+    return reinterpret_cast<const char*>(whole->pos);
+}
+
 bool orbs3_http_has_body(const orbs3_http_request_t* r)
 {
     return r->headers_in.chunked || r->content_length > 0;

@@ -56,6 +56,11 @@ struct orbs3_upload_file_t {
 // recv_buffer bytes. Logs "Not enough memory create request" and gives -1 when memory runs out.
 [[nodiscard]] int init_request_body_memory(orbs3_http_request_t* r);
 
+// The document of a request whose body was read into memory, as one NUL-terminated text (the parsers of
+// the API documents rely on the NUL); "" when the request had no body; null when memory runs out. Bytes
+// behind a NUL inside the body are not seen by those parsers.
+[[nodiscard]] const char* orbs3_http_body_document(orbs3_http_request_t* r);
+
 // Whether the request announces a body: a positive Content-Length or a chunked coding.
 [[nodiscard]] bool orbs3_http_has_body(const orbs3_http_request_t* r);
 // Whether every byte of the announced body has been read (true when there is none).

@@ -156,6 +156,59 @@ static int clear_dir(int fd)
     return rc;
 }
 
+// Removes everything inside the directory open as `fd` (owned here), sub-directories included. As in
+// clear_dir, nothing is reached through a link: a link is removed, never followed.
+static int remove_inside(int fd)
+{
+    dir_ptr dir(fdopendir(fd));
+    if (!dir) {
+        close(fd);
+        return -1;
+    }
+    int rc = 0;
+    while (struct dirent* e = readdir(dir.get())) {
+        const char* name = e->d_name;
+        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
+            continue;
+        bool is_dir = e->d_type == DT_DIR;
+        if (e->d_type == DT_UNKNOWN) {
+            struct stat st;
+            if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+                if (errno != ENOENT)
+                    rc = -1;
+                continue;
+            }
+            is_dir = S_ISDIR(st.st_mode);
+        }
+        if (is_dir) {
+            int sub = openat(dirfd(dir.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+            if (sub < 0 || remove_inside(sub) != 0)
+                rc = -1;
+        }
+        if (unlinkat(dirfd(dir.get()), name, is_dir ? AT_REMOVEDIR : 0) != 0 && errno != ENOENT)
+            rc = -1;
+    }
+    return rc;
+}
+
+int neo_remove_tree(const char* path)
+{
+    if (path == nullptr)
+        return -1;
+    struct stat st;
+    if (lstat(path, &st) != 0)
+        return errno == ENOENT ? 0 : -1;
+    if (!S_ISDIR(st.st_mode))
+        return unlink(path) == 0 || errno == ENOENT ? 0 : -1;
+    int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (fd < 0)
+        return -1;
+    int rc = remove_inside(fd);
+    if (rmdir(path) != 0 && errno != ENOENT)
+        rc = -1;
+    return rc;
+}
+
 int neo_rmdir(const char* path)
 {
     if (path == nullptr)

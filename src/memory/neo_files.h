@@ -37,6 +37,10 @@ int mkdir_p(const char* path, mode_t mode);
 // failure to read a directory or remove a file gives -1 (the walk goes on with the rest).
 [[nodiscard]] int neo_rmdir(const char* path);
 
+// Removes `path` and, for a directory, everything below it. Links are removed, never followed. A missing
+// path gives 0; -1 when anything could not be removed (the rest is still removed).
+[[nodiscard]] int neo_remove_tree(const char* path);
+
 // Replaces `target` whole: `fill` writes the new content into a temporary file beside it (named
 // `temp_name` plus six random characters, in target's directory, mode 0644), which is flushed to disk and
 // renamed over `target`, and the directory is synced. A reader sees the old file or the new one, never

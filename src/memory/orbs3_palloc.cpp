@@ -443,3 +443,16 @@ orbs3_chain_t* orbs3_new_chain(orbs3_pool_t* pool)
 {
     return orbs3_new_chain_size(pool, sysconfig.recv_buffer);
 }
+
+int orbs3_pstr_set(orbs3_pool_t* pool, orbs3_str_t* str, const char* text, std::size_t len)
+{
+    auto* d = static_cast<char*>(orbs3_pnalloc(pool, len + 1));
+    if (d == nullptr)
+        return -1;
+    if (len != 0)
+        std::memcpy(d, text, len);
+    d[len] = '\0';
+    str->len = len;
+    str->data = d;
+    return 0;
+}

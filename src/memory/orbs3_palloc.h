@@ -140,6 +140,9 @@ void neo_strdup(orbs3_str_t* str, const char* text, std::size_t max);
 void neo_strfree(orbs3_str_t* str);
 // The text, or "" for a null record or an empty one; never null.
 const char* neo_getstr(const orbs3_str_t* str);
+// str becomes a NUL-terminated copy of `len` bytes of `text` in the pool; 0, or -1 (str unchanged) when
+// the pool is out of memory.
+[[nodiscard]] int orbs3_pstr_set(orbs3_pool_t* pool, orbs3_str_t* str, const char* text, std::size_t len);
 
 // ---- buffers and chains ----
 struct orbs3_buf_t {

@@ -16,21 +16,23 @@
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_signature.h"
+#include "storage/orbs3_bucket_ops.h"
+#include "storage/orbs3_list_object.h"
 
 orbs3_s3_blacklist_pt orbmux_check_service_blacklist = nullptr;
 
 // Until an action's own handler is built it answers NotImplemented; the comment names the handler that
 // will answer it.
 const orbs3_s3_event_t s3_events[] = {
-    {"Options", 0x116, orbs3_options_process, 1},  // orbs3_options_process
-    {"PutBucket", 0x11, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket
-    {"DeleteBucket", 0x12, orbs3_s3_not_implemented, 1},  // orbs3_del_bucket
-    {"ListBuckets", 0x13, orbs3_s3_not_implemented, 1},  // orbs3_list_buckets
-    {"ListObject", 0x14, orbs3_s3_not_implemented, 1},  // orbs3_list_object
-    {"GetBucketInfo", 0x15, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_info
-    {"GetBucketStat", 0x16, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_stat
-    {"PutBucketAcl", 0x17, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_acl
-    {"GetBucketAcl", 0x18, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_acl
+    {"Options", 0x116, orbs3_options_process, 1},
+    {"PutBucket", 0x11, orbs3_put_bucket, 1},
+    {"DeleteBucket", 0x12, orbs3_del_bucket, 1},
+    {"ListBuckets", 0x13, orbs3_list_buckets, 1},
+    {"ListObject", 0x14, orbs3_list_object, 1},
+    {"GetBucketInfo", 0x15, orbs3_get_bucket_info, 1},
+    {"GetBucketStat", 0x16, orbs3_get_bucket_stat, 1},
+    {"PutBucketAcl", 0x17, orbs3_put_bucket_acl, 1},
+    {"GetBucketAcl", 0x18, orbs3_get_bucket_acl, 1},
     {"PutBucketLifeCycle", 0x19, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_lifecycle
     {"GetBucketLifeCycle", 0x20, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_lifecycle
     {"DeleteBucketLifeCycle", 0x21, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_lifecycle
@@ -54,7 +56,7 @@ const orbs3_s3_event_t s3_events[] = {
     {"GetBucketAuthority", 0x27, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_authority
     {"PutBucketQuota", 0x28, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_quota
     {"GetBucketQuota", 0x29, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_quota
-    {"PutBucketRename", 0x30, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_rename
+    {"PutBucketRename", 0x30, orbs3_put_bucket_rename, 1},
     {"PutBucketRecycle", 0x31, orbs3_s3_not_implemented, 1},  // orbs3_object_recycle_restore_msg
     {"GetBucketRecycle", 0x32, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_recycle
     {"DeleteBucketRecycle", 0x33, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_recycle_msg

@@ -13,6 +13,7 @@
 
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
+#include "storage/orbs3_record.h"  // orbs3_tag_t
 
 struct orbs3_bucket_t;
 struct orbs3_bucket_versioning_t;
@@ -29,12 +30,6 @@ inline constexpr std::size_t ORBS3_XML_MAX_TAGS = 1000;
 inline constexpr std::size_t ORBS3_XML_MAX_RECYCLE = 10000;
 
 // ---- records the parsers fill and the writers read ----
-
-struct orbs3_tag_t {
-    neo_list_head_t link;
-    orbs3_str_t key;
-    orbs3_str_t value;
-};
 
 struct orbs3_part_t {
     neo_list_head_t link;

@@ -247,3 +247,58 @@ int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhos
     }
     return 0;
 }
+
+int orbs3_load_all_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* user, neo_list_head_t* list)
+{
+    if (list == nullptr || vhost == nullptr || vhost->data_root.len == 0)
+        return -1;
+    char root[ORBS3_PATH_AREA];
+    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+        return -1;
+    dir_ptr d(opendir(root));
+    if (!d) {
+        ipd_debug("opendir %s failed: %s", root, std::strerror(errno));
+        return -1;
+    }
+    while (const dirent* e = readdir(d.get())) {
+        if (dot_entry(e->d_name) || !is_dir_at(d.get(), e->d_name))
+            continue;
+        (void)orbs3_load_user_bucket_list(list, vhost, user, e->d_name);
+    }
+    return 0;
+}
+
+void orbs3_free_bucket_list(neo_list_head_t* list)
+{
+    if (list == nullptr || list->next == nullptr)
+        return;
+    orbs3_bucket_t* b;
+    orbs3_bucket_t* n;
+    list_for_each_entry_safe(b, n, list, link)
+    {
+        list_del(&b->link);
+        orbs3_free_bucket(b);
+    }
+    INIT_LIST_HEAD(list);
+}
+
+int orbs3_bucket_owner_count(const orbs3_vhost_t* vhost, std::string_view name)
+{
+    if (vhost == nullptr || vhost->data_root.len == 0 || !safe_component(name))
+        return -1;
+    char root[ORBS3_PATH_AREA];
+    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+        return -1;
+    dir_ptr d(opendir(root));
+    if (!d)
+        return -1;
+    int count = 0;
+    char rel[ORBS3_PATH_AREA];
+    while (const dirent* e = readdir(d.get())) {
+        if (dot_entry(e->d_name))
+            continue;
+        if (join(rel, sizeof(rel), {e->d_name, "/", name}) == 0 && is_dir_at(d.get(), rel))
+            count++;
+    }
+    return count;
+}

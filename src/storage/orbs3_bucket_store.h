@@ -55,3 +55,15 @@ void orbs3_bucket_exit(orbs3_vhost_t* vhost);
 // directory adds nothing. 0; -1 for a null argument or an owner name unsafe as a path component.
 [[nodiscard]] int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhost,
                                               const orbs3_user_t* user, std::string_view owner);
+
+// The buckets of every owner directory of the data root, in readdir order, each owner walked as above.
+// 0; -1 when the data root can't be opened.
+[[nodiscard]] int orbs3_load_all_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* user,
+                                             neo_list_head_t* list);
+
+// Unlinks and frees every record of a list filled by the loaders; the head is left empty.
+void orbs3_free_bucket_list(neo_list_head_t* list);
+
+// How many owner directories of the data root hold a directory `name`: the owners that hold, or are
+// taking, the bucket name. -1 when the data root can't be read or the name is unsafe.
+[[nodiscard]] int orbs3_bucket_owner_count(const orbs3_vhost_t* vhost, std::string_view name);

@@ -132,14 +132,7 @@ void orbs3_reload_path()
 // A copy of `area` in the bucket's pool.
 static int pool_str(orbs3_pool_t* pool, orbs3_str_t* out, const char* area)
 {
-    std::size_t len = std::strlen(area);
-    auto* d = static_cast<char*>(orbs3_pnalloc(pool, len + 1));
-    if (d == nullptr)
-        return -1;
-    std::memcpy(d, area, len + 1);
-    out->len = len;
-    out->data = d;
-    return 0;
+    return orbs3_pstr_set(pool, out, area, std::strlen(area));
 }
 
 int orbs3_bucket_init_path(const orbs3_vhost_t* vhost, const orbs3_user_t* /*user*/, orbs3_bucket_t* bucket,

@@ -74,7 +74,10 @@ struct orbs3_bucket_rule_t {
     orbs3_rule_perm_t object;
 };
 
+// A tag of an object. The object record carries tags through list nodes; the tagging documents hang them
+// on a list by their own `link`.
 struct orbs3_tag_t {
+    neo_list_head_t link;
     orbs3_str_t key;
     orbs3_str_t value;
 };

@@ -12,6 +12,7 @@
 
 #include "control/orbs3_service.h"
 #include "control/orbs3_vhost_file.h"
+#include "storage/orbs3_record.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_prefix.h"
 
@@ -715,11 +716,23 @@ TEST_F(VhostFiles, InitUserLoadsTheUsersFromTheServiceDirectory)
         ids.push_back(s(u->UserId) + "@" + s(u->vhost_id));
     }
     EXPECT_EQ(ids, std::vector<std::string>{"u1@h1"});
-    EXPECT_EQ(vh->service_rec, nullptr);
+    // No service file: a record without limits or lists.
+    ASSERT_NE(vh->service_rec, nullptr);
+    EXPECT_EQ(vh->service_rec->quota.max_bucket, 0u);
+    EXPECT_EQ(vh->service_rec->blacklist_status, 0u);
 
     vhost_ptr fresh = make_vhost("h2", "n2", "nodeA");
+    write(sysdir(c1()) / "h2", "<?xml version=\"1.0\"?>\n<service><quota max_bucket=\"3\"/></service>\n");
     EXPECT_EQ(orbs3_init_user(fresh.get()), 0);
     EXPECT_TRUE(list_empty(&fresh->users));
+    ASSERT_NE(fresh->service_rec, nullptr);
+    EXPECT_EQ(fresh->service_rec->quota.max_bucket, 3u);
+
+    // A service file cut short is not read as one without lists: the record stays unloaded.
+    vhost_ptr cut = make_vhost("h3", "n3", "nodeA");
+    write(sysdir(c1()) / "h3", "<?xml version=\"1.0\"?>\n<service><quota max_bu");
+    EXPECT_EQ(orbs3_init_user(cut.get()), -1);
+    EXPECT_EQ(cut->service_rec, nullptr);
 
     vhost_ptr lost = make_vhost("h1", "n1", "nodeA", "c9");
     EXPECT_EQ(orbs3_init_user(lost.get()), -1);

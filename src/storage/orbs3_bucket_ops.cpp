@@ -1,0 +1,394 @@
+#include "storage/orbs3_bucket_ops.h"
+
+#include <dirent.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_log.h"
+#include "http/orbs3_http_request_body.h"
+#include "http/orbs3_http_response.h"
+#include "memory/neo_files.h"
+#include "s3/orbs3_s3_dispatch.h"
+#include "s3/orbs3_s3_documents.h"
+#include "s3/orbs3_s3_errors.h"
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_file_helpers.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_record.h"
+
+namespace {
+
+struct text_free {
+    void operator()(char* p) const noexcept { std::free(p); }
+};
+using text_ptr = std::unique_ptr<char, text_free>;
+
+struct bucket_free {
+    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
+};
+using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_free>;
+
+struct dir_closer {
+    void operator()(DIR* d) const noexcept { closedir(d); }
+};
+using dir_ptr = std::unique_ptr<DIR, dir_closer>;
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+std::string_view bucket_name(const orbs3_http_request_t* r)
+{
+    return view(r->req_msg.bucket);
+}
+
+// The Resource of an error document; a longer text is cut, it only names what was asked for.
+void set_resource(orbs3_http_request_t* r, std::string_view text)
+{
+    std::size_t n = text.size() < sizeof(r->resp.resource) ? text.size() : sizeof(r->resp.resource) - 1;
+    std::memcpy(r->resp.resource, text.data(), n);
+    r->resp.resource[n] = '\0';
+}
+
+int fail(orbs3_http_request_t* r, uint32_t status, std::string_view resource)
+{
+    set_resource(r, resource);
+    return static_cast<int>(status);
+}
+
+// A name is checked before any path is built from it; an empty one fails too.
+bool legal_bucket_name(std::string_view name)
+{
+    return !name.empty() && orbs3_check_bucketname(name) == 0;
+}
+
+bool is_admin(const orbs3_http_request_t* r)
+{
+    return orbmux_check_admin(&r->vhost->admin, r->user) == 0;
+}
+
+// The handler's reply went out (0), or could not be written: the connection is closed by the engine.
+int sent(int rc)
+{
+    return rc == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const int* object_code,
+                         orbs3_access_chain_t chain, orbs3_bucket_t** out)
+{
+    *out = nullptr;
+    std::string_view name = bucket_name(r);
+    if (!legal_bucket_name(name))
+        return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, name);
+    bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
+    if (!b)
+        return fail(r, ORBS3_S3_NO_SUCH_BUCKET, name);
+    if (orbs3_access_check_chain(r->vhost, r->user, b.get(), r->connection->peer, bucket_code, object_code, chain) !=
+        0)
+        return fail(r, ORBS3_S3_ACCESS_DENIED, "/");
+    if (orbs3_bucket_init_path(r->vhost, r->user, b.get(), name) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    *out = b.release();
+    return 0;
+}
+
+int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
+{
+    const char* data_dir = neo_getstr(&bucket->data_dir);
+    std::string_view name = view(bucket->name);
+    // The owner's directory may be new; the bucket's own directory is made exclusively: of two requests
+    // for one name under one owner, the second finds it.
+    std::string owner_dir(data_dir);
+    owner_dir.resize(owner_dir.rfind('/'));
+    if (neo_mkdir_p(owner_dir.c_str(), ORBS3_DIR_MODE) != 0)
+        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    if (mkdir(data_dir, ORBS3_DIR_MODE) != 0) {
+        if (errno == EEXIST)
+            return static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS);
+        ipd_log(LOG_ERR, "mkdir %s failed: %s", data_dir, std::strerror(errno));
+        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    }
+    // Every owner that takes a name makes its directory before it looks: whoever looks second sees the
+    // first. Seeing anyone else means giving the name back, so two racers never both keep it (both may
+    // give it back, and a retry settles it).
+    int owners = orbs3_bucket_owner_count(vhost, name);
+    if (owners == 1)
+        return 0;
+    if (rmdir(data_dir) != 0)
+        ipd_log(LOG_ERR, "rmdir %s failed: %s", data_dir, std::strerror(errno));
+    return static_cast<int>(owners < 0 ? ORBS3_S3_INTERNAL_ERROR : ORBS3_S3_BUCKET_ALREADY_EXISTS);
+}
+
+int orbs3_dir_has_entries(const char* path)
+{
+    dir_ptr d(opendir(path));
+    if (!d)
+        return errno == ENOENT ? 0 : -1;
+    while (const dirent* e = readdir(d.get())) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0 ||
+            orbs3_record_is_temp(e->d_name))
+            continue;
+        return 1;
+    }
+    return 0;
+}
+
+int orbs3_delete_bucket(const orbs3_vhost_t* /*vhost*/, const orbs3_bucket_t* bucket)
+{
+    const char* meta_file = neo_getstr(&bucket->meta_file);
+    if (unlink(meta_file) != 0 && errno != ENOENT) {
+        ipd_log(LOG_ERR, "unlink %s failed: %s", meta_file, std::strerror(errno));
+        return -1;
+    }
+    int rc = 0;
+    for (const orbs3_str_t* dir : {&bucket->meta_dir, &bucket->data_dir, &bucket->recycle_dir, &bucket->version_dir}) {
+        const char* path = neo_getstr(dir);
+        if (neo_remove_tree(path) != 0) {
+            ipd_log(LOG_ERR, "bucket directory %s not removed", path);
+            // Without its data directory the name is free again; with it, it stays taken.
+            if (dir == &bucket->data_dir)
+                rc = -1;
+        }
+    }
+    return rc;
+}
+
+char* orbs3_make_bucketstat_json(const orbs3_bucket_t* bucket)
+{
+    char* text = nullptr;
+    if (asprintf(&text,
+                 "{\"result\":{\"stat\":{\"storage_in_bytes\":%" PRIu64 ",\"object_count\":%" PRIu64
+                 ",\"multipart_upload_count\":%" PRIu64 "}}}",
+                 bucket->stat.storage_in_bytes, bucket->stat.object_count, bucket->stat.multipart_upload_count) < 0)
+        return nullptr;
+    return text;
+}
+
+int orbs3_put_bucket(orbs3_http_request_t* r)
+{
+    orbs3_vhost_t* vh = r->vhost;
+    static constexpr int create = ORBS3_ACCESS_CREATE;
+    if (!is_admin(r) && orbs3_access_check_chain(vh, r->user, nullptr, r->connection->peer, &create, nullptr,
+                                                 orbs3_access_chain_t::no_bucket) != 0)
+        return fail(r, ORBS3_S3_ACCESS_DENIED, "/");
+    uint32_t max_bucket = vh->service_rec != nullptr ? vh->service_rec->quota.max_bucket : 0;
+    if (max_bucket > 0 && vh->bucket_count.load() >= static_cast<int64_t>(max_bucket))
+        return fail(r, ORBS3_S3_BUCKET_TOO_MUCH, "");
+    std::string_view name = bucket_name(r);
+    if (!legal_bucket_name(name))
+        return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, name);
+    if (orbs3_check_bucket_exist(vh, r->user, name) == 0)
+        return fail(r, ORBS3_S3_BUCKET_ALREADY_EXISTS, name);
+
+    bucket_ptr b(orbs3_bucket_new(2048));
+    if (!b)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    b->acl = ORBS3_ACL_FULL_CONTROL;
+    char stamp[64];
+    get_gmt_meta_time(stamp, sizeof stamp);
+    char endpoint[ORBS3_PATH_AREA];
+    int n = std::snprintf(endpoint, sizeof endpoint, "%.*s.%s/", static_cast<int>(name.size()), name.data(),
+                          neo_getstr(&vh->domain));
+    orbs3_pool_t* pool = b->pool;
+    std::string_view owner = view(r->user->DisPlayName);
+    std::string_view owner_id = view(r->user->UserId);
+    if (n < 0 || static_cast<std::size_t>(n) >= sizeof endpoint ||
+        orbs3_pstr_set(pool, &b->name, name.data(), name.size()) != 0 ||
+        orbs3_pstr_set(pool, &b->created_date, stamp, std::strlen(stamp)) != 0 ||
+        orbs3_pstr_set(pool, &b->extranet_endpoint, endpoint, static_cast<std::size_t>(n)) != 0 ||
+        orbs3_pstr_set(pool, &b->owner_id, owner_id.data(), owner_id.size()) != 0 ||
+        orbs3_pstr_set(pool, &b->owner_name, owner.data(), owner.size()) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    // An owner whose name is unsafe as a directory can't hold buckets.
+    if (orbs3_bucket_init_path(vh, r->user, b.get(), name) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+
+    int rc = orbs3_claim_bucket_name(vh, b.get());
+    if (rc != 0)
+        return fail(r, static_cast<uint32_t>(rc), name);
+    // The record comes last and whole: until it stands the bucket answers NoSuchBucket, and a bucket
+    // that could not be completed is taken apart again, so no name stays taken without a record.
+    bool made = neo_mkdir_p(neo_getstr(&b->meta_dir), ORBS3_DIR_MODE) == 0 &&
+                neo_mkdir_p(neo_getstr(&b->recycle_dir), ORBS3_DIR_MODE) == 0 &&
+                neo_mkdir_p(neo_getstr(&b->version_dir), ORBS3_DIR_MODE) == 0 &&
+                orbs3_save_bucket(b.get(), neo_getstr(&b->meta_file)) == 0;
+    if (!made) {
+        ipd_log(LOG_ERR, "bucket[%s] of [%s] could not be made: %s", b->name.data, b->owner_name.data,
+                std::strerror(errno));
+        (void)orbs3_delete_bucket(vh, b.get());
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    }
+    vh->bucket_count.fetch_add(1);
+    return sent(orbs3_http_send_put_bucket_msg(r->connection, 200, b->name.data, r->resp.connection, r->resp.origin));
+}
+
+int orbs3_del_bucket(orbs3_http_request_t* r)
+{
+    static constexpr int del = ORBS3_ACCESS_DELETE;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &del, nullptr, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    bucket_ptr b(raw);
+    std::string_view name = bucket_name(r);
+    // A bucket that holds objects (files or directory objects) stays; versions and recycled copies of an
+    // empty bucket go with it.
+    int full = orbs3_dir_has_entries(neo_getstr(&b->data_dir));
+    if (full == 1)
+        return fail(r, ORBS3_S3_BUCKET_NOT_EMPTY, name);
+    if (full < 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    if (orbs3_delete_bucket(r->vhost, b.get()) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    r->vhost->bucket_count.fetch_sub(1);
+    return sent(orbs3_http_send_del_bucket_msg(r->connection, 204, r->resp.connection, r->resp.origin));
+}
+
+int orbs3_list_buckets(orbs3_http_request_t* r)
+{
+    neo_list_head_t list;
+    INIT_LIST_HEAD(&list);
+    int rc = r->user->is_admin == 1 ? orbs3_load_all_bucket_list(r->vhost, r->user, &list)
+                                    : orbs3_load_bucket_list(r->vhost, r->user, &list);
+    if (rc != 0) {
+        orbs3_free_bucket_list(&list);
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");
+    }
+    text_ptr doc(make_list_buckets_xml(&list, r->user));
+    orbs3_free_bucket_list(&list);
+    if (!doc)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");
+    return sent(orbs3_http_send_list_buckets_msg(r->connection, 200, r->resp.request_id, doc.get(),
+                                                 r->resp.connection, r->resp.origin));
+}
+
+namespace {
+
+// The administrative readers answer their own errors in JSON.
+constexpr int kJsonNoSuchBucket = -4;
+// A code without a row in the JSON table: 200 and an empty document.
+constexpr int kJsonNoRow = 1;
+
+int json_reply(orbs3_http_request_t* r, int code)
+{
+    (void)orbs3_send_http_respones(code, r);
+    return 0;
+}
+
+}  // namespace
+
+int orbs3_get_bucket_info(orbs3_http_request_t* r)
+{
+    std::string_view name = bucket_name(r);
+    if (!legal_bucket_name(name))
+        return json_reply(r, kJsonNoRow);
+    char path[ORBS3_PATH_AREA];
+    char* raw = nullptr;
+    if (orbs3_get_bucket_path(r->vhost, name, path) != 0 || orbs3_read_data_from_file(path, &raw) != 0)
+        return json_reply(r, kJsonNoSuchBucket);
+    text_ptr text(raw);
+    if (!orbs3_record_text_whole(text.get(), "bucket"))
+        return json_reply(r, kJsonNoSuchBucket);
+    (void)orbs3_http_send_msg(r->connection, 200, text.get(), r->resp.connection, r->resp.origin);
+    return 0;
+}
+
+int orbs3_get_bucket_stat(orbs3_http_request_t* r)
+{
+    std::string_view name = bucket_name(r);
+    if (!legal_bucket_name(name))
+        return json_reply(r, kJsonNoRow);
+    bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
+    if (!b)
+        return json_reply(r, kJsonNoSuchBucket);
+    text_ptr doc(orbs3_make_bucketstat_json(b.get()));
+    if (!doc)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    (void)orbs3_http_send_msg(r->connection, 200, doc.get(), r->resp.connection, r->resp.origin);
+    return 0;
+}
+
+int orbs3_put_bucket_acl(orbs3_http_request_t* r)
+{
+    std::string_view name = bucket_name(r);
+    if (!name.empty() && orbs3_check_bucketname(name) != 0)
+        return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, name);
+    const char* body = orbs3_http_body_document(r);
+    if (body == nullptr)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    uint32_t acl = 0;
+    if (parse_bucket_acl_xmlstring(body, &acl) != 0 || acl == 0)
+        return fail(r, ORBS3_S3_MISSING_REQUEST_BODY, name);
+    static constexpr int authority = ORBS3_ACCESS_AUTHORITY;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &authority, nullptr, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    bucket_ptr b(raw);
+    b->acl = acl;
+    if (orbs3_save_bucket(b.get(), neo_getstr(&b->meta_file)) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
+    return sent(orbs3_http_send_put_bucket_acl_msg(r->connection, 200, r->resp.connection, r->resp.origin));
+}
+
+int orbs3_get_bucket_acl(orbs3_http_request_t* r)
+{
+    static constexpr int authority = ORBS3_ACCESS_AUTHORITY;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &authority, nullptr, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    bucket_ptr b(raw);
+    text_ptr doc(make_bucket_acl_xmlstring(b->acl, r->user));
+    if (!doc)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, bucket_name(r));
+    return sent(
+        orbs3_http_send_get_bucket_acl_msg(r->connection, 200, doc.get(), r->resp.connection, r->resp.origin));
+}
+
+int orbs3_put_bucket_rename(orbs3_http_request_t* r)
+{
+    std::string_view new_name = bucket_name(r);
+    const orbs3_header_t* src = r->headers_in.x_copy_source;
+    std::string_view old_name = src != nullptr ? view(src->value) : std::string_view();
+    if (!legal_bucket_name(new_name) || !legal_bucket_name(old_name))
+        return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, new_name);
+    bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, old_name));
+    if (!b)
+        return fail(r, ORBS3_S3_NO_SUCH_BUCKET, old_name);
+    static constexpr int rename_code = ORBS3_ACCESS_RENAME;
+    if (orbs3_access_check_chain(r->vhost, r->user, b.get(), r->connection->peer, &rename_code, nullptr,
+                                 orbs3_access_chain_t::full) != 0)
+        return fail(r, ORBS3_S3_ACCESS_DENIED, "/");
+    // Only the name inside the record changes: the files and directories keep the old name, under which
+    // the bucket stays reachable.
+    if (orbs3_bucket_init_path(r->vhost, r->user, b.get(), old_name) != 0 ||
+        orbs3_pstr_set(b->pool, &b->name, new_name.data(), new_name.size()) != 0 ||
+        orbs3_save_bucket(b.get(), neo_getstr(&b->meta_file)) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, new_name);
+    return sent(orbs3_http_send_put_bucket_rename_msg(r->connection, 200, r->resp.connection, r->resp.origin));
+}
+
+int orbs3_head_bucket(orbs3_http_request_t* r)
+{
+    static constexpr int list = ORBS3_ACCESS_LIST;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    orbs3_free_bucket(raw);
+    return sent(orbs3_http_send_list_objects_msg(r->connection, 200, "", r->resp.connection, r->resp.origin));
+}
