@@ -146,9 +146,15 @@ struct orbs3_sign_v4_t {
 
 // ---- Version 2 ----
 
-// Forms of the resource that signers produce beside the plain one.
-inline constexpr unsigned ORBS3_SIGN_V2_BUCKET_SLASH = 1;  // "/bucket/" for "/bucket", or the reverse
-inline constexpr unsigned ORBS3_SIGN_V2_LIST_TYPE = 2;     // "?list-type=N" behind the path
+// Forms of the resource that signers produce beside the plain one. Bit 0: "/bucket/" for "/bucket", or
+// the reverse. The bits above name, as index + 1 into the query, a parameter that botocore writes behind
+// the path as its request template has it ("/bucket?list-type=2", "/bucket?acl"), in front of the
+// sub-resources (so "/bucket?acl?acl").
+inline constexpr unsigned ORBS3_SIGN_V2_BUCKET_SLASH = 1;
+[[nodiscard]] constexpr unsigned orbs3_sign_v2_literal_form(std::size_t index)
+{
+    return static_cast<unsigned>(index + 1) << 1;
+}
 
 // The string to sign of V2 into `out`: method, Content-MD5, Content-Type, `date`, the x-amz-* headers
 // (and, presigned, the x-amz-* query parameters), the resource with its sub-resources. 0 or -1.

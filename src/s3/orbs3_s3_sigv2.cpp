@@ -162,13 +162,13 @@ int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_
         if (form & ORBS3_SIGN_V2_BUCKET_SLASH)
             orbs3_sign_append(out, "/");
     }
-    if (form & ORBS3_SIGN_V2_LIST_TYPE) {
-        for (std::size_t i = 0; i < q->n; i++) {
-            if (q->elts[i].name == "list-type") {
-                orbs3_sign_append(out, "?list-type=");
-                orbs3_sign_append(out, q->elts[i].value);
-                break;
-            }
+    if (std::size_t literal = form >> 1; literal != 0 && literal <= q->n) {
+        const orbs3_sign_param_t& p = q->elts[literal - 1];
+        orbs3_sign_append(out, "?");
+        orbs3_sign_append(out, p.name);
+        if (p.has_value) {
+            orbs3_sign_append(out, "=");
+            orbs3_sign_append(out, p.value);
         }
     }
 
@@ -231,15 +231,11 @@ bool bare_bucket_path(const orbs3_http_request_t* r)
     return path.size() > 1 && path.find('/', 1) == std::string_view::npos;
 }
 
-// botocore signs a second-version listing with "?list-type=2" behind the path, as its request template
-// has it, although the parameter is no sub-resource; other signers leave it out.
-bool has_list_type(const orbs3_sign_query_t* q)
+// What botocore may have written behind the path from its request template: "list-type" (no sub-resource)
+// or a sub-resource.
+bool template_parameter(const orbs3_sign_param_t& p)
 {
-    for (std::size_t i = 0; i < q->n; i++) {
-        if (q->elts[i].name == "list-type")
-            return true;
-    }
-    return false;
+    return p.name == "list-type" || sub_resource(p.name);
 }
 
 }  // namespace
@@ -248,25 +244,39 @@ uint32_t orbs3_sign_v2_verify(orbs3_http_request_t* r, const orbs3_sign_query_t*
                               bool presigned, const char* secret, std::string_view sent)
 {
     // The forms that name this resource, the plain one first; a request signed in another form costs an
-    // HMAC more per form only when it fails the first.
-    const unsigned slash = bare_bucket_path(r) ? ORBS3_SIGN_V2_BUCKET_SLASH : 0;
-    const unsigned list = has_list_type(q) ? ORBS3_SIGN_V2_LIST_TYPE : 0;
-    for (unsigned form = 0; form <= (slash | list); form++) {
-        if ((form & ~(slash | list)) != 0)
-            continue;
+    // HMAC more per form only when it fails the first. A template puts one parameter behind the path, so
+    // only the first few candidates are tried: a query of many sub-resources can't buy many HMACs.
+    auto matches = [&](unsigned form) {
         orbs3_sign_area_t<ORBS3_SIGN_CANONICAL_LEN> sts;
         if (orbs3_sign_v2_string(r, q, date, presigned, &sts.t, form) != 0) {
             ipd_debug("signature: V2 string to sign over %zu bytes or out of memory", ORBS3_SIGN_CANONICAL_LEN);
-            return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
+            return false;
         }
         uint8_t md[ORBS3_SHA1_LEN];
         char expected[ORBS3_SIGV2_LEN + 1];
         if (orbs3_hmac_sha1(secret, sts.t.view(), md) != 0 ||
             orbs3_sign_base64(md, sizeof md, expected, sizeof expected) != ORBS3_SIGV2_LEN)
-            return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
+            return false;
         if (orbs3_sign_equal(std::string_view(expected, ORBS3_SIGV2_LEN), sent))
-            return 0;
+            return true;
         ipd_debug("signature: V2 mismatch; string to sign\n%.*s", static_cast<int>(sts.t.len), sts.t.data);
+        return false;
+    };
+    constexpr std::size_t kMaxLiterals = 2;
+    const unsigned slash = bare_bucket_path(r) ? ORBS3_SIGN_V2_BUCKET_SLASH : 0;
+    std::size_t literals = 0;
+    // literal: index + 1 of the parameter written behind the path, 0 for none.
+    for (std::size_t literal = 0; literal <= q->n && literals <= kMaxLiterals; literal++) {
+        if (literal != 0) {
+            if (!template_parameter(q->elts[literal - 1]))
+                continue;
+            literals++;
+        }
+        const unsigned base = literal != 0 ? orbs3_sign_v2_literal_form(literal - 1) : 0;
+        for (unsigned bit = 0; bit <= slash; bit++) {
+            if (matches(base | bit))
+                return 0;
+        }
     }
     return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
 }

@@ -12,9 +12,9 @@
 
 #include "control/orbs3_service.h"
 #include "control/orbs3_vhost_file.h"
-#include "storage/orbs3_record.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_prefix.h"
+#include "storage/orbs3_record.h"
 
 namespace {
 

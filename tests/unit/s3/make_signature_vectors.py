@@ -318,6 +318,11 @@ def main():
     # ... and a second-version listing "/photos?list-type=2", the parameter of its request template.
     v2('V2ListTypeInTheResource', 'GET', H, '/photos', 'list-type=2&prefix=a', auth_path='/photos?list-type=2')
     v2('V2ListTypeLeftOut', 'GET', H, '/photos/', 'list-type=2&prefix=a')
+    # A sub-resource of the template ("/photos?acl") is written behind the path, and the sub-resources of the
+    # query follow: "/photos?acl?acl".
+    v2('V2SubResourceOfTheTemplateTwice', 'GET', H, '/photos', 'acl', auth_path='/photos?acl')
+    v2('V2ObjectTaggingTemplateTwice', 'PUT', H, '/photos/a.jpg', 'tagging&versionId=v1',
+       auth_path='/photos/a.jpg?tagging')
     v2('V2VirtualHostListTypeWithoutSlash', 'GET', VH, '/', 'list-type=2&prefix=a', style=2,
        auth_path='/photos?list-type=2')
     v2('V2PutWithAmzHeaders', 'PUT', H, '/photos/doc.txt',

@@ -1,0 +1,397 @@
+"""Buckets end to end: real clients (the AWS CLI, boto3 with both signature versions, s3cmd) create, list,
+inspect and delete buckets on a running daemon, and after every step the tenant's trees on disk are what
+other programs reading them expect:
+
+    data/<owner>/<bucket>/                 the objects
+    meta/<owner>/bucket/<bucket>           the bucket's record
+    meta/<owner>/object/<bucket>/          the objects' records
+    version/<owner>/<bucket>/              old versions
+    recycle/<owner>/<bucket>/              deleted objects
+
+Two users of the tenant race for names; a bucket holding objects (files placed in its tree) is not deleted.
+Replies whose bytes the server fixes are compared byte for byte. One daemon serves the module.
+"""
+
+import os
+import re
+import socket
+import subprocess
+import threading
+import xml.etree.ElementTree as ET
+
+import boto3  # Debian's python3-boto3
+import pytest
+from botocore.auth import S3SigV4Auth
+from botocore.awsrequest import AWSRequest
+from botocore.config import Config
+from botocore.credentials import Credentials
+from botocore.exceptions import ClientError
+
+from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_port
+from test_worker import DATE, check_error_reply
+
+USER = "bk-user"
+RIVAL = "rival"
+ADMIN = "admin"
+TREES = ("data", "meta", "version", "recycle")
+
+
+class Tenant:
+    def __init__(self, box, daemon, port, info):
+        self.box = box
+        self.daemon = daemon
+        self.port = port
+        self.info = info
+        self.root = box.path("cluster/tenants/bk")
+
+    def keys(self, who):
+        if who == ADMIN:
+            return self.info["admin_access_key"], self.info["admin_secret_key"]
+        if who == RIVAL:
+            extra = self.info["extra_users"][0]
+            return extra["access_key"], extra["secret_key"]
+        return self.info["access_key"], self.info["secret_key"]
+
+    def tree(self):
+        """Every path below the tenant's four roots, relative to its directory, directories with '/'."""
+        out = set()
+        for top in TREES:
+            for base, dirs, files in os.walk(os.path.join(self.root, top)):
+                rel = os.path.relpath(base, self.root)
+                out.add(rel + "/")
+                out.update(os.path.join(rel, f) for f in files)
+        return out
+
+    def bucket_paths(self, owner, name):
+        return {f"data/{owner}/{name}/", f"meta/{owner}/bucket/{name}", f"meta/{owner}/object/{name}/",
+                f"version/{owner}/{name}/", f"recycle/{owner}/{name}/"}
+
+    def record(self, owner, name):
+        return ET.parse(os.path.join(self.root, "meta", owner, "bucket", name)).getroot()
+
+
+@pytest.fixture(scope="module")
+def tenant():
+    box = Sandbox()
+    port = free_port()
+    info = box.add_tenant("bk", port, "--user", USER, "--extra-user", RIVAL)
+    daemon = box.start("-d")
+    try:
+        wait_port(port)
+        yield Tenant(box, daemon, port, info)
+    finally:
+        box.cleanup()
+
+
+def client(t, who=USER, sig="s3v4"):
+    ak, sk = t.keys(who)
+    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
+                        aws_access_key_id=ak, aws_secret_access_key=sk,
+                        config=Config(signature_version=sig, s3={"addressing_style": "path"},
+                                      retries={"max_attempts": 1, "mode": "standard"},
+                                      connect_timeout=5, read_timeout=10 * SLOWDOWN))
+
+
+def s3_error(call):
+    """(HTTP status, Code) of the error a client call ends in."""
+    with pytest.raises(ClientError) as err:
+        call()
+    r = err.value.response
+    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
+
+
+def names(listing):
+    return sorted(b["Name"] for b in listing["Buckets"])
+
+
+def run_tool(argv, env, home):
+    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8", **env}
+    return subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
+
+
+def aws(t, home, *args, who=USER):
+    ak, sk = t.keys(who)
+    env = {"AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
+           "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": ak, "AWS_SECRET_ACCESS_KEY": sk,
+           "AWS_DEFAULT_REGION": "us-east-1", "AWS_MAX_ATTEMPTS": "1", "AWS_RETRY_MODE": "standard"}
+    return run_tool(["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1",
+                     *args], env, home)
+
+
+def s3cmd(t, home, *args, v2=False):
+    ak, sk = t.keys(USER)
+    hostport = f"127.0.0.1:{t.port}"
+    return run_tool(["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={ak}", f"--secret_key={sk}",
+                     f"--host={hostport}", f"--host-bucket={hostport}", "--no-ssl", "--region=us-east-1",
+                     *(["--signature-v2"] if v2 else []), *args], {}, home)
+
+
+def signed(t, method, path, body=b"", who=USER, headers=None):
+    """A request signed with Signature Version 4 as a client would send it, as bytes."""
+    ak, sk = t.keys(who)
+    url = f"http://127.0.0.1:{t.port}{path}"
+    req = AWSRequest(method=method, url=url, data=body, headers=dict(headers or {}))
+    S3SigV4Auth(Credentials(ak, sk), "s3", "us-east-1").add_auth(req)
+    prepared = req.prepare()
+    head = f"{method} {path} HTTP/1.1\r\nHost: 127.0.0.1:{t.port}\r\n"
+    for k, v in prepared.headers.items():
+        if k.lower() != "host":
+            head += f"{k}: {v}\r\n"
+    if body:
+        head += f"Content-Length: {len(body)}\r\n"
+    return head.encode() + b"\r\n" + body
+
+
+def one_reply(t, data):
+    """Sends `data` on a new connection and returns all the server wrote until it went quiet or closed."""
+    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN) as s:
+        s.sendall(data)
+        got = b""
+        while b"\r\n\r\n" not in got:
+            chunk = s.recv(65536)
+            assert chunk, f"connection closed after {got!r}"
+            got += chunk
+        m = re.search(rb"Content-Length:\s*(\d+)", got)
+        want = got.index(b"\r\n\r\n") + 4 + (int(m.group(1)) if m and not data.startswith(b"HEAD") else 0)
+        while len(got) < want:
+            chunk = s.recv(65536)
+            assert chunk, f"connection closed after {got!r}"
+            got += chunk
+        return got
+
+
+def date_of(reply):
+    m = DATE.search(reply)
+    assert m, reply
+    return m.group(1)
+
+
+# ---- the AWS CLI ----
+
+def test_aws_cli_makes_lists_inspects_and_removes_a_bucket(tenant, tmp_path):
+    home = str(tmp_path)
+    before = tenant.tree()
+    out = aws(tenant, home, "s3", "mb", "s3://cli-bucket")
+    assert out.returncode == 0 and "make_bucket: cli-bucket" in out.stdout, out.stderr
+    owner_dirs = {f"{t}/{USER}/" for t in TREES} | {f"meta/{USER}/bucket/", f"meta/{USER}/object/"}
+    assert (tenant.tree() - before) - owner_dirs == tenant.bucket_paths(USER, "cli-bucket")
+    rec = tenant.record(USER, "cli-bucket")
+    assert rec.tag == "bucket" and rec.get("bucketname") == "cli-bucket" and rec.get("acl") == "1"
+    assert rec.get("owner_name") == USER and rec.get("extranet_endpoint") == "cli-bucket./"
+
+    out = aws(tenant, home, "s3", "ls")
+    assert out.returncode == 0 and re.search(r"^\d{4}-\d\d-\d\d \d\d:\d\d:\d\d cli-bucket$", out.stdout, re.M), out
+
+    assert aws(tenant, home, "s3api", "head-bucket", "--bucket", "cli-bucket").returncode == 0
+    out = aws(tenant, home, "s3api", "head-bucket", "--bucket", "no-such-bucket")
+    assert out.returncode != 0 and "(404)" in out.stderr, out.stderr
+
+    out = aws(tenant, home, "s3api", "get-bucket-acl", "--bucket", "cli-bucket", "--output", "text")
+    assert out.returncode == 0 and "FULL_CONTROL" in out.stdout, out
+
+    out = aws(tenant, home, "s3", "mb", "s3://cli-bucket")
+    assert out.returncode != 0 and "BucketAlreadyExists" in out.stderr, out.stderr
+
+    out = aws(tenant, home, "s3", "rb", "s3://cli-bucket")
+    assert out.returncode == 0 and "remove_bucket: cli-bucket" in out.stdout, out.stderr
+    assert not tenant.tree() & tenant.bucket_paths(USER, "cli-bucket")
+    out = aws(tenant, home, "s3", "rb", "s3://cli-bucket")
+    assert out.returncode != 0 and "NoSuchBucket" in out.stderr, out.stderr
+
+
+# ---- boto3 ----
+
+@pytest.mark.parametrize("sig", ["s3v4", "s3"])
+def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
+    s3 = client(tenant, sig=sig)
+    name = f"boto-{'v4' if sig == 's3v4' else 'v2'}"
+    created = s3.create_bucket(Bucket=name)
+    assert created["ResponseMetadata"]["HTTPStatusCode"] == 200
+    assert created["Location"] == f"/{name}"
+    assert name in names(s3.list_buckets())
+    assert s3.head_bucket(Bucket=name)["ResponseMetadata"]["HTTPStatusCode"] == 200
+
+    acl = s3.get_bucket_acl(Bucket=name)
+    assert [g["Permission"] for g in acl["Grants"]] == ["FULL_CONTROL"]
+    owner_id = acl["Owner"].get("ID", "")
+    policy = {"Owner": {"ID": owner_id},
+              "Grants": [{"Grantee": {"Type": "CanonicalUser", "ID": owner_id}, "Permission": p}
+                         for p in ("READ", "WRITE")]}
+    s3.put_bucket_acl(Bucket=name, AccessControlPolicy=policy)
+    assert tenant.record(USER, name).get("acl") == str(0x110)
+    assert sorted(g["Permission"] for g in s3.get_bucket_acl(Bucket=name)["Grants"]) == ["READ", "WRITE"]
+
+    # A body without a grant changes nothing.
+    assert s3_error(lambda: s3.put_bucket_acl(Bucket=name, AccessControlPolicy={"Owner": {"ID": owner_id},
+                                                                                 "Grants": []}))[1] in (
+        "MissingRequestBodyError", "MalformedXML")
+    assert tenant.record(USER, name).get("acl") == str(0x110)
+
+    assert s3_error(lambda: s3.create_bucket(Bucket=name)) == (409, "BucketAlreadyExists")
+    deleted = s3.delete_bucket(Bucket=name)
+    assert deleted["ResponseMetadata"]["HTTPStatusCode"] == 204
+    assert s3_error(lambda: s3.head_bucket(Bucket=name)) == (404, "404")
+    assert s3_error(lambda: s3.delete_bucket(Bucket=name)) == (404, "NoSuchBucket")
+    assert s3_error(lambda: s3.get_bucket_acl(Bucket=name)) == (404, "NoSuchBucket")
+    assert name not in names(s3.list_buckets())
+    assert not tenant.tree() & tenant.bucket_paths(USER, name)
+
+
+def test_names_that_are_not_safe_paths_are_refused_before_anything_is_made(tenant):
+    before = tenant.tree()
+    for path in ("/..", "/.", "/%2e%2e", "/a%2Fb", "/" + "x" * 300):
+        got = one_reply(tenant, signed(tenant, "PUT", path))
+        assert b" 400 " in got.split(b"\r\n", 1)[0] or b" 403 " in got.split(b"\r\n", 1)[0], (path, got)
+    assert tenant.tree() == before
+
+
+# ---- s3cmd ----
+
+@pytest.mark.parametrize("v2", [False, True], ids=["v4", "v2"])
+def test_s3cmd_makes_lists_and_removes_a_bucket(tenant, tmp_path, v2):
+    home = str(tmp_path)
+    name = f"s3cmd-{'v2' if v2 else 'v4'}"
+    out = s3cmd(tenant, home, "mb", f"s3://{name}", v2=v2)
+    assert out.returncode == 0 and f"Bucket 's3://{name}/' created" in out.stdout, out
+    out = s3cmd(tenant, home, "ls", v2=v2)
+    assert out.returncode == 0 and f"s3://{name}" in out.stdout, out
+    assert tenant.bucket_paths(USER, name) <= tenant.tree()
+    out = s3cmd(tenant, home, "rb", f"s3://{name}", v2=v2)
+    assert out.returncode == 0 and f"Bucket 's3://{name}/' removed" in out.stdout, out
+    assert not tenant.tree() & tenant.bucket_paths(USER, name)
+
+
+# ---- owners ----
+
+def test_the_bucket_namespace_is_shared_by_the_owners_of_a_tenant(tenant):
+    user, rival, admin = client(tenant), client(tenant, RIVAL), client(tenant, ADMIN)
+    user.create_bucket(Bucket="owned-by-user")
+    rival.create_bucket(Bucket="owned-by-rival")
+    try:
+        assert s3_error(lambda: rival.create_bucket(Bucket="owned-by-user")) == (409, "BucketAlreadyExists")
+        assert not os.path.exists(os.path.join(tenant.root, "data", RIVAL, "owned-by-user"))
+        # A user lists its own buckets; the administrator lists every owner's.
+        assert {"owned-by-user"} <= set(names(user.list_buckets())) and "owned-by-rival" not in names(user.list_buckets())
+        assert "owned-by-rival" in names(rival.list_buckets()) and "owned-by-user" not in names(rival.list_buckets())
+        assert {"owned-by-user", "owned-by-rival"} <= set(names(admin.list_buckets()))
+        # Without authority lists in force the users of a tenant reach each other's buckets.
+        assert rival.head_bucket(Bucket="owned-by-user")["ResponseMetadata"]["HTTPStatusCode"] == 200
+    finally:
+        user.delete_bucket(Bucket="owned-by-user")
+        rival.delete_bucket(Bucket="owned-by-rival")
+
+
+def test_two_owners_racing_for_names_never_both_win(tenant):
+    clients = {USER: client(tenant), RIVAL: client(tenant, RIVAL)}
+    rounds = 20
+    results = {}
+
+    def take(owner, name, barrier):
+        barrier.wait()
+        try:
+            clients[owner].create_bucket(Bucket=name)
+            results[(owner, name)] = "won"
+        except ClientError as e:
+            results[(owner, name)] = e.response["Error"]["Code"]
+
+    for i in range(rounds):
+        name = f"race-{i}"
+        barrier = threading.Barrier(2)
+        threads = [threading.Thread(target=take, args=(o, name, barrier)) for o in clients]
+        for th in threads:
+            th.start()
+        for th in threads:
+            th.join(timeout=30)
+    winners = {}
+    for (owner, name), outcome in results.items():
+        assert outcome in ("won", "BucketAlreadyExists"), (owner, name, outcome)
+        if outcome == "won":
+            assert name not in winners, f"{name} won by {winners.get(name)} and {owner}"
+            winners[name] = owner
+    assert len(results) == 2 * rounds
+    # On disk each name belongs to its winner alone, with a whole record; a name both gave back is free.
+    for i in range(rounds):
+        name = f"race-{i}"
+        holders = [o for o in clients if os.path.isdir(os.path.join(tenant.root, "data", o, name))]
+        assert holders == ([winners[name]] if name in winners else []), (name, holders)
+        if name in winners:
+            assert tenant.record(winners[name], name).get("bucketname") == name
+            clients[winners[name]].delete_bucket(Bucket=name)
+        else:
+            # Both gave the name back: it is free for the next request.
+            clients[RIVAL].create_bucket(Bucket=name)
+            clients[RIVAL].delete_bucket(Bucket=name)
+    print(f"{len(winners)} of {rounds} names won at the first attempt")
+
+
+# ---- DeleteBucket ----
+
+def test_a_bucket_that_holds_objects_is_not_deleted(tenant):
+    s3 = client(tenant)
+    s3.create_bucket(Bucket="full")
+    data = os.path.join(tenant.root, "data", USER, "full")
+    # Until PutObject exists, objects are placed in the tree by hand: a file, and a directory object.
+    with open(os.path.join(data, "object.txt"), "w") as f:
+        f.write("content")
+    assert s3_error(lambda: s3.delete_bucket(Bucket="full")) == (409, "BucketNotEmpty")
+    assert tenant.bucket_paths(USER, "full") <= tenant.tree()
+    os.unlink(os.path.join(data, "object.txt"))
+    os.mkdir(os.path.join(data, "folder"))
+    assert s3_error(lambda: s3.delete_bucket(Bucket="full")) == (409, "BucketNotEmpty")
+    os.rmdir(os.path.join(data, "folder"))
+    # Old versions and recycled copies of an empty bucket go with it.
+    for tree in ("version", "recycle"):
+        os.makedirs(os.path.join(tenant.root, tree, USER, "full", "d"))
+        with open(os.path.join(tenant.root, tree, USER, "full", "d", "old"), "w") as f:
+            f.write("old")
+    assert s3.delete_bucket(Bucket="full")["ResponseMetadata"]["HTTPStatusCode"] == 204
+    assert not any(p.startswith(tuple(f"{t}/{USER}/full" for t in ("data", "version", "recycle")))
+                   or p.startswith(f"meta/{USER}/object/full") or p == f"meta/{USER}/bucket/full"
+                   for p in tenant.tree())
+
+
+# ---- replies byte for byte ----
+
+def test_bucket_replies_byte_for_byte(tenant):
+    got = one_reply(tenant, signed(tenant, "PUT", "/exact"))
+    date = date_of(got)
+    assert got == (b"HTTP/1.1 200 OK\r\nDate: " + date + b"\r\nLocation:/exact\r\nContent-Length:0\r\n"
+                   b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
+
+    got = one_reply(tenant, signed(tenant, "PUT", "/exact"))
+    check_error_reply(got, b"409 Conflict", b"BucketAlreadyExists",
+                      b"The requested bucket name is not available. The bucket namespace is shared by all users of "
+                      b"the system. Please select a different name and try again.", b"exact")
+
+    got = one_reply(tenant, signed(tenant, "HEAD", "/exact"))
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n") and got.endswith(b"\r\n\r\n"), got
+
+    got = one_reply(tenant, signed(tenant, "DELETE", "/exact"))
+    date = date_of(got)
+    assert got == (b"HTTP/1.1 204 No Content\r\nDate: " + date + b"\r\nContent-Length:0\r\n"
+                   b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
+
+    got = one_reply(tenant, signed(tenant, "DELETE", "/exact"))
+    check_error_reply(got, b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist.", b"exact")
+
+
+def test_list_buckets_reply(tenant):
+    s3 = client(tenant)
+    s3.create_bucket(Bucket="listed")
+    try:
+        got = one_reply(tenant, signed(tenant, "GET", "/"))
+        head, doc = got.split(b"\r\n\r\n", 1)
+        assert re.fullmatch(rb"HTTP/1.1 200 OK\r\nDate: [^\r]+ GMT\r\nConnection: keep-alive\r\nContent-Length:"
+                            + str(len(doc)).encode() + rb"\r\nAccept-Ranges: bytes\r\n"
+                            rb"content-Security-Policy: block-all-mixed-content\r\nServer: KELVANE\r\n"
+                            rb"Vary: Origin\r\nX-Amz-Request-Id: [0-9a-f]{32}\r\nX-Xss-Protection: 1;mode=block\r\n"
+                            rb"Content-Type: application/xml", head), head
+        root = ET.fromstring(doc)
+        # The document carries no namespace.
+        assert root.tag == "ListAllMyBucketsResult"
+        assert root.find("Owner/DisplayName").text == USER
+        rows = {b.find("Name").text: b for b in root.iter("Bucket")}
+        assert re.fullmatch(r"\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{3}Z", rows["listed"].find("CreationDate").text)
+        assert rows["listed"].find("KeyCount").text == "0"
+    finally:
+        s3.delete_bucket(Bucket="listed")

@@ -1,0 +1,639 @@
+#include "storage/orbs3_bucket_ops.h"
+
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_config.h"
+#include "http/orbs3_http_request_body.h"
+#include "http/http_test_request.h"
+#include "s3/orbs3_s3_errors.h"
+#include "socketpair_connection.h"
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_record.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string str(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string() : std::string(s.data, s.len);
+}
+
+std::string read_file(const std::string& path)
+{
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+void write_file(const std::string& path, const std::string& text)
+{
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
+}
+
+bool starts_with(const std::string& s, std::string_view prefix)
+{
+    return s.compare(0, prefix.size(), prefix) == 0;
+}
+
+// The body of a reply: what follows the blank line of its head.
+std::string body_of(const std::string& reply)
+{
+    std::size_t end = reply.find("\r\n\r\n");
+    return end == std::string::npos ? std::string() : reply.substr(end + 4);
+}
+
+orbs3_str_t pool_text(orbs3_pool_t* pool, std::string_view text)
+{
+    auto* p = static_cast<char*>(orbs3_pcalloc(pool, text.size() + 1));
+    if (p == nullptr)
+        return {};
+    if (!text.empty())
+        std::memcpy(p, text.data(), text.size());
+    return {text.size(), p};
+}
+
+struct bucket_deleter {
+    void operator()(orbs3_bucket_t* b) const { orbs3_free_bucket(b); }
+};
+using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_deleter>;
+
+struct user_deleter {
+    void operator()(orbs3_user_t* u) const { orbs3_free_user_data(u); }
+};
+using user_ptr = std::unique_ptr<orbs3_user_t, user_deleter>;
+
+using handler_t = int (*)(orbs3_http_request_t*);
+
+// What a handler left behind: its result, the bytes that reached the client, the error resource.
+struct outcome {
+    int rc = -100;
+    std::string reply;
+    std::string resource;
+};
+
+class BucketOps : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        saved_maxlen_ = orbs3_conf.bucketmaxlen;
+        orbs3_conf.bucketmaxlen = 63;
+        char tmpl[] = "/tmp/orbs3_bops_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        vh_ = orbs3_vhost_new();
+        ASSERT_NE(vh_, nullptr);
+        neo_strdup(&vh_->cluster_path, dir_.c_str(), ORBS3_PATH_CAP);
+        neo_strdup(&vh_->group_path, "g", ORBS3_PATH_CAP);
+        neo_strdup(&vh_->domain, "s3.example", ORBS3_NAME_CAP);
+        ASSERT_EQ(orbs3_init_path(vh_), 0);
+        data_ = str(vh_->data_root);
+        meta_ = str(vh_->meta_root);
+        version_ = str(vh_->version_root);
+        recycle_ = str(vh_->recycle_root);
+        // A loaded service record without lists in force.
+        vh_->service_rec = orbs3_get_service((dir_ + "/no-service-file").c_str());
+        ASSERT_NE(vh_->service_rec, nullptr);
+
+        neo_strdup(&vh_->admin.UserId, "u-admin", ORBS3_NAME_CAP);
+        neo_strdup(&vh_->admin.DisPlayName, "root", ORBS3_NAME_CAP);
+        neo_strdup(&vh_->admin.accesskeyid, "ADMINKEY", ORBS3_KEY_CAP);
+        vh_->admin.is_admin = 1;
+        alice_.reset(make_user("u-alice", "alice"));
+        bob_.reset(make_user("u-bob", "bob"));
+        ASSERT_NE(alice_, nullptr);
+        ASSERT_NE(bob_, nullptr);
+    }
+    void TearDown() override
+    {
+        orbs3_free_vhost_data(vh_);
+        orbs3_conf.bucketmaxlen = saved_maxlen_;
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+
+    static orbs3_user_t* make_user(const char* id, const char* name)
+    {
+        orbs3_user_t* u = orbs3_user_new();
+        if (u == nullptr)
+            return nullptr;
+        neo_strdup(&u->UserId, id, ORBS3_NAME_CAP);
+        neo_strdup(&u->DisPlayName, name, ORBS3_NAME_CAP);
+        return u;
+    }
+
+    // Runs a handler for `user` on a request naming `bucket`; `prepare` may add to the request.
+    outcome call(handler_t h, orbs3_user_t* user, std::string_view bucket,
+                 const std::function<void(orbs3_http_request_t*)>& prepare = {})
+    {
+        outcome out;
+        http_test::test_request t("");
+        unit_test::socketpair_connection sp;
+        if (t.r == nullptr || sp.c == nullptr)
+            return out;
+        orbs3_http_request_t* r = t.r;
+        r->connection = sp.c;
+        r->vhost = vh_;
+        r->user = user;
+        r->req_msg.bucket = pool_text(r->pool, bucket);
+        std::memcpy(r->resp.connection, "keep-alive", sizeof "keep-alive");
+        if (prepare)
+            prepare(r);
+        out.rc = h(r);
+        out.reply = sp.drain();
+        out.resource = r->resp.resource;
+        return out;
+    }
+
+    void put_ok(orbs3_user_t* user, const std::string& name)
+    {
+        outcome o = call(orbs3_put_bucket, user, name);
+        ASSERT_EQ(o.rc, 0) << name;
+        ASSERT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    }
+
+    std::vector<std::string> bucket_paths(const std::string& owner, const std::string& name) const
+    {
+        return {data_ + "/" + owner + "/" + name, meta_ + "/" + owner + "/bucket/" + name,
+                meta_ + "/" + owner + "/object/" + name, version_ + "/" + owner + "/" + name,
+                recycle_ + "/" + owner + "/" + name};
+    }
+
+    std::string record_path(const std::string& owner, const std::string& name) const
+    {
+        return meta_ + "/" + owner + "/bucket/" + name;
+    }
+
+    bucket_ptr record(const std::string& owner, const std::string& name) const
+    {
+        return bucket_ptr(orbs3_create_bucket_from_file(record_path(owner, name).c_str()));
+    }
+
+    // Changes the bucket's record on disk through a copy, as a handler would.
+    void edit(const std::string& name, const std::function<void(orbs3_bucket_t*)>& change)
+    {
+        bucket_ptr b(orbs3_get_bucket(vh_, alice_.get(), name));
+        ASSERT_NE(b, nullptr) << name;
+        change(b.get());
+        ASSERT_EQ(orbs3_bucket_init_path(vh_, nullptr, b.get(), name), 0);
+        ASSERT_EQ(orbs3_save_bucket(b.get(), b->meta_file.data), 0);
+    }
+
+    // A document body in the request pool, as the body reader leaves a complete one.
+    static void set_body(orbs3_http_request_t* r, std::string_view text)
+    {
+        auto* rb = static_cast<orbs3_http_request_body_t*>(orbs3_pcalloc(r->pool, sizeof(orbs3_http_request_body_t)));
+        orbs3_str_t data = pool_text(r->pool, text);
+        ASSERT_NE(rb, nullptr);
+        ASSERT_NE(data.data, nullptr);
+        rb->pool = r->pool;
+        rb->ended = 1;
+        rb->buf = http_test::make_buf(r->pool, reinterpret_cast<uint8_t*>(data.data), text.size() + 1, text.size());
+        r->request_body = rb;
+    }
+
+    static void set_copy_source(orbs3_http_request_t* r, std::string_view old_name)
+    {
+        auto* h = static_cast<orbs3_header_t*>(orbs3_pcalloc(r->pool, sizeof(orbs3_header_t)));
+        ASSERT_NE(h, nullptr);
+        h->value = pool_text(r->pool, old_name);
+        r->headers_in.x_copy_source = h;
+    }
+
+    int saved_maxlen_ = 0;
+    std::string dir_, data_, meta_, version_, recycle_;
+    orbs3_vhost_t* vh_ = nullptr;
+    user_ptr alice_, bob_;
+};
+
+TEST_F(BucketOps, PutBucketMakesFiveEntriesAndAWholeRecord)
+{
+    outcome o = call(orbs3_put_bucket, alice_.get(), "photos");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_NE(o.reply.find("Location:/photos"), std::string::npos) << o.reply;
+    EXPECT_EQ(vh_->bucket_count.load(), 1);
+
+    for (const std::string& p : bucket_paths("alice", "photos"))
+        EXPECT_TRUE(fs::exists(p)) << p;
+    EXPECT_TRUE(fs::is_directory(data_ + "/alice/photos"));
+    EXPECT_TRUE(fs::is_regular_file(record_path("alice", "photos")));
+
+    bucket_ptr b = record("alice", "photos");
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(str(b->name), "photos");
+    EXPECT_EQ(str(b->owner_name), "alice");
+    EXPECT_EQ(str(b->owner_id), "u-alice");
+    EXPECT_EQ(str(b->extranet_endpoint), "photos.s3.example/");
+    EXPECT_EQ(b->acl, ORBS3_ACL_FULL_CONTROL);
+    EXPECT_NE(read_file(record_path("alice", "photos")).find("acl=\"1\""), std::string::npos);
+    EXPECT_FALSE(str(b->created_date).empty());
+
+    // The name space is shared: neither the owner nor anyone else gets the name again, and the refused
+    // request leaves nothing of its own behind.
+    for (orbs3_user_t* u : {alice_.get(), bob_.get()}) {
+        o = call(orbs3_put_bucket, u, "photos");
+        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS)) << str(u->DisPlayName);
+        EXPECT_EQ(o.resource, "photos");
+        EXPECT_TRUE(o.reply.empty());
+    }
+    EXPECT_FALSE(fs::exists(data_ + "/bob/photos"));
+    EXPECT_TRUE(fs::exists(data_ + "/alice/photos"));
+    EXPECT_EQ(vh_->bucket_count.load(), 1);
+}
+
+TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
+{
+    const std::string too_long(64, 'x');
+    for (std::string_view name : {std::string_view(""), std::string_view("."), std::string_view(".."),
+                                  std::string_view("a/b"), std::string_view(too_long),
+                                  std::string_view("nul\0x", 5)}) {
+        outcome o = call(orbs3_put_bucket, alice_.get(), name);
+        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME)) << name;
+        EXPECT_TRUE(o.reply.empty());
+    }
+    EXPECT_FALSE(fs::exists(data_ + "/alice"));
+    EXPECT_FALSE(fs::exists(meta_ + "/alice"));
+    EXPECT_EQ(vh_->bucket_count.load(), 0);
+
+    // The longest legal name is fine.
+    put_ok(alice_.get(), std::string(63, 'y'));
+}
+
+TEST_F(BucketOps, PutBucketStopsAtMaxBucketAndZeroMeansNoLimit)
+{
+    vh_->service_rec->quota.max_bucket = 2;
+    put_ok(alice_.get(), "one");
+    put_ok(bob_.get(), "two");
+    outcome o = call(orbs3_put_bucket, alice_.get(), "three");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_BUCKET_TOO_MUCH));
+    EXPECT_FALSE(fs::exists(data_ + "/alice/three"));
+    EXPECT_EQ(vh_->bucket_count.load(), 2);
+
+    // Deleting one frees a place.
+    o = call(orbs3_del_bucket, alice_.get(), "one");
+    ASSERT_EQ(o.rc, 0);
+    put_ok(alice_.get(), "three");
+
+    vh_->service_rec->quota.max_bucket = 0;
+    put_ok(alice_.get(), "four");
+    put_ok(alice_.get(), "five");
+    EXPECT_EQ(vh_->bucket_count.load(), 4);
+}
+
+TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
+{
+    auto make = [&](const char* owner) {
+        bucket_ptr b(orbs3_bucket_new());
+        if (b) {
+            b->name = pool_text(b->pool, "shared");
+            b->owner_name = pool_text(b->pool, owner);
+            if (orbs3_bucket_init_path(vh_, nullptr, b.get(), "shared") != 0)
+                b.reset();
+        }
+        return b;
+    };
+    bucket_ptr a = make("alice");
+    bucket_ptr b = make("bob");
+    ASSERT_NE(a, nullptr);
+    ASSERT_NE(b, nullptr);
+    const std::string a_dir = str(a->data_dir), b_dir = str(b->data_dir);
+
+    // Taken by one owner: refused for the other, whose directory goes again, and for the owner itself,
+    // whose directory stays.
+    ASSERT_EQ(orbs3_claim_bucket_name(vh_, a.get()), 0);
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, b.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
+    EXPECT_FALSE(fs::exists(b_dir));
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
+    EXPECT_TRUE(fs::is_directory(a_dir));
+    ASSERT_TRUE(fs::remove(a_dir));
+
+    constexpr int kRounds = 200;
+    int a_wins = 0, b_wins = 0, both_lost = 0;
+    for (int round = 0; round < kRounds; round++) {
+        std::atomic<int> ready{0};
+        int ra = -1, rb = -1;
+        auto racer = [&](orbs3_bucket_t* mine, int* rc) {
+            ready.fetch_add(1);
+            while (ready.load() < 2) {
+            }
+            *rc = orbs3_claim_bucket_name(vh_, mine);
+        };
+        std::thread ta(racer, a.get(), &ra);
+        std::thread tb(racer, b.get(), &rb);
+        ta.join();
+        tb.join();
+        ASSERT_FALSE(ra == 0 && rb == 0) << "round " << round;
+        for (int rc : {ra, rb})
+            ASSERT_TRUE(rc == 0 || rc == static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS)) << rc;
+        // Only the winner's directory remains.
+        ASSERT_EQ(fs::exists(a_dir), ra == 0) << "round " << round;
+        ASSERT_EQ(fs::exists(b_dir), rb == 0) << "round " << round;
+        a_wins += ra == 0;
+        b_wins += rb == 0;
+        both_lost += ra != 0 && rb != 0;
+        std::error_code ec;
+        fs::remove(a_dir, ec);
+        fs::remove(b_dir, ec);
+    }
+    // Giving the name back every time would keep the rule trivially; most rounds have a winner.
+    EXPECT_GT(a_wins + b_wins, 1000) << a_wins << " " << b_wins << " " << both_lost;
+}
+
+TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
+{
+    put_ok(alice_.get(), "full");
+    put_ok(alice_.get(), "dirobj");
+    put_ok(alice_.get(), "empty");
+    ASSERT_EQ(vh_->bucket_count.load(), 3);
+    write_file(data_ + "/alice/full/key", "x");
+    ASSERT_TRUE(fs::create_directory(data_ + "/alice/dirobj/folder"));
+
+    // An object of either kind keeps the bucket, whole.
+    for (const char* name : {"full", "dirobj"}) {
+        outcome o = call(orbs3_del_bucket, alice_.get(), name);
+        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_BUCKET_NOT_EMPTY)) << name;
+        EXPECT_EQ(o.resource, name);
+        EXPECT_TRUE(o.reply.empty());
+        for (const std::string& p : bucket_paths("alice", name))
+            EXPECT_TRUE(fs::exists(p)) << p;
+    }
+    EXPECT_TRUE(fs::exists(data_ + "/alice/full/key"));
+
+    // A left-over temporary of a record replace, versions and recycled copies are not objects.
+    write_file(data_ + "/alice/empty/" + std::string(ORBS3_RECORD_TMP_PREFIX) + "123", "t");
+    write_file(version_ + "/alice/empty/old-version", "v");
+    write_file(recycle_ + "/alice/empty/recycled", "r");
+    ASSERT_TRUE(fs::create_directories(version_ + "/alice/empty/sub/dir"));
+    outcome o = call(orbs3_del_bucket, alice_.get(), "empty");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 204 No Content")) << o.reply;
+    for (const std::string& p : bucket_paths("alice", "empty"))
+        EXPECT_FALSE(fs::exists(p)) << p;
+    EXPECT_EQ(vh_->bucket_count.load(), 2);
+    EXPECT_EQ(orbs3_check_bucket_exist(vh_, alice_.get(), "empty"), -1);
+
+    // Gone now, and never there.
+    for (const char* name : {"empty", "never"}) {
+        o = call(orbs3_del_bucket, alice_.get(), name);
+        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET)) << name;
+        EXPECT_EQ(o.resource, name);
+    }
+    o = call(orbs3_del_bucket, alice_.get(), "");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME));
+    EXPECT_EQ(vh_->bucket_count.load(), 2);
+
+    // The name is free for another owner again.
+    put_ok(bob_.get(), "empty");
+}
+
+TEST_F(BucketOps, ListBucketsShowsOwnBucketsAndEveryOwnersToTheAdmin)
+{
+    put_ok(alice_.get(), "a-one");
+    put_ok(alice_.get(), "a-two");
+    put_ok(bob_.get(), "b-one");
+    auto names = [](const std::string& reply) {
+        std::vector<std::string> out;
+        for (std::size_t pos = reply.find("<Name>"); pos != std::string::npos; pos = reply.find("<Name>", pos + 1)) {
+            std::size_t end = reply.find("</Name>", pos);
+            out.push_back(reply.substr(pos + 6, end - pos - 6));
+        }
+        std::sort(out.begin(), out.end());
+        return out;
+    };
+
+    outcome o = call(orbs3_list_buckets, alice_.get(), "");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
+    EXPECT_EQ(names(o.reply), (std::vector<std::string>{"a-one", "a-two"}));
+
+    o = call(orbs3_list_buckets, bob_.get(), "");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_EQ(names(o.reply), (std::vector<std::string>{"b-one"}));
+
+    o = call(orbs3_list_buckets, &vh_->admin, "");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_EQ(names(o.reply), (std::vector<std::string>{"a-one", "a-two", "b-one"}));
+
+    // An owner without a directory has an empty list, not an error.
+    user_ptr carol(make_user("u-carol", "carol"));
+    o = call(orbs3_list_buckets, carol.get(), "");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
+    EXPECT_EQ(o.reply.find("<Bucket>"), std::string::npos) << o.reply;
+}
+
+TEST_F(BucketOps, BucketInfoAndStatAnswerInJson)
+{
+    put_ok(alice_.get(), "info");
+    edit("info", [](orbs3_bucket_t* b) {
+        b->stat.storage_in_bytes = 123456789012ull;
+        b->stat.object_count = 42;
+        b->stat.multipart_upload_count = 3;
+    });
+    const std::string text = read_file(record_path("alice", "info"));
+    ASSERT_FALSE(text.empty());
+
+    outcome o = call(orbs3_get_bucket_info, bob_.get(), "info");
+    EXPECT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_EQ(body_of(o.reply), text);
+
+    o = call(orbs3_get_bucket_stat, bob_.get(), "info");
+    EXPECT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_EQ(body_of(o.reply),
+              "{\"result\":{\"stat\":{\"storage_in_bytes\":123456789012,\"object_count\":42,"
+              "\"multipart_upload_count\":3}}}");
+
+    // Their failures are answered here, in JSON, never handed to the XML error path.
+    for (handler_t h : {orbs3_get_bucket_info, orbs3_get_bucket_stat}) {
+        o = call(h, alice_.get(), "missing");
+        EXPECT_EQ(o.rc, 0);
+        EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 404")) << o.reply;
+        EXPECT_EQ(body_of(o.reply), "{\"error_code\":\"NoSuchBucket\",\"error_msg\":\"bucket does not exist\"}");
+
+        o = call(h, alice_.get(), "a/b");
+        EXPECT_EQ(o.rc, 0);
+        EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+        EXPECT_EQ(body_of(o.reply), "");
+    }
+
+    // A record cut short reads as no bucket.
+    write_file(record_path("alice", "info"), text.substr(0, text.size() / 2));
+    o = call(orbs3_get_bucket_info, alice_.get(), "info");
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 404")) << o.reply;
+}
+
+TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
+{
+    put_ok(alice_.get(), "acl");
+    const std::string grant_rw =
+        "<AccessControlPolicy><Owner><ID>x</ID></Owner><AccessControlList>"
+        "<Grant><Grantee><ID>a</ID></Grantee><Permission>READ</Permission></Grant>"
+        "<Grant><Grantee><ID>b</ID></Grantee><Permission>WRITE</Permission></Grant>"
+        "</AccessControlList></AccessControlPolicy>";
+    outcome o = call(orbs3_put_bucket_acl, alice_.get(), "acl", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
+    ASSERT_EQ(o.rc, 0) << o.resource;
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    bucket_ptr b = record("alice", "acl");
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
+    EXPECT_NE(read_file(record_path("alice", "acl")).find("acl=\"272\""), std::string::npos);
+
+    o = call(orbs3_get_bucket_acl, alice_.get(), "acl");
+    ASSERT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_NE(o.reply.find("<Permission>READ</Permission>"), std::string::npos) << o.reply;
+    EXPECT_NE(o.reply.find("<Permission>WRITE</Permission>"), std::string::npos) << o.reply;
+    EXPECT_EQ(o.reply.find("FULL_CONTROL"), std::string::npos) << o.reply;
+
+    // No known permission, or no body at all: the stored mask stays.
+    const std::string bogus = "<AccessControlPolicy><AccessControlList><Grant><Permission>BOGUS</Permission>"
+                              "</Grant></AccessControlList></AccessControlPolicy>";
+    o = call(orbs3_put_bucket_acl, alice_.get(), "acl", [&](orbs3_http_request_t* r) { set_body(r, bogus); });
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_MISSING_REQUEST_BODY));
+    EXPECT_EQ(o.resource, "acl");
+    o = call(orbs3_put_bucket_acl, alice_.get(), "acl");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_MISSING_REQUEST_BODY));
+    b = record("alice", "acl");
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
+
+    o = call(orbs3_put_bucket_acl, alice_.get(), "nope", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
+    o = call(orbs3_get_bucket_acl, alice_.get(), "nope");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
+    EXPECT_EQ(o.resource, "nope");
+}
+
+TEST_F(BucketOps, RenameChangesOnlyTheRecordsName)
+{
+    put_ok(alice_.get(), "old");
+    outcome o = call(orbs3_put_bucket_rename, alice_.get(), "new",
+                     [](orbs3_http_request_t* r) { set_copy_source(r, "old"); });
+    ASSERT_EQ(o.rc, 0) << o.resource;
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+
+    bucket_ptr b(orbs3_get_bucket(vh_, alice_.get(), "old"));
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(str(b->name), "new");
+    for (const std::string& p : bucket_paths("alice", "old"))
+        EXPECT_TRUE(fs::exists(p)) << p;
+    for (const std::string& p : bucket_paths("alice", "new"))
+        EXPECT_FALSE(fs::exists(p)) << p;
+    EXPECT_EQ(orbs3_get_bucket(vh_, alice_.get(), "new"), nullptr);
+
+    // The listing shows the new name.
+    o = call(orbs3_list_buckets, alice_.get(), "");
+    EXPECT_NE(o.reply.find("<Name>new</Name>"), std::string::npos) << o.reply;
+
+    o = call(orbs3_put_bucket_rename, alice_.get(), "other", [](orbs3_http_request_t* r) { set_copy_source(r, "gone"); });
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
+    EXPECT_EQ(o.resource, "gone");
+    // Without the header, or with an unsafe old name, there is nothing to rename.
+    o = call(orbs3_put_bucket_rename, alice_.get(), "other");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME));
+    EXPECT_EQ(o.resource, "other");
+    o = call(orbs3_put_bucket_rename, alice_.get(), "other", [](orbs3_http_request_t* r) { set_copy_source(r, "../old"); });
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME));
+}
+
+TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
+{
+    put_ok(alice_.get(), "guarded");
+    // Only bob may delete; the list is in force.
+    const std::string path = record_path("alice", "guarded");
+    std::string text = read_file(path);
+    const std::string rules = "<authak_list><rule id=\"r1\" name=\"del\" status=\"start\">"
+                              "<user name=\"bob\" userid=\"u-bob\" /><bucket delete=\"yes\" /><object /></rule>"
+                              "</authak_list>";
+    std::size_t empty = text.find("<authak_list />");
+    ASSERT_NE(empty, std::string::npos) << text;
+    text.replace(empty, std::strlen("<authak_list />"), rules);
+    std::size_t status = text.find("authak_status=\"stop\"");
+    ASSERT_NE(status, std::string::npos) << text;
+    text.replace(status, std::strlen("authak_status=\"stop\""), "authak_status=\"start\"");
+    write_file(path, text);
+    bucket_ptr b = record("alice", "guarded");
+    ASSERT_NE(b, nullptr);
+    ASSERT_EQ(b->authak_status, 1u);
+    ASSERT_FALSE(list_empty(&b->authak_list));
+
+    // The owner is an ordinary user without a rule.
+    outcome o = call(orbs3_del_bucket, alice_.get(), "guarded");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.resource, "/");
+    EXPECT_TRUE(o.reply.empty());
+    o = call(orbs3_get_bucket_acl, alice_.get(), "guarded");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    // bob's rule grants delete, not the authority of the ACL.
+    o = call(orbs3_get_bucket_acl, bob_.get(), "guarded");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    for (const std::string& p : bucket_paths("alice", "guarded"))
+        EXPECT_TRUE(fs::exists(p)) << p;
+
+    // The administrator is above the lists.
+    o = call(orbs3_get_bucket_acl, &vh_->admin, "guarded");
+    EXPECT_EQ(o.rc, 0);
+
+    o = call(orbs3_del_bucket, bob_.get(), "guarded");
+    EXPECT_EQ(o.rc, 0) << o.resource;
+    EXPECT_FALSE(fs::exists(data_ + "/alice/guarded"));
+
+    put_ok(alice_.get(), "guarded");
+    edit("guarded", [](orbs3_bucket_t* b) { b->authak_status = 1; });
+    o = call(orbs3_del_bucket, bob_.get(), "guarded");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    o = call(orbs3_del_bucket, &vh_->admin, "guarded");
+    EXPECT_EQ(o.rc, 0) << o.resource;
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 204")) << o.reply;
+}
+
+TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
+{
+    // The service's authority list in force without a rule for alice: she can't create a bucket.
+    vh_->service_rec->authak_status = 1;
+    outcome o = call(orbs3_put_bucket, alice_.get(), "svc");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.resource, "/");
+    EXPECT_FALSE(fs::exists(data_ + "/alice/svc"));
+    put_ok(&vh_->admin, "svc");
+    EXPECT_TRUE(fs::is_directory(data_ + "/root/svc"));
+    vh_->service_rec->authak_status = 0;
+
+    // A whitelist in force admits only its hosts; this peer has no address it could name.
+    put_ok(alice_.get(), "walled");
+    edit("walled", [](orbs3_bucket_t* b) { b->whitelist_status = 1; });
+    o = call(orbs3_put_bucket_rename, alice_.get(), "renamed",
+             [](orbs3_http_request_t* r) { set_copy_source(r, "walled"); });
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.resource, "/");
+    bucket_ptr b = record("alice", "walled");
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(str(b->name), "walled");
+    o = call(orbs3_head_bucket, alice_.get(), "walled");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    o = call(orbs3_head_bucket, &vh_->admin, "walled");
+    EXPECT_EQ(o.rc, 0);
+    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+}
+
+}  // namespace
