@@ -50,7 +50,9 @@ orbmux started: master pid $(cat "$pidfile"), prefix $prefix
   log:               $prefix/orbmux.log
   tenant files:      $(dirname "$(field group_file)")  (see docs/tenants.md)
   stop:              ORBMUX_PREFIX=$prefix $bin -s stop
-  try:               AWS_ACCESS_KEY_ID=$(field access_key) AWS_SECRET_ACCESS_KEY=$(field secret_key) \
-                     aws --endpoint-url $endpoint --region us-east-1 s3api list-objects-v2 --bucket demo
-                     (signed requests are admitted; the S3 operations answer NotImplemented until they are built)
+  try:               export AWS_ACCESS_KEY_ID=$(field access_key) AWS_SECRET_ACCESS_KEY=$(field secret_key)
+                     aws --endpoint-url $endpoint --region us-east-1 s3 mb s3://demo-bucket
+                     aws --endpoint-url $endpoint --region us-east-1 s3 ls
+                     aws --endpoint-url $endpoint --region us-east-1 s3 rb s3://demo-bucket
+                     (buckets work; object operations answer NotImplemented until they are built)
 TXT
