@@ -34,6 +34,7 @@ USER = "bk-user"
 RIVAL = "rival"
 ADMIN = "admin"
 TREES = ("data", "meta", "version", "recycle")
+MAX_BUCKET = 30
 
 
 class Tenant:
@@ -75,6 +76,12 @@ def tenant():
     box = Sandbox()
     port = free_port()
     info = box.add_tenant("bk", port, "--user", USER, "--extra-user", RIVAL)
+    # The tenant's service file: peers at 127.0.0.2 are barred (the administrator is above that), and a
+    # worker lets the tenant hold MAX_BUCKET buckets.
+    with open(os.path.join(os.path.dirname(info["user_file"]), info["id"]), "w") as f:
+        f.write('<?xml version="1.0" encoding="utf-8"?>\n<service blacklist_status="start">\n<blacklist>\n'
+                '<rule id="b1" name="barred" status="start"><addrs addr="127.0.0.2" mask="32" /></rule>\n'
+                f'</blacklist>\n<quota max_bucket="{MAX_BUCKET}" />\n</service>\n')
     daemon = box.start("-d")
     try:
         wait_port(port)
@@ -142,9 +149,9 @@ def signed(t, method, path, body=b"", who=USER, headers=None):
     return head.encode() + b"\r\n" + body
 
 
-def one_reply(t, data):
-    """Sends `data` on a new connection and returns all the server wrote until it went quiet or closed."""
-    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN) as s:
+def one_reply(t, data, source="127.0.0.1"):
+    """Sends `data` on a new connection from `source` and returns the one reply, head and document."""
+    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN, source_address=(source, 0)) as s:
         s.sendall(data)
         got = b""
         while b"\r\n\r\n" not in got:
@@ -395,3 +402,63 @@ def test_list_buckets_reply(tenant):
         assert rows["listed"].find("KeyCount").text == "0"
     finally:
         s3.delete_bucket(Bucket="listed")
+
+
+# ---- access ----
+
+def test_service_blacklist_bars_a_peer_but_not_the_administrator(tenant):
+    got = one_reply(tenant, signed(tenant, "PUT", "/barred"), source="127.0.0.2")
+    check_error_reply(got, b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
+    got = one_reply(tenant, signed(tenant, "GET", "/", who=RIVAL), source="127.0.0.2")
+    check_error_reply(got, b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
+    assert not os.path.exists(os.path.join(tenant.root, "data", USER, "barred"))
+    got = one_reply(tenant, signed(tenant, "PUT", "/barred", who=ADMIN), source="127.0.0.2")
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
+    got = one_reply(tenant, signed(tenant, "DELETE", "/barred", who=ADMIN), source="127.0.0.2")
+    assert got.startswith(b"HTTP/1.1 204 No Content\r\n"), got
+
+
+def test_bucket_authority_list_decides_per_action(tenant):
+    """A bucket whose address rule for this peer grants only listing: HEAD passes, the ACL and DeleteBucket
+    are refused, and the administrator still deletes it."""
+    s3 = client(tenant)
+    s3.create_bucket(Bucket="guarded")
+    path = os.path.join(tenant.root, "meta", USER, "bucket", "guarded")
+    tree = ET.parse(path)
+    root = tree.getroot()
+    root.set("authaddr_status", "start")
+    rules = root.find("authaddr_list")
+    if rules is None:
+        rules = ET.SubElement(root, "authaddr_list")
+    rule = ET.SubElement(rules, "rule", id="a1", status="start")
+    ET.SubElement(rule, "addrs", addr="127.0.0.1", mask="32")
+    ET.SubElement(rule, "bucket", list="yes")
+    ET.SubElement(rule, "object")
+    tree.write(path + ".new", xml_declaration=True, encoding="utf-8")
+    os.rename(path + ".new", path)
+
+    assert s3.head_bucket(Bucket="guarded")["ResponseMetadata"]["HTTPStatusCode"] == 200
+    assert s3_error(lambda: s3.get_bucket_acl(Bucket="guarded")) == (403, "AccessDenied")
+    assert s3_error(lambda: s3.delete_bucket(Bucket="guarded")) == (403, "AccessDenied")
+    assert tenant.bucket_paths(USER, "guarded") <= tenant.tree()
+    client(tenant, ADMIN).delete_bucket(Bucket="guarded")
+    assert not tenant.tree() & tenant.bucket_paths(USER, "guarded")
+
+
+def test_max_bucket_caps_the_buckets_of_the_tenant(tenant):
+    admin = client(tenant, ADMIN)
+    existing = len(admin.list_buckets()["Buckets"])
+    s3 = client(tenant)
+    made = []
+    try:
+        for i in range(MAX_BUCKET - existing):
+            s3.create_bucket(Bucket=f"cap-{i}")
+            made.append(f"cap-{i}")
+        assert s3_error(lambda: s3.create_bucket(Bucket="cap-over")) == (403, "BucketTooMuch")
+        assert not os.path.exists(os.path.join(tenant.root, "data", USER, "cap-over"))
+        s3.delete_bucket(Bucket=made.pop())
+        s3.create_bucket(Bucket="cap-over")
+        made.append("cap-over")
+    finally:
+        for name in made:
+            s3.delete_bucket(Bucket=name)

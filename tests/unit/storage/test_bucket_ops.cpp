@@ -195,7 +195,8 @@ protected:
     }
 
     // A document body in the request pool, as the body reader leaves a complete one.
-    static void set_body(orbs3_http_request_t* r, std::string_view text)
+    // full: the text ends exactly at the end of its buffer, without room for a terminator.
+    static void set_body(orbs3_http_request_t* r, std::string_view text, bool full = false)
     {
         auto* rb = static_cast<orbs3_http_request_body_t*>(orbs3_pcalloc(r->pool, sizeof(orbs3_http_request_body_t)));
         orbs3_str_t data = pool_text(r->pool, text);
@@ -203,7 +204,8 @@ protected:
         ASSERT_NE(data.data, nullptr);
         rb->pool = r->pool;
         rb->ended = 1;
-        rb->buf = http_test::make_buf(r->pool, reinterpret_cast<uint8_t*>(data.data), text.size() + 1, text.size());
+        rb->buf = http_test::make_buf(r->pool, reinterpret_cast<uint8_t*>(data.data), text.size() + (full ? 0 : 1),
+                                   text.size());
         r->request_body = rb;
     }
 
@@ -270,6 +272,14 @@ TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
     EXPECT_FALSE(fs::exists(data_ + "/alice"));
     EXPECT_FALSE(fs::exists(meta_ + "/alice"));
     EXPECT_EQ(vh_->bucket_count.load(), 0);
+
+    // An owner whose name can't be a directory holds no bucket, and nothing is made for it.
+    user_ptr dots(make_user("u-dots", ".."));
+    outcome o = call(orbs3_put_bucket, dots.get(), "fine");
+    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+    EXPECT_FALSE(fs::exists(data_ + "/fine"));
+    EXPECT_FALSE(fs::exists(str(vh_->data_root) + "/../fine"));
+    EXPECT_EQ(orbs3_check_bucket_exist(vh_, alice_.get(), "fine"), -1);
 
     // The longest legal name is fine.
     put_ok(alice_.get(), std::string(63, 'y'));
@@ -516,6 +526,16 @@ TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
     b = record("alice", "acl");
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
+
+    // A document that fills its buffer to the last byte reads the same.
+    const std::string grant_read_acp = "<AccessControlPolicy><AccessControlList><Grant><Permission>READ_ACP"
+                                       "</Permission></Grant></AccessControlList></AccessControlPolicy>";
+    o = call(orbs3_put_bucket_acl, alice_.get(), "acl",
+             [&](orbs3_http_request_t* r) { set_body(r, grant_read_acp, true); });
+    ASSERT_EQ(o.rc, 0) << o.resource;
+    b = record("alice", "acl");
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(b->acl, ORBS3_ACL_READ_ACP);
 
     o = call(orbs3_put_bucket_acl, alice_.get(), "nope", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
     EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
