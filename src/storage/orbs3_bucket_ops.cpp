@@ -84,6 +84,11 @@ int sent(int rc)
     return rc == 0 ? 0 : -1;
 }
 
+// How long an owner that takes a name waits for others taking it at the same moment to give way, in
+// milliseconds. They give way as soon as they have looked; the wait only runs out when one of them ended
+// half way.
+constexpr int kClaimWaitMs = 200;
+
 }  // namespace
 
 int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const int* object_code,
@@ -121,15 +126,24 @@ int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bu
         ipd_log(LOG_ERR, "mkdir %s failed: %s", data_dir, std::strerror(errno));
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
-    // Every owner that takes a name makes its directory before it looks: whoever looks second sees the
-    // first. Seeing anyone else means giving the name back, so two racers never both keep it (both may
-    // give it back, and a retry settles it).
-    int owners = orbs3_bucket_owner_count(vhost, name);
-    if (owners == 1)
+    // Every owner that takes a name makes its directory before it looks, so whoever looks second sees
+    // the first. Among owners taking one name at once the one that sorts first keeps it: the others give
+    // way at once, and it waits until they have. An owner that already has its record keeps the name
+    // whatever its own name. A holder that neither gives way nor writes its record (a crash) holds the
+    // name until its directory is removed.
+    const std::string_view owner = view(bucket->owner_name);
+    int state = -1;
+    for (int waited_ms = 0; waited_ms <= kClaimWaitMs; waited_ms++) {
+        state = orbs3_bucket_claim_state(vhost, name, owner);
+        if (state != ORBS3_CLAIM_WAIT)
+            break;
+        usleep(1000);
+    }
+    if (state == ORBS3_CLAIM_ALONE)
         return 0;
     if (rmdir(data_dir) != 0)
         ipd_log(LOG_ERR, "rmdir %s failed: %s", data_dir, std::strerror(errno));
-    return static_cast<int>(owners < 0 ? ORBS3_S3_INTERNAL_ERROR : ORBS3_S3_BUCKET_ALREADY_EXISTS);
+    return static_cast<int>(state < 0 ? ORBS3_S3_INTERNAL_ERROR : ORBS3_S3_BUCKET_ALREADY_EXISTS);
 }
 
 int orbs3_dir_has_entries(const char* path)

@@ -15,10 +15,10 @@
                                        orbs3_access_chain_t chain, orbs3_bucket_t** out);
 
 // Takes the bucket name for its owner: makes the data directory that marks a name as taken, exclusively,
-// then counts the owners holding the name. A name that another owner holds or is taking at the same
-// moment is given back (the directory made here is removed), so of two racing owners at most one wins.
-// 0 when the name is the bucket's alone now; ORBS3_S3_BUCKET_ALREADY_EXISTS; ORBS3_S3_INTERNAL_ERROR when
-// the directories can't be made or read. The bucket's paths must be filled.
+// then settles with any other owner taking the name at the same moment (see orbs3_bucket_claim_state): of
+// owners racing for one name exactly one keeps it, the others' directories are removed again. 0 when the
+// name is the bucket's alone now; ORBS3_S3_BUCKET_ALREADY_EXISTS; ORBS3_S3_INTERNAL_ERROR when the
+// directories can't be made or read. The bucket's paths must be filled. May wait up to 200 ms for racers.
 [[nodiscard]] int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket);
 
 // 1 when the directory holds an entry (temporary files of a record replace aside), 0 when it holds none

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -282,9 +283,10 @@ void orbs3_free_bucket_list(neo_list_head_t* list)
     INIT_LIST_HEAD(list);
 }
 
-int orbs3_bucket_owner_count(const orbs3_vhost_t* vhost, std::string_view name)
+int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, std::string_view owner)
 {
-    if (vhost == nullptr || vhost->data_root.len == 0 || !safe_component(name))
+    if (vhost == nullptr || vhost->data_root.len == 0 || vhost->meta_root.len == 0 || !safe_component(name) ||
+        !safe_component(owner))
         return -1;
     char root[ORBS3_PATH_AREA];
     if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
@@ -292,13 +294,21 @@ int orbs3_bucket_owner_count(const orbs3_vhost_t* vhost, std::string_view name)
     dir_ptr d(opendir(root));
     if (!d)
         return -1;
-    int count = 0;
+    int state = ORBS3_CLAIM_ALONE;
     char rel[ORBS3_PATH_AREA];
+    char record[ORBS3_PATH_AREA];
     while (const dirent* e = readdir(d.get())) {
-        if (dot_entry(e->d_name))
+        if (dot_entry(e->d_name) || owner == e->d_name)
             continue;
-        if (join(rel, sizeof(rel), {e->d_name, "/", name}) == 0 && is_dir_at(d.get(), rel))
-            count++;
+        if (join(rel, sizeof(rel), {e->d_name, "/", name}) != 0 || !is_dir_at(d.get(), rel))
+            continue;
+        // A holder with its record has the bucket; one that sorts before us is taking it and we give way.
+        if (owner > std::string_view(e->d_name))
+            return ORBS3_CLAIM_YIELD;
+        if (join(record, sizeof(record), {view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0 ||
+            access(record, F_OK) == 0)
+            return ORBS3_CLAIM_YIELD;
+        state = ORBS3_CLAIM_WAIT;
     }
-    return count;
+    return state;
 }

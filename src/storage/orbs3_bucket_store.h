@@ -64,6 +64,12 @@ void orbs3_bucket_exit(orbs3_vhost_t* vhost);
 // Unlinks and frees every record of a list filled by the loaders; the head is left empty.
 void orbs3_free_bucket_list(neo_list_head_t* list);
 
-// How many owner directories of the data root hold a directory `name`: the owners that hold, or are
-// taking, the bucket name. -1 when the data root can't be read or the name is unsafe.
-[[nodiscard]] int orbs3_bucket_owner_count(const orbs3_vhost_t* vhost, std::string_view name);
+// Taking a bucket name: every owner that takes `name` makes "<data_root>/<owner>/<name>" first, then asks
+// what the other holders of the name mean for it:
+enum : int {
+    ORBS3_CLAIM_ALONE = 0,  // no other owner holds the name: it is ours
+    ORBS3_CLAIM_YIELD = 1,  // another holder has its record, or sorts before `owner`: the name is not ours
+    ORBS3_CLAIM_WAIT = 2,   // only holders that sort after `owner` and have no record yet: they give way
+};
+// -1 when the data root can't be read or a name is unsafe.
+[[nodiscard]] int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, std::string_view owner);
