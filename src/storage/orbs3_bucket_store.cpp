@@ -71,6 +71,18 @@ bool is_dir_at(DIR* d, const char* rel)
     return fstatat(dirfd(d), rel, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
 }
 
+// The vhost's data root, whose entries are the owners; null (logged) when it can't be opened.
+dir_ptr open_data_root(const orbs3_vhost_t* vhost)
+{
+    char root[ORBS3_PATH_AREA];
+    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+        return nullptr;
+    dir_ptr d(opendir(root));
+    if (!d)
+        ipd_debug("opendir %s failed: %s", root, std::strerror(errno));
+    return d;
+}
+
 orbs3_bucket_t* read_bucket_file(const char* path)
 {
     char* raw = nullptr;
@@ -103,14 +115,9 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
     out[0] = '\0';
     if (vhost == nullptr || vhost->data_root.len == 0 || vhost->meta_root.len == 0 || !safe_component(name))
         return -1;
-    char root[ORBS3_PATH_AREA];
-    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+    dir_ptr d = open_data_root(vhost);
+    if (!d)
         return -1;
-    dir_ptr d(opendir(root));
-    if (!d) {
-        ipd_debug("opendir %s failed: %s", root, std::strerror(errno));
-        return -1;
-    }
     char rel[ORBS3_PATH_AREA];
     while (const dirent* e = readdir(d.get())) {
         if (dot_entry(e->d_name))
@@ -253,14 +260,9 @@ int orbs3_load_all_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* u
 {
     if (list == nullptr || vhost == nullptr || vhost->data_root.len == 0)
         return -1;
-    char root[ORBS3_PATH_AREA];
-    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+    dir_ptr d = open_data_root(vhost);
+    if (!d)
         return -1;
-    dir_ptr d(opendir(root));
-    if (!d) {
-        ipd_debug("opendir %s failed: %s", root, std::strerror(errno));
-        return -1;
-    }
     while (const dirent* e = readdir(d.get())) {
         if (dot_entry(e->d_name) || !is_dir_at(d.get(), e->d_name))
             continue;
@@ -288,10 +290,7 @@ int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, 
     if (vhost == nullptr || vhost->data_root.len == 0 || vhost->meta_root.len == 0 || !safe_component(name) ||
         !safe_component(owner))
         return -1;
-    char root[ORBS3_PATH_AREA];
-    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
-        return -1;
-    dir_ptr d(opendir(root));
+    dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
     int state = ORBS3_CLAIM_ALONE;
