@@ -6,7 +6,7 @@ packages=(
   build-essential cmake ninja-build pkg-config clang libclang-rt-14-dev
   libssl-dev libmxml-dev libjson-c-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
-  python3 python3-pytest python3-boto3 awscli s3cmd curl procps
+  python3 python3-pytest python3-boto3 awscli s3cmd rclone curl procps
 )
 
 missing=()

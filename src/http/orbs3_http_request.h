@@ -150,6 +150,7 @@ struct orbs3_http_request_t {
     char file_path[1024];
     orbs3_connection_t* connection;
     orbs3_upload_file_t* file;
+    void* op_state;  // a handler's own record while its work goes on in later events
     const orbs3_s3_event_t* event;
     orbs3_pool_t* pool;
     orbs3_vhost_t* vhost;

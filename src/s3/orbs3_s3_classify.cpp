@@ -273,6 +273,26 @@ int load_query(orbs3_http_request_t* r, query_t* q, bool fill)
     return 0;
 }
 
+// Whether the query asks for an operation. A presigned URL carries its signature in the query, SDKs add
+// "x-id=<Operation>", and a download may carry "response-*" overrides: none of these makes a plain PUT an
+// UploadPart or a plain GET a ListParts.
+bool names_operation(const query_t& q)
+{
+    static constexpr std::string_view neutral[] = {
+        "X-Amz-Algorithm", "X-Amz-Credential", "X-Amz-Date",    "X-Amz-Expires", "X-Amz-SignedHeaders",
+        "X-Amz-Signature", "X-Amz-Security-Token", "AWSAccessKeyId", "Signature",  "Expires",
+        "x-id"};
+    for (const cgiFormEntry* e = q.entries(); e != nullptr; e = e->next) {
+        const std::string_view key = e->key != nullptr ? e->key : "";
+        bool skip = key.starts_with("response-");
+        for (std::string_view n : neutral)
+            skip = skip || key == n;
+        if (!skip)
+            return true;
+    }
+    return false;
+}
+
 // ---- bucket and object ----
 
 enum class level { service, bucket, object };
@@ -376,7 +396,7 @@ int classify_get(orbs3_http_request_t* r, bool virtual_style)
         return -1;
 
     if (t.at == level::object) {
-        if (r->args.len == 0)
+        if (!names_operation(q))
             return set_action(r, "GetObject");
         const char* a = match_query(q.entries(), orbs3_get_object_params);
         return set_action(r, a != nullptr ? a : "ListParts");
@@ -407,7 +427,7 @@ int classify_put(orbs3_http_request_t* r, bool virtual_style)
 
     if (t.at == level::bucket) {
         const char* a = match_header(r, orbs3_put_bucket_params);
-        if (a == nullptr && r->args.len == 0)
+        if (a == nullptr && !names_operation(q))
             a = "PutBucket";
         if (a == nullptr && !q.empty())
             a = match_query(q.entries(), orbs3_put_bucket_params);
@@ -416,7 +436,7 @@ int classify_put(orbs3_http_request_t* r, bool virtual_style)
         // No bucket row: an object operation on the empty key, which the handler refuses.
     }
 
-    if (r->args.len != 0) {
+    if (names_operation(q)) {
         const char* a = match_query(q.entries(), orbs3_put_object_params);
         return set_action(r, a != nullptr ? a : "UploadPart");
     }
@@ -439,7 +459,7 @@ int classify_delete(orbs3_http_request_t* r, bool virtual_style)
 
     if (t.at == level::bucket) {
         const char* a = match_header(r, orbs3_delete_bucket_params);
-        if (a == nullptr && r->args.len == 0)
+        if (a == nullptr && !names_operation(q))
             a = "DeleteBucket";
         if (a == nullptr)
             a = match_query(q.entries(), orbs3_delete_bucket_params);
@@ -447,7 +467,7 @@ int classify_delete(orbs3_http_request_t* r, bool virtual_style)
             return set_action(r, a);
     }
 
-    if (r->args.len != 0) {
+    if (names_operation(q)) {
         const char* a = match_query(q.entries(), orbs3_delete_object_params);
         return set_action(r, a != nullptr ? a : "AbortMultipartUpload");
     }

@@ -18,6 +18,7 @@
 #include "s3/orbs3_s3_signature.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_list_object.h"
+#include "storage/orbs3_object.h"
 
 orbs3_s3_blacklist_pt orbmux_check_service_blacklist = nullptr;
 
@@ -66,8 +67,8 @@ const orbs3_s3_event_t s3_events[] = {
     {"PutBucketRecycleConf", 0x53, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_recycle_conf
     {"GetBucketRecycleConf", 0x54, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_recycle_conf
     {"PutBucketMigration", 0x34, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_migration
-    {"PutObject", 0x101, orbs3_s3_not_implemented, 0},  // orbs3_put_object
-    {"GetObject", 0x102, orbs3_s3_not_implemented, 0},  // orbs3_get_object
+    {"PutObject", 0x101, orbs3_put_object, 0},
+    {"GetObject", 0x102, orbs3_get_object, 0},
     {"DeleteObject", 0x103, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_msg
     {"DeleteObjects", 0x104, orbs3_s3_not_implemented, 1},  // orbs3_delete_objects
     {"AppendObject", 0x105, orbs3_s3_not_implemented, 0},  // orbs3_append_object
@@ -236,8 +237,9 @@ int admit_and_run(orbs3_http_request_t* r)
             return static_cast<int>(status);
         }
     }
-    // A body in the streaming framing would reach a handler with its chunk signatures in it.
-    if (orbs3_s3_streaming_payload(r) && orbs3_http_has_body(r)) {
+    // A body in the streaming framing would reach a handler with its chunk signatures in it; PutObject
+    // takes the framing off as the body arrives.
+    if (orbs3_s3_streaming_payload(r) && orbs3_http_has_body(r) && r->event->handler != orbs3_put_object) {
         r->resp.message = "Payloads signed chunk by chunk are not accepted yet; send the body with a plain "
                           "payload hash.";
         return static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED);

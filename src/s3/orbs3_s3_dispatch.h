@@ -58,3 +58,6 @@ int orbs3_options_process(orbs3_http_request_t* r);
 // Object data that comes with such a request is read to its end first (and dropped), so the connection
 // stays usable; -2 while it is still coming.
 int orbs3_s3_not_implemented(orbs3_http_request_t* r);
+// Reads the request's object data to its end and drops it, then answers with `then` (NotImplemented
+// when null); -2 while the data is still coming. `then` takes over r->op_state's place.
+int orbs3_s3_drain_then(orbs3_http_request_t* r, orbs3_s3_handler_pt then);

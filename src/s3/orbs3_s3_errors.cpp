@@ -141,6 +141,12 @@ const orbs3_s3_error_t g_s3_error_info[] = {
     {0xc000091, 404, "DestKeyAlreadyExists", "The Dest Key you tried to copy already exists."},
     {0xc000092, 404, "CopyFailed", "Copy failed."},
     {0xc000400, 400, "OperationNotSupported", nullptr},
+    // Answers of this server that the table above has no distinct code for.
+    {0xc000401, 400, "XAmzContentSHA256Mismatch",
+     "The provided 'x-amz-content-sha256' header does not match what was computed."},
+    {0xc000402, 412, "PreconditionFailed", "At least one of the preconditions you specified did not hold."},
+    {0xc000403, 400, "InvalidRequest", "A key stands where this key needs a directory, or the reverse."},
+    {0xc000404, 400, "BadDigest", "The checksum you specified did not match what we received."},
     {0xffffffff, 0, "EndOff", nullptr},
 };
 

@@ -51,6 +51,14 @@ inline constexpr uint32_t ORBS3_S3_COPY_FAILED = 0xc000092;
 inline constexpr uint32_t ORBS3_S3_BUCKET_TOO_MUCH = 0xc000094;
 inline constexpr uint32_t ORBS3_S3_OBJECT_TOO_MUCH = 0xc000095;
 inline constexpr uint32_t ORBS3_S3_OPERATION_NOT_SUPPORTED = 0xc000400;
+inline constexpr uint32_t ORBS3_S3_INVALID_DIGEST = 0xc000025;
+inline constexpr uint32_t ORBS3_S3_INVALID_RANGE = 0xc000033;
+inline constexpr uint32_t ORBS3_S3_KEY_TOO_LONG = 0xc000049;
+inline constexpr uint32_t ORBS3_S3_METADATA_TOO_LARGE = 0xc000055;
+inline constexpr uint32_t ORBS3_S3_SHA256_MISMATCH = 0xc000401;
+inline constexpr uint32_t ORBS3_S3_PRECONDITION_FAILED = 0xc000402;
+inline constexpr uint32_t ORBS3_S3_KEY_CONFLICT = 0xc000403;
+inline constexpr uint32_t ORBS3_S3_CHECKSUM_MISMATCH = 0xc000404;
 
 // The first row with the code, or null.
 [[nodiscard]] const orbs3_s3_error_t* orbs3_s3_find_error(uint32_t code);

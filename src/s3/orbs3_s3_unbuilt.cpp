@@ -1,6 +1,7 @@
-// The answer of the actions whose handlers are not built yet. Their object data is read through the file
-// road into /dev/null, the digest taken as a real upload would (and logged), so that a client's upload
-// ends cleanly with the error and its connection can carry the next request.
+// The answer of the actions whose handlers are not built yet, and the reading of a body nobody keeps.
+// Such object data is read through the file road into /dev/null, the digest taken as a real upload would
+// (and logged), so that a client's upload ends cleanly with the answer and its connection can carry the
+// next request.
 #include <fcntl.h>
 
 #include <cstdio>
@@ -23,6 +24,11 @@ int not_implemented_status(orbs3_http_request_t* r)
 }
 
 void drain_again(orbs3_event_t* ev);
+
+// What answers once the body is read: the handler that asked for the drain.
+struct drain_then_t {
+    orbs3_s3_handler_pt then;
+};
 
 // One pass of the body into /dev/null, opened anew for every pass as an object file is. The status to
 // answer, -2, or ORBS3_HTTP_CLOSED.
@@ -52,7 +58,8 @@ int drain_pass(orbs3_http_request_t* r)
     ipd_log(LOG_INFO, "%.*s %.*s: body of %lld bytes, md5 %s", static_cast<int>(r->req_msg.action.len),
             r->req_msg.action.data, static_cast<int>(r->uri.len), r->uri.data, static_cast<long long>(file->size),
             file->etag);
-    return not_implemented_status(r);
+    auto* after = static_cast<const drain_then_t*>(r->op_state);
+    return after != nullptr && after->then != nullptr ? after->then(r) : not_implemented_status(r);
 }
 
 void drain_again(orbs3_event_t* ev)
@@ -76,6 +83,18 @@ int orbs3_s3_not_implemented(orbs3_http_request_t* r)
 {
     if (r->event == nullptr || r->event->read_body || !orbs3_http_has_body(r) || orbs3_http_body_consumed(r))
         return not_implemented_status(r);
+    return orbs3_s3_drain_then(r, nullptr);
+}
+
+int orbs3_s3_drain_then(orbs3_http_request_t* r, orbs3_s3_handler_pt then)
+{
+    if (!orbs3_http_has_body(r) || orbs3_http_body_consumed(r))
+        return then != nullptr ? then(r) : not_implemented_status(r);
+    auto* after = pool_new<drain_then_t>(r->pool);
+    if (after == nullptr)
+        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    after->then = then;
+    r->op_state = after;
     auto* file = pool_new<orbs3_upload_file_t>(r->pool);
     if (file == nullptr || neo_md5_init(&file->md5) != 0)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);

@@ -298,7 +298,7 @@ const char* object_ws(mxml_node_t* node, int where)
         return nullptr;
     if (std::strcmp(name, "object") == 0)
         return "\n";
-    if (std::strcmp(name, "tagging") == 0)
+    if (std::strcmp(name, "tagging") == 0 || std::strcmp(name, "meta") == 0)
         return "\n\t";
     return nullptr;
 }
@@ -545,6 +545,7 @@ void object_clear(orbs3_object_t* o)
     std::memset(static_cast<void*>(o), 0, sizeof(*o));
     o->pool = pool;
     INIT_LIST_HEAD(&o->tags);
+    INIT_LIST_HEAD(&o->meta);
 }
 
 void service_clear(orbs3_service_rec_t* s)
@@ -678,6 +679,22 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
             mxml_node_t* t = mxmlNewElement(root, "tagging");
             mxmlElementSetAttr(t, "key", capped(tag->key, ORBS3_REC_TAG_KEY_CAP).c_str());
             mxmlElementSetAttr(t, "value", capped(tag->value, ORBS3_REC_TAG_VALUE_CAP).c_str());
+        }
+    }
+    // Older readers know none of what follows and pass over it.
+    w.str(root, "content_type", o->content_type, ORBS3_REC_HEADER_CAP);
+    w.str(root, "cache_control", o->cache_control, ORBS3_REC_HEADER_CAP);
+    w.str(root, "content_disposition", o->content_disposition, ORBS3_REC_HEADER_CAP);
+    w.str(root, "content_encoding", o->content_encoding, ORBS3_REC_HEADER_CAP);
+    w.str(root, "expires", o->expires, ORBS3_REC_HEADER_CAP);
+    w.str(root, "checksum_algorithm", o->checksum_algorithm, ORBS3_REC_NAME_CAP);
+    w.str(root, "checksum", o->checksum, ORBS3_REC_NAME_CAP);
+    if (o->meta.next != nullptr) {
+        for (neo_list_head_t* pos = o->meta.next; pos != &o->meta; pos = pos->next) {
+            const auto* m = static_cast<const orbs3_tag_t*>(orbs3_list_node(pos)->data);
+            mxml_node_t* t = mxmlNewElement(root, "meta");
+            mxmlElementSetAttr(t, "key", capped(m->key, ORBS3_REC_META_CAP).c_str());
+            mxmlElementSetAttr(t, "value", capped(m->value, ORBS3_REC_META_CAP).c_str());
         }
     }
     return save_tree(xml, w.ok, object_ws, text);
@@ -886,6 +903,23 @@ int xml_parse_object(orbs3_object_t* o, const char* text)
         }
         r.str(t, "key", &tag->key, ORBS3_REC_TAG_KEY_CAP);
         r.str(t, "value", &tag->value, ORBS3_REC_TAG_VALUE_CAP);
+    }
+    r.str(root, "content_type", &o->content_type, ORBS3_REC_HEADER_CAP);
+    r.str(root, "cache_control", &o->cache_control, ORBS3_REC_HEADER_CAP);
+    r.str(root, "content_disposition", &o->content_disposition, ORBS3_REC_HEADER_CAP);
+    r.str(root, "content_encoding", &o->content_encoding, ORBS3_REC_HEADER_CAP);
+    r.str(root, "expires", &o->expires, ORBS3_REC_HEADER_CAP);
+    r.str(root, "checksum_algorithm", &o->checksum_algorithm, ORBS3_REC_NAME_CAP);
+    r.str(root, "checksum", &o->checksum, ORBS3_REC_NAME_CAP);
+    FOR_CHILDREN(t, root, "meta")
+    {
+        auto* m = static_cast<orbs3_tag_t*>(r.mem.alloc(sizeof(orbs3_tag_t)));
+        if (m == nullptr || !r.mem.append(&o->meta, m)) {
+            r.ok = false;
+            break;
+        }
+        r.str(t, "key", &m->key, ORBS3_REC_META_CAP);
+        r.str(t, "value", &m->value, ORBS3_REC_META_CAP);
     }
     if (!r.ok) {
         object_clear(o);

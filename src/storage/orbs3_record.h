@@ -27,6 +27,8 @@ inline constexpr std::size_t ORBS3_REC_TAG_KEY_CAP = 128;  // S3's limits for a 
 inline constexpr std::size_t ORBS3_REC_TAG_VALUE_CAP = 256;
 inline constexpr std::size_t ORBS3_REC_NUMBER_CAP = 20;    // quota texts: decimal kilobytes
 inline constexpr std::size_t ORBS3_REC_ACCEL_PATH_CAP = 31; // the accelerate path has a 32-byte area
+inline constexpr std::size_t ORBS3_REC_HEADER_CAP = 1023;   // a stored standard header of an object
+inline constexpr std::size_t ORBS3_REC_META_CAP = 2048;     // user metadata of an object, names and values
 
 // Object pools are this size; a record with many tags grows the pool.
 inline constexpr std::size_t ORBS3_OBJECT_POOL_SIZE = 1024;
@@ -96,6 +98,15 @@ struct orbs3_object_t {
     char fpath[ORBS3_REC_PATH_CAP + 1];  // this record file when written
     uint32_t is_dir;                     // 1 only for a directory entry of a listing
     neo_list_head_t tags;                // orbs3_list_node_t carrying orbs3_tag_t, in file order
+    // What the uploader said of the content, given back on GET and HEAD; unset when not sent.
+    orbs3_str_t content_type;
+    orbs3_str_t cache_control;
+    orbs3_str_t content_disposition;
+    orbs3_str_t content_encoding;
+    orbs3_str_t expires;
+    orbs3_str_t checksum_algorithm;  // "CRC32", "CRC32C", "SHA1" or "SHA256"
+    orbs3_str_t checksum;            // its value, base64, as S3 sends it
+    neo_list_head_t meta;            // orbs3_list_node_t carrying orbs3_tag_t: x-amz-meta-<key>, key lower case
     orbs3_pool_t* pool;
 };
 

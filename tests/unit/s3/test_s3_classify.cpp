@@ -106,6 +106,12 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"HEAD", "s3.example", "/b/k", P, "GetObject", "b", "k"},
         {"GET", "10.0.0.1", "/b/k", P, "GetObject", "b", "k"},  // an unknown host: the first vhost
         {"GET", "s3.example", "/b/k?x=1", P, "ListParts", "b", "k"},
+        // Signature parameters of a presigned URL, SDKs' x-id and response overrides ask for no operation.
+        {"GET", "s3.example", "/b/k?X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=c&X-Amz-Date=d&X-Amz-Expires=9"
+                              "&X-Amz-SignedHeaders=host&X-Amz-Signature=s", P, "GetObject", "b", "k"},
+        {"GET", "s3.example", "/b/k?response-content-type=text%2Fplain&x-id=GetObject", P, "GetObject", "b", "k"},
+        {"GET", "s3.example", "/b/k?AWSAccessKeyId=a&Signature=s&Expires=1&uploadId=u", P, "ListParts", "b", "k",
+         {}, {.upload_id = "u"}},
         {"GET", "s3.example", "/b/k?uploadId=u&max-parts=5", P, "ListParts", "b", "k", {}, {.upload_id = "u"}},
         {"GET", "s3.example", "/b/k?acl", P, "GetObjectAcl", "b", "k"},
         {"GET", "s3.example", "/b/k?tagging=&acl", P, "GetObjectAcl", "b", "k"},  // table order, not query order
@@ -148,6 +154,9 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"PUT", "s3.example", "/b/k?partNumber=1&uploadId=u", P, "UploadPart", "b", "k", {}, {.part_number = 1, .upload_id = "u"}},
         {"PUT", "s3.example", "/b/k?partNumber=1&uploadId=u", P, "UploadPart", "b", "k", {.copy_source = "/s/o"}},
         {"PUT", "s3.example", "/b?foo", P, "UploadPart", "b", ""},
+        {"PUT", "s3.example", "/b/k?AWSAccessKeyId=a&Signature=s&Expires=1", P, "PutObject", "b", "k"},
+        {"PUT", "s3.example", "/b?X-Amz-Signature=s&X-Amz-Credential=c", P, "PutBucket", "b", ""},
+        {"PUT", "s3.example", "/b/k?x-id=PutObject", P, "PutObject", "b", "k"},
         {"PUT", "s3.example", "/b?tagging", P, "PutObjectTagging", "b", ""},  // no bucket row: object rows
         {"PUT", "s3.example", "/b?acl", P, "PutBucketAcl", "b", ""},
         {"PUT", "s3.example", "/b", P, "PutBucketQuota", "b", "", {.orb_action = "Quota"}},
@@ -171,6 +180,8 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         // DELETE.
         {"DELETE", "s3.example", "/b", P, "DeleteBucket", "b", ""},
         {"DELETE", "s3.example", "/b/k", P, "DeleteObject", "b", "k"},
+        {"DELETE", "s3.example", "/b/k?X-Amz-Signature=s", P, "DeleteObject", "b", "k"},
+        {"DELETE", "s3.example", "/b?X-Amz-Signature=s", P, "DeleteBucket", "b", ""},
         {"DELETE", "s3.example", "/b/k?uploadId=u", P, "AbortMultipartUpload", "b", "k", {}, {.upload_id = "u"}},
         {"DELETE", "s3.example", "/b/k?vorne", P, "DeleteObjectVorne", "b", "k"},
         {"DELETE", "s3.example", "/b?lifecycle", P, "DeleteBucketLifeCycle", "b", ""},

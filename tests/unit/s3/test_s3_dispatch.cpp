@@ -83,7 +83,8 @@ TEST_F(Dispatch, AdmissionRefusesWhatItCannotPlaceAndRunsTheHandlerOfAKnownKey)
          "AuthorizationHeaderMalformed", "/"},
         {"Authorization: AWS NOSUCHKEY:abc\r\n", static_cast<int>(ORBS3_S3_INVALID_ACCESS_KEY_ID), "InvalidAccessKeyId",
          "/"},
-        // Admitted on the key alone while signatures are off: the handler's answer.
+        // Admitted on the key alone while signatures are off: the handler's answer (DeleteObject is not
+        // built yet).
         {"Authorization: AWS ADMINKEY:abc\r\n", static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED), "NotImplemented", "b/k"},
         {"Authorization: AWS4-HMAC-SHA256 Credential=ADMINKEY/20260101/us-east-1/s3/aws4_request, "
          "SignedHeaders=host, Signature=00\r\n",
@@ -92,7 +93,7 @@ TEST_F(Dispatch, AdmissionRefusesWhatItCannotPlaceAndRunsTheHandlerOfAKnownKey)
     for (const row& w : rows) {
         SCOPED_TRACE(w.auth);
         std::string reply;
-        EXPECT_EQ(run(std::string("GET /b/k HTTP/1.1\r\nHost: s3.example\r\n") + w.auth + "\r\n", &reply), w.status);
+        EXPECT_EQ(run(std::string("DELETE /b/k HTTP/1.1\r\nHost: s3.example\r\n") + w.auth + "\r\n", &reply), w.status);
         EXPECT_EQ(code_of(reply), w.code);
         EXPECT_NE(reply.find(std::string("<Resource>") + w.resource + "</Resource>"), std::string::npos) << reply;
         EXPECT_NE(reply.find("\r\nConnection: keep-alive\r\n"), std::string::npos);
@@ -110,7 +111,7 @@ TEST_F(Dispatch, AdmissionRefusesWhatItCannotPlaceAndRunsTheHandlerOfAKnownKey)
     const time_t now = std::time(nullptr);
     struct tm tm;
     std::strftime(date, sizeof date, "%a, %d %b %Y %H:%M:%S GMT", gmtime_r(&now, &tm));
-    EXPECT_EQ(run(std::string("GET /b/k HTTP/1.1\r\nHost: s3.example\r\nDate: ") + date +
+    EXPECT_EQ(run(std::string("DELETE /b/k HTTP/1.1\r\nHost: s3.example\r\nDate: ") + date +
                       "\r\nAuthorization: AWS ADMINKEY:abcdefghijklmnopqrstuvwxyz0=\r\n\r\n",
                   &reply),
               static_cast<int>(ORBS3_S3_SIGNATURE_DOES_NOT_MATCH));
@@ -120,14 +121,14 @@ TEST_F(Dispatch, OriginOtherThanHostIsEchoedUnlessItDoesNotFit)
 {
     const std::string auth = "Authorization: AWS ADMINKEY:abc\r\n";
     std::string reply;
-    run("GET /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: s3.example\r\n" + auth + "\r\n", &reply);
+    run("DELETE /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: s3.example\r\n" + auth + "\r\n", &reply);
     EXPECT_EQ(reply.find("Access-Control-Allow-Origin"), std::string::npos);
-    run("GET /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: http://app.example\r\n" + auth + "\r\n", &reply);
+    run("DELETE /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: http://app.example\r\n" + auth + "\r\n", &reply);
     EXPECT_NE(reply.find("\r\nAccess-Control-Allow-Origin:http://app.example\r\n"), std::string::npos) << reply;
     const std::string fits(ORBS3_RESP_ORIGIN_LEN - 1, 'o');
-    run("GET /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: " + fits + "\r\n" + auth + "\r\n", &reply);
+    run("DELETE /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: " + fits + "\r\n" + auth + "\r\n", &reply);
     EXPECT_NE(reply.find("Access-Control-Allow-Origin:" + fits + "\r\n"), std::string::npos);
-    run("GET /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: " + fits + "o\r\n" + auth + "\r\n", &reply);
+    run("DELETE /b/k HTTP/1.1\r\nHost: s3.example\r\nOrigin: " + fits + "o\r\n" + auth + "\r\n", &reply);
     EXPECT_EQ(reply.find("Access-Control-Allow-Origin"), std::string::npos) << "a cut origin would name another site";
     EXPECT_EQ(code_of(reply), "NotImplemented");
 }

@@ -1,0 +1,269 @@
+#include "storage/orbs3_object.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+
+#include "access/orbs3_access_check.h"
+#include "control/orbs3_service.h"
+#include "core/orbs3_config.h"
+#include "core/orbs3_log.h"
+#include "memory/neo_files.h"
+#include "memory/neo_md5.h"
+#include "s3/orbs3_s3_errors.h"
+#include "s3/orbs3_s3_sign_parts.h"
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_record.h"
+
+namespace {
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+// "<bucket>/<key>", cut to the area: it only names what was asked for.
+void set_resource(orbs3_http_request_t* r, std::string_view bucket, std::string_view key)
+{
+    std::string_view parts[] = {bucket, "/", key};
+    std::size_t len = 0;
+    for (std::string_view p : parts) {
+        std::size_t n = std::min(p.size(), sizeof r->resp.resource - 1 - len);
+        if (n != 0)
+            std::memcpy(r->resp.resource + len, p.data(), n);
+        len += n;
+    }
+    r->resp.resource[len] = '\0';
+}
+
+// A threshold text in kilobytes as bytes; -1 for none (unset, 0, not a number, or beyond int64).
+int64_t threshold_bytes(const orbs3_str_t& text)
+{
+    if (text.len == 0 || text.data == nullptr)
+        return -1;
+    char* end = nullptr;
+    errno = 0;
+    unsigned long long kb = std::strtoull(text.data, &end, 10);
+    if (errno != 0 || end == text.data || kb == 0 || kb > (static_cast<unsigned long long>(INT64_MAX) >> 10))
+        return -1;
+    return static_cast<int64_t>(kb << 10);
+}
+
+// A key the trees can hold as it is: within the configured lengths, no component that walks out of the
+// bucket or looks like a temporary file of this server.
+int key_status(std::string_view key)
+{
+    if (orbs3_check_objectname(key) == 0) {
+        std::size_t start = 0;
+        while (start <= key.size()) {
+            std::size_t end = key.find('/', start);
+            if (end == std::string_view::npos)
+                end = key.size();
+            if (key.substr(start, end - start).starts_with(ORBS3_RECORD_TMP_PREFIX))
+                return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+            start = end + 1;
+        }
+        return 0;
+    }
+    // Refused names either do not fit (too long, too deep) or are unsafe as paths.
+    bool unsafe = key.empty() || key.front() == '/' || key.find('\0') != std::string_view::npos;
+    std::size_t start = 0;
+    while (!unsafe && start <= key.size()) {
+        std::size_t end = key.find('/', start);
+        if (end == std::string_view::npos)
+            end = key.size();
+        std::string_view part = key.substr(start, end - start);
+        unsafe = part == "." || part == "..";
+        start = end + 1;
+    }
+    return static_cast<int>(unsafe ? ORBS3_S3_INVALID_ARGUMENT : ORBS3_S3_KEY_TOO_LONG);
+}
+
+struct object_free {
+    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
+};
+using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
+
+bool pool_set(orbs3_pool_t* pool, orbs3_str_t* s, std::string_view text)
+{
+    return text.empty() || orbs3_pstr_set(pool, s, text.data(), text.size()) == 0;
+}
+
+}  // namespace
+
+int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
+{
+    int64_t limit = -1;
+    if (vhost != nullptr && vhost->service_rec != nullptr)
+        limit = threshold_bytes(vhost->service_rec->quota.file_threshold);
+    if (bucket != nullptr) {
+        // The bucket's threshold is stored as a number of kilobytes too.
+        uint64_t kb = bucket->quota.file_threshold;
+        if (kb != 0 && kb <= (static_cast<uint64_t>(INT64_MAX) >> 10)) {
+            int64_t b = static_cast<int64_t>(kb << 10);
+            limit = limit < 0 ? b : std::min(limit, b);
+        }
+    }
+    return limit;
+}
+
+int orbs3_check_object_size(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket, int64_t length)
+{
+    int64_t limit = orbs3_object_size_limit(vhost, bucket);
+    return limit >= 0 && length > limit ? 1 : 0;
+}
+
+void Compute_file_md5(std::string_view name, int64_t size, std::string_view last_modified, char out[33])
+{
+    char text[ORBS3_PATH_AREA + 96];
+    int n = std::snprintf(text, sizeof text, "%.*s:%" PRId64 ":%.*s", static_cast<int>(name.size()), name.data(),
+                          size, static_cast<int>(last_modified.size()), last_modified.data());
+    std::size_t len = n < 0 ? 0 : std::min(static_cast<std::size_t>(n), sizeof text - 1);
+    neo_md5_t md5;
+    uint8_t digest[NEO_MD5_LEN] = {};
+    if (neo_md5_init(&md5) == 0) {
+        (void)neo_md5_update(&md5, text, len);
+        (void)neo_md5_final(digest, &md5);
+    }
+    static constexpr char digits[] = "0123456789abcdef";
+    for (std::size_t i = 0; i < NEO_MD5_LEN; i++) {
+        out[2 * i] = digits[digest[i] >> 4];
+        out[2 * i + 1] = digits[digest[i] & 15];
+    }
+    out[32] = '\0';
+}
+
+int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out, std::string_view* key)
+{
+    *out = nullptr;
+    const std::string_view bucket = view(r->req_msg.bucket);
+    *key = view(r->req_msg.object);
+    set_resource(r, bucket, *key);
+    if (bucket.empty())
+        return static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME);
+    if (key->empty())
+        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    if (orbs3_check_bucketname(bucket) != 0)
+        return static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME);
+    if (int st = key_status(*key); st != 0)
+        return st;
+    orbs3_bucket_t* b = orbs3_get_bucket(r->vhost, r->user, bucket);
+    if (b == nullptr)
+        return static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET);
+    if (orbs3_access_check_chain(r->vhost, r->user, b, r->connection->peer, nullptr, &object_code,
+                                 orbs3_access_chain_t::full) != 0) {
+        orbs3_free_bucket(b);
+        std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
+        return static_cast<int>(ORBS3_S3_ACCESS_DENIED);
+    }
+    if (orbs3_bucket_init_path(r->vhost, r->user, b, bucket) != 0) {
+        orbs3_free_bucket(b);
+        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    }
+    *out = b;
+    return 0;
+}
+
+int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta)
+{
+    static constexpr std::string_view prefix = "x-amz-meta-";
+    std::size_t total = 0;
+    bool too_large = false;
+    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+        if (h.lowcase_key == nullptr || too_large)
+            return;
+        const std::string_view name(h.lowcase_key, h.key.len);
+        const std::string_view value = orbs3_sign_trim(view(h.value));
+        std::string_view* standard = name == "content-type"          ? &meta->content_type
+                                     : name == "cache-control"       ? &meta->cache_control
+                                     : name == "content-disposition" ? &meta->content_disposition
+                                     : name == "content-encoding"    ? &meta->content_encoding
+                                     : name == "expires"             ? &meta->expires
+                                                                     : nullptr;
+        if (standard != nullptr) {
+            if (value.size() > ORBS3_REC_HEADER_CAP)
+                too_large = true;
+            *standard = value;
+            return;
+        }
+        if (!name.starts_with(prefix) || name.size() == prefix.size())
+            return;
+        total += name.size() - prefix.size() + value.size();
+        if (total > ORBS3_REC_META_CAP || meta->n == ORBS3_OBJECT_META_MAX) {
+            too_large = true;
+            return;
+        }
+        meta->keys[meta->n] = name.substr(prefix.size());
+        meta->values[meta->n] = value;
+        meta->n++;
+    });
+    if (too_large)
+        return static_cast<int>(ORBS3_S3_METADATA_TOO_LARGE);
+    // "aws-chunked" names the framing of this upload, not the content: it is not kept.
+    std::string_view enc = meta->content_encoding;
+    if (enc == "aws-chunked")
+        meta->content_encoding = {};
+    else if (enc.starts_with("aws-chunked,"))
+        meta->content_encoding = orbs3_sign_trim(enc.substr(12));
+    return 0;
+}
+
+int orbs3_object_write_record(const orbs3_http_request_t* r, std::string_view key, const char* meta_path,
+                              const char* data_path, const char* etag, int64_t size, const char* stamp,
+                              const orbs3_object_meta_t* meta)
+{
+    object_ptr o(orbs3_create_object_block());
+    if (!o)
+        return -1;
+    INIT_LIST_HEAD(&o->tags);
+    INIT_LIST_HEAD(&o->meta);
+    orbs3_pool_t* pool = o->pool;
+    o->size = static_cast<uint64_t>(size);
+    o->acl = ORBS3_ACL_FULL_CONTROL;
+    std::snprintf(o->path, sizeof o->path, "%s", data_path);
+    std::snprintf(o->fpath, sizeof o->fpath, "%s", meta_path);
+    bool ok = pool_set(pool, &o->name, key) && pool_set(pool, &o->etag, etag) &&
+              pool_set(pool, &o->last_modified, stamp) && pool_set(pool, &o->owner_id, view(r->user->UserId)) &&
+              pool_set(pool, &o->owner_display_name, view(r->user->DisPlayName)) &&
+              pool_set(pool, &o->content_type, meta->content_type) &&
+              pool_set(pool, &o->cache_control, meta->cache_control) &&
+              pool_set(pool, &o->content_disposition, meta->content_disposition) &&
+              pool_set(pool, &o->content_encoding, meta->content_encoding) &&
+              pool_set(pool, &o->expires, meta->expires) &&
+              pool_set(pool, &o->checksum_algorithm, meta->checksum_algorithm) &&
+              pool_set(pool, &o->checksum, meta->checksum);
+    for (std::size_t i = 0; ok && i < meta->n; i++) {
+        auto* tag = static_cast<orbs3_tag_t*>(orbs3_pcalloc(pool, sizeof(orbs3_tag_t)));
+        auto* node = static_cast<orbs3_list_node_t*>(orbs3_pcalloc(pool, sizeof(orbs3_list_node_t)));
+        ok = tag != nullptr && node != nullptr && pool_set(pool, &tag->key, meta->keys[i]) &&
+             pool_set(pool, &tag->value, meta->values[i]);
+        if (ok) {
+            node->data = tag;
+            list_add_tail(&node->list, &o->meta);
+        }
+    }
+    if (!ok)
+        return -1;
+    if (orbs3_make_dir_by_name(key, meta_path) != 0)
+        return -1;
+    return orbs3_save_object(o.get(), meta_path);
+}
+
+void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes)
+{
+    const char* meta_file = neo_getstr(&bucket->meta_file);
+    orbs3_bucket_t* fresh = orbs3_create_bucket_from_file(meta_file);
+    if (fresh == nullptr) {
+        ipd_log(LOG_ERR, "bucket record %s unreadable, statistics not changed", meta_file);
+        return;
+    }
+    auto add = [](uint64_t v, int64_t d) { return d < 0 && v < static_cast<uint64_t>(-d) ? 0 : v + d; };
+    fresh->stat.object_count = add(fresh->stat.object_count, objects);
+    fresh->stat.storage_in_bytes = add(fresh->stat.storage_in_bytes, bytes);
+    if (orbs3_save_bucket(fresh, meta_file) != 0)
+        ipd_log(LOG_ERR, "bucket record %s not written: %s", meta_file, std::strerror(errno));
+    orbs3_free_bucket(fresh);
+}

@@ -1,0 +1,62 @@
+// An object's bytes: PutObject streams the body into a temporary file beside the object and commits it
+// by a rename once it is whole and verified; GetObject and HeadObject serve the data file with what the
+// object's record says of it.
+#pragma once
+
+#include <cstdint>
+#include <string_view>
+
+#include "http/orbs3_http_request.h"
+#include "storage/orbs3_bucket.h"
+
+struct orbs3_vhost_t;
+struct orbs3_object_t;
+
+// 0 when an object of `length` bytes is allowed by the tenant's and the bucket's file_threshold (in
+// kilobytes, 0 or unset: no limit; a length equal to the threshold passes), 1 when not.
+[[nodiscard]] int orbs3_check_object_size(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket, int64_t length);
+
+// The ETag of an object without a digest of its content (a directory object): the MD5, in hex, of
+// "<name>:<size>:<last_modified>". `out` gets 32 digits and a NUL.
+void Compute_file_md5(std::string_view name, int64_t size, std::string_view last_modified, char out[33]);
+
+// The checks every object action starts with: bucket and key present and legal, the bucket's record
+// read, the access chain run with the object code. 0 with *out set (its paths filled; the caller frees
+// it), or a status with r->resp.resource "<bucket>/<key>". `key` gets the key.
+[[nodiscard]] int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out,
+                                              std::string_view* key);
+
+// The largest object file_threshold allows, in bytes; -1 when there is no limit.
+[[nodiscard]] int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket);
+
+// What an uploader says of an object besides its bytes, as views into the request.
+inline constexpr std::size_t ORBS3_OBJECT_META_MAX = 64;  // x-amz-meta-* headers of one object
+struct orbs3_object_meta_t {
+    std::string_view content_type;
+    std::string_view cache_control;
+    std::string_view content_disposition;
+    std::string_view content_encoding;  // without the "aws-chunked" of the transfer
+    std::string_view expires;
+    std::string_view checksum_algorithm;  // "CRC32", ... once the upload's checksum matched
+    std::string_view checksum;
+    std::size_t n = 0;
+    std::string_view keys[ORBS3_OBJECT_META_MAX];  // lower case, without "x-amz-meta-"
+    std::string_view values[ORBS3_OBJECT_META_MAX];
+};
+// Collects them from the request's headers. 0, or ORBS3_S3_METADATA_TOO_LARGE when the user metadata
+// passes 2 KiB (names and values) or 64 headers, or a standard header passes 1023 bytes.
+[[nodiscard]] int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta);
+
+// Writes the object's record at `meta_path` (its directories made as needed), replacing any old one
+// whole: owner from the requester, acl 1, the given ETag, size and time stamp, and `meta`. 0 or -1.
+[[nodiscard]] int orbs3_object_write_record(const orbs3_http_request_t* r, std::string_view key,
+                                            const char* meta_path, const char* data_path, const char* etag,
+                                            int64_t size, const char* stamp, const orbs3_object_meta_t* meta);
+
+// Counts an object in or out of the bucket's statistics: the record is read again from its file just
+// before, so that changes other requests made to it meanwhile stay. Failures are logged.
+void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes);
+
+int orbs3_put_object(orbs3_http_request_t* r);
+// GET and HEAD of an object.
+int orbs3_get_object(orbs3_http_request_t* r);

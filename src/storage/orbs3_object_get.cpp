@@ -1,0 +1,263 @@
+// GetObject and HeadObject: the data file's bytes, whole or one range, with what the object's record says
+// of them (ETag, Last-Modified, content headers, user metadata). A data file without a record is served
+// with what the file itself tells.
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cinttypes>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <memory>
+
+#include "access/orbs3_access_check.h"
+#include "control/orbs3_service.h"
+#include "core/orbs3_log.h"
+#include "http/orbs3_http_conditional.h"
+#include "http/orbs3_http_range.h"
+#include "http/orbs3_http_response.h"
+#include "s3/orbs3_s3_errors.h"
+#include "s3/orbs3_s3_sign_parts.h"
+#include "storage/orbs3_checksum.h"
+#include "storage/orbs3_file_helpers.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_object.h"
+#include "storage/orbs3_record.h"
+
+namespace {
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+struct object_free {
+    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
+};
+using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
+
+struct fd_closer {
+    int fd = -1;
+    ~fd_closer()
+    {
+        if (fd >= 0)
+            close(fd);
+    }
+    int release()
+    {
+        int f = fd;
+        fd = -1;
+        return f;
+    }
+};
+
+// Last-Modified in the form HTTP gives it, "Sun, 06 Nov 1994 08:49:37 GMT", whatever the locale.
+void http_date(time_t t, char* out, std::size_t room)
+{
+    static constexpr const char* days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
+    static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+    struct tm tm {};
+    gmtime_r(&t, &tm);
+    std::snprintf(out, room, "%s, %02d %s %04d %02d:%02d:%02d GMT", days[tm.tm_wday % 7], tm.tm_mday,
+                  months[tm.tm_mon % 12], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
+}
+
+// A record stamp "2026-07-01T12:00:00.000Z" as a time; -1 when it is not one.
+time_t meta_time(std::string_view stamp)
+{
+    struct tm tm {};
+    char text[32];
+    if (stamp.size() < 19 || stamp.size() >= sizeof text)
+        return -1;
+    std::memcpy(text, stamp.data(), stamp.size());
+    text[stamp.size()] = '\0';
+    const char* end = strptime(text, "%Y-%m-%dT%H:%M:%S", &tm);
+    if (end == nullptr)
+        return -1;
+    return timegm(&tm);
+}
+
+int add(orbs3_http_request_t* r, const char* name, std::string_view value)
+{
+    char text[ORBS3_REC_META_CAP + 1];
+    std::size_t n = std::min(value.size(), sizeof text - 1);
+    std::memcpy(text, value.data(), n);
+    text[n] = '\0';
+    return orbs3_http_set_response_headers(r, name, text);
+}
+
+// What the reply says of the object.
+struct object_view_t {
+    char etag[40];       // quoted
+    char modified[40];   // HTTP date
+    time_t mtime;
+    std::string_view etag_bare;
+    const orbs3_object_t* record;  // null when the data file has none that matches it
+};
+
+int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::string_view key)
+{
+    int rc = orbs3_http_set_response_headers(r, "ETag", o.etag) |
+             orbs3_http_set_response_headers(r, "Last-Modified", o.modified) |
+             orbs3_http_set_response_headers(r, "Accept-Ranges", "bytes");
+    const orbs3_object_t* rec = o.record;
+    std::string_view type = rec != nullptr ? view(rec->content_type) : std::string_view();
+    if (type.empty()) {
+        const char* by_suffix = get_content_type(key);
+        type = by_suffix != nullptr ? by_suffix : "text/html";
+    }
+    rc |= add(r, "Content-type", type);
+    if (rec == nullptr)
+        return rc;
+    const std::pair<const char*, const orbs3_str_t*> standard[] = {{"Cache-Control", &rec->cache_control},
+                                                                    {"Content-Disposition", &rec->content_disposition},
+                                                                    {"Content-Encoding", &rec->content_encoding},
+                                                                    {"Expires", &rec->expires}};
+    for (const auto& [name, value] : standard) {
+        if (value->len != 0)
+            rc |= add(r, name, view(*value));
+    }
+    // The additional checksum is given only to a client that asks for it.
+    std::string_view mode;
+    if (rec->checksum.len != 0 && orbs3_sign_find_header(r, "x-amz-checksum-mode", &mode) &&
+        orbs3_sign_iequals(mode, "ENABLED")) {
+        std::string_view name = orbs3_checksum_header_name(orbs3_checksum_alg_of_word(view(rec->checksum_algorithm)));
+        if (!name.empty()) {
+            char text[64];
+            std::snprintf(text, sizeof text, "%.*s", static_cast<int>(name.size()), name.data());
+            rc |= add(r, text, view(rec->checksum));
+        }
+    }
+    if (rec->meta.next != nullptr) {
+        for (neo_list_head_t* pos = rec->meta.next; pos != &rec->meta; pos = pos->next) {
+            const auto* m = static_cast<const orbs3_tag_t*>(orbs3_list_node(pos)->data);
+            char name[ORBS3_REC_META_CAP + 16];
+            std::snprintf(name, sizeof name, "x-amz-meta-%.*s", static_cast<int>(m->key.len), m->key.data);
+            rc |= add(r, name, view(m->value));
+        }
+    }
+    return rc;
+}
+
+// 416 with the size in Content-Range and an InvalidRange document.
+int send_invalid_range(orbs3_http_request_t* r, int64_t size)
+{
+    char range[64];
+    (void)orbs3_http_content_range(range, sizeof range, nullptr, size);
+    char* doc = make_s3_error_resp_xml_ex(ORBS3_S3_INVALID_RANGE, r->resp.resource, r->resp.request_id, nullptr);
+    if (doc == nullptr)
+        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    std::unique_ptr<char, decltype(&__free__)> owned(doc, &__free__);
+    const bool head = r->method == ORBS3_HTTP_HEAD;
+    char length[24];
+    std::snprintf(length, sizeof length, "%zu", head ? std::size_t{0} : std::strlen(doc));
+    r->headers_out.status_line = {std::strlen("416 Requested Range Not Satisfiable"),
+                                  const_cast<char*>("416 Requested Range Not Satisfiable")};
+    if ((orbs3_http_set_response_headers(r, "Content-Range", range) |
+         orbs3_http_set_response_headers(r, "Content-Type", "application/xml") |
+         orbs3_http_set_response_headers(r, "Content-Length", length)) != 0 ||
+        orbs3_http_send_headers(r) != 0)
+        return -1;
+    if (head)
+        return 0;
+    return orbs3_http_send_response_data(r->connection, doc) == 0 ? 0 : -1;
+}
+
+}  // namespace
+
+int orbs3_get_object(orbs3_http_request_t* r)
+{
+    orbs3_bucket_t* raw = nullptr;
+    std::string_view key;
+    int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_READ, &raw, &key);
+    if (rc != 0)
+        return rc;
+    std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)> bucket(raw, &orbs3_free_bucket);
+    // A directory object has no bytes to serve.
+    if (key.back() == '/')
+        return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+    orbs3_object_path_t path;
+    if (orbs3_make_object_path(raw, key, "", &path) != 0)
+        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+
+    fd_closer file{open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+    struct stat st;
+    if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode))
+        return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+    const int64_t size = st.st_size;
+
+    // The record counts only when it describes this file: a record that lags behind a commit in progress
+    // would give another object's ETag.
+    object_ptr rec(orbs3_create_object_from_file(path.meta_path));
+    if (rec && static_cast<int64_t>(rec->size) != size)
+        rec.reset();
+    object_view_t o{};
+    o.record = rec.get();
+    o.mtime = rec ? meta_time(view(rec->last_modified)) : -1;
+    if (o.mtime < 0)
+        o.mtime = st.st_mtime;
+    http_date(o.mtime, o.modified, sizeof o.modified);
+    char derived[33];
+    if (rec && rec->etag.len != 0) {
+        std::snprintf(o.etag, sizeof o.etag, "\"%.*s\"", static_cast<int>(rec->etag.len), rec->etag.data);
+    } else {
+        char stamp[32];
+        std::snprintf(stamp, sizeof stamp, "%lld", static_cast<long long>(st.st_mtime));
+        Compute_file_md5(key, size, stamp, derived);
+        std::snprintf(o.etag, sizeof o.etag, "\"%s\"", derived);
+    }
+    o.etag_bare = std::string_view(o.etag + 1, std::strlen(o.etag) - 2);
+
+    orbs3_conditional_t cond{};
+    std::string_view v;
+    if (orbs3_sign_find_header(r, "if-match", &v))
+        cond.if_match = v;
+    if (orbs3_sign_find_header(r, "if-none-match", &v))
+        cond.if_none_match = v;
+    if (orbs3_sign_find_header(r, "if-modified-since", &v))
+        cond.if_modified_since = v;
+    if (orbs3_sign_find_header(r, "if-unmodified-since", &v))
+        cond.if_unmodified_since = v;
+    int verdict = orbs3_http_conditional_result(&cond, o.etag_bare, o.mtime);
+    if (verdict == ORBS3_CONDITIONAL_PRECONDITION_FAILED)
+        return static_cast<int>(ORBS3_S3_PRECONDITION_FAILED);
+    if (verdict == ORBS3_CONDITIONAL_NOT_MODIFIED) {
+        r->headers_out.status_line = {std::strlen("304 Not Modified"), const_cast<char*>("304 Not Modified")};
+        if ((orbs3_http_set_response_headers(r, "ETag", o.etag) |
+             orbs3_http_set_response_headers(r, "Last-Modified", o.modified)) != 0 ||
+            orbs3_http_send_headers(r) != 0)
+            return -1;
+        return 0;
+    }
+
+    orbs3_byte_range_t range{0, size - 1};
+    int ranged = ORBS3_RANGE_NONE;
+    if (orbs3_sign_find_header(r, "range", &v))
+        ranged = orbs3_http_range_resolve(v, size, &range);
+    if (ranged == ORBS3_RANGE_UNSATISFIABLE)
+        return send_invalid_range(r, size);
+    int64_t offset = 0, length = size;
+    if (ranged == ORBS3_RANGE_ONE) {
+        offset = range.first;
+        length = range.last - range.first + 1;
+        char text[64];
+        (void)orbs3_http_content_range(text, sizeof text, &range, size);
+        r->headers_out.status_line = {std::strlen("206 Partial Content"), const_cast<char*>("206 Partial Content")};
+        if (orbs3_http_set_response_headers(r, "Content-Range", text) != 0)
+            return -1;
+    } else {
+        r->headers_out.status_line = {std::strlen("200 OK"), const_cast<char*>("200 OK")};
+    }
+    char len_text[24];
+    std::snprintf(len_text, sizeof len_text, "%" PRId64, length);
+    if (add_object_headers(r, o, key) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0 ||
+        orbs3_http_send_headers(r) != 0)
+        return -1;
+    if (r->method == ORBS3_HTTP_HEAD || length == 0)
+        return 0;
+    // The connection takes the descriptor; the bytes go out with sendfile as the socket takes them.
+    return orbs3_http_send_file(r->connection, file.release(), offset, length) == 0 ? 0 : -1;
+}
