@@ -251,7 +251,7 @@ int commit(orbs3_http_request_t* r, put_state_t* st)
 
 // One pass of the body: from the socket into the temporary file until the socket runs dry or the body
 // ends. The status to answer, 0 once answered, -2 while waiting, ORBS3_HTTP_CLOSED when nobody is left.
-int put_pass(orbs3_http_request_t* r, put_state_t* st)
+int put_pass_body(orbs3_http_request_t* r, put_state_t* st)
 {
     orbs3_upload_file_t* file = &st->file;
     // The file is opened for each pass and closed at each pause: a slow client holds no descriptor.
@@ -315,6 +315,18 @@ int put_pass(orbs3_http_request_t* r, put_state_t* st)
             return static_cast<int>(ORBS3_S3_SHA256_MISMATCH);
     }
     return commit(r, st);
+}
+
+// A refused upload gives its temporary file up at once: the request itself may live on a while (its
+// connection drains the rest of the body before it closes).
+int put_pass(orbs3_http_request_t* r, put_state_t* st)
+{
+    int status = put_pass_body(r, st);
+    if (status > 0 && !st->committed && st->file.path[0] != '\0') {
+        unlink(st->file.path);
+        st->file.path[0] = '\0';
+    }
+    return status;
 }
 
 void put_again(orbs3_event_t* ev)
