@@ -53,6 +53,7 @@ orbmux started: master pid $(cat "$pidfile"), prefix $prefix
   try:               export AWS_ACCESS_KEY_ID=$(field access_key) AWS_SECRET_ACCESS_KEY=$(field secret_key)
                      aws --endpoint-url $endpoint --region us-east-1 s3 mb s3://demo-bucket
                      aws --endpoint-url $endpoint --region us-east-1 s3 ls
-                     aws --endpoint-url $endpoint --region us-east-1 s3 rb s3://demo-bucket
-                     (buckets work; object operations answer NotImplemented until they are built)
+                     aws --endpoint-url $endpoint --region us-east-1 s3 cp README.md s3://demo-bucket/README.md
+                     aws --endpoint-url $endpoint --region us-east-1 s3 cp s3://demo-bucket/README.md /tmp/README.copy
+                     (listing and deleting objects are not built yet; s3 rb works on a bucket without objects)
 TXT
