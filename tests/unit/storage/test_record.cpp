@@ -383,6 +383,51 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
     }
 }
 
+// What an uploader said of its object rides behind the record's own fields: a record without them reads
+// as before, one with them keeps every value, and the user metadata keeps its order.
+TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
+{
+    temp_dir dir;
+    object_ptr o(sample_object(), orbs3_free_object);
+    INIT_LIST_HEAD(&o->meta);
+    orbs3_pool_t* p = o->pool;
+    set(p, &o->content_type, "text/plain; charset=utf-8");
+    set(p, &o->cache_control, "max-age=60");
+    set(p, &o->content_disposition, "attachment; filename=\"a&b.txt\"");
+    set(p, &o->content_encoding, "gzip");
+    set(p, &o->expires, "Wed, 21 Oct 2026 07:28:00 GMT");
+    set(p, &o->checksum_algorithm, "CRC32C");
+    set(p, &o->checksum, "yZRlqg==");
+    for (auto [k, v] : {std::pair{"zeta", "<last>"}, {"alpha", "first & \"quoted\""}}) {
+        auto* t = make<orbs3_tag_t>(p);
+        set(p, &t->key, k);
+        set(p, &t->value, v);
+        push(p, &o->meta, t);
+    }
+    const std::string path = dir.path + "/object.xml";
+    ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
+    object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
+    ASSERT_NE(back, nullptr);
+    expect_same_object(o.get(), back.get());
+    for (auto field : {&orbs3_object_t::content_type, &orbs3_object_t::cache_control,
+                       &orbs3_object_t::content_disposition, &orbs3_object_t::content_encoding,
+                       &orbs3_object_t::expires, &orbs3_object_t::checksum_algorithm, &orbs3_object_t::checksum})
+        EXPECT_EQ(str(o.get()->*field), str(back.get()->*field));
+    auto meta = items<orbs3_tag_t>(&back->meta);
+    ASSERT_EQ(meta.size(), 2u);
+    EXPECT_EQ(str(meta[0]->key), "zeta");
+    EXPECT_EQ(str(meta[0]->value), "<last>");
+    EXPECT_EQ(str(meta[1]->value), "first & \"quoted\"");
+
+    // The golden record, written before these fields existed, reads with all of them unset.
+    const std::string old_path = dir.path + "/old.xml";
+    std::ofstream(old_path, std::ios::binary) << golden("object.xml");
+    object_ptr old(orbs3_create_object_from_file(old_path.c_str()), orbs3_free_object);
+    ASSERT_NE(old, nullptr);
+    EXPECT_EQ(old->content_type.len, 0u);
+    EXPECT_TRUE(items<orbs3_tag_t>(&old->meta).empty());
+}
+
 TEST(Record, EmptyRecordsKeepListsEmptyAndDefaultsOut)
 {
     bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
