@@ -567,3 +567,23 @@ def test_one_gib_streams_through_in_bounded_memory(tenant):
             back.update(chunk)
     assert back.hexdigest() == digest.hexdigest()
     os.unlink(tenant.data_path("large/one-gib.bin"))
+
+
+@pytest.mark.parametrize("setting", [None, "WHEN_REQUIRED"], ids=["default-checksums", "when-required"])
+def test_boto3_transfers_with_either_checksum_setting(tenant, tmp_path, monkeypatch, setting):
+    """boto3's managed transfer (upload_file, download_file) as applications use it. Newer botocore sends
+    a CRC32 trailer unless AWS_REQUEST_CHECKSUM_CALCULATION=WHEN_REQUIRED; the botocore of this machine
+    may predate that and then behaves the same under both settings."""
+    if setting is None:
+        monkeypatch.delenv("AWS_REQUEST_CHECKSUM_CALCULATION", raising=False)
+    else:
+        monkeypatch.setenv("AWS_REQUEST_CHECKSUM_CALCULATION", setting)
+    s3 = client(tenant)
+    src = tmp_path / "transfer.bin"
+    data = os.urandom(5 << 20)
+    src.write_bytes(data)
+    key = f"transfer/{setting or 'default'}.bin"
+    s3.upload_file(str(src), BUCKET, key)
+    s3.download_file(BUCKET, key, str(tmp_path / "back.bin"))
+    assert (tmp_path / "back.bin").read_bytes() == data
+    assert s3.head_object(Bucket=BUCKET, Key=key)["ETag"] == f'"{md5(data)}"'
