@@ -235,7 +235,10 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
         return fail(r, static_cast<uint32_t>(rc), name);
     // The record comes last and whole: until it stands the bucket answers NoSuchBucket, and a bucket
     // that could not be completed is taken apart again, so no name stays taken without a record.
-    bool made = neo_mkdir_p(neo_getstr(&b->meta_dir), ORBS3_DIR_MODE) == 0 &&
+    std::string record_dir(neo_getstr(&b->meta_file));
+    record_dir.resize(record_dir.rfind('/'));
+    bool made = neo_mkdir_p(record_dir.c_str(), ORBS3_DIR_MODE) == 0 &&
+                neo_mkdir_p(neo_getstr(&b->meta_dir), ORBS3_DIR_MODE) == 0 &&
                 neo_mkdir_p(neo_getstr(&b->recycle_dir), ORBS3_DIR_MODE) == 0 &&
                 neo_mkdir_p(neo_getstr(&b->version_dir), ORBS3_DIR_MODE) == 0 &&
                 orbs3_save_bucket(b.get(), neo_getstr(&b->meta_file)) == 0;

@@ -158,10 +158,6 @@ int orbs3_bucket_init_path(const orbs3_vhost_t* vhost, const orbs3_user_t* /*use
         join(recycle_dir, ORBS3_PATH_AREA, {view(vhost->recycle_root), "/", owner, "/", name}) != 0)
         return -1;
 
-    // The only path function that touches the disk: the first bucket of a new owner needs this directory.
-    if (mkdir_p(meta_file, ORBS3_DIR_MODE) != 0)
-        ipd_debug("mkdir %s failed: %s", meta_file, std::strerror(errno));
-
     std::size_t dir_len = std::strlen(meta_file);
     if (join(meta_file + dir_len, ORBS3_PATH_AREA - dir_len, {name}) != 0)
         return -1;

@@ -56,8 +56,8 @@ struct orbs3_object_path_t {
 void orbs3_reload_path();
 
 // Fills data_dir, meta_file, meta_dir, version_dir and recycle_dir of `bucket` (in its pool) for the
-// bucket `name` of its owner `owner_name`, and makes "<meta_root>/<owner>/bucket/" so that the first
-// bucket of a new owner finds it. `user` takes no part. -1 when the bucket name or the owner name is
+// bucket `name` of its owner `owner_name`. Nothing on disk is touched: every request of the bucket calls
+// this, and only PutBucket needs the directories. `user` takes no part. -1 when the bucket name or the owner name is
 // unsafe as a path component (empty, ".", "..", holding "/" or NUL), a path does not fit its area, or
 // memory runs out; else 0.
 [[nodiscard]] int orbs3_bucket_init_path(const orbs3_vhost_t* vhost, const orbs3_user_t* user,

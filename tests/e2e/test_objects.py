@@ -336,6 +336,10 @@ def test_a_worker_killed_mid_upload_leaves_the_old_object(tenant):
     wait_port(tenant.port)
     got = wait_for(lambda: _get_or_none(s3, "survivor"), timeout=30, what="the object served again")
     assert got == b"before the crash"
+    # The killed upload's temporary file is what a crash leaves: never served, and removable by hand.
+    leftovers = tenant.temp_files()
+    assert len(leftovers) == 1 and os.path.dirname(leftovers[0]) == os.path.dirname(tenant.data_path("survivor"))
+    os.unlink(leftovers[0])
 
 
 def _get_or_none(s3, key):

@@ -323,6 +323,9 @@ TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
     bucket_ptr b = make("bob");
     ASSERT_NE(a, nullptr);
     ASSERT_NE(b, nullptr);
+    // Where a winner writes its record, as PutBucket makes it.
+    for (const orbs3_bucket_t* x : {a.get(), b.get()})
+        fs::create_directories(fs::path(neo_getstr(&x->meta_file)).parent_path());
     const std::string a_dir = str(a->data_dir), b_dir = str(b->data_dir);
 
     // Taken by one owner: refused for the other, whose directory goes again, and for the owner itself,

@@ -92,8 +92,11 @@ protected:
         b->owner_id = b->owner_name;
         b->acl = acl;
         b->stat.object_count = 7;
-        if (orbs3_bucket_init_path(&vh_, nullptr, b.get(), name) != 0 ||
-            mkdir_p(b->data_dir.data, ORBS3_DIR_MODE) != 0 || orbs3_save_bucket(b.get(), b->meta_file.data) != 0)
+        if (orbs3_bucket_init_path(&vh_, nullptr, b.get(), name) != 0)
+            return {};
+        const std::string record_dir = fs::path(str(b->meta_file)).parent_path();
+        if (mkdir_p(record_dir.c_str(), ORBS3_DIR_MODE) != 0 || mkdir_p(b->data_dir.data, ORBS3_DIR_MODE) != 0 ||
+            orbs3_save_bucket(b.get(), b->meta_file.data) != 0)
             return {};
         return str(b->meta_file);
     }

@@ -210,8 +210,8 @@ TEST_F(Layout, RootsAndBucketPathsFollowTheTreeLayout)
     EXPECT_EQ(str(bucket_->meta_dir), g + "/meta/alice/object/bkt");
     EXPECT_EQ(str(bucket_->version_dir), g + "/version/alice/bkt");
     EXPECT_EQ(str(bucket_->recycle_dir), g + "/recycle/alice/bkt");
-    // The owner's record directory is made so that a first bucket can be saved; nothing else is.
-    EXPECT_TRUE(is_dir(g + "/meta/alice/bucket"));
+    // Paths only: every request builds them, and nothing on disk is touched.
+    EXPECT_FALSE(fs::exists(g + "/meta/alice"));
     EXPECT_FALSE(fs::exists(g + "/data/alice"));
 }
 
