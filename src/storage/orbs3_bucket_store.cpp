@@ -1,6 +1,7 @@
 #include "storage/orbs3_bucket_store.h"
 
 #include <dirent.h>
+#include <pthread.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,6 +9,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <functional>
 #include <initializer_list>
 #include <memory>
 
@@ -92,6 +94,63 @@ orbs3_bucket_t* read_bucket_file(const char* path)
     return orbs3_create_bucket_from_xml(text.get());
 }
 
+// Which owner holds a bucket name, remembered per process: a hint, never the truth. Every use checks with
+// one stat that the owner's data directory of the name still stands, and a miss scans the data root as
+// before; so a bucket deleted, or made by another worker or node, is seen at once, and the scan of all
+// owners (a directory read and a stat per owner) is paid once per name instead of once per request.
+// Fixed slots, no allocation: a name whose slot another name took is simply scanned again.
+struct owner_hint_t {
+    const orbs3_vhost_t* vhost = nullptr;
+    char name[ORBS3_NAME_AREA] = "";
+    char owner[ORBS3_NAME_AREA] = "";
+};
+constexpr std::size_t kOwnerHints = 256;
+owner_hint_t g_owner_hints[kOwnerHints];
+pthread_mutex_t g_owner_hint_lock = PTHREAD_MUTEX_INITIALIZER;
+
+std::size_t hint_slot(const orbs3_vhost_t* vhost, std::string_view name)
+{
+    std::size_t h = std::hash<std::string_view>{}(name) ^ (reinterpret_cast<std::uintptr_t>(vhost) >> 4);
+    return h % kOwnerHints;
+}
+
+// The hinted owner of `name` into `owner` (ORBS3_NAME_AREA bytes); false when there is none.
+bool owner_hint(const orbs3_vhost_t* vhost, std::string_view name, char* owner)
+{
+    owner_hint_t& slot = g_owner_hints[hint_slot(vhost, name)];
+    pthread_mutex_lock(&g_owner_hint_lock);
+    bool hit = slot.vhost == vhost && name == slot.name;
+    if (hit)
+        std::memcpy(owner, slot.owner, sizeof slot.owner);
+    pthread_mutex_unlock(&g_owner_hint_lock);
+    return hit;
+}
+
+void remember_owner(const orbs3_vhost_t* vhost, std::string_view name, const char* owner)
+{
+    std::size_t owner_len = std::strlen(owner);
+    if (name.size() >= ORBS3_NAME_AREA || owner_len >= ORBS3_NAME_AREA)
+        return;
+    owner_hint_t& slot = g_owner_hints[hint_slot(vhost, name)];
+    pthread_mutex_lock(&g_owner_hint_lock);
+    slot.vhost = vhost;
+    std::memcpy(slot.name, name.data(), name.size());
+    slot.name[name.size()] = '\0';
+    std::memcpy(slot.owner, owner, owner_len + 1);
+    pthread_mutex_unlock(&g_owner_hint_lock);
+}
+
+// The hinted owner, when its data directory of the name still stands.
+bool hinted_owner_holds(const orbs3_vhost_t* vhost, std::string_view name, char* owner)
+{
+    if (!owner_hint(vhost, name, owner))
+        return false;
+    char path[ORBS3_PATH_AREA];
+    struct stat st;
+    return join(path, sizeof path, {view(vhost->data_root), "/", owner, "/", name}) == 0 &&
+           lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
 }  // namespace
 
 orbs3_bucket_t* orbs3_create_bucket_from_xml(const char* xml)
@@ -115,6 +174,9 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
     out[0] = '\0';
     if (vhost == nullptr || vhost->data_root.len == 0 || vhost->meta_root.len == 0 || !safe_component(name))
         return -1;
+    char owner[ORBS3_NAME_AREA];
+    if (hinted_owner_holds(vhost, name, owner))
+        return join(out, ORBS3_PATH_AREA, {view(vhost->meta_root), "/", owner, "/bucket/", name});
     dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
@@ -127,6 +189,7 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
             continue;
         if (join(out, ORBS3_PATH_AREA, {view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0)
             continue;
+        remember_owner(vhost, name, e->d_name);
         return 0;
     }
     return -1;

@@ -157,6 +157,35 @@ TEST_F(BucketStore, LookupFindsBucketOfAnyOwnerAndNothingForMissingOrUnsafeNames
     EXPECT_EQ(orbs3_check_bucket_exist(&vh_, &requester, "b1"), -1);
 }
 
+// A lookup remembers which owner holds a name; what another process did to the tree since is still seen.
+TEST_F(BucketStore, RememberedOwnerIsCheckedOnEveryLookup)
+{
+    ASSERT_FALSE(put(alice_, "moving").empty());
+    char path[ORBS3_PATH_AREA];
+    ASSERT_EQ(orbs3_get_bucket_path(&vh_, "moving", path), 0);
+    EXPECT_EQ(std::string(path), meta_root_ + "/alice/bucket/moving");
+
+    // Deleted behind the lookup's back: gone at once, then made again by another owner.
+    fs::remove_all(data_root_ + "/alice/moving");
+    EXPECT_EQ(orbs3_get_bucket_path(&vh_, "moving", path), -1);
+    ASSERT_FALSE(put(bob_, "moving").empty());
+    ASSERT_EQ(orbs3_get_bucket_path(&vh_, "moving", path), 0);
+    EXPECT_EQ(std::string(path), meta_root_ + "/bob/bucket/moving");
+    bucket_ptr b(orbs3_get_bucket(&vh_, nullptr, "moving"));
+    ASSERT_NE(b, nullptr);
+    EXPECT_EQ(str(b->owner_name), "bob");
+
+    // Another vhost with the same name knows nothing of this one's owners.
+    orbs3_vhost_t other{};
+    const std::string other_root = dir_ + "/other";
+    fs::create_directories(other_root + "/data");
+    fs::create_directories(other_root + "/meta");
+    const std::string other_data = other_root + "/data", other_meta = other_root + "/meta";
+    other.data_root = {other_data.size(), const_cast<char*>(other_data.data())};
+    other.meta_root = {other_meta.size(), const_cast<char*>(other_meta.data())};
+    EXPECT_EQ(orbs3_get_bucket_path(&other, "moving", path), -1);
+}
+
 TEST_F(BucketStore, RecordCutShortReadsAsNoBucket)
 {
     const std::string file = put(alice_, "cut");
