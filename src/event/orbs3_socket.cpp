@@ -294,3 +294,8 @@ ssize_t orbs3_readv(orbs3_writev_t* wv)
 {
     return ::readv(wv->fd, wv->iov, static_cast<int>(wv->count));
 }
+
+void orbs3_tcp_cork(int fd, int on)
+{
+    (void)setsockopt(fd, IPPROTO_TCP, TCP_CORK, &on, sizeof on);
+}

@@ -30,6 +30,9 @@ int orbs3_events_accept_addr6(int epfd, orbs3_event_t* ev);
 
 // Keep-alive probes (10 s idle, 10 s apart, 3 of them) and no Nagle delay, then the blocking mode.
 void orbs3_nonblocking(int fd);
+// Holds back (1) or lets go (0) partial segments of a TCP socket: a reply head and the file behind it
+// leave in full segments instead of a small one for the head. Not a TCP socket: nothing happens.
+void orbs3_tcp_cork(int fd, int on);
 void orbs3_blocking(int fd);
 
 ssize_t orbs3_send(orbs3_connection_t* c, const uint8_t* buf, std::size_t size);

@@ -15,6 +15,7 @@
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "event/orbs3_socket.h"
 #include "http/orbs3_http_conditional.h"
 #include "http/orbs3_http_range.h"
 #include "http/orbs3_http_response.h"
@@ -253,11 +254,18 @@ int orbs3_get_object(orbs3_http_request_t* r)
     }
     char len_text[24];
     std::snprintf(len_text, sizeof len_text, "%" PRId64, length);
-    if (add_object_headers(r, o, key) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0 ||
-        orbs3_http_send_headers(r) != 0)
+    if (add_object_headers(r, o, key) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0)
         return -1;
-    if (r->method == ORBS3_HTTP_HEAD || length == 0)
-        return 0;
+    const bool body = r->method != ORBS3_HTTP_HEAD && length != 0;
+    // Head and bytes leave together: a small object is one segment, not a head segment and a body one.
+    const int fd = r->connection->fd;
+    if (body)
+        orbs3_tcp_cork(fd, 1);
+    rc = orbs3_http_send_headers(r);
     // The connection takes the descriptor; the bytes go out with sendfile as the socket takes them.
-    return orbs3_http_send_file(r->connection, file.release(), offset, length) == 0 ? 0 : -1;
+    if (rc == 0 && body)
+        rc = orbs3_http_send_file(r->connection, file.release(), offset, length);
+    if (body)
+        orbs3_tcp_cork(fd, 0);
+    return rc == 0 ? 0 : -1;
 }
