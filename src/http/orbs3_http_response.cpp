@@ -584,6 +584,11 @@ int orbs3_http_set_response_headers(orbs3_http_request_t* r, const char* name, c
 
 int orbs3_http_send_headers(orbs3_http_request_t* r)
 {
+    return orbs3_http_send_headers_body(r, nullptr, 0);
+}
+
+int orbs3_http_send_headers_body(orbs3_http_request_t* r, const void* body, std::size_t body_len)
+{
     if (r == nullptr || r->connection == nullptr)
         return -1;
     // Joined once and written through the connection's send: at most 2 KB copied, and a socket that is
@@ -615,7 +620,15 @@ int orbs3_http_send_headers(orbs3_http_request_t* r)
                 ORBS3_HTTP_HEADERS_LEN);
         return -1;
     }
-    return orbs3_http_send_response_bytes(r->connection, t.data, t.len) == 0 ? 0 : -1;
+    if (body_len == 0)
+        return orbs3_http_send_response_bytes(r->connection, t.data, t.len) == 0 ? 0 : -1;
+    // Head and body in one write, so they leave in one segment.
+    auto* joined = static_cast<char*>(orbs3_pnalloc(r->pool, t.len + body_len));
+    if (joined == nullptr)
+        return -1;
+    std::memcpy(joined, t.data, t.len);
+    std::memcpy(joined + t.len, body, body_len);
+    return orbs3_http_send_response_bytes(r->connection, joined, t.len + body_len) == 0 ? 0 : -1;
 }
 
 int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf)

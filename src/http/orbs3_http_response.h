@@ -205,3 +205,5 @@ ORBS3_HTTP_ETAG_MSG(upload_part_object);
 // empty line; no Date or Server. 0, or -1 when it does not fit ORBS3_HTTP_HEADERS_LEN or cannot be
 // written or queued.
 [[nodiscard]] int orbs3_http_send_headers(orbs3_http_request_t* r);
+// The same head with `body_len` bytes of `body` behind it, written together (the body is copied).
+[[nodiscard]] int orbs3_http_send_headers_body(orbs3_http_request_t* r, const void* body, std::size_t body_len);

@@ -155,16 +155,7 @@ bool hinted_owner_holds(const orbs3_vhost_t* vhost, std::string_view name, char*
 
 orbs3_bucket_t* orbs3_create_bucket_from_xml(const char* xml)
 {
-    if (!orbs3_record_text_whole(xml, "bucket"))
-        return nullptr;
-    orbs3_bucket_t* b = orbs3_bucket_new(1024);
-    if (b == nullptr)
-        return nullptr;
-    if (xml_parse_bucket(b, xml) != 0) {
-        orbs3_free_bucket(b);
-        return nullptr;
-    }
-    return b;
+    return orbs3_bucket_from_text(xml);
 }
 
 int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, char* out)

@@ -17,6 +17,8 @@
 
 #include "core/orbs3_xml.h"
 #include "memory/neo_files.h"
+#include "memory/neo_string.h"
+#include "storage/orbs3_file_helpers.h"
 
 namespace {
 
@@ -798,6 +800,20 @@ int orbs3_save_service(const orbs3_service_rec_t* service, const char* path)
 
 // ---- readers ----
 
+namespace {
+
+// The record whose root element `root` sits at the top of the loaded text or right under its XML
+// declaration, never deeper: a text cut short loads as a smaller document without it.
+bool tree_whole(mxml_node_t* top, const char* root)
+{
+    return top != nullptr && (named(top, root) || (is_declaration(top) && child(top, root) != nullptr));
+}
+
+int parse_bucket_tree(orbs3_bucket_t* b, mxml_node_t* doc);
+int parse_object_tree(orbs3_object_t* o, mxml_node_t* doc);
+
+}  // namespace
+
 int xml_parse_bucket(orbs3_bucket_t* b, const char* text)
 {
     if (b == nullptr)
@@ -806,7 +822,14 @@ int xml_parse_bucket(orbs3_bucket_t* b, const char* text)
     orbs3_xml_ptr xml = load_text(text);
     if (!xml)
         return -1;
-    mxml_node_t* root = orbs3_xml_find(xml.get(), "bucket");
+    return parse_bucket_tree(b, xml.get());
+}
+
+namespace {
+
+int parse_bucket_tree(orbs3_bucket_t* b, mxml_node_t* doc)
+{
+    mxml_node_t* root = orbs3_xml_find(doc, "bucket");
     if (root == nullptr)
         return 0;
     reader r{rec_mem{b->pool}};
@@ -872,6 +895,8 @@ int xml_parse_bucket(orbs3_bucket_t* b, const char* text)
     return 0;
 }
 
+}  // namespace
+
 int xml_parse_object(orbs3_object_t* o, const char* text)
 {
     if (o == nullptr)
@@ -880,7 +905,14 @@ int xml_parse_object(orbs3_object_t* o, const char* text)
     orbs3_xml_ptr xml = load_text(text);
     if (!xml)
         return -1;
-    mxml_node_t* root = orbs3_xml_find(xml.get(), "object");
+    return parse_object_tree(o, xml.get());
+}
+
+namespace {
+
+int parse_object_tree(orbs3_object_t* o, mxml_node_t* doc)
+{
+    mxml_node_t* root = orbs3_xml_find(doc, "object");
     if (root == nullptr)
         return 0;
     reader r{rec_mem{o->pool}};
@@ -927,6 +959,8 @@ int xml_parse_object(orbs3_object_t* o, const char* text)
     }
     return 0;
 }
+
+}  // namespace
 
 int orbs3_parse_service_xml(orbs3_service_rec_t* s, const char* text)
 {
@@ -991,13 +1025,24 @@ orbs3_object_t* orbs3_create_object_block()
 
 orbs3_object_t* orbs3_create_object_from_file(const char* path)
 {
-    std::string text;
-    if (path == nullptr || !read_whole(path, &text) || !looks_whole(text, "object"))
+    char* raw = nullptr;
+    if (path == nullptr || orbs3_read_data_from_file(path, &raw) != 0)
+        return nullptr;
+    neo_cstr_ptr text(raw);
+    return orbs3_object_from_text(text.get());
+}
+
+orbs3_object_t* orbs3_object_from_text(const char* text)
+{
+    // One load of the text serves the test for a whole record and the reading of its fields.
+    orbs3_xml_ptr xml = load_text(text);
+    if (!xml || !tree_whole(xml.get(), "object"))
         return nullptr;
     orbs3_object_t* o = orbs3_create_object_block();
     if (o == nullptr)
         return nullptr;
-    if (xml_parse_object(o, text.c_str()) != 0) {
+    object_clear(o);
+    if (parse_object_tree(o, xml.get()) != 0) {
         orbs3_free_object(o);
         return nullptr;
     }
@@ -1006,13 +1051,23 @@ orbs3_object_t* orbs3_create_object_from_file(const char* path)
 
 orbs3_bucket_t* orbs3_create_bucket_from_file(const char* path)
 {
-    std::string text;
-    if (path == nullptr || !read_whole(path, &text) || !looks_whole(text, "bucket"))
+    char* raw = nullptr;
+    if (path == nullptr || orbs3_read_data_from_file(path, &raw) != 0)
+        return nullptr;
+    neo_cstr_ptr text(raw);
+    return orbs3_bucket_from_text(text.get());
+}
+
+orbs3_bucket_t* orbs3_bucket_from_text(const char* text)
+{
+    orbs3_xml_ptr xml = load_text(text);
+    if (!xml || !tree_whole(xml.get(), "bucket"))
         return nullptr;
     orbs3_bucket_t* b = orbs3_bucket_new(1024);
     if (b == nullptr)
         return nullptr;
-    if (xml_parse_bucket(b, text.c_str()) != 0) {
+    bucket_clear(b);
+    if (parse_bucket_tree(b, xml.get()) != 0) {
         orbs3_free_bucket(b);
         return nullptr;
     }

@@ -182,6 +182,9 @@ inline constexpr std::string_view ORBS3_RECORD_TMP_PREFIX = ".orbs3-tmp-";
 // its root element (a file cut short), the pool then gone.
 [[nodiscard]] orbs3_object_t* orbs3_create_object_from_file(const char* path);
 [[nodiscard]] orbs3_bucket_t* orbs3_create_bucket_from_file(const char* path);
+// The same from record text (NUL-terminated), loaded once.
+[[nodiscard]] orbs3_object_t* orbs3_object_from_text(const char* text);
+[[nodiscard]] orbs3_bucket_t* orbs3_bucket_from_text(const char* text);
 
 // An empty record in its own pool, lists not initialised: the directory entries of a listing.
 [[nodiscard]] orbs3_object_t* orbs3_create_object_block();
