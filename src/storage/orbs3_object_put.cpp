@@ -3,6 +3,7 @@
 // verified is renamed over the object, and its record follows. A reader meets the old object or the new
 // one, never a mix; a client that goes away, or a crash, leaves the old object as it was.
 #include <fcntl.h>
+#include <pthread.h>
 #include <openssl/evp.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -38,6 +39,101 @@ namespace {
 
 // Body bytes move through one buffer of this size, whatever the object's size.
 constexpr std::size_t kPutBuffer = 256 * 1024;
+// Every this many bytes written, the kernel is asked to start writing them out, so that the flush of
+// the commit finds little left to do instead of the whole object.
+constexpr int64_t kWritebackStep = 8 << 20;
+
+// The digests of a large upload run on a thread of their own while the epoll thread goes on reading the
+// socket and writing the file: two buffers take turns, one being digested while the other fills. The
+// epoll thread waits only when it wants a buffer whose digest has not finished, at most the time of one
+// buffer's MD5.
+constexpr int64_t kDigestThreadFrom = 8 << 20;  // bodies at least this long get the thread
+
+struct digest_worker_t {
+    pthread_t thread{};
+    bool started = false;
+    pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    const uint8_t* data[2] = {};
+    std::size_t len[2] = {};
+    bool full[2] = {false, false};
+    int next = 0;  // the slot the thread digests next
+    bool stop = false;
+    neo_md5_t* md5 = nullptr;
+    orbs3_checksum_t* checksum = nullptr;
+
+    static void* run(void* arg)
+    {
+        auto* w = static_cast<digest_worker_t*>(arg);
+        pthread_mutex_lock(&w->lock);
+        for (;;) {
+            while (!w->full[w->next] && !w->stop)
+                pthread_cond_wait(&w->cond, &w->lock);
+            if (!w->full[w->next])
+                break;
+            const int slot = w->next;
+            pthread_mutex_unlock(&w->lock);
+            (void)neo_md5_update(w->md5, w->data[slot], w->len[slot]);
+            if (w->checksum != nullptr && w->checksum->alg != orbs3_checksum_alg::none)
+                orbs3_checksum_update(w->checksum, w->data[slot], w->len[slot]);
+            pthread_mutex_lock(&w->lock);
+            w->full[slot] = false;
+            w->next = slot ^ 1;
+            pthread_cond_broadcast(&w->cond);
+        }
+        pthread_mutex_unlock(&w->lock);
+        return nullptr;
+    }
+
+    bool start()
+    {
+        started = pthread_create(&thread, nullptr, run, this) == 0;
+        return started;
+    }
+    // Waits until the buffer of `slot` may be filled again.
+    void wait_free(int slot)
+    {
+        pthread_mutex_lock(&lock);
+        while (full[slot])
+            pthread_cond_wait(&cond, &lock);
+        pthread_mutex_unlock(&lock);
+    }
+    void submit(int slot, const uint8_t* p, std::size_t n)
+    {
+        pthread_mutex_lock(&lock);
+        while (full[slot])
+            pthread_cond_wait(&cond, &lock);
+        data[slot] = p;
+        len[slot] = n;
+        full[slot] = true;
+        pthread_cond_broadcast(&cond);
+        pthread_mutex_unlock(&lock);
+    }
+    // Every buffer handed over has been digested.
+    void drain()
+    {
+        pthread_mutex_lock(&lock);
+        while (full[0] || full[1])
+            pthread_cond_wait(&cond, &lock);
+        pthread_mutex_unlock(&lock);
+    }
+
+    digest_worker_t() = default;
+    ~digest_worker_t()
+    {
+        if (started) {
+            pthread_mutex_lock(&lock);
+            stop = true;
+            pthread_cond_broadcast(&cond);
+            pthread_mutex_unlock(&lock);
+            pthread_join(thread, nullptr);
+        }
+        pthread_cond_destroy(&cond);
+        pthread_mutex_destroy(&lock);
+    }
+    digest_worker_t(const digest_worker_t&) = delete;
+    digest_worker_t& operator=(const digest_worker_t&) = delete;
+};
 
 // Everything a PUT keeps between read events. Made with pool_new: when the request goes, by whatever
 // path, the destructor removes a temporary file that was never committed and frees the bucket.
@@ -55,6 +151,10 @@ struct put_state_t {
     int64_t limit = -1;  // file_threshold in bytes; -1 none
     orbs3_object_meta_t meta;
     uint8_t* buf = nullptr;  // bytes as read from the body
+    // A large plain body: the digest thread, and the second buffer it takes turns with.
+    digest_worker_t* digest = nullptr;
+    uint8_t* bufs[2] = {};
+    int turn = 0;
     // An aws-chunked body: decoded from buf into out, which is what the object holds.
     bool chunked = false;
     orbs3_aws_chunked_t aws;
@@ -67,6 +167,9 @@ struct put_state_t {
     put_state_t() { file.fd = -1; }
     ~put_state_t()
     {
+        // The thread stops before anything it reads goes.
+        if (digest != nullptr)
+            digest->~digest_worker_t();
         if (file.fd >= 0)
             close(file.fd);
         if (!committed && file.path[0] != '\0')
@@ -150,10 +253,15 @@ int store(put_state_t* st, const uint8_t* p, std::size_t n)
     orbs3_upload_file_t* file = &st->file;
     if (st->limit >= 0 && file->size + static_cast<int64_t>(n) > st->limit)
         return static_cast<int>(ORBS3_S3_ENTITY_TOO_LARGE);
-    (void)neo_md5_update(&file->md5, p, n);
-    if (st->checksum.alg != orbs3_checksum_alg::none)
-        orbs3_checksum_update(&st->checksum, p, n);
+    if (st->digest == nullptr) {
+        (void)neo_md5_update(&file->md5, p, n);
+        if (st->checksum.alg != orbs3_checksum_alg::none)
+            orbs3_checksum_update(&st->checksum, p, n);
+    }
+    const int64_t before = file->size;
     file->size += static_cast<int64_t>(n);
+    if (before / kWritebackStep != file->size / kWritebackStep)
+        (void)sync_file_range(file->fd, 0, 0, SYNC_FILE_RANGE_WRITE);
     while (n > 0) {
         ssize_t w = write(file->fd, p, n);
         if (w < 0 && errno == EINTR)
@@ -261,6 +369,10 @@ int put_pass_body(orbs3_http_request_t* r, put_state_t* st)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
     for (;;) {
+        if (st->digest != nullptr) {
+            st->digest->wait_free(st->turn);
+            st->buf = st->bufs[st->turn];
+        }
         ssize_t n = orbs3_http_read_body(r, st->buf, kPutBuffer);
         if (n > 0) {
             // The payload hash covers the bytes as sent; everything else covers the object's bytes.
@@ -272,6 +384,10 @@ int put_pass_body(orbs3_http_request_t* r, put_state_t* st)
                 close(file->fd);
                 file->fd = -1;
                 return status;
+            }
+            if (st->digest != nullptr) {
+                st->digest->submit(st->turn, st->buf, static_cast<std::size_t>(n));
+                st->turn ^= 1;
             }
             continue;
         }
@@ -296,6 +412,8 @@ int put_pass_body(orbs3_http_request_t* r, put_state_t* st)
         break;
     }
 
+    if (st->digest != nullptr)
+        st->digest->drain();
     uint8_t md5[NEO_MD5_LEN];
     if (neo_md5_final(md5, &file->md5) != 0)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
@@ -566,6 +684,23 @@ int orbs3_put_object(orbs3_http_request_t* r)
         st->out = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, kPutBuffer));
     if (st->buf == nullptr || (st->chunked && st->out == nullptr) || neo_md5_init(&st->file.md5) != 0)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    // A large plain body: its digests go to a thread of their own. Without one, they stay here.
+    if (!st->chunked && r->content_length >= kDigestThreadFrom) {
+        auto* second = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, kPutBuffer));
+        void* mem = orbs3_palloc(r->pool, sizeof(digest_worker_t));
+        if (second != nullptr && mem != nullptr) {
+            auto* w = ::new (mem) digest_worker_t();
+            w->md5 = &st->file.md5;
+            w->checksum = &st->checksum;
+            if (w->start()) {
+                st->digest = w;
+                st->bufs[0] = st->buf;
+                st->bufs[1] = second;
+            } else {
+                w->~digest_worker_t();
+            }
+        }
+    }
     r->op_state = st;
     return put_pass(r, st);
 }
