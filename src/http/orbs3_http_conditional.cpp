@@ -4,6 +4,7 @@
 #include <iterator>
 
 #include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_response.h"
 
 // The order is that of RFC 9110 section 13.2.2, which S3 follows; its GetObject and HeadObject
 // references state the two pairings explicitly: If-Match true with If-Unmodified-Since false gives
@@ -77,23 +78,6 @@ bool hms(std::string_view s, std::size_t at, int* h, int* m, int* sec)
            digits(s, at + 6, 2, sec);
 }
 
-bool make_time(int year, int mon, int day, int hour, int min, int sec, time_t* t)
-{
-    if (year < 1970 || mon < 1 || mon > 12 || day < 1 || day > 31 || hour > 23 || min > 59 || sec > 60)
-        return false;
-    struct tm tm {};
-    tm.tm_year = year - 1900;
-    tm.tm_mon = mon - 1;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = min;
-    tm.tm_sec = sec;
-    time_t v = timegm(&tm);
-    if (v == static_cast<time_t>(-1))
-        return false;
-    *t = v;
-    return true;
-}
 
 // "Sunday, 06-Nov-94 08:49:37 GMT". A two-digit year below 70 is read as 20xx: no object was written
 // before 1970, and a client that still sends this form is older than the next wrap.
@@ -109,7 +93,7 @@ bool parse_rfc850(std::string_view s, time_t* t)
     int mon = month_of(r.substr(3, 3));
     if (!mon || !digits(r, 0, 2, &day) || !digits(r, 7, 2, &yy) || !hms(r, 10, &hour, &min, &sec))
         return false;
-    return make_time(yy < 70 ? 2000 + yy : 1900 + yy, mon, day, hour, min, sec, t);
+    return orbs3_make_utc_time(yy < 70 ? 2000 + yy : 1900 + yy, mon, day, hour, min, sec, t);
 }
 
 // "Sun Nov  6 08:49:37 1994"
@@ -123,7 +107,7 @@ bool parse_asctime(std::string_view s, time_t* t)
     int mon = month_of(s.substr(4, 3));
     if (!mon || !digits(s, 8, 2, &day, true) || !hms(s, 11, &hour, &min, &sec) || !digits(s, 20, 4, &year))
         return false;
-    return make_time(year, mon, day, hour, min, sec, t);
+    return orbs3_make_utc_time(year, mon, day, hour, min, sec, t);
 }
 
 }  // namespace

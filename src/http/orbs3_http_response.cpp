@@ -691,3 +691,21 @@ int orbs3_http_response_200(orbs3_http_request_t* r)
                           static_cast<int>(r->uri.len), r->uri.data != nullptr ? r->uri.data : "", keep ? 5 : 0,
                           keep ? "keep-alive" : "close", keep ? "hello" : "");
 }
+
+bool orbs3_make_utc_time(int year, int mon, int day, int hour, int min, int sec, time_t* t)
+{
+    if (year < 1970 || mon < 1 || mon > 12 || day < 1 || day > 31 || hour > 23 || min > 59 || sec > 60)
+        return false;
+    struct tm tm {};
+    tm.tm_year = year - 1900;
+    tm.tm_mon = mon - 1;
+    tm.tm_mday = day;
+    tm.tm_hour = hour;
+    tm.tm_min = min;
+    tm.tm_sec = sec;
+    time_t v = timegm(&tm);
+    if (v == static_cast<time_t>(-1))
+        return false;
+    *t = v;
+    return true;
+}

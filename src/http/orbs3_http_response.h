@@ -51,6 +51,8 @@ void get_gmt_time(char* buf, std::size_t size);
 void get_cst_time(char* buf, std::size_t size);
 // The stamp of object and bucket records, e.g. "2026-07-01T12:00:00.000Z".
 void get_gmt_meta_time(char* buf, std::size_t size);
+// The time of a UTC calendar date and clock time; false for fields out of range or a year before 1970.
+[[nodiscard]] bool orbs3_make_utc_time(int year, int mon, int day, int hour, int min, int sec, time_t* t);
 // Day of month and hour of such a stamp; -1 when it is not one.
 int get_day_from_meta_time(const char* text);
 int get_hour_from_meta_time(const char* text);

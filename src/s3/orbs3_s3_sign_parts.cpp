@@ -10,6 +10,7 @@
 
 #include "memory/neo_md5.h"
 #include "memory/orbs3_palloc.h"
+#include "http/orbs3_http_response.h"
 
 namespace {
 
@@ -102,23 +103,6 @@ bool digits(std::string_view s, std::size_t at, std::size_t n, int* v)
     return true;
 }
 
-bool make_time(int year, int mon, int day, int hour, int min, int sec, time_t* t)
-{
-    if (year < 1970 || mon < 1 || mon > 12 || day < 1 || day > 31 || hour > 23 || min > 59 || sec > 60)
-        return false;
-    struct tm tm {};
-    tm.tm_year = year - 1900;
-    tm.tm_mon = mon - 1;
-    tm.tm_mday = day;
-    tm.tm_hour = hour;
-    tm.tm_min = min;
-    tm.tm_sec = sec;
-    time_t v = timegm(&tm);
-    if (v == static_cast<time_t>(-1))
-        return false;
-    *t = v;
-    return true;
-}
 
 }  // namespace
 
@@ -344,7 +328,7 @@ bool orbs3_sign_parse_iso8601(std::string_view s, time_t* t)
     if (!digits(s, 0, 4, &year) || !digits(s, 4, 2, &mon) || !digits(s, 6, 2, &day) || !digits(s, 9, 2, &hour) ||
         !digits(s, 11, 2, &min) || !digits(s, 13, 2, &sec))
         return false;
-    return make_time(year, mon, day, hour, min, sec, t);
+    return orbs3_make_utc_time(year, mon, day, hour, min, sec, t);
 }
 
 bool orbs3_sign_parse_http_date(std::string_view s, time_t* t)
@@ -367,7 +351,7 @@ bool orbs3_sign_parse_http_date(std::string_view s, time_t* t)
     if (!digits(s, 5, 2, &day) || !digits(s, 12, 4, &year) || !digits(s, 17, 2, &hour) || !digits(s, 20, 2, &min) ||
         !digits(s, 23, 2, &sec))
         return false;
-    return make_time(year, static_cast<int>(m - std::begin(kMonths)) + 1, day, hour, min, sec, t);
+    return orbs3_make_utc_time(year, static_cast<int>(m - std::begin(kMonths)) + 1, day, hour, min, sec, t);
 }
 
 bool orbs3_sign_parse_date(std::string_view text, time_t* t)
