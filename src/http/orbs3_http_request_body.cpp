@@ -13,6 +13,7 @@
 #include "event/orbs3_epoll.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_response.h"
+#include "memory/neo_string.h"
 
 namespace {
 
@@ -304,12 +305,7 @@ int orbs3_http_write_body_into_file(orbs3_http_request_t* r, orbs3_upload_file_t
     uint8_t digest[NEO_MD5_LEN];
     if (neo_md5_final(digest, &file->md5) != 0)
         return -1;
-    static constexpr char hex[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < NEO_MD5_LEN; i++) {
-        file->etag[2 * i] = hex[digest[i] >> 4];
-        file->etag[2 * i + 1] = hex[digest[i] & 15];
-    }
-    file->etag[32] = '\0';
+    *neo_hex(file->etag, digest, NEO_MD5_LEN) = '\0';
     return 0;
 }
 

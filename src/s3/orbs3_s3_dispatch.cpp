@@ -13,6 +13,7 @@
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
+#include "memory/neo_string.h"
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_signature.h"
@@ -173,12 +174,7 @@ void new_request_id(char out[ORBS3_RESP_REQUEST_ID_LEN])
     }
     id[6] = static_cast<uint8_t>((id[6] & 0x0f) | 0x40);
     id[8] = static_cast<uint8_t>((id[8] & 0x3f) | 0x80);
-    static constexpr char hex[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < sizeof id; i++) {
-        out[2 * i] = hex[id[i] >> 4];
-        out[2 * i + 1] = hex[id[i] & 15];
-    }
-    out[2 * sizeof id] = '\0';
+    *neo_hex(out, id, sizeof id) = '\0';
 }
 
 // The statuses whose reply differs from their row: a fixed HTTP status, and "/" as Resource for the

@@ -8,9 +8,10 @@
 #include <climits>
 #include <cstring>
 
-#include "memory/neo_md5.h"
-#include "memory/orbs3_palloc.h"
 #include "http/orbs3_http_response.h"
+#include "memory/neo_md5.h"
+#include "memory/neo_string.h"
+#include "memory/orbs3_palloc.h"
 
 namespace {
 
@@ -376,12 +377,7 @@ int orbs3_get_hex_sha256(std::string_view text, char dst[ORBS3_SHA256_HEX_LEN + 
 
 void orbs3_hexdigest(const uint8_t md[ORBS3_SHA256_LEN], char dst[ORBS3_SHA256_HEX_LEN + 1])
 {
-    static constexpr char kLower[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < ORBS3_SHA256_LEN; i++) {
-        dst[2 * i] = kLower[md[i] >> 4];
-        dst[2 * i + 1] = kLower[md[i] & 15];
-    }
-    dst[ORBS3_SHA256_HEX_LEN] = '\0';
+    *neo_hex(dst, md, ORBS3_SHA256_LEN) = '\0';
 }
 
 // HMAC through the one-shot call: it keeps no state of its own that would need an owner.

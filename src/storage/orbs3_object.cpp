@@ -12,6 +12,7 @@
 #include "core/orbs3_log.h"
 #include "memory/neo_files.h"
 #include "memory/neo_md5.h"
+#include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_bucket_store.h"
@@ -128,12 +129,7 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
         (void)neo_md5_update(&md5, text, len);
         (void)neo_md5_final(digest, &md5);
     }
-    static constexpr char digits[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < NEO_MD5_LEN; i++) {
-        out[2 * i] = digits[digest[i] >> 4];
-        out[2 * i + 1] = digits[digest[i] & 15];
-    }
-    out[32] = '\0';
+    *neo_hex(out, digest, NEO_MD5_LEN) = '\0';
 }
 
 int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out, std::string_view* key)

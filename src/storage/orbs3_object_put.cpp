@@ -21,6 +21,7 @@
 #include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"
 #include "memory/neo_md5.h"
+#include "memory/neo_string.h"
 #include "core/orbs3_config.h"
 #include "s3/orbs3_s3_aws_chunked.h"
 #include "s3/orbs3_s3_dispatch.h"
@@ -217,16 +218,6 @@ bool parse_content_md5(std::string_view text, uint8_t out[NEO_MD5_LEN])
     return true;
 }
 
-void to_hex(const uint8_t* in, std::size_t n, char* out)
-{
-    static constexpr char digits[] = "0123456789abcdef";
-    for (std::size_t i = 0; i < n; i++) {
-        out[2 * i] = digits[in[i] >> 4];
-        out[2 * i + 1] = digits[in[i] & 15];
-    }
-    out[2 * n] = '\0';
-}
-
 void put_again(orbs3_event_t* ev);
 
 // The algorithm's name as S3 writes it in x-amz-checksum-algorithm.
@@ -417,7 +408,7 @@ int put_pass_body(orbs3_http_request_t* r, put_state_t* st)
     uint8_t md5[NEO_MD5_LEN];
     if (neo_md5_final(md5, &file->md5) != 0)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
-    to_hex(md5, sizeof md5, file->etag);
+    *neo_hex(file->etag, md5, sizeof md5) = '\0';
     if (st->want_md5 && std::memcmp(md5, st->md5_expected, sizeof md5) != 0)
         return static_cast<int>(ORBS3_S3_BAD_DIGEST);
     if (st->chunked && st->aws.result != ORBS3_AWS_CHUNKED_DONE)
