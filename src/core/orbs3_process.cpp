@@ -339,16 +339,16 @@ int orbs3_handle_reap_children()
                 continue;
             break;  // ECHILD, or nothing more to learn
         }
-        if ((status & 0x7f) == 0 || orbs3_terminate.load()) {
-            each_service(true, [pid](orbs3_service_t* svc) {
-                if (svc->pid == pid) {
-                    svc->flags |= ORBS3_SERVICE_EXITED;
-                    svc->pid = 0;
-                }
-            });
-        } else {
+        // A worker killed by a signal is not started again yet; either way the process is gone, and a
+        // pid kept for it would make a later stop wait for ever for a child that cannot end again.
+        if ((status & 0x7f) != 0 && !orbs3_terminate.load())
             ipd_debug("restart process");
-        }
+        each_service(true, [pid](orbs3_service_t* svc) {
+            if (svc->pid == pid) {
+                svc->flags |= ORBS3_SERVICE_EXITED;
+                svc->pid = 0;
+            }
+        });
     }
     if (orbs3_terminate.load() && master_process_exit() == 0)
         orbs3_master_exit();
