@@ -252,11 +252,6 @@ struct user_deleter {
 };
 using user_ptr = std::unique_ptr<orbs3_user_t, user_deleter>;
 
-struct dir_closer {
-    void operator()(DIR* d) const noexcept { closedir(d); }
-};
-using dir_ptr = std::unique_ptr<DIR, dir_closer>;
-
 // A list head that releases its records with `Free` on every path.
 template <void (*Free)(neo_list_head_t*)>
 struct owned_list {
@@ -735,7 +730,7 @@ int orbs3_filter_vhost_file(neo_list_head_t* list, const char* root)
     if (list == nullptr || root == nullptr)
         return -1;
     const std::string dir = under(root, "/ombr/system/orbmux");
-    dir_ptr d(opendir(dir.c_str()));
+    neo_dir_ptr d(opendir(dir.c_str()));
     if (!d) {
         ipd_log(LOG_ERR, "opendir:%s", strerror(errno));
         return -1;

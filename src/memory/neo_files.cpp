@@ -15,11 +15,6 @@
 
 static constexpr std::size_t path_area = 1024;
 
-struct dir_closer {
-    void operator()(DIR* d) const noexcept { closedir(d); }
-};
-using dir_ptr = std::unique_ptr<DIR, dir_closer>;
-
 int neo_file_exist(const char* path)
 {
     if (path == nullptr)
@@ -122,7 +117,7 @@ char* path_normalize(const char* path)
 // descriptor and never through a link, so a link swapped in during the walk cannot lead outside.
 static int clear_dir(int fd)
 {
-    dir_ptr dir(fdopendir(fd));
+    neo_dir_ptr dir(fdopendir(fd));
     if (!dir) {
         close(fd);
         return -1;
@@ -160,7 +155,7 @@ static int clear_dir(int fd)
 // clear_dir, nothing is reached through a link: a link is removed, never followed.
 static int remove_inside(int fd)
 {
-    dir_ptr dir(fdopendir(fd));
+    neo_dir_ptr dir(fdopendir(fd));
     if (!dir) {
         close(fd);
         return -1;

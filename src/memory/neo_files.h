@@ -9,7 +9,16 @@
 
 #include <cstdio>
 
+#include <dirent.h>
 #include <sys/types.h>
+
+#include <memory>
+
+// Owner of an open directory stream.
+struct neo_dir_closer {
+    void operator()(DIR* d) const noexcept { closedir(d); }
+};
+using neo_dir_ptr = std::unique_ptr<DIR, neo_dir_closer>;
 
 // 0 if the path exists, else the errno of access(F_OK); -1 for a null path.
 [[nodiscard]] int neo_file_exist(const char* path);

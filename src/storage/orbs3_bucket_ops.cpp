@@ -18,6 +18,7 @@
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"
+#include "memory/neo_string.h"
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
@@ -28,20 +29,10 @@
 
 namespace {
 
-struct text_free {
-    void operator()(char* p) const noexcept { std::free(p); }
-};
-using text_ptr = std::unique_ptr<char, text_free>;
-
 struct bucket_free {
     void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
 };
 using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_free>;
-
-struct dir_closer {
-    void operator()(DIR* d) const noexcept { closedir(d); }
-};
-using dir_ptr = std::unique_ptr<DIR, dir_closer>;
 
 std::string_view view(const orbs3_str_t& s)
 {
@@ -148,7 +139,7 @@ int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bu
 
 int orbs3_dir_has_entries(const char* path)
 {
-    dir_ptr d(opendir(path));
+    neo_dir_ptr d(opendir(path));
     if (!d)
         return errno == ENOENT ? 0 : -1;
     while (const dirent* e = readdir(d.get())) {
@@ -284,7 +275,7 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
         orbs3_free_bucket_list(&list);
         return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");
     }
-    text_ptr doc(make_list_buckets_xml(&list, r->user));
+    neo_cstr_ptr doc(make_list_buckets_xml(&list, r->user));
     orbs3_free_bucket_list(&list);
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");
@@ -316,7 +307,7 @@ int orbs3_get_bucket_info(orbs3_http_request_t* r)
     char* raw = nullptr;
     if (orbs3_get_bucket_path(r->vhost, name, path) != 0 || orbs3_read_data_from_file(path, &raw) != 0)
         return json_reply(r, kJsonNoSuchBucket);
-    text_ptr text(raw);
+    neo_cstr_ptr text(raw);
     if (!orbs3_record_text_whole(text.get(), "bucket"))
         return json_reply(r, kJsonNoSuchBucket);
     (void)orbs3_http_send_msg(r->connection, 200, text.get(), r->resp.connection, r->resp.origin);
@@ -331,7 +322,7 @@ int orbs3_get_bucket_stat(orbs3_http_request_t* r)
     bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
     if (!b)
         return json_reply(r, kJsonNoSuchBucket);
-    text_ptr doc(orbs3_make_bucketstat_json(b.get()));
+    neo_cstr_ptr doc(orbs3_make_bucketstat_json(b.get()));
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
     (void)orbs3_http_send_msg(r->connection, 200, doc.get(), r->resp.connection, r->resp.origin);
@@ -369,7 +360,7 @@ int orbs3_get_bucket_acl(orbs3_http_request_t* r)
     if (rc != 0)
         return rc;
     bucket_ptr b(raw);
-    text_ptr doc(make_bucket_acl_xmlstring(b->acl, r->user));
+    neo_cstr_ptr doc(make_bucket_acl_xmlstring(b->acl, r->user));
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, bucket_name(r));
     return sent(

@@ -1,8 +1,8 @@
 #include "storage/orbs3_bucket_store.h"
 
 #include <dirent.h>
-#include <pthread.h>
 #include <fcntl.h>
+#include <pthread.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -16,21 +16,13 @@
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_xml.h"
+#include "memory/neo_files.h"
+#include "memory/neo_string.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
 
 namespace {
-
-struct dir_closer {
-    void operator()(DIR* d) const noexcept { closedir(d); }
-};
-using dir_ptr = std::unique_ptr<DIR, dir_closer>;
-
-struct text_free {
-    void operator()(char* p) const noexcept { std::free(p); }
-};
-using text_ptr = std::unique_ptr<char, text_free>;
 
 std::string_view view(const orbs3_str_t& s)
 {
@@ -74,12 +66,12 @@ bool is_dir_at(DIR* d, const char* rel)
 }
 
 // The vhost's data root, whose entries are the owners; null (logged) when it can't be opened.
-dir_ptr open_data_root(const orbs3_vhost_t* vhost)
+neo_dir_ptr open_data_root(const orbs3_vhost_t* vhost)
 {
     char root[ORBS3_PATH_AREA];
     if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
         return nullptr;
-    dir_ptr d(opendir(root));
+    neo_dir_ptr d(opendir(root));
     if (!d)
         ipd_debug("opendir %s failed: %s", root, std::strerror(errno));
     return d;
@@ -90,7 +82,7 @@ orbs3_bucket_t* read_bucket_file(const char* path)
     char* raw = nullptr;
     if (orbs3_read_data_from_file(path, &raw) != 0)
         return nullptr;
-    text_ptr text(raw);
+    neo_cstr_ptr text(raw);
     return orbs3_create_bucket_from_xml(text.get());
 }
 
@@ -168,7 +160,7 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
     char owner[ORBS3_NAME_AREA];
     if (hinted_owner_holds(vhost, name, owner))
         return join(out, ORBS3_PATH_AREA, {view(vhost->meta_root), "/", owner, "/bucket/", name});
-    dir_ptr d = open_data_root(vhost);
+    neo_dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
     char rel[ORBS3_PATH_AREA];
@@ -212,7 +204,7 @@ int orbs3_bucket_init(orbs3_vhost_t* vhost)
     char root[ORBS3_PATH_AREA];
     if (vhost->meta_root.len == 0 || join(root, sizeof(root), {view(vhost->meta_root)}) != 0)
         return -1;
-    dir_ptr d(opendir(root));
+    neo_dir_ptr d(opendir(root));
     if (!d) {
         ipd_log(LOG_ERR, "opendir %s failed: %s", root, std::strerror(errno));
         return -1;
@@ -237,7 +229,7 @@ int orbs3_bucket_user_init(orbs3_vhost_t* vhost, const char* dir)
 {
     if (vhost == nullptr || dir == nullptr)
         return -1;
-    dir_ptr d(opendir(dir));
+    neo_dir_ptr d(opendir(dir));
     if (!d) {
         ipd_debug("opendir %s failed: %s", dir, std::strerror(errno));
         return -1;
@@ -290,7 +282,7 @@ int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhos
     if (vhost->data_root.len == 0 || vhost->meta_root.len == 0 ||
         join(owner_dir, sizeof(owner_dir), {view(vhost->data_root), "/", owner}) != 0)
         return -1;
-    dir_ptr d(opendir(owner_dir));
+    neo_dir_ptr d(opendir(owner_dir));
     if (!d)
         return 0;  // an owner without buckets yet
     char path[ORBS3_PATH_AREA];
@@ -314,7 +306,7 @@ int orbs3_load_all_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* u
 {
     if (list == nullptr || vhost == nullptr || vhost->data_root.len == 0)
         return -1;
-    dir_ptr d = open_data_root(vhost);
+    neo_dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
     while (const dirent* e = readdir(d.get())) {
@@ -344,7 +336,7 @@ int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, 
     if (vhost == nullptr || vhost->data_root.len == 0 || vhost->meta_root.len == 0 || !safe_component(name) ||
         !safe_component(owner))
         return -1;
-    dir_ptr d = open_data_root(vhost);
+    neo_dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
     int state = ORBS3_CLAIM_ALONE;
