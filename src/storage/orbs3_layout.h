@@ -26,6 +26,13 @@ inline constexpr std::size_t ORBS3_NAME_AREA = 256;   // a bucket name or a key 
 // passes directories regardless, and nobody else is meant to walk the tenant's trees.
 inline constexpr mode_t ORBS3_DIR_MODE = 0600;
 
+// A directory object ("a/b/") keeps its record in its own meta directory under this name, so that
+// listings, HEAD and GET know it from a directory that only holds other keys. Key components starting
+// with ORBS3_RESERVED_PREFIX belong to the server (records in the making, directory records) and are
+// never a client's key.
+inline constexpr std::string_view ORBS3_RESERVED_PREFIX = ".orbs3-";
+inline constexpr std::string_view ORBS3_DIR_MARKER = ".orbs3-dir";
+
 // orbs3_check_key_conflict: a file of the data tree stands where the key needs a directory ("a" is
 // stored and "a/b" arrives), or a directory stands where the key's file must go ("a/b" is stored and
 // "a" arrives).
