@@ -95,6 +95,11 @@ bool pool_set(orbs3_pool_t* pool, orbs3_str_t* s, std::string_view text)
 
 }  // namespace
 
+int orbs3_object_key_status(std::string_view key)
+{
+    return key_status(key);
+}
+
 int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
 {
     int64_t limit = -1;

@@ -26,6 +26,10 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
 [[nodiscard]] int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out,
                                               std::string_view* key);
 
+// 0 when `key` can be an object's key: legal as a path (orbs3_check_objectname) and no component with the
+// name of this server's temporary files. Else InvalidArgument (unsafe, empty) or KeyTooLong.
+[[nodiscard]] int orbs3_object_key_status(std::string_view key);
+
 // The largest object file_threshold allows, in bytes; -1 when there is no limit.
 [[nodiscard]] int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket);
 
