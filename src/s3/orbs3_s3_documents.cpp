@@ -55,15 +55,41 @@ const char* list_buckets_whitespace_cb(mxml_node_t* node, int where)
 
 constexpr const char* L2 = "\n  ";
 constexpr const char* L4 = "\n    ";
+constexpr const char* L6 = "\n      ";
 constexpr ws_row list_objects_rows[] = {
-    {"ListBucketResult", L, true}, {"Contents", L2, true},     {"CommonPrefixes", L2, true},
-    {"Name", L2, false},           {"Prefix", L2, false},      {"KeyCount", L2, false},
-    {"Delimiter", L2, false},      {"MaxKeys", L2, false},     {"IsTruncated", L2, false},
-    {"Key", L4, false},            {"LastModified", L4, false}, {"ETag", L4, false},
-    {"Size", L4, false},           {"StorageClass", L4, false},
+    {"ListBucketResult", L, true},
+    {"Contents", L2, true},
+    {"CommonPrefixes", L2, true},
+    {"Name", L2, false},
+    {"Prefix", L2, false},
+    {"StartAfter", L2, false},
+    {"ContinuationToken", L2, false},
+    {"NextContinuationToken", L2, false},
+    {"Marker", L2, false},
+    {"NextMarker", L2, false},
+    {"KeyCount", L2, false},
+    {"Delimiter", L2, false},
+    {"MaxKeys", L2, false},
+    {"IsTruncated", L2, false},
+    {"EncodingType", L2, false},
+    {"Key", L4, false},
+    {"LastModified", L4, false},
+    {"ETag", L4, false},
+    {"Size", L4, false},
+    {"Owner", L4, true},
+    {"StorageClass", L4, false},
+    {"ID", L6, false},
+    {"DisplayName", L6, false},
 };
 const char* list_objects_whitespace_cb(mxml_node_t* node, int where)
 {
+    // The Prefix of a common prefix sits one level deeper than the Prefix of the request.
+    const char* name = mxmlGetElement(node);
+    mxml_node_t* parent = mxmlGetParent(node);
+    const char* parent_name = parent != nullptr ? mxmlGetElement(parent) : nullptr;
+    if (where == MXML_WS_BEFORE_OPEN && name != nullptr && parent_name != nullptr &&
+        std::strcmp(name, "Prefix") == 0 && std::strcmp(parent_name, "CommonPrefixes") == 0)
+        return L4;
     return ws_lookup(list_objects_rows, node, where);
 }
 
@@ -390,47 +416,99 @@ char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user)
 
 // ---- object list ----
 
-char* make_list_objects_xml(const char* bucket, const char* prefix, neo_list_head_t* list,
-                            std::size_t delimiter_len, int max_keys, int key_count, const char* next_marker,
-                            const char* marker, const char* start_after, bool use_marker)
+std::string orbs3_list_url_encode(std::string_view text)
 {
-    orbs3_xml_ptr xml = new_doc();
-    mxml_node_t* root = mxmlNewElement(xml.get(), "ListBucketResult");
-    new_text_cstr(root, "Name", bucket);
-    if (prefix != nullptr && prefix[0] != '\0')
-        new_text_cstr(root, "Prefix", prefix);
-    else
-        mxmlNewElement(root, "Prefix");
-    if (start_after != nullptr && marker == nullptr)
-        new_text_cstr(root, "StartAfter", start_after);
-    if (marker != nullptr)
-        new_text_cstr(root, use_marker ? "Marker" : "ContinuationToken", marker);
-    if (next_marker != nullptr)
-        new_text_cstr(root, use_marker ? "NextMarker" : "NextContinuationToken", next_marker);
-    orbs3_xml_new_text_int(root, "KeyCount", key_count);
-    orbs3_xml_new_text_int(root, "MaxKeys", max_keys);
-    // The tree is walked by "/" only, so that is the only delimiter a listing can have used.
-    if (delimiter_len > 0)
-        mxmlNewText(mxmlNewElement(root, "Delimiter"), 0, "/");
-    else
-        mxmlNewElement(root, "Delimiter");
-    mxmlNewText(mxmlNewElement(root, "IsTruncated"), 0, key_count >= max_keys ? "true" : "false");
-    if (list != nullptr) {
-        neo_list_head_t* pos;
-        list_for_each(pos, list) {
-            auto* ent = list_entry(pos, orbs3_list_entry_t, link);
-            if (ent->is_dir) {
-                new_text_str(mxmlNewElement(root, "CommonPrefixes"), "Prefix", ent->key);
-                continue;
-            }
-            mxml_node_t* c = mxmlNewElement(root, "Contents");
-            new_text_str(c, "Key", ent->key);
-            new_text_str(c, "LastModified", ent->last_modified);
-            new_text_str(c, "ETag", ent->etag);
-            mxmlNewTextf(mxmlNewElement(c, "Size"), 0, "%" PRIu64, ent->size);
-            mxmlNewText(mxmlNewElement(c, "StorageClass"), 0, "STANDARD");
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    out.reserve(text.size());
+    for (unsigned char c : text) {
+        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+            c == '.' || c == '~' || c == '/') {
+            out.push_back(static_cast<char>(c));
+        } else if (c == ' ') {
+            out.push_back('+');
+        } else {
+            out.push_back('%');
+            out.push_back(hex[c >> 4]);
+            out.push_back(hex[c & 0xf]);
         }
     }
+    return out;
+}
+
+namespace {
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+// An element with the whole text: keys and tokens are never cut, unlike the capped texts of records.
+mxml_node_t* new_text_view(mxml_node_t* parent, const char* name, std::string_view text)
+{
+    mxml_node_t* e = mxmlNewElement(parent, name);
+    if (e != nullptr && !text.empty())
+        mxmlNewText(e, 0, std::string(text).c_str());
+    return e;
+}
+
+}  // namespace
+
+char* make_list_objects_xml(const orbs3_list_doc_t* doc)
+{
+    if (doc == nullptr)
+        return nullptr;
+    auto key_text = [doc](std::string_view text) {
+        return doc->url_encode ? orbs3_list_url_encode(text) : std::string(text);
+    };
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "ListBucketResult");
+    new_text_view(root, "Name", doc->bucket);
+    new_text_view(root, "Prefix", key_text(doc->prefix));
+    if (doc->v2) {
+        if (doc->start_after)
+            new_text_view(root, "StartAfter", key_text(*doc->start_after));
+        if (doc->continuation)
+            new_text_view(root, "ContinuationToken", *doc->continuation);
+        orbs3_xml_new_text_int(root, "KeyCount", doc->key_count);
+    } else {
+        new_text_view(root, "Marker", key_text(doc->marker.value_or(std::string_view())));
+    }
+    orbs3_xml_new_text_int(root, "MaxKeys", doc->max_keys);
+    if (!doc->delimiter.empty())
+        new_text_view(root, "Delimiter", key_text(doc->delimiter));
+    mxmlNewText(mxmlNewElement(root, "IsTruncated"), 0, doc->truncated ? "true" : "false");
+    if (doc->truncated && !doc->v2)
+        new_text_view(root, "NextMarker", key_text(doc->next));
+    if (doc->list != nullptr) {
+        neo_list_head_t* pos;
+        list_for_each(pos, doc->list) {
+            auto* ent = list_entry(pos, orbs3_list_entry_t, link);
+            if (ent->is_dir)
+                continue;
+            mxml_node_t* c = mxmlNewElement(root, "Contents");
+            new_text_view(c, "Key", key_text(view(ent->key)));
+            new_text_view(c, "LastModified", view(ent->last_modified));
+            std::string etag = "\"" + std::string(view(ent->etag)) + "\"";
+            new_text_view(c, "ETag", etag);
+            mxmlNewTextf(mxmlNewElement(c, "Size"), 0, "%" PRIu64, ent->size);
+            if (!doc->v2 || doc->fetch_owner) {
+                mxml_node_t* owner = mxmlNewElement(c, "Owner");
+                new_text_view(owner, "ID", view(ent->owner_id));
+                new_text_view(owner, "DisplayName", view(ent->owner_display_name));
+            }
+            mxmlNewText(mxmlNewElement(c, "StorageClass"), 0, "STANDARD");
+        }
+        list_for_each(pos, doc->list) {
+            auto* ent = list_entry(pos, orbs3_list_entry_t, link);
+            if (ent->is_dir)
+                new_text_view(mxmlNewElement(root, "CommonPrefixes"), "Prefix", key_text(view(ent->key)));
+        }
+    }
+    if (doc->truncated && doc->v2)
+        new_text_view(root, "NextContinuationToken", doc->next);
+    if (doc->url_encode)
+        mxmlNewText(mxmlNewElement(root, "EncodingType"), 0, "url");
     return save_doc(xml.get(), list_objects_whitespace_cb);
 }
 
@@ -674,6 +752,24 @@ char* make_del_objects_xmlstring(neo_list_head_t* deleted, neo_list_head_t* fail
         }
     }
     return save_doc(xml.get(), del_objects_whitespace_cb);
+}
+
+bool parse_del_objects_quiet(const char* text)
+{
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return false;
+    const char* q = elem_text(doc.get(), "Quiet");
+    return q != nullptr && strcasecmp(q, "true") == 0;
+}
+
+char* make_copy_object_result_xmlstring(const char* last_modified, const char* etag)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "CopyObjectResult");
+    new_text_cstr(root, "LastModified", last_modified);
+    new_text_cstr(root, "ETag", etag);
+    return save_doc(xml.get(), nullptr);
 }
 
 // ---- recycle bin ----

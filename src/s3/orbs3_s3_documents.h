@@ -10,6 +10,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <optional>
+#include <string>
+#include <string_view>
 
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
@@ -51,14 +54,34 @@ struct orbs3_recycle_entry_t {
     orbs3_str_t size;  // writer only, as text
 };
 
-// One row of an object listing: a file, or a directory that becomes a common prefix.
+// One row of an object listing: an object (Contents), or a common prefix (is_dir).
 struct orbs3_list_entry_t {
     neo_list_head_t link;
     bool is_dir;
     orbs3_str_t key;
     orbs3_str_t last_modified;
-    orbs3_str_t etag;
+    orbs3_str_t etag;  // bare hex, quoted by the writer
     uint64_t size;
+    orbs3_str_t owner_id;
+    orbs3_str_t owner_display_name;
+};
+
+// What a ListBucketResult says besides its rows. Optional texts are shown only when set.
+struct orbs3_list_doc_t {
+    std::string_view bucket;
+    std::string_view prefix;
+    std::string_view delimiter;                       // shown when not empty
+    bool v2 = true;                                   // V2 names and fields, else V1
+    std::optional<std::string_view> marker;           // V1: the Marker sent ("" when none)
+    std::optional<std::string_view> start_after;      // V2, as sent
+    std::optional<std::string_view> continuation;     // V2, the token as sent
+    std::string_view next;                            // NextMarker, or the NextContinuationToken as sent out
+    int max_keys = 1000;
+    int key_count = 0;
+    bool truncated = false;
+    bool url_encode = false;   // encoding-type=url: keys, prefixes, delimiter and markers URL-encoded
+    bool fetch_owner = false;  // V2: Owner in every Contents (V1 rows always carry it)
+    neo_list_head_t* list = nullptr;  // orbs3_list_entry_t in key order
 };
 
 // ---- helpers ----
@@ -77,11 +100,13 @@ mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int v
 [[nodiscard]] char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user);
 
 // ---- object list ----
-// `list` holds orbs3_list_entry_t. Texts may be null. IsTruncated is "true" once key_count reaches max_keys.
-[[nodiscard]] char* make_list_objects_xml(const char* bucket, const char* prefix, neo_list_head_t* list,
-                                          std::size_t delimiter_len, int max_keys, int key_count,
-                                          const char* next_marker, const char* marker, const char* start_after,
-                                          bool use_marker);
+// The ListBucketResult of one page: all Contents, then all CommonPrefixes, each in key order. Texts that
+// come from keys are never cut.
+[[nodiscard]] char* make_list_objects_xml(const orbs3_list_doc_t* doc);
+
+// `text` URL-encoded as S3 encodes listings for encoding-type=url: unreserved bytes and "/" stay, a blank
+// is "+", every other byte "%XX".
+[[nodiscard]] std::string orbs3_list_url_encode(std::string_view text);
 
 // ---- access control ----
 [[nodiscard]] int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl);
@@ -117,6 +142,12 @@ mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int v
 [[nodiscard]] int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool);
 // Both lists hold orbs3_del_key_t.
 [[nodiscard]] char* make_del_objects_xmlstring(neo_list_head_t* deleted, neo_list_head_t* failed);
+// Whether the Delete document asks for a quiet reply: a Quiet element whose text is "true" (any case).
+[[nodiscard]] bool parse_del_objects_quiet(const char* text);
+
+// ---- copy ----
+// CopyObjectResult with LastModified (the record's stamp) and ETag (quoted).
+[[nodiscard]] char* make_copy_object_result_xmlstring(const char* last_modified, const char* etag);
 
 // ---- recycle bin ----
 // Appends one orbs3_recycle_entry_t (Name, Path) per Object.

@@ -1,12 +1,227 @@
 #include "storage/orbs3_list_object.h"
 
-#include "s3/orbs3_s3_dispatch.h"
+#include <strings.h>
+
+#include <cstring>
+#include <memory>
+#include <optional>
+
+#include "access/orbs3_access_check.h"
+#include "http/orbs3_http_response.h"
+#include "memory/neo_string.h"
+#include "s3/orbs3_s3_cgi.h"
+#include "s3/orbs3_s3_documents.h"
+#include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_bucket_ops.h"
+#include "storage/orbs3_list_page.h"
+#include "storage/orbs3_record.h"
+
+namespace {
+
+constexpr char kB64[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+
+int b64_value(char c)
+{
+    const char* at = std::strchr(kB64, c);
+    return c == '\0' || at == nullptr ? -1 : static_cast<int>(at - kB64);
+}
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+// The listing's parameters are read from the query itself: the request's fields keep values of at most
+// 1023 bytes (a continuation token for a long key is longer) and fold max-keys=0 and a missing list-type
+// into defaults, where S3 gives both a meaning of their own.
+struct list_params_t {
+    bool v2 = false;
+    int max_keys = ORBS3_LIST_MAX_KEYS;
+    std::string_view prefix, delimiter;
+    std::optional<std::string_view> marker, start_after, continuation;
+    bool url = false;
+    bool fetch_owner = false;
+};
+
+const cgiFormEntry* find(const cgiFormEntry* form, const char* key)
+{
+    for (const cgiFormEntry* e = form; e != nullptr; e = e->next) {
+        if (e->key != nullptr && std::strcmp(e->key, key) == 0)
+            return e;
+    }
+    return nullptr;
+}
+
+std::optional<std::string_view> value(const cgiFormEntry* form, const char* key)
+{
+    const cgiFormEntry* e = find(form, key);
+    if (e == nullptr)
+        return std::nullopt;
+    if (e->value == nullptr || e->value_length <= 0)
+        return std::string_view();
+    return std::string_view(e->value, static_cast<std::size_t>(e->value_length));
+}
+
+// 0, or InvalidArgument with its message for a parameter S3 would refuse too.
+int read_params(orbs3_http_request_t* r, const cgiFormEntry* form, list_params_t* p)
+{
+    auto refuse = [r](const char* message) {
+        r->resp.message = message;
+        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    };
+    if (auto t = value(form, "list-type"); t && !t->empty()) {
+        if (*t == "2")
+            p->v2 = true;
+        else if (*t != "1")
+            return refuse("Invalid List Type specified in Request");
+    }
+    // A count beyond the page size is as good as the page size; anything but digits is refused.
+    if (auto m = value(form, "max-keys"); m && !m->empty()) {
+        int v = 0;
+        for (char c : *m) {
+            if (c < '0' || c > '9')
+                return refuse("Provided max-keys not an integer or within integer range");
+            v = std::min(v * 10 + (c - '0'), ORBS3_LIST_MAX_KEYS + 1);
+        }
+        p->max_keys = std::min(v, ORBS3_LIST_MAX_KEYS);
+    }
+    if (auto e = value(form, "encoding-type"); e && !e->empty()) {
+        if (*e != "url")
+            return refuse("Invalid Encoding Method specified in Request");
+        p->url = true;
+    }
+    p->prefix = value(form, "prefix").value_or(std::string_view());
+    p->delimiter = value(form, "delimiter").value_or(std::string_view());
+    if (auto f = value(form, "fetch-owner"); f && f->size() == 4)
+        p->fetch_owner = strncasecmp(f->data(), "true", 4) == 0;
+    if (p->v2) {
+        p->start_after = value(form, "start-after");
+        p->continuation = value(form, "continuation-token");
+    } else {
+        p->marker = value(form, "marker");
+    }
+    return 0;
+}
+
+int fail(orbs3_http_request_t* r, uint32_t status)
+{
+    std::string_view name = view(r->req_msg.bucket);
+    std::size_t n = std::min(name.size(), sizeof r->resp.resource - 1);
+    std::memcpy(r->resp.resource, name.data(), n);
+    r->resp.resource[n] = '\0';
+    return static_cast<int>(status);
+}
+
+struct bucket_free {
+    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
+};
+
+}  // namespace
+
+std::string orbs3_list_token_encode(std::string_view entry)
+{
+    std::string out;
+    out.reserve((entry.size() + 2) / 3 * 4);
+    uint32_t acc = 0;
+    int bits = 0;
+    for (unsigned char c : entry) {
+        acc = (acc << 8) | c;
+        bits += 8;
+        while (bits >= 6) {
+            bits -= 6;
+            out.push_back(kB64[(acc >> bits) & 0x3f]);
+        }
+    }
+    if (bits > 0)
+        out.push_back(kB64[(acc << (6 - bits)) & 0x3f]);
+    return out;
+}
+
+bool orbs3_list_token_decode(std::string_view token, std::string* entry)
+{
+    if (token.empty() || token.size() % 4 == 1)
+        return false;
+    entry->clear();
+    uint32_t acc = 0;
+    int bits = 0;
+    for (char c : token) {
+        int v = b64_value(c);
+        if (v < 0)
+            return false;
+        acc = (acc << 6) | static_cast<uint32_t>(v);
+        bits += 6;
+        if (bits >= 8) {
+            bits -= 8;
+            entry->push_back(static_cast<char>((acc >> bits) & 0xff));
+        }
+    }
+    // The bits left over are the padding of the last byte: a token this server made has them clear.
+    return (acc & ((1u << bits) - 1)) == 0;
+}
 
 int orbs3_list_object(orbs3_http_request_t* r)
 {
     if (r->method == ORBS3_HTTP_HEAD)
         return orbs3_head_bucket(r);
-    // The walk of the meta tree is not built yet.
-    return orbs3_s3_not_implemented(r);
+
+    static constexpr int list = ORBS3_ACCESS_LIST;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    std::unique_ptr<orbs3_bucket_t, bucket_free> bucket(raw);
+
+    std::string args(view(r->args));
+    orbs3_cgi_form form(args.empty() ? nullptr : cgiParseGetFormInput(args.c_str()));
+    if (!args.empty() && !form)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR);
+    list_params_t p;
+    rc = read_params(r, form.get(), &p);
+    if (rc != 0)
+        return fail(r, static_cast<uint32_t>(rc));
+
+    orbs3_list_query_t q;
+    q.prefix = p.prefix;
+    q.delimiter = p.delimiter;
+    q.max_keys = p.max_keys;
+    std::string resume;
+    if (p.v2 && p.continuation) {
+        if (!orbs3_list_token_decode(*p.continuation, &resume)) {
+            r->resp.message = "The continuation token provided is incorrect";
+            return fail(r, ORBS3_S3_INVALID_ARGUMENT);
+        }
+        q.after = resume;
+    } else if (p.v2 && p.start_after) {
+        q.after = *p.start_after;
+    } else if (!p.v2 && p.marker) {
+        q.after = *p.marker;
+    }
+
+    orbs3_list_page_t page;
+    if (orbs3_list_page(neo_getstr(&bucket->meta_dir), &q, r->pool, &page) != 0)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR);
+
+    orbs3_list_doc_t doc;
+    doc.bucket = view(r->req_msg.bucket);
+    doc.prefix = p.prefix;
+    doc.delimiter = p.delimiter;
+    doc.v2 = p.v2;
+    doc.marker = p.marker;
+    doc.start_after = p.start_after;
+    doc.continuation = p.continuation;
+    std::string token;
+    if (page.truncated)
+        token = p.v2 ? orbs3_list_token_encode(page.next) : std::string(page.next);
+    doc.next = token;
+    doc.max_keys = p.max_keys;
+    doc.key_count = page.key_count;
+    doc.truncated = page.truncated;
+    doc.url_encode = p.url;
+    doc.fetch_owner = p.fetch_owner;
+    doc.list = &page.entries;
+    neo_cstr_ptr text(make_list_objects_xml(&doc));
+    if (!text)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR);
+    rc = orbs3_http_send_list_objects_msg(r->connection, 200, text.get(), r->resp.connection, r->resp.origin);
+    return rc == 0 ? 0 : -1;
 }

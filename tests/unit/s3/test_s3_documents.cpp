@@ -87,42 +87,102 @@ TEST(S3Documents, BucketListIndentsWithLineFeedAndCarriageReturns)
                       "\n\r</Owner>\n\r<Buckets />\n</ListAllMyBucketsResult>\n");
 }
 
-TEST(S3Documents, ObjectListMarksTruncationAndAlwaysSaysSlash)
+TEST(S3Documents, ObjectListV2GivesContentsThenPrefixesAndTheTokenOfATruncatedPage)
 {
-    orbs3_list_entry_t file{};
-    file.key = S("a/x.txt");
-    file.last_modified = S("2024-01-02T03:04:05.000Z");
-    file.etag = S("\"abc\"");
-    file.size = 5000000000ULL;
     orbs3_list_entry_t dir{};
     dir.is_dir = true;
     dir.key = S("a/d/");
+    orbs3_list_entry_t file{};
+    file.key = S("a/x.txt");
+    file.last_modified = S("2024-01-02T03:04:05.000Z");
+    file.etag = S("abc");
+    file.size = 5000000000ULL;
+    file.owner_id = S("u1");
+    file.owner_display_name = S("alice");
+    neo_list_head_t list;
+    INIT_LIST_HEAD(&list);
+    list_add_tail(&dir.link, &list);
+    list_add_tail(&file.link, &list);
+
+    orbs3_list_doc_t doc;
+    doc.bucket = "bk";
+    doc.prefix = "a/";
+    doc.delimiter = "/";
+    doc.start_after = "a/c";
+    doc.continuation = "YS9i";
+    doc.next = "YS94LnR4dA";
+    doc.max_keys = 2;
+    doc.key_count = 2;
+    doc.truncated = true;
+    doc.list = &list;
+    const std::string contents = "\n  <Contents>\n    <Key>a/x.txt</Key>\n    <LastModified>2024-01-02T03:04:05.000Z"
+                                 "</LastModified>\n    <ETag>&quot;abc&quot;</ETag>\n    <Size>5000000000</Size>";
+    EXPECT_EQ(take(make_list_objects_xml(&doc)),
+              kDecl + "\n<ListBucketResult>\n  <Name>bk</Name>\n  <Prefix>a/</Prefix>\n  <StartAfter>a/c</StartAfter>"
+                      "\n  <ContinuationToken>YS9i</ContinuationToken>\n  <KeyCount>2</KeyCount>"
+                      "\n  <MaxKeys>2</MaxKeys>\n  <Delimiter>/</Delimiter>\n  <IsTruncated>true</IsTruncated>" +
+                      contents + "\n    <StorageClass>STANDARD</StorageClass>\n  </Contents>"
+                      "\n  <CommonPrefixes>\n    <Prefix>a/d/</Prefix>\n  </CommonPrefixes>"
+                      "\n  <NextContinuationToken>YS94LnR4dA</NextContinuationToken>\n</ListBucketResult>\n");
+
+    // With fetch-owner the V2 rows carry their owner; a last page has no token and no Delimiter when none.
+    doc.fetch_owner = true;
+    doc.truncated = false;
+    doc.delimiter = {};
+    doc.start_after.reset();
+    doc.continuation.reset();
+    EXPECT_EQ(take(make_list_objects_xml(&doc)),
+              kDecl + "\n<ListBucketResult>\n  <Name>bk</Name>\n  <Prefix>a/</Prefix>\n  <KeyCount>2</KeyCount>"
+                      "\n  <MaxKeys>2</MaxKeys>\n  <IsTruncated>false</IsTruncated>" +
+                      contents + "\n    <Owner>\n      <ID>u1</ID>\n      <DisplayName>alice</DisplayName>\n    </Owner>"
+                      "\n    <StorageClass>STANDARD</StorageClass>\n  </Contents>"
+                      "\n  <CommonPrefixes>\n    <Prefix>a/d/</Prefix>\n  </CommonPrefixes>\n</ListBucketResult>\n");
+}
+
+TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
+{
+    orbs3_list_entry_t file{};
+    file.key = S("a b+c/\xc3\xa9\x01&.txt");
+    file.etag = S("e");
     neo_list_head_t list;
     INIT_LIST_HEAD(&list);
     list_add_tail(&file.link, &list);
-    list_add_tail(&dir.link, &list);
+    orbs3_list_doc_t doc;
+    doc.v2 = false;
+    doc.bucket = "bk";
+    doc.list = &list;
+    doc.key_count = 1;
+    doc.max_keys = 1;
+    // A first V1 page: an empty Marker, no KeyCount, no NextMarker on the last page.
+    std::string got = take(make_list_objects_xml(&doc));
+    EXPECT_NE(got.find("<Prefix />\n  <Marker />\n  <MaxKeys>1</MaxKeys>\n  <IsTruncated>false</IsTruncated>"),
+              std::string::npos) << got;
+    EXPECT_EQ(got.find("KeyCount"), std::string::npos) << got;
+    EXPECT_EQ(got.find("NextMarker"), std::string::npos) << got;
+    EXPECT_NE(got.find("<ID />"), std::string::npos) << got;  // V1 rows always carry their owner
 
-    // Delimiter "|" was asked for; key_count == max_keys means truncated.
-    std::string got = take(make_list_objects_xml("bk", "a/", &list, 1, 2, 2, "a/d/", nullptr, nullptr, false));
-    EXPECT_EQ(got, kDecl +
-                       "\n<ListBucketResult>\n  <Name>bk</Name>\n  <Prefix>a/</Prefix>"
-                       "<NextContinuationToken>a/d/</NextContinuationToken>"
-                       "\n  <KeyCount>2</KeyCount>\n  <MaxKeys>2</MaxKeys>\n  <Delimiter>/</Delimiter>"
-                       "\n  <IsTruncated>true</IsTruncated>"
-                       "\n  <Contents>\n    <Key>a/x.txt</Key>\n    <LastModified>2024-01-02T03:04:05.000Z</LastModified>"
-                       "\n    <ETag>&quot;abc&quot;</ETag>\n    <Size>5000000000</Size>\n    <StorageClass>STANDARD</StorageClass>"
-                       "\n  </Contents>\n  <CommonPrefixes>\n  <Prefix>a/d/</Prefix>\n  </CommonPrefixes>"
-                       "\n</ListBucketResult>\n");
+    // Truncated, with a delimiter or without: NextMarker is the last entry. encoding-type=url encodes what
+    // comes from keys (Prefix, Marker, NextMarker, Delimiter, Key) and keeps "/" as it is.
+    doc.truncated = true;
+    doc.prefix = "a b";
+    doc.delimiter = "+";
+    doc.marker = "m&n";
+    doc.next = "a b+c/\xc3\xa9\x01&.txt";
+    doc.url_encode = true;
+    got = take(make_list_objects_xml(&doc));
+    for (const char* want : {"<Prefix>a+b</Prefix>", "<Marker>m%26n</Marker>", "<Delimiter>%2B</Delimiter>",
+                             "<NextMarker>a+b%2Bc/%C3%A9%01%26.txt</NextMarker>", "<Key>a+b%2Bc/%C3%A9%01%26.txt</Key>",
+                             "\n  <EncodingType>url</EncodingType>\n</ListBucketResult>"})
+        EXPECT_NE(got.find(want), std::string::npos) << want << "\n" << got;
 
-    INIT_LIST_HEAD(&list);
-    // Version 1 listing with a marker; start_after is dropped when a marker is given.
-    got = take(make_list_objects_xml("bk", nullptr, &list, 0, 10, 0, nullptr, "m", "s", true));
-    EXPECT_EQ(got, kDecl +
-                       "\n<ListBucketResult>\n  <Name>bk</Name>\n  <Prefix /><Marker>m</Marker>"
-                       "\n  <KeyCount>0</KeyCount>\n  <MaxKeys>10</MaxKeys>\n  <Delimiter />"
-                       "\n  <IsTruncated>false</IsTruncated>\n</ListBucketResult>\n");
-    got = take(make_list_objects_xml("bk", "", &list, 0, 10, 0, nullptr, nullptr, "s", false));
-    EXPECT_NE(got.find("<Prefix /><StartAfter>s</StartAfter>\n  <KeyCount>"), std::string::npos) << got;
+    // Without encoding, texts are whole however long: a key is never cut to an element cap.
+    const std::string long_key(1023, 'k');
+    file.key = S(long_key.c_str());
+    doc.url_encode = false;
+    doc.next = long_key;
+    got = take(make_list_objects_xml(&doc));
+    EXPECT_NE(got.find("<Key>" + long_key + "</Key>"), std::string::npos);
+    EXPECT_NE(got.find("<NextMarker>" + long_key + "</NextMarker>"), std::string::npos);
 }
 
 TEST(S3Documents, AclRepliesGrantEachBitInOrderWithEachForm)

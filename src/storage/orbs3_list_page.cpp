@@ -1,0 +1,293 @@
+#include "storage/orbs3_list_page.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "core/orbs3_log.h"
+#include "memory/neo_files.h"
+#include "s3/orbs3_s3_documents.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_record.h"
+
+namespace {
+
+struct object_free {
+    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
+};
+using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
+
+std::string_view view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
+
+// The lower bound of a walk: keys up to `key` are behind it, and with `whole` also every key that starts
+// with `key` (a common prefix already given out covers all of them).
+struct bound_t {
+    std::string key;
+    bool whole = false;
+
+    bool passes(std::string_view k) const
+    {
+        if (k.compare(key) <= 0)
+            return false;
+        return !(whole && k.starts_with(key));
+    }
+    // Whether a directory whose keys all start with `p` may hold a key past the bound.
+    bool may_enter(std::string_view p) const
+    {
+        if (std::string_view(key).starts_with(p))
+            return true;
+        if (whole && p.starts_with(key))
+            return false;
+        return p.compare(key) > 0;
+    }
+};
+
+// Keys of a meta tree in S3 order, strictly past a bound that only grows. Each directory is read once when
+// the walk enters it; its entries that can't matter (behind the bound, outside the prefix) are dropped
+// there, and the rest are sorted lazily in chunks, so a page out of a huge flat directory sorts only
+// what it takes.
+class key_walk {
+public:
+    key_walk(std::string_view root, std::string_view prefix, std::size_t chunk)
+        : root_(root), prefix_(prefix), chunk_(std::max<std::size_t>(chunk, 16))
+    {
+    }
+
+    void raise(std::string_view key, bool whole)
+    {
+        bound_.key.assign(key);
+        bound_.whole = whole;
+    }
+
+    // 1 with the next object's key and record, 0 at the end, -1 when the walk's root can't be read.
+    int next(std::string* key, object_ptr* rec)
+    {
+        if (!started_) {
+            started_ = true;
+            // Every key under the prefix lies in the directory its last "/" names: start there.
+            std::size_t slash = prefix_.rfind('/');
+            std::string start(slash == std::string_view::npos ? std::string_view() : prefix_.substr(0, slash + 1));
+            int rc = push(start);
+            if (rc < 0)
+                return errno == ENOENT || errno == ENOTDIR ? 0 : -1;
+        }
+        while (!stack_.empty()) {
+            frame_t& f = stack_.back();
+            if (f.marker) {
+                f.marker = false;
+                std::string path = root_ + "/" + f.prefix + std::string(ORBS3_DIR_MARKER);
+                if (take(f.prefix, path, key, rec))
+                    return 1;
+                continue;
+            }
+            if (f.pos == f.entries.size()) {
+                stack_.pop_back();
+                continue;
+            }
+            sort_ahead(f);
+            const entry_t& e = f.entries[f.pos++];
+            std::string k = f.prefix + e.sort_name;
+            if (e.dir) {
+                if (bound_.may_enter(k) && compatible(k))
+                    (void)push(k);  // a directory that can't be read holds nothing this walk can give
+                continue;
+            }
+            if (!bound_.passes(k) || !std::string_view(k).starts_with(prefix_))
+                continue;
+            std::string path = root_ + "/" + k;
+            if (take(k, path, key, rec))
+                return 1;
+        }
+        return 0;
+    }
+
+private:
+    struct entry_t {
+        std::string sort_name;  // a directory's name ends in "/"
+        bool dir;
+    };
+    struct frame_t {
+        std::string prefix;  // the key prefix of this directory: "" or ending in "/"
+        std::vector<entry_t> entries;
+        std::size_t pos = 0;
+        std::size_t sorted = 0;
+        bool marker = false;  // the directory object's record is still to be given
+    };
+
+    // A directory whose keys start with `p` holds keys of the prefix, or the prefix lies inside it.
+    bool compatible(std::string_view p) const { return p.starts_with(prefix_) || prefix_.starts_with(p); }
+
+    // The record at `path` as the object `k`, when it parses and is past the bound.
+    bool take(const std::string& k, const std::string& path, std::string* key, object_ptr* rec)
+    {
+        if (k.empty() || !bound_.passes(k) || !std::string_view(k).starts_with(prefix_))
+            return false;
+        object_ptr o(orbs3_create_object_from_file(path.c_str()));
+        if (!o)
+            return false;
+        *key = k;
+        *rec = std::move(o);
+        return true;
+    }
+
+    void sort_ahead(frame_t& f)
+    {
+        if (f.pos < f.sorted)
+            return;
+        auto less = [](const entry_t& a, const entry_t& b) { return a.sort_name < b.sort_name; };
+        std::size_t end = std::min(f.entries.size(), f.pos + chunk_);
+        auto first = f.entries.begin() + static_cast<std::ptrdiff_t>(f.pos);
+        std::partial_sort(first, f.entries.begin() + static_cast<std::ptrdiff_t>(end), f.entries.end(), less);
+        f.sorted = end;
+    }
+
+    // Reads the directory of key prefix `p` onto the stack. -1 with errno when it can't be opened.
+    int push(const std::string& p)
+    {
+        std::string path = root_ + "/" + p;
+        // Only directories of the tree itself are entered, never one a link points to.
+        int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        if (fd < 0)
+            return -1;
+        neo_dir_ptr dir(fdopendir(fd));
+        if (!dir) {
+            int saved = errno;
+            close(fd);
+            errno = saved;
+            return -1;
+        }
+        frame_t f;
+        f.prefix = p;
+        while (struct dirent* d = readdir(dir.get())) {
+            std::string_view name(d->d_name);
+            if (name == "." || name == "..")
+                continue;
+            unsigned char type = d->d_type;
+            if (type == DT_UNKNOWN) {
+                struct stat st;
+                if (fstatat(dirfd(dir.get()), d->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
+                    continue;
+                type = S_ISREG(st.st_mode) ? DT_REG : S_ISDIR(st.st_mode) ? DT_DIR : DT_UNKNOWN;
+            }
+            if (type != DT_REG && type != DT_DIR)
+                continue;
+            if (name.starts_with(ORBS3_RESERVED_PREFIX)) {
+                // The directory object's record; every other such name is the server's own.
+                if (type == DT_REG && name == ORBS3_DIR_MARKER && !p.empty())
+                    f.marker = true;
+                continue;
+            }
+            entry_t e{std::string(name), type == DT_DIR};
+            if (e.dir)
+                e.sort_name.push_back('/');
+            std::string k = p + e.sort_name;
+            if (e.dir ? !(bound_.may_enter(k) && compatible(k))
+                      : !(bound_.passes(k) && std::string_view(k).starts_with(prefix_)))
+                continue;
+            f.entries.push_back(std::move(e));
+        }
+        stack_.push_back(std::move(f));
+        return 0;
+    }
+
+    std::string root_;
+    std::string_view prefix_;
+    std::size_t chunk_;
+    bound_t bound_;
+    std::vector<frame_t> stack_;
+    bool started_ = false;
+};
+
+bool pool_copy(orbs3_pool_t* pool, orbs3_str_t* s, std::string_view text)
+{
+    if (text.empty()) {
+        s->data = nullptr;
+        s->len = 0;
+        return true;
+    }
+    return orbs3_pstr_set(pool, s, text.data(), text.size()) == 0;
+}
+
+}  // namespace
+
+std::string_view orbs3_list_rollup(std::string_view key, std::string_view prefix, std::string_view delimiter)
+{
+    if (delimiter.empty() || !key.starts_with(prefix))
+        return {};
+    std::size_t at = key.find(delimiter, prefix.size());
+    if (at == std::string_view::npos)
+        return {};
+    return key.substr(0, at + delimiter.size());
+}
+
+int orbs3_list_page(const char* meta_dir, const orbs3_list_query_t* query, orbs3_pool_t* pool,
+                    orbs3_list_page_t* page)
+{
+    INIT_LIST_HEAD(&page->entries);
+    page->key_count = 0;
+    page->truncated = false;
+    page->next = {};
+    const int max_keys = std::clamp(query->max_keys, 0, ORBS3_LIST_MAX_KEYS);
+    if (max_keys == 0)
+        return 0;
+
+    key_walk walk(meta_dir, query->prefix, static_cast<std::size_t>(max_keys) + 1);
+    // A resume point under a common prefix was given out with that prefix: start behind all of it.
+    if (!query->after.empty()) {
+        std::string_view cp = orbs3_list_rollup(query->after, query->prefix, query->delimiter);
+        walk.raise(cp.empty() ? query->after : cp, !cp.empty());
+    }
+
+    orbs3_list_entry_t* last = nullptr;
+    std::string key;
+    object_ptr rec;
+    for (;;) {
+        int rc = walk.next(&key, &rec);
+        if (rc < 0) {
+            ipd_log(LOG_ERR, "listing %s failed: %s", meta_dir, std::strerror(errno));
+            return -1;
+        }
+        if (rc == 0)
+            break;
+        if (page->key_count == max_keys) {
+            page->truncated = true;
+            break;
+        }
+        auto* e = static_cast<orbs3_list_entry_t*>(orbs3_pcalloc(pool, sizeof(orbs3_list_entry_t)));
+        if (e == nullptr)
+            return -1;
+        std::string_view cp = orbs3_list_rollup(key, query->prefix, query->delimiter);
+        if (!cp.empty()) {
+            e->is_dir = true;
+            if (!pool_copy(pool, &e->key, cp))
+                return -1;
+            // Everything under the common prefix is given out with it.
+            walk.raise(cp, true);
+        } else {
+            const orbs3_object_t* o = rec.get();
+            if (!pool_copy(pool, &e->key, key) || !pool_copy(pool, &e->last_modified, view(o->last_modified)) ||
+                !pool_copy(pool, &e->etag, view(o->etag)) || !pool_copy(pool, &e->owner_id, view(o->owner_id)) ||
+                !pool_copy(pool, &e->owner_display_name, view(o->owner_display_name)))
+                return -1;
+            e->size = o->size;
+            walk.raise(key, false);
+        }
+        list_add_tail(&e->link, &page->entries);
+        page->key_count++;
+        last = e;
+    }
+    if (page->truncated && last != nullptr)
+        page->next = view(last->key);
+    return 0;
+}
