@@ -34,6 +34,8 @@ constexpr int kConfBucketMaxLen = 127;
 constexpr int kConfObjectMaxLen = 127;
 constexpr int kConfObjectPathLen = 1023;
 constexpr int kConfObjectDirNum = 10;
+// S3's own least part size; tests lower it to keep their uploads small.
+constexpr int kConfMultipartMinPart = 5 << 20;
 constexpr int kConfLifecycleHour = 0;
 constexpr int kConfLifecycleThreadMin = 10;
 constexpr int kConfLifecycleThreadMax = 100;
@@ -186,6 +188,7 @@ void conf_clear()
     orbs3_conf.objectpathlen = 0;
     orbs3_conf.objectdirnum = 0;
     orbs3_conf.verify_signatures = 1;
+    orbs3_conf.multipart_min_part = kConfMultipartMinPart;
     orbs3_conf.cache_max_mem = 0;
     orbs3_conf.cache_max_file = 0;
     std::memset(orbs3_conf.cache_tmp, 0, sizeof orbs3_conf.cache_tmp);
@@ -335,6 +338,7 @@ int orbs3_read_conf_xml()
     orbs3_conf.objectmaxlen = conf_num(om, "objectmaxlen", kConfObjectMaxLen);
     orbs3_conf.objectpathlen = conf_num(om, "objectpathlen", kConfObjectPathLen);
     orbs3_conf.objectdirnum = conf_num(om, "objectdirnum", kConfObjectDirNum);
+    orbs3_conf.multipart_min_part = conf_num(om, "multipart_min_part", kConfMultipartMinPart);
     orbs3_conf.lifecyclehour = conf_num(om, "lifecyclehour", kConfLifecycleHour);
     orbs3_conf.lifecyclethread_min = conf_num(om, "lifecyclethread_min", kConfLifecycleThreadMin);
     orbs3_conf.lifecyclethread_max = conf_num(om, "lifecyclethread_max", kConfLifecycleThreadMax);
@@ -370,6 +374,7 @@ int orbs3_write_conf_xml()
     set_int_attr(om, "objectmaxlen", c.objectmaxlen, kConfObjectMaxLen);
     set_int_attr(om, "objectpathlen", c.objectpathlen, kConfObjectPathLen);
     set_int_attr(om, "objectdirnum", c.objectdirnum, kConfObjectDirNum);
+    set_int_attr(om, "multipart_min_part", c.multipart_min_part, kConfMultipartMinPart);
     set_int_attr(om, "lifecyclehour", c.lifecyclehour, kConfLifecycleHour);
     set_int_attr(om, "lifecyclethread_min", c.lifecyclethread_min, kConfLifecycleThreadMin);
     set_int_attr(om, "lifecyclethread_max", c.lifecyclethread_max, kConfLifecycleThreadMax);

@@ -61,6 +61,8 @@ struct orbs3_conf_t {
     int objectdirnum;
     // 1 unless orbmux.conf says signatures="off": request signatures are checked before any action runs.
     int verify_signatures;
+    // Least size of every part of a multipart upload but the last, in bytes (multipart_min_part).
+    int multipart_min_part;
     uint64_t cache_max_mem;
     uint64_t cache_max_file;
     char cache_tmp[1024];

@@ -94,6 +94,7 @@ inline constexpr orbs3_s3_param_t orbs3_get_bucket_params[] = {
     {"bucketrecycleconf", "GetBucketRecycleConf", 1},
     {"bucketobjver", "GetBucketObjVer", 1},
     {"bucketlifecyclehistory", "GetBucketLifeCycleHistory", 1},
+    {"uploads", "ListMultipartUploads", 1},
     {"", "", 0},
 };
 

@@ -19,6 +19,7 @@
 #include "s3/orbs3_s3_signature.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_list_object.h"
+#include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object.h"
 
 orbs3_s3_blacklist_pt orbmux_check_service_blacklist = nullptr;
@@ -84,11 +85,12 @@ const orbs3_s3_event_t s3_events[] = {
     {"GetObjectTagging", 0x115, orbs3_s3_not_implemented, 0},  // orbs3_get_object_tagging
     {"DeleteObjectTagging", 0x115, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_tagging
     {"DeleteObjectVorne", 0x117, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_vorne
-    {"CreateMultipartUpload", 0x110, orbs3_s3_not_implemented, 0},  // orbs3_create_multipart_upload_object
-    {"CompleteMultipartUpload", 0x111, orbs3_s3_not_implemented, 1},  // orbs3_complete_multipart_upload_object
-    {"AbortMultipartUpload", 0x112, orbs3_s3_not_implemented, 0},  // orbs3_abort_multipart_upload_object
-    {"UploadPart", 0x113, orbs3_s3_not_implemented, 0},  // orbs3_upload_part_object
-    {"ListParts", 0x114, orbs3_s3_not_implemented, 0},  // orbs3_list_parts_object
+    {"CreateMultipartUpload", 0x110, orbs3_create_multipart_upload_object, 0},
+    {"CompleteMultipartUpload", 0x111, orbs3_complete_multipart_upload_object, 1},
+    {"AbortMultipartUpload", 0x112, orbs3_abort_multipart_upload_object, 0},
+    {"UploadPart", 0x113, orbs3_upload_part_object, 0},
+    {"ListParts", 0x114, orbs3_list_parts_object, 0},
+    {"ListMultipartUploads", 0x118, orbs3_list_multipart_uploads, 0},
     {"PutServiceBlacklist", 0x201, orbs3_s3_not_implemented, 1},  // orbs3_put_service_blacklist
     {"PutServiceBlacklistStatus", 0x215, orbs3_s3_not_implemented, 1},  // orbs3_put_service_blacklist_status
     {"DeleteServiceBlacklist", 0x216, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_blacklist
@@ -235,7 +237,8 @@ int admit_and_run(orbs3_http_request_t* r)
     }
     // A body in the streaming framing would reach a handler with its chunk signatures in it; PutObject
     // takes the framing off as the body arrives.
-    if (orbs3_s3_streaming_payload(r) && orbs3_http_has_body(r) && r->event->handler != orbs3_put_object) {
+    if (orbs3_s3_streaming_payload(r) && orbs3_http_has_body(r) && r->event->handler != orbs3_put_object &&
+        r->event->handler != orbs3_upload_part_object) {
         r->resp.message = "Payloads signed chunk by chunk are not accepted yet; send the body with a plain "
                           "payload hash.";
         return static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED);

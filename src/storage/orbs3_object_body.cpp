@@ -229,8 +229,9 @@ int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
     // The file is opened for each pass and closed at each pause: a slow client holds no descriptor.
     file->fd = open(file->path, O_WRONLY | O_APPEND | O_CLOEXEC);
     if (file->fd < 0) {
-        ipd_log(LOG_ERR, "open %s failed: %s", file->path, std::strerror(errno));
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        const int err = errno;
+        ipd_log(LOG_ERR, "open %s failed: %s", file->path, std::strerror(err));
+        return err == ENOENT ? st->vanished : static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
     for (;;) {
         if (st->digest != nullptr) {

@@ -12,6 +12,7 @@
 #include "http/orbs3_http_request_body.h"
 #include "memory/neo_md5.h"
 #include "s3/orbs3_s3_aws_chunked.h"
+#include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_checksum.h"
 
 struct orbs3_object_body_t;
@@ -31,6 +32,8 @@ struct orbs3_object_body_t {
     orbs3_object_body_done_pt done = nullptr;
     void* owner = nullptr;  // the caller's own state, for the completion
     const char* action = "";  // for log lines
+    // What to answer when the temporary file is gone between two passes (its directory was removed).
+    int vanished = static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
 
     // What the request asks to be verified.
     bool want_md5 = false;

@@ -96,7 +96,7 @@ int add(orbs3_http_request_t* r, const char* name, std::string_view value)
 
 // What the reply says of the object.
 struct object_view_t {
-    char etag[40];       // quoted
+    char etag[48];       // quoted
     char modified[40];   // HTTP date
     time_t mtime;
     std::string_view etag_bare;

@@ -192,6 +192,7 @@ const ConfField kFields[] = {
     FIELD("objectmaxlen", objectmaxlen, 127, "x", 0, 0),  // 0 is written as the default
     FIELD("objectpathlen", objectpathlen, 1023, "511", 511, 2047),
     FIELD("objectdirnum", objectdirnum, 10, "3", 3, 5),
+    FIELD("multipart_min_part", multipart_min_part, 5 << 20, "1024", 1024, 4096),
     FIELD("lifecyclehour", lifecyclehour, 0, "4", 4, 3),
     FIELD("lifecyclethread_min", lifecyclethread_min, 10, "-12", -12, 4),
     FIELD("lifecyclethread_max", lifecyclethread_max, 100, "200", 200, 8),
@@ -250,8 +251,8 @@ TEST_F(ConfigFiles, OrbmuxConfWriteReplacesTheFileAndReadsBack)
     EXPECT_TRUE(text.starts_with("<?xml version=\"1.0\"")) << text;
     std::size_t at = 0;
     for (const char* piece : {"<orbmux ", "interval=", "conf_path=", "bucketmaxlen=", "objectmaxlen=",
-                              "objectpathlen=", "objectdirnum=", "lifecyclehour=", "lifecyclethread_min=",
-                              "lifecyclethread_max=", "lifecyclethread_event=", "<cache ", "max_mem=\"64M\"",
+                              "objectpathlen=", "objectdirnum=", "multipart_min_part=", "lifecyclehour=",
+                              "lifecyclethread_min=", "lifecyclethread_max=", "lifecyclethread_event=", "<cache ", "max_mem=\"64M\"",
                               "max_file=\"2G\"", "retry=", "interval=\"11\"", "tmp="}) {
         at = text.find(piece, at);
         ASSERT_NE(at, std::string::npos) << piece << " in order in " << text;

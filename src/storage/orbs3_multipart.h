@@ -1,0 +1,94 @@
+// Multipart upload: an object assembled from parts sent separately, possibly in parallel, through any
+// worker or node that mounts the tree.
+//
+// Everything an upload is lives on disk, in the bucket's data tree, under names with the reserved prefix
+// (no client key can reach them, and listings walk the meta tree only):
+//   <data_dir>/.orbs3-uploads/<upload_id>          the upload's record: key, initiator, creation time,
+//                                                  and the content headers and x-amz-meta-* of Create
+//   <data>/<dir>.orbs3-<upload_id><file>           the staging directory beside the object's final place
+//   <staging>/<part_number>                        a part's bytes
+//   <staging>/<part_number>.etag                   the part's record: size, MD5, inode, time
+// Every file is written under a temporary name and renamed into place, so parts sent in parallel never
+// meet in one file and a re-sent part replaces the earlier one whole. The part record names the inode of
+// the bytes it describes: a record that does not match its part (a crash or a second sender between the
+// two renames) is made again from the part's bytes.
+//
+// Complete and Abort first claim the upload by renaming its record to "<upload_id>.claimed": of two that
+// race exactly one wins, the other finds no upload. Complete copies the parts into a temporary file
+// beside the object (copy_file_range: no bytes through user space) and renames it over the object.
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+#include "http/orbs3_http_request.h"
+#include "memory/neo_md5.h"
+#include "storage/orbs3_bucket.h"
+
+inline constexpr int ORBS3_MULTIPART_MAX_PART = 10000;
+// S3's largest part.
+inline constexpr int64_t ORBS3_MULTIPART_MAX_PART_SIZE = int64_t{5} << 30;
+inline constexpr std::string_view ORBS3_MULTIPART_INDEX_DIR = ".orbs3-uploads";
+
+// An upload as its record keeps it.
+struct orbs3_multipart_upload_t {
+    std::string key;  // bucket-relative
+    std::string upload_id;
+    std::string initiator_id;
+    std::string initiator_name;
+    std::string created;  // record time stamp
+    std::string content_type, cache_control, content_disposition, content_encoding, expires;
+    std::vector<std::pair<std::string, std::string>> meta;  // x-amz-meta-<name> (lower case), value
+};
+
+// A part as its record keeps it.
+struct orbs3_multipart_part_t {
+    int number = 0;
+    int64_t size = 0;
+    uint8_t md5[NEO_MD5_LEN] = {};
+    uint64_t ino = 0;  // the inode of the part's bytes this record describes
+    std::string modified;
+};
+
+// A part a Complete document names.
+struct orbs3_multipart_request_part_t {
+    int number;
+    std::string_view etag;  // as sent: quotes allowed
+};
+
+// The record texts. Render never fails; parse gives 0, or -1 for a text that is not a whole record of
+// its kind (the upload record needs key, id and time; the part record size and MD5).
+[[nodiscard]] std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up);
+[[nodiscard]] int orbs3_multipart_parse_upload(std::string_view text, orbs3_multipart_upload_t* up);
+[[nodiscard]] std::string orbs3_multipart_render_part(const orbs3_multipart_part_t& part);
+[[nodiscard]] int orbs3_multipart_parse_part(std::string_view text, orbs3_multipart_part_t* part);
+
+// 32 lower-case hexadecimal digits, nothing else: the only ids that may reach a path.
+[[nodiscard]] bool orbs3_multipart_valid_id(std::string_view id);
+
+// "<data_dir><dir>.orbs3-<id><file>" of `key`. 0, or -1 for an unsafe key or a path that does not fit.
+[[nodiscard]] int orbs3_multipart_staging_path(const orbs3_bucket_t* bucket, std::string_view key,
+                                               std::string_view id, char* out, std::size_t size);
+
+// The checks of a Complete document against the stored parts (`stored` sorted by number): the document
+// lists at least one part (MalformedXML), its numbers strictly ascending (InvalidPartOrder), each part
+// exists with the ETag given (InvalidPart), and each part but the last has at least `min_part` bytes
+// (EntityTooSmall). 0 or the status; *bad the index in `req` of the part at fault.
+[[nodiscard]] int orbs3_multipart_check_complete(const std::vector<orbs3_multipart_request_part_t>& req,
+                                                 const std::vector<orbs3_multipart_part_t>& stored,
+                                                 int64_t min_part, std::size_t* bad);
+
+// S3's ETag of an assembled object: the MD5 of the parts' binary MD5s in order, "-", the part count.
+// `out` gets at most 32 + 1 + 5 characters and a NUL.
+void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& parts, char out[40]);
+
+// The handlers.
+int orbs3_create_multipart_upload_object(orbs3_http_request_t* r);
+int orbs3_upload_part_object(orbs3_http_request_t* r);
+int orbs3_list_parts_object(orbs3_http_request_t* r);
+int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r);
+int orbs3_abort_multipart_upload_object(orbs3_http_request_t* r);
+int orbs3_list_multipart_uploads(orbs3_http_request_t* r);

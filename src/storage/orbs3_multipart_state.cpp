@@ -1,0 +1,316 @@
+// The records of a multipart upload and the checks of its Complete document: plain functions of texts
+// and lists, so they can be tested without a daemon.
+#include <cinttypes>
+#include <cstdio>
+#include <cstring>
+
+#include "memory/neo_string.h"
+#include "s3/orbs3_s3_errors.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_multipart.h"
+
+namespace {
+
+constexpr std::string_view kUploadMagic = "orbs3-upload 1";
+constexpr std::string_view kPartMagic = "orbs3-part 1";
+
+int hex_digit(char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
+// A value in a record line: every byte that is not printable, a blank or '%' as %XX, so keys with
+// newlines or spaces keep one line and one field.
+void put_encoded(std::string* out, std::string_view v)
+{
+    static const char* digits = "0123456789ABCDEF";
+    for (unsigned char c : v) {
+        if (c > 0x20 && c < 0x7f && c != '%') {
+            out->push_back(static_cast<char>(c));
+        } else {
+            out->push_back('%');
+            out->push_back(digits[c >> 4]);
+            out->push_back(digits[c & 15]);
+        }
+    }
+}
+
+bool get_encoded(std::string_view v, std::string* out)
+{
+    out->clear();
+    for (std::size_t i = 0; i < v.size(); i++) {
+        if (v[i] != '%') {
+            out->push_back(v[i]);
+            continue;
+        }
+        if (i + 2 >= v.size())
+            return false;
+        int hi = hex_digit(v[i + 1]), lo = hex_digit(v[i + 2]);
+        if (hi < 0 || lo < 0)
+            return false;
+        out->push_back(static_cast<char>(hi << 4 | lo));
+        i += 2;
+    }
+    return true;
+}
+
+void put_field(std::string* out, std::string_view name, std::string_view value)
+{
+    out->append(name);
+    out->push_back(' ');
+    put_encoded(out, value);
+    out->push_back('\n');
+}
+
+// Calls f(name, value) for each "name value" line after the first, which must be `magic`. False for a
+// text that does not start with it or does not end in a newline (a file cut short).
+template <typename F>
+bool for_each_line(std::string_view text, std::string_view magic, F&& f)
+{
+    if (text.empty() || text.back() != '\n')
+        return false;
+    std::size_t nl = text.find('\n');
+    if (text.substr(0, nl) != magic)
+        return false;
+    text.remove_prefix(nl + 1);
+    while (!text.empty()) {
+        nl = text.find('\n');
+        std::string_view line = text.substr(0, nl);
+        text.remove_prefix(nl + 1);
+        std::size_t sp = line.find(' ');
+        std::string_view name = line.substr(0, sp);
+        std::string_view value = sp == std::string_view::npos ? std::string_view() : line.substr(sp + 1);
+        if (!f(name, value))
+            return false;
+    }
+    return true;
+}
+
+bool parse_u64(std::string_view v, uint64_t* out)
+{
+    if (v.empty() || v.size() > 19)
+        return false;
+    uint64_t n = 0;
+    for (char c : v) {
+        if (c < '0' || c > '9')
+            return false;
+        n = n * 10 + static_cast<uint64_t>(c - '0');
+    }
+    *out = n;
+    return true;
+}
+
+bool parse_md5_hex(std::string_view v, uint8_t out[NEO_MD5_LEN])
+{
+    if (v.size() != 2 * NEO_MD5_LEN)
+        return false;
+    for (std::size_t i = 0; i < NEO_MD5_LEN; i++) {
+        int hi = hex_digit(v[2 * i]), lo = hex_digit(v[2 * i + 1]);
+        if (hi < 0 || lo < 0)
+            return false;
+        out[i] = static_cast<uint8_t>(hi << 4 | lo);
+    }
+    return true;
+}
+
+// An ETag as a client sends it back: quotes around it are allowed, hex case is not significant.
+bool etag_matches(std::string_view sent, const uint8_t md5[NEO_MD5_LEN])
+{
+    if (sent.size() >= 2 && sent.front() == '"' && sent.back() == '"')
+        sent = sent.substr(1, sent.size() - 2);
+    uint8_t got[NEO_MD5_LEN];
+    return parse_md5_hex(sent, got) && std::memcmp(got, md5, NEO_MD5_LEN) == 0;
+}
+
+}  // namespace
+
+std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up)
+{
+    std::string out(kUploadMagic);
+    out.push_back('\n');
+    put_field(&out, "key", up.key);
+    put_field(&out, "id", up.upload_id);
+    put_field(&out, "initiator", up.initiator_id);
+    put_field(&out, "initiator-name", up.initiator_name);
+    put_field(&out, "created", up.created);
+    put_field(&out, "content-type", up.content_type);
+    put_field(&out, "cache-control", up.cache_control);
+    put_field(&out, "content-disposition", up.content_disposition);
+    put_field(&out, "content-encoding", up.content_encoding);
+    put_field(&out, "expires", up.expires);
+    for (const auto& [name, value] : up.meta) {
+        out.append("meta ");
+        put_encoded(&out, name);
+        out.push_back(' ');
+        put_encoded(&out, value);
+        out.push_back('\n');
+    }
+    return out;
+}
+
+int orbs3_multipart_parse_upload(std::string_view text, orbs3_multipart_upload_t* up)
+{
+    *up = orbs3_multipart_upload_t{};
+    bool has_key = false, has_id = false, has_created = false;
+    bool ok = for_each_line(text, kUploadMagic, [&](std::string_view name, std::string_view value) {
+        std::string* field = name == "key"                   ? (has_key = true, &up->key)
+                             : name == "id"                  ? (has_id = true, &up->upload_id)
+                             : name == "initiator"           ? &up->initiator_id
+                             : name == "initiator-name"      ? &up->initiator_name
+                             : name == "created"             ? (has_created = true, &up->created)
+                             : name == "content-type"        ? &up->content_type
+                             : name == "cache-control"       ? &up->cache_control
+                             : name == "content-disposition" ? &up->content_disposition
+                             : name == "content-encoding"    ? &up->content_encoding
+                             : name == "expires"             ? &up->expires
+                                                             : nullptr;
+        if (field != nullptr)
+            return get_encoded(value, field);
+        if (name == "meta") {
+            std::size_t sp = value.find(' ');
+            if (sp == std::string_view::npos)
+                return false;
+            std::string k, v;
+            if (!get_encoded(value.substr(0, sp), &k) || !get_encoded(value.substr(sp + 1), &v))
+                return false;
+            up->meta.emplace_back(std::move(k), std::move(v));
+            return true;
+        }
+        return true;  // a field of a later writer
+    });
+    if (!ok || !has_key || !has_id || !has_created || up->key.empty() || !orbs3_multipart_valid_id(up->upload_id)) {
+        *up = orbs3_multipart_upload_t{};
+        return -1;
+    }
+    return 0;
+}
+
+std::string orbs3_multipart_render_part(const orbs3_multipart_part_t& part)
+{
+    char md5[2 * NEO_MD5_LEN + 1];
+    *neo_hex(md5, part.md5, NEO_MD5_LEN) = '\0';
+    char text[256];
+    std::snprintf(text, sizeof text, "%.*s\nnumber %d\nsize %" PRId64 "\nmd5 %s\nino %" PRIu64 "\n",
+                  static_cast<int>(kPartMagic.size()), kPartMagic.data(), part.number, part.size, md5, part.ino);
+    std::string out(text);
+    put_field(&out, "modified", part.modified);
+    return out;
+}
+
+int orbs3_multipart_parse_part(std::string_view text, orbs3_multipart_part_t* part)
+{
+    *part = orbs3_multipart_part_t{};
+    bool has_size = false, has_md5 = false;
+    bool ok = for_each_line(text, kPartMagic, [&](std::string_view name, std::string_view value) {
+        uint64_t n = 0;
+        if (name == "number") {
+            if (!parse_u64(value, &n) || n < 1 || n > ORBS3_MULTIPART_MAX_PART)
+                return false;
+            part->number = static_cast<int>(n);
+        } else if (name == "size") {
+            if (!parse_u64(value, &n) || n > static_cast<uint64_t>(INT64_MAX))
+                return false;
+            part->size = static_cast<int64_t>(n);
+            has_size = true;
+        } else if (name == "md5") {
+            if (!parse_md5_hex(value, part->md5))
+                return false;
+            has_md5 = true;
+        } else if (name == "ino") {
+            if (!parse_u64(value, &part->ino))
+                return false;
+        } else if (name == "modified") {
+            return get_encoded(value, &part->modified);
+        }
+        return true;
+    });
+    if (!ok || !has_size || !has_md5) {
+        *part = orbs3_multipart_part_t{};
+        return -1;
+    }
+    return 0;
+}
+
+bool orbs3_multipart_valid_id(std::string_view id)
+{
+    if (id.size() != 32)
+        return false;
+    for (char c : id) {
+        if (!((c >= '0' && c <= '9') || (c >= 'a' && c <= 'f')))
+            return false;
+    }
+    return true;
+}
+
+int orbs3_multipart_staging_path(const orbs3_bucket_t* bucket, std::string_view key, std::string_view id,
+                                 char* out, std::size_t size)
+{
+    out[0] = '\0';
+    if (!orbs3_multipart_valid_id(id) || key.empty() || key.back() == '/')
+        return -1;
+    orbs3_object_path_t path;
+    if (orbs3_make_object_path(bucket, key, "", &path) != 0)
+        return -1;
+    std::string_view file = key.substr(key.rfind('/') + 1);
+    int n = std::snprintf(out, size, "%s%.*s%.*s%.*s", path.data_dir, static_cast<int>(ORBS3_RESERVED_PREFIX.size()),
+                          ORBS3_RESERVED_PREFIX.data(), static_cast<int>(id.size()), id.data(),
+                          static_cast<int>(file.size()), file.data());
+    if (n < 0 || static_cast<std::size_t>(n) >= size) {
+        out[0] = '\0';
+        return -1;
+    }
+    return 0;
+}
+
+int orbs3_multipart_check_complete(const std::vector<orbs3_multipart_request_part_t>& req,
+                                   const std::vector<orbs3_multipart_part_t>& stored, int64_t min_part,
+                                   std::size_t* bad)
+{
+    *bad = 0;
+    if (req.empty())
+        return static_cast<int>(ORBS3_S3_MALFORMED_XML);
+    // Order first, as S3 does: a document out of order is refused whatever its parts are.
+    for (std::size_t i = 0; i < req.size(); i++) {
+        if (req[i].number < 1 || req[i].number > ORBS3_MULTIPART_MAX_PART) {
+            *bad = i;
+            return static_cast<int>(ORBS3_S3_INVALID_PART);
+        }
+        if (i > 0 && req[i].number <= req[i - 1].number) {
+            *bad = i;
+            return static_cast<int>(ORBS3_S3_INVALID_PART_ORDER);
+        }
+    }
+    std::size_t at = 0;
+    for (std::size_t i = 0; i < req.size(); i++) {
+        while (at < stored.size() && stored[at].number < req[i].number)
+            at++;
+        if (at == stored.size() || stored[at].number != req[i].number || !etag_matches(req[i].etag, stored[at].md5)) {
+            *bad = i;
+            return static_cast<int>(ORBS3_S3_INVALID_PART);
+        }
+        if (i + 1 < req.size() && stored[at].size < min_part) {
+            *bad = i;
+            return static_cast<int>(ORBS3_S3_ENTITY_TOO_SMALL);
+        }
+    }
+    return 0;
+}
+
+void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& parts, char out[40])
+{
+    neo_md5_t md5;
+    uint8_t digest[NEO_MD5_LEN] = {};
+    if (neo_md5_init(&md5) == 0) {
+        for (const orbs3_multipart_part_t* p : parts)
+            (void)neo_md5_update(&md5, p->md5, NEO_MD5_LEN);
+        (void)neo_md5_final(digest, &md5);
+    }
+    char* end = neo_hex(out, digest, NEO_MD5_LEN);
+    std::snprintf(end, 40 - 2 * NEO_MD5_LEN, "-%zu", parts.size());
+}

@@ -1,0 +1,488 @@
+"""Multipart upload end to end: the AWS CLI, boto3, rclone and s3cmd sending large files in parts and
+getting them back byte for byte, UploadPartCopy through an s3-to-s3 copy, and the faults an upload must
+survive: a worker killed between parts, parts sent in parallel and re-sent, Complete documents that must
+be refused, an Abort while a part streams, two Completes racing. ETags are checked against S3's own
+formula. One daemon serves the module, with the least part size lowered to 1 KiB so that the fault
+tests stay small.
+"""
+
+import hashlib
+import os
+import signal
+import socket
+import subprocess
+import threading
+import time
+
+import boto3  # Debian's python3-boto3
+import pytest
+from boto3.s3.transfer import TransferConfig
+from botocore.config import Config
+from botocore.exceptions import ClientError
+
+from orbmux_harness import DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, wait_for, wait_port
+from test_objects import signed_head, tool_env
+
+USER = "mp-user"
+BUCKET = "parts"
+MIN_PART = 1024
+SANITIZED = os.environ.get("ORBMUX_SANITIZED", "").upper() in ("1", "ON", "TRUE", "YES")
+MiB = 1 << 20
+
+
+class Tenant:
+    def __init__(self, box, daemon, port, info):
+        self.box = box
+        self.daemon = daemon
+        self.port = port
+        self.info = info
+        self.root = box.path("cluster/tenants/mp")
+
+    def data_root(self, bucket=BUCKET):
+        return os.path.join(self.root, "data", USER, bucket)
+
+    def reserved_names(self, bucket=BUCKET):
+        """Every name of the bucket's data tree that belongs to the server."""
+        found = []
+        for base, dirs, files in os.walk(self.data_root(bucket)):
+            found += [os.path.join(base, n) for n in dirs + files if n.startswith(".orbs3-")]
+        return found
+
+
+@pytest.fixture(scope="module")
+def tenant():
+    conf = DEFAULT_ORBMUX_CONF.replace('objectdirnum="10"', f'objectdirnum="10" multipart_min_part="{MIN_PART}"')
+    assert "multipart_min_part" in conf
+    box = Sandbox(orbmux_conf=conf)
+    port = free_port()
+    info = box.add_tenant("mp", port, "--user", USER)
+    daemon = box.start("-d")
+    try:
+        wait_port(port)
+        t = Tenant(box, daemon, port, info)
+        client(t).create_bucket(Bucket=BUCKET)
+        yield t
+    finally:
+        box.cleanup()
+
+
+def client(t, read_timeout=60):
+    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
+                        aws_access_key_id=t.info["access_key"], aws_secret_access_key=t.info["secret_key"],
+                        config=Config(signature_version="s3v4", s3={"addressing_style": "path"},
+                                      retries={"max_attempts": 1, "mode": "standard"},
+                                      connect_timeout=5, read_timeout=read_timeout * SLOWDOWN,
+                                      max_pool_connections=16))
+
+
+def s3_error(call):
+    with pytest.raises(ClientError) as err:
+        call()
+    r = err.value.response
+    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
+
+
+def multipart_etag(parts):
+    """S3's ETag of an object made of `parts` (their bytes, in order)."""
+    digests = b"".join(hashlib.md5(p).digest() for p in parts)
+    return f'"{hashlib.md5(digests).hexdigest()}-{len(parts)}"'
+
+
+def file_md5(path):
+    h = hashlib.md5()
+    with open(path, "rb") as f:
+        while chunk := f.read(8 * MiB):
+            h.update(chunk)
+    return h.hexdigest()
+
+
+def object_md5(s3, key):
+    h = hashlib.md5()
+    for chunk in s3.get_object(Bucket=BUCKET, Key=key)["Body"].iter_chunks(8 * MiB):
+        h.update(chunk)
+    return h.hexdigest()
+
+
+def sparse_file(path, size, seed):
+    """A file of `size` bytes, mostly holes, with random blocks at a few places (so that a part put in the
+    wrong place changes its checksum)."""
+    rnd = __import__("random").Random(seed)
+    with open(path, "wb") as f:
+        f.truncate(size)
+        for _ in range(16):
+            f.seek(rnd.randrange(0, max(1, size - 4096)))
+            f.write(rnd.randbytes(min(4096, size)))
+        if size:
+            f.seek(size - 1)
+            f.write(b"\x01")
+
+
+def aws_cli(t):
+    return ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1"]
+
+
+def run(argv, env, timeout=300):
+    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=timeout * SLOWDOWN)
+    assert out.returncode == 0, (argv, out.stdout[-2000:], out.stderr[-2000:])
+    return out.stdout
+
+
+def start_upload(s3, key, **extra):
+    return s3.create_multipart_upload(Bucket=BUCKET, Key=key, **extra)["UploadId"]
+
+
+def put_part(s3, key, uid, number, data):
+    return s3.upload_part(Bucket=BUCKET, Key=key, UploadId=uid, PartNumber=number, Body=data)["ETag"]
+
+
+def complete(s3, key, uid, parts):
+    return s3.complete_multipart_upload(Bucket=BUCKET, Key=key, UploadId=uid,
+                                        MultipartUpload={"Parts": [{"PartNumber": n, "ETag": e} for n, e in parts]})
+
+
+# ---- real clients ----
+
+def test_aws_cli_copies_files_up_and_down_by_checksum(tenant, tmp_path):
+    env = tool_env(tenant, str(tmp_path))
+    s3 = client(tenant)
+    sizes = [0, 8 * MiB + 1] + ([] if SANITIZED else [100 * MiB])
+    for size in sizes:
+        src = tmp_path / f"up-{size}"
+        sparse_file(src, size, size)
+        key = f"cli/f{size}"
+        run(aws_cli(tenant) + ["s3", "cp", str(src), f"s3://{BUCKET}/{key}"], env)
+        back = tmp_path / f"down-{size}"
+        run(aws_cli(tenant) + ["s3", "cp", f"s3://{BUCKET}/{key}", str(back)], env)
+        assert file_md5(back) == file_md5(src), size
+        head = s3.head_object(Bucket=BUCKET, Key=key)
+        assert head["ContentLength"] == size
+        if size > 8 * MiB:
+            data = src.read_bytes()
+            chunks = [data[i:i + 8 * MiB] for i in range(0, size, 8 * MiB)]
+            assert head["ETag"] == multipart_etag(chunks)
+    assert not tenant.reserved_names()
+
+
+@pytest.mark.skipif(SANITIZED, reason="5 GiB through the sanitizer build takes too long")
+def test_aws_cli_five_gib_and_one_byte(tenant, tmp_path):
+    env = tool_env(tenant, str(tmp_path))
+    size = (5 << 30) + 1
+    src = tmp_path / "big"
+    sparse_file(src, size, 5)
+    # Larger parts keep the part count (and the CLI's own work) down; the server sees 5 GiB either way.
+    cfg = tmp_path / "aws.cfg"
+    cfg.write_text("[default]\ns3 =\n  multipart_chunksize = 256MB\n  max_concurrent_requests = 4\n")
+    run(aws_cli(tenant) + ["s3", "cp", str(src), f"s3://{BUCKET}/big/five"], {**env, "AWS_CONFIG_FILE": str(cfg)},
+        timeout=600)
+    s3 = client(tenant, read_timeout=300)
+    assert s3.head_object(Bucket=BUCKET, Key="big/five")["ContentLength"] == size
+    listed = s3.list_objects_v2(Bucket=BUCKET, Prefix="big/")["Contents"]
+    assert [(o["Key"], o["Size"]) for o in listed] == [("big/five", size)]
+    assert object_md5(s3, "big/five") == file_md5(src)
+    s3.delete_object(Bucket=BUCKET, Key="big/five")
+
+
+def test_boto3_upload_file_with_threads_keeps_metadata(tenant, tmp_path):
+    s3 = client(tenant)
+    data = os.urandom(42 * MiB)
+    src = tmp_path / "threads.dat"
+    src.write_bytes(data)
+    cfg = TransferConfig(multipart_threshold=5 * MiB, multipart_chunksize=5 * MiB, max_concurrency=8)
+    s3.upload_file(str(src), BUCKET, "boto/threads.dat", Config=cfg,
+                   ExtraArgs={"ContentType": "application/x-test", "Metadata": {"origin": "boto3"}})
+    head = s3.head_object(Bucket=BUCKET, Key="boto/threads.dat")
+    assert head["ContentLength"] == len(data)
+    assert head["ContentType"] == "application/x-test" and head["Metadata"] == {"origin": "boto3"}
+    assert head["ETag"] == multipart_etag([data[i:i + 5 * MiB] for i in range(0, len(data), 5 * MiB)])
+    back = tmp_path / "back.dat"
+    s3.download_file(BUCKET, "boto/threads.dat", str(back), Config=cfg)
+    assert back.read_bytes() == data
+
+
+def test_rclone_copies_a_large_file(tenant, tmp_path):
+    env = {**tool_env(tenant, str(tmp_path)), "RCLONE_CONFIG": "/dev/null",
+           "RCLONE_CONFIG_OM_TYPE": "s3", "RCLONE_CONFIG_OM_PROVIDER": "Other",
+           "RCLONE_CONFIG_OM_ACCESS_KEY_ID": tenant.info["access_key"],
+           "RCLONE_CONFIG_OM_SECRET_ACCESS_KEY": tenant.info["secret_key"],
+           "RCLONE_CONFIG_OM_ENDPOINT": f"http://127.0.0.1:{tenant.port}", "RCLONE_CONFIG_OM_REGION": "us-east-1"}
+    src = tmp_path / "rc"
+    src.mkdir()
+    data = os.urandom(24 * MiB)
+    (src / "large.dat").write_bytes(data)
+    flags = ["--s3-upload-cutoff", "5M", "--s3-chunk-size", "5M", "--s3-upload-concurrency", "4",
+             "--s3-no-check-bucket", "--retries", "1"]
+    run(["/usr/bin/rclone", "copy", *flags, str(src), f"om:{BUCKET}/rclone"], env)
+    run(["/usr/bin/rclone", "copyto", *flags, f"om:{BUCKET}/rclone/large.dat", str(tmp_path / "back.dat")], env)
+    assert (tmp_path / "back.dat").read_bytes() == data
+    # rclone keeps the whole file's MD5 as metadata of a multipart upload: Create's metadata reached the object.
+    meta = client(tenant).head_object(Bucket=BUCKET, Key="rclone/large.dat")["Metadata"]
+    assert meta.get("md5chksum"), meta
+
+
+def test_s3cmd_puts_in_five_mib_parts(tenant, tmp_path):
+    hostport = f"127.0.0.1:{tenant.port}"
+    s3cmd = ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={tenant.info['access_key']}",
+             f"--secret_key={tenant.info['secret_key']}", f"--host={hostport}", f"--host-bucket={hostport}",
+             "--no-ssl", "--region=us-east-1", "--multipart-chunk-size-mb=5"]
+    env = tool_env(tenant, str(tmp_path))
+    src = tmp_path / "s3cmd.dat"
+    data = os.urandom(13 * MiB)
+    src.write_bytes(data)
+    run(s3cmd + ["put", str(src), f"s3://{BUCKET}/s3cmd/multi.dat"], env)
+    run(s3cmd + ["get", "--force", f"s3://{BUCKET}/s3cmd/multi.dat", str(tmp_path / "back.dat")], env)
+    assert (tmp_path / "back.dat").read_bytes() == data
+    head = client(tenant).head_object(Bucket=BUCKET, Key="s3cmd/multi.dat")
+    assert head["ETag"] == multipart_etag([data[i:i + 5 * MiB] for i in range(0, len(data), 5 * MiB)])
+
+
+def test_aws_cli_s3_to_s3_copy_above_the_threshold_uses_upload_part_copy(tenant, tmp_path):
+    env = tool_env(tenant, str(tmp_path))
+    s3 = client(tenant)
+    data = os.urandom(20 * MiB + 12345)
+    s3.put_object(Bucket=BUCKET, Key="copy/src.dat", Body=data, Metadata={"from": "source"})
+    # Tags are not copied (no object tagging here); the metadata is, through CreateMultipartUpload.
+    run(aws_cli(tenant) + ["s3", "cp", "--copy-props", "metadata-directive", f"s3://{BUCKET}/copy/src.dat",
+                           f"s3://{BUCKET}/copy/dst.dat"], env)
+    got = s3.get_object(Bucket=BUCKET, Key="copy/dst.dat")
+    assert got["Body"].read() == data and got["Metadata"] == {"from": "source"}
+    # Parts of 8 MiB: the copy was assembled from ranges, not sent as one CopyObject.
+    assert got["ETag"] == multipart_etag([data[i:i + 8 * MiB] for i in range(0, len(data), 8 * MiB)])
+
+    # A range outside the source, and a source that isn't there.
+    uid = start_upload(s3, "copy/ranged")
+    assert s3_error(lambda: s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
+                                                CopySource=f"{BUCKET}/copy/src.dat",
+                                                CopySourceRange=f"bytes=0-{len(data)}")) == (400, "InvalidArgument")
+    assert s3_error(lambda: s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
+                                                CopySource=f"{BUCKET}/copy/none")) == (404, "NoSuchKey")
+    etag = s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
+                               CopySource=f"{BUCKET}/copy/src.dat",
+                               CopySourceRange="bytes=100-2099")["CopyPartResult"]["ETag"]
+    assert etag == f'"{hashlib.md5(data[100:2100]).hexdigest()}"'
+    complete(s3, "copy/ranged", uid, [(1, etag)])
+    assert s3.get_object(Bucket=BUCKET, Key="copy/ranged")["Body"].read() == data[100:2100]
+
+
+# ---- faults ----
+
+def worker_pids(t):
+    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
+    return [int(p) for p in out.stdout.split()]
+
+
+def test_an_upload_survives_a_killed_worker_and_finishes_after_restart(tenant):
+    s3 = client(tenant)
+    first, second = os.urandom(3000), os.urandom(1500)
+    uid = start_upload(s3, "crash/obj", Metadata={"kept": "yes"})
+    e1 = put_part(s3, "crash/obj", uid, 1, first)
+    for pid in worker_pids(tenant):
+        os.kill(pid, signal.SIGKILL)
+    # Workers are not restarted by the master: the node is started again, as an operator would.
+    tenant.daemon.stop()
+    tenant.daemon = tenant.box.start("-d")
+    wait_port(tenant.port)
+    s3 = client(tenant)
+    parts = wait_for(lambda: _list_parts_or_none(s3, "crash/obj", uid), timeout=30, what="the upload after restart")
+    assert [(p["PartNumber"], p["ETag"], p["Size"]) for p in parts] == [(1, e1, 3000)]
+    e2 = put_part(s3, "crash/obj", uid, 2, second)
+    complete(s3, "crash/obj", uid, [(1, e1), (2, e2)])
+    got = s3.get_object(Bucket=BUCKET, Key="crash/obj")
+    assert got["Body"].read() == first + second
+    assert got["ETag"] == multipart_etag([first, second]) and got["Metadata"] == {"kept": "yes"}
+
+
+def _list_parts_or_none(s3, key, uid):
+    try:
+        return s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid).get("Parts", [])
+    except Exception:
+        return None
+
+
+def test_parallel_and_resent_parts_all_count(tenant):
+    s3 = client(tenant)
+    key = "parallel/obj"
+    uid = start_upload(s3, key)
+    bodies = {n: os.urandom(MIN_PART + n * 997) for n in range(1, 25)}
+    etags, errors = {}, []
+
+    def send(numbers):
+        mine = client(tenant)  # a connection of its own
+        for n in numbers:
+            try:
+                etags[n] = put_part(mine, key, uid, n, bodies[n])
+            except Exception as e:  # noqa: BLE001 - reported below
+                errors.append((n, e))
+
+    threads = [threading.Thread(target=send, args=(range(i, 25, 8),)) for i in range(1, 9)]
+    for th in threads:
+        th.start()
+    for th in threads:
+        th.join(timeout=120)
+    assert not errors
+    # A re-sent part replaces the earlier one; its ETag is that of the new bytes.
+    bodies[7] = os.urandom(5000)
+    etags[7] = put_part(s3, key, uid, 7, bodies[7])
+    assert etags[7] == f'"{hashlib.md5(bodies[7]).hexdigest()}"'
+    listed = s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)["Parts"]
+    assert [(p["PartNumber"], p["ETag"], p["Size"]) for p in listed] == \
+        [(n, etags[n], len(bodies[n])) for n in range(1, 25)]
+    # Paging through the parts.
+    page = s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid, MaxParts=10, PartNumberMarker=5)
+    assert [p["PartNumber"] for p in page["Parts"]] == list(range(6, 16))
+    assert page["IsTruncated"] and page["NextPartNumberMarker"] == 15
+    last = s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid, MaxParts=10, PartNumberMarker=15)
+    assert [p["PartNumber"] for p in last["Parts"]] == list(range(16, 25)) and not last["IsTruncated"]
+    # Parts not listed in Complete are left out, and go with the staging directory.
+    chosen = [n for n in range(1, 25) if n % 3 != 0]
+    complete(s3, key, uid, [(n, etags[n]) for n in chosen])
+    got = s3.get_object(Bucket=BUCKET, Key=key)
+    assert got["Body"].read() == b"".join(bodies[n] for n in chosen)
+    assert got["ETag"] == multipart_etag([bodies[n] for n in chosen])
+    assert not [p for p in tenant.reserved_names() if uid in p]
+
+
+def test_complete_refuses_bad_documents_and_keeps_the_upload(tenant):
+    s3 = client(tenant)
+    key = "refuse/obj"
+    uid = start_upload(s3, key)
+    small, big, tail = os.urandom(100), os.urandom(MIN_PART), os.urandom(10)
+    e1 = put_part(s3, key, uid, 1, big)
+    e2 = put_part(s3, key, uid, 2, small)
+    e3 = put_part(s3, key, uid, 3, tail)
+    wrong = '"' + "0" * 32 + '"'
+    cases = [
+        ([(1, wrong), (3, e3)], "InvalidPart"),
+        ([(1, e1), (4, e3)], "InvalidPart"),            # part 4 was never sent
+        ([(3, e3), (1, e1)], "InvalidPartOrder"),
+        ([(1, e1), (1, e1)], "InvalidPartOrder"),
+        ([(1, e1), (2, e2), (3, e3)], "EntityTooSmall"),  # a middle part below the least size
+    ]
+    for parts, code in cases:
+        assert s3_error(lambda: complete(s3, key, uid, parts)) == (400, code), (parts, code)
+    # A document that doesn't parse.
+    url = s3.generate_presigned_url("complete_multipart_upload",
+                                    Params={"Bucket": BUCKET, "Key": key, "UploadId": uid}, HttpMethod="POST")
+    out = subprocess.run(["/usr/bin/curl", "-s", "-X", "POST", "--data-binary", "<CompleteMultipartUpload><Part>",
+                          url], capture_output=True, text=True, timeout=30)
+    assert "<Code>MalformedXML</Code>" in out.stdout, out.stdout
+    # The upload stood through every refusal; the small part may be the last.
+    assert [p["PartNumber"] for p in s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)["Parts"]] == [1, 2, 3]
+    complete(s3, key, uid, [(1, e1), (2, e2)])
+    assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == big + small
+
+    # Once completed the id is gone; unknown and malformed ids are NoSuchUpload on every operation.
+    for u in (uid, "f" * 32, "../../x"):
+        assert s3_error(lambda: put_part(s3, key, u, 1, b"x")) == (404, "NoSuchUpload")
+        assert s3_error(lambda: s3.list_parts(Bucket=BUCKET, Key=key, UploadId=u)) == (404, "NoSuchUpload")
+        assert s3_error(lambda: complete(s3, key, u, [(1, e1)])) == (404, "NoSuchUpload")
+        assert s3_error(lambda: s3.abort_multipart_upload(Bucket=BUCKET, Key=key, UploadId=u)) == \
+            (404, "NoSuchUpload")
+    # An id belongs to its key; part numbers are 1 to 10000.
+    other = start_upload(s3, "refuse/other")
+    assert s3_error(lambda: put_part(s3, key, other, 1, b"x")) == (404, "NoSuchUpload")
+    for n in (0, 10001):
+        assert s3_error(lambda: put_part(s3, "refuse/other", other, n, b"x")) == (400, "InvalidArgument")
+    # A part whose Content-MD5 is not that of its bytes is refused and leaves nothing.
+    with pytest.raises(ClientError) as err:
+        s3.upload_part(Bucket=BUCKET, Key="refuse/other", UploadId=other, PartNumber=1, Body=b"abc",
+                       ContentMD5="AAAAAAAAAAAAAAAAAAAAAA==")
+    assert err.value.response["Error"]["Code"] == "BadDigest"
+    assert s3.list_parts(Bucket=BUCKET, Key="refuse/other", UploadId=other).get("Parts", []) == []
+    s3.abort_multipart_upload(Bucket=BUCKET, Key="refuse/other", UploadId=other)
+
+
+def test_abort_while_a_part_streams(tenant):
+    s3 = client(tenant)
+    key = "abort/obj"
+    uid = start_upload(s3, key)
+    put_part(s3, key, uid, 1, os.urandom(2000))
+    path = f"/{BUCKET}/{key}?partNumber=2&uploadId={uid}"
+    head = signed_head(tenant, "PUT", path, "UNSIGNED-PAYLOAD")
+    total = 8 * MiB
+    with socket.create_connection(("127.0.0.1", tenant.port), timeout=10 * SLOWDOWN) as s:
+        s.sendall((head + f"Content-Length: {total}\r\n\r\n").encode() + b"z" * MiB)
+        wait_for(lambda: any(os.path.basename(p).startswith(".orbs3-tmp-") for p in tenant.reserved_names()),
+                 what="the part's temporary file")
+        s3.abort_multipart_upload(Bucket=BUCKET, Key=key, UploadId=uid)
+        try:
+            s.sendall(b"z" * (total - MiB))
+        except OSError:
+            pass  # the server may stop reading once the part has no upload left
+        s.settimeout(10 * SLOWDOWN)
+        reply = b""
+        try:
+            while chunk := s.recv(65536):
+                reply += chunk
+        except OSError:
+            pass
+    assert reply == b"" or b" 404 " in reply.split(b"\r\n", 1)[0], reply[:300]
+    assert not [p for p in tenant.reserved_names() if uid in p or ".orbs3-tmp-" in p]
+    assert s3_error(lambda: put_part(s3, key, uid, 3, b"late")) == (404, "NoSuchUpload")
+    assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key=key))[0] == 404
+
+
+def test_two_racing_completes_make_one_whole_object(tenant):
+    s3 = client(tenant)
+    for round_ in range(4):
+        key = f"race/obj{round_}"
+        uid = start_upload(s3, key)
+        bodies = [os.urandom(2 * MiB) for _ in range(3)]
+        parts = [(n + 1, put_part(s3, key, uid, n + 1, b)) for n, b in enumerate(bodies)]
+        results = []
+        barrier = threading.Barrier(2)
+
+        def finish():
+            mine = client(tenant)
+            barrier.wait()
+            try:
+                results.append(complete(mine, key, uid, parts)["ETag"])
+            except ClientError as e:
+                results.append(e.response["Error"]["Code"])
+
+        threads = [threading.Thread(target=finish) for _ in range(2)]
+        for th in threads:
+            th.start()
+        for th in threads:
+            th.join(timeout=60)
+        assert sorted(results, key=lambda r: r.startswith('"')) == ["NoSuchUpload", multipart_etag(bodies)], results
+        assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == b"".join(bodies)
+
+
+def test_uploads_are_listed_but_never_their_staging(tenant):
+    s3 = client(tenant)
+    keys = ["lmu/a", "lmu/b/c", "lmu/b/d", "lmu/b/d", "lmu/e"]
+    ids = [start_upload(s3, k) for k in keys]
+    for k, u in zip(keys, ids):
+        put_part(s3, k, u, 1, b"staged bytes")
+    # Listings walk objects only: nothing of an open upload shows.
+    assert s3.list_objects_v2(Bucket=BUCKET, Prefix="lmu/").get("KeyCount") == 0
+    assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="lmu/a"))[0] == 404
+
+    listed = s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/")
+    assert [u["Key"] for u in listed["Uploads"]] == sorted(keys)
+    assert sorted(u["UploadId"] for u in listed["Uploads"]) == sorted(ids)
+    by_dir = s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/", Delimiter="/")
+    assert [u["Key"] for u in by_dir["Uploads"]] == ["lmu/a", "lmu/e"]
+    assert [p["Prefix"] for p in by_dir["CommonPrefixes"]] == ["lmu/b/"]
+    # Paging two at a time visits every upload once, markers included.
+    seen, kw = [], {}
+    while True:
+        page = s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/", MaxUploads=2, **kw)
+        seen += [(u["Key"], u["UploadId"]) for u in page.get("Uploads", [])]
+        if not page["IsTruncated"]:
+            break
+        kw = {"KeyMarker": page["NextKeyMarker"], "UploadIdMarker": page["NextUploadIdMarker"]}
+    assert sorted(seen) == sorted(zip(keys, ids)) and len(seen) == len(keys)
+
+    # A bucket with an open upload is not empty; once it is aborted the bucket can go.
+    s3.create_bucket(Bucket="parts-gone")
+    uid = s3.create_multipart_upload(Bucket="parts-gone", Key="d/k")["UploadId"]
+    assert s3_error(lambda: s3.delete_bucket(Bucket="parts-gone")) == (409, "BucketNotEmpty")
+    s3.abort_multipart_upload(Bucket="parts-gone", Key="d/k", UploadId=uid)
+    assert not tenant.reserved_names("parts-gone")
+    s3.delete_bucket(Bucket="parts-gone")
+
+    for k, u in zip(keys, ids):
+        s3.abort_multipart_upload(Bucket=BUCKET, Key=k, UploadId=u)
+    assert s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/").get("Uploads", []) == []
+    assert not [p for p in tenant.reserved_names() if "lmu" in p]
