@@ -330,7 +330,8 @@ int copy_bytes(int in, int out, int64_t offset, int64_t len)
     std::unique_ptr<uint8_t[]> buf;
     while (len > 0) {
         if (kernel) {
-            ssize_t n = copy_file_range(in, &at, out, nullptr, static_cast<std::size_t>(std::min<int64_t>(len, 1 << 30)), 0);
+            const auto want = static_cast<std::size_t>(std::min<int64_t>(len, 1 << 30));
+            ssize_t n = copy_file_range(in, &at, out, nullptr, want, 0);
             if (n > 0) {
                 len -= n;
                 continue;
@@ -437,25 +438,6 @@ int part_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
     return send_part_etag(r, body->file.etag);
 }
 
-// "bytes=<first>-<last>" within an object of `size` bytes.
-bool parse_copy_range(std::string_view v, int64_t size, int64_t* first, int64_t* len)
-{
-    if (!v.starts_with("bytes="))
-        return false;
-    v.remove_prefix(6);
-    std::size_t dash = v.find('-');
-    if (dash == std::string_view::npos)
-        return false;
-    int64_t a = 0, b = 0;
-    if (!orbs3_parse_length(v.substr(0, dash), &a) || !orbs3_parse_length(v.substr(dash + 1), &b))
-        return false;
-    if (a > b || b >= size)
-        return false;
-    *first = a;
-    *len = b - a + 1;
-    return true;
-}
-
 // UploadPartCopy: the part's bytes come from an object (a range of it) of this vhost. They are read once
 // for their MD5 and written into the part through one bounded buffer.
 int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
@@ -481,8 +463,9 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return status(ORBS3_S3_NO_SUCH_KEY);
     int64_t first = 0, len = st.st_size;
     std::string_view range;
-    if (orbs3_sign_find_header(r, "x-amz-copy-source-range", &range) && !parse_copy_range(range, st.st_size, &first, &len)) {
-        r->resp.message = "The x-amz-copy-source-range value must be of the form bytes=first-last within the source object.";
+    if (orbs3_sign_find_header(r, "x-amz-copy-source-range", &range) &&
+        !orbs3_multipart_parse_copy_range(range, st.st_size, &first, &len)) {
+        r->resp.message = "The x-amz-copy-source-range value must be bytes=first-last within the source object.";
         return status(ORBS3_S3_INVALID_ARGUMENT);
     }
     if (len > ORBS3_MULTIPART_MAX_PART_SIZE)

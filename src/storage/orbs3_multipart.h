@@ -85,6 +85,11 @@ struct orbs3_multipart_request_part_t {
 // `out` gets at most 32 + 1 + 5 characters and a NUL.
 void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& parts, char out[40]);
 
+// x-amz-copy-source-range: "bytes=<first>-<last>" inside an object of `size` bytes. True with *first and
+// *len set; false for any other text or a range that leaves the object.
+[[nodiscard]] bool orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,
+                                                    int64_t* len);
+
 // The handlers.
 int orbs3_create_multipart_upload_object(orbs3_http_request_t* r);
 int orbs3_upload_part_object(orbs3_http_request_t* r);

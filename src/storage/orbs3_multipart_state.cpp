@@ -8,6 +8,7 @@
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_multipart.h"
+#include "storage/orbs3_object_body.h"
 
 namespace {
 
@@ -94,13 +95,16 @@ bool for_each_line(std::string_view text, std::string_view magic, F&& f)
 
 bool parse_u64(std::string_view v, uint64_t* out)
 {
-    if (v.empty() || v.size() > 19)
+    if (v.empty() || v.size() > 20)
         return false;
     uint64_t n = 0;
     for (char c : v) {
         if (c < '0' || c > '9')
             return false;
-        n = n * 10 + static_cast<uint64_t>(c - '0');
+        const auto d = static_cast<uint64_t>(c - '0');
+        if (n > (UINT64_MAX - d) / 10)
+            return false;
+        n = n * 10 + d;
     }
     *out = n;
     return true;
@@ -313,4 +317,22 @@ void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& part
     }
     char* end = neo_hex(out, digest, NEO_MD5_LEN);
     std::snprintf(end, 40 - 2 * NEO_MD5_LEN, "-%zu", parts.size());
+}
+
+bool orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t* first, int64_t* len)
+{
+    if (!v.starts_with("bytes="))
+        return false;
+    v.remove_prefix(6);
+    std::size_t dash = v.find('-');
+    if (dash == std::string_view::npos)
+        return false;
+    int64_t a = 0, b = 0;
+    if (!orbs3_parse_length(v.substr(0, dash), &a) || !orbs3_parse_length(v.substr(dash + 1), &b))
+        return false;
+    if (a > b || b >= size)
+        return false;
+    *first = a;
+    *len = b - a + 1;
+    return true;
 }

@@ -1,0 +1,232 @@
+#include "storage/orbs3_multipart.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cctype>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <string>
+
+#include "control/orbs3_service.h"
+#include "core/orbs3_config.h"
+#include "s3/orbs3_s3_errors.h"
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_layout.h"
+
+namespace fs = std::filesystem;
+
+namespace {
+
+constexpr const char* kId = "0123456789abcdef0123456789abcdef";
+
+orbs3_multipart_part_t part(int number, int64_t size, const char* md5_hex)
+{
+    orbs3_multipart_part_t p;
+    p.number = number;
+    p.size = size;
+    for (int i = 0; i < 16; i++)
+        p.md5[i] = static_cast<uint8_t>(std::strtoul(std::string(md5_hex + 2 * i, 2).c_str(), nullptr, 16));
+    return p;
+}
+
+// MD5 of "a" and of "b".
+constexpr const char* kMd5A = "0cc175b9c0f1b6a831c399e269772661";
+constexpr const char* kMd5B = "92eb5ffee6ae2fec3ad71c777531578f";
+
+TEST(MultipartRecords, UploadRecordKeepsKeysAndMetadataOfAnyBytes)
+{
+    orbs3_multipart_upload_t up;
+    up.key = "dir/a key with spaces\n%25 and \xc3\xa9\x01";
+    up.upload_id = kId;
+    up.initiator_id = "u-1";
+    up.initiator_name = "Alice Smith";
+    up.created = "2026-11-23T16:13:01.000Z";
+    up.content_type = "text/plain; charset=utf-8";
+    up.expires = "";
+    up.meta = {{"origin", "a b"}, {"md5chksum", "x%y"}};
+    const std::string text = orbs3_multipart_render_upload(up);
+    // One field a line, whatever the key holds.
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 13);
+
+    orbs3_multipart_upload_t back;
+    ASSERT_EQ(orbs3_multipart_parse_upload(text, &back), 0);
+    EXPECT_EQ(back.key, up.key);
+    EXPECT_EQ(back.upload_id, up.upload_id);
+    EXPECT_EQ(back.initiator_name, up.initiator_name);
+    EXPECT_EQ(back.created, up.created);
+    EXPECT_EQ(back.content_type, up.content_type);
+    EXPECT_EQ(back.meta, up.meta);
+
+    // A record cut short, of another kind, with a broken escape or an id that could walk a path is none.
+    for (std::string bad : {text.substr(0, text.size() - 1), text.substr(0, text.find("created")),
+                            "orbs3-part 1\n" + text.substr(text.find('\n') + 1), std::string()}) {
+        EXPECT_EQ(orbs3_multipart_parse_upload(bad, &back), -1) << bad;
+        EXPECT_TRUE(back.key.empty());
+    }
+    std::string broken = text;
+    broken.replace(broken.find("%0A"), 3, "%0");
+    EXPECT_EQ(orbs3_multipart_parse_upload(broken, &back), -1);
+    up.upload_id = "../../../../etc/passwd/aaaaaaaaa";
+    EXPECT_EQ(orbs3_multipart_parse_upload(orbs3_multipart_render_upload(up), &back), -1);
+    // Fields a later writer adds are passed over.
+    std::string later = text + "storage-class GLACIER\n";
+    EXPECT_EQ(orbs3_multipart_parse_upload(later, &back), 0);
+}
+
+TEST(MultipartRecords, PartRecordHoldsSixtyFourBitSizesAndRefusesDamage)
+{
+    orbs3_multipart_part_t p = part(10000, (int64_t{5} << 30) + 1, kMd5A);
+    p.ino = 0xfedcba9876543210ULL;
+    p.modified = "2026-11-23T16:13:01.000Z";
+    const std::string text = orbs3_multipart_render_part(p);
+    orbs3_multipart_part_t back;
+    ASSERT_EQ(orbs3_multipart_parse_part(text, &back), 0);
+    EXPECT_EQ(back.number, 10000);
+    EXPECT_EQ(back.size, (int64_t{5} << 30) + 1);
+    EXPECT_EQ(std::memcmp(back.md5, p.md5, 16), 0);
+    EXPECT_EQ(back.ino, p.ino);
+    EXPECT_EQ(back.modified, p.modified);
+
+    auto without = [&](const std::string& field) {
+        std::string t = text;
+        std::size_t at = t.find(field);
+        return t.erase(at, t.find('\n', at) - at + 1);
+    };
+    auto with = [&](const std::string& from, const std::string& to) {
+        std::string t = text;
+        return t.replace(t.find(from), from.size(), to);
+    };
+    for (const std::string& bad : {without("md5 "), without("size "), with(kMd5A, std::string(kMd5A, 31) + "g"),
+                                   with("number 10000", "number 10001"), with("size ", "size -"),
+                                   with("ino ", "ino 9"),  // past 64 bits
+                                   text.substr(0, text.size() - 3)})
+        EXPECT_EQ(orbs3_multipart_parse_part(bad, &back), -1) << bad;
+}
+
+TEST(MultipartRecords, OnlyThirtyTwoLowerHexDigitsAreIds)
+{
+    EXPECT_TRUE(orbs3_multipart_valid_id(kId));
+    for (const char* bad : {"", "0123456789ABCDEF0123456789abcdef", "0123456789abcdef0123456789abcde",
+                            "0123456789abcdef0123456789abcdef0", "../3456789abcdef0123456789abcdef",
+                            "0123456789abcdef0123456789abcde/"})
+        EXPECT_FALSE(orbs3_multipart_valid_id(bad)) << bad;
+}
+
+TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
+{
+    const int64_t min = 5 << 20;
+    std::vector<orbs3_multipart_part_t> stored = {part(1, min, kMd5A), part(2, min - 1, kMd5B),
+                                                  part(3, 1, kMd5A), part(5, min, kMd5B)};
+    const std::string qa = std::string("\"") + kMd5A + "\"", qb = std::string("\"") + kMd5B + "\"";
+    std::string upper = kMd5B;
+    for (char& c : upper)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    std::size_t bad = 99;
+    using req_t = std::vector<orbs3_multipart_request_part_t>;
+    struct Case {
+        req_t req;
+        uint32_t want;
+        std::size_t at;
+    };
+    const Case cases[] = {
+        {{}, ORBS3_S3_MALFORMED_XML, 0},
+        // Quoted or not, any case: the ETag as a client gives it back. A small part may be the last.
+        {{{1, qa}, {5, upper}, {3, kMd5A}}, ORBS3_S3_INVALID_PART_ORDER, 2},
+        {{{1, qa}, {1, qa}}, ORBS3_S3_INVALID_PART_ORDER, 1},
+        {{{1, qa}, {4, qa}}, ORBS3_S3_INVALID_PART, 1},  // never sent
+        {{{1, qb}}, ORBS3_S3_INVALID_PART, 0},           // other bytes
+        {{{1, "\"" + std::string(kMd5A, 31)}}, ORBS3_S3_INVALID_PART, 0},
+        {{{0, qa}}, ORBS3_S3_INVALID_PART, 0},
+        {{{1, qa}, {2, qb}, {3, qa}}, ORBS3_S3_ENTITY_TOO_SMALL, 1},  // 2 is one byte short and not last
+        {{{1, qa}, {5, upper}}, 0, 0},
+        {{{1, kMd5A}, {2, qb}}, 0, 0},
+        {{{3, qa}}, 0, 0},
+    };
+    for (const Case& c : cases) {
+        EXPECT_EQ(orbs3_multipart_check_complete(c.req, stored, min, &bad), static_cast<int>(c.want))
+            << c.req.size() << " parts, first " << (c.req.empty() ? 0 : c.req[0].number);
+        EXPECT_EQ(bad, c.at);
+    }
+    // With the least size lowered, the same middle part passes.
+    EXPECT_EQ(orbs3_multipart_check_complete({{1, qa}, {2, qb}, {3, qa}}, stored, 1, &bad), 0);
+}
+
+TEST(MultipartComplete, ObjectETagIsTheMd5OfThePartMd5sAndTheirCount)
+{
+    orbs3_multipart_part_t a = part(1, 1, kMd5A), b = part(2, 1, kMd5B);
+    char etag[40];
+    orbs3_multipart_etag({&a, &b}, etag);
+    // hashlib.md5(md5(b"a").digest() + md5(b"b").digest()).hexdigest()
+    EXPECT_STREQ(etag, "96e024ba2074fe77e8e965ba43a704be-2");
+    std::vector<const orbs3_multipart_part_t*> many(10000, &a);
+    orbs3_multipart_etag(many, etag);
+    EXPECT_EQ(std::strlen(etag), 38u);
+    EXPECT_STREQ(etag + 32, "-10000");
+}
+
+TEST(MultipartComplete, CopySourceRangesStayInsideTheSource)
+{
+    int64_t first = -1, len = -1;
+    EXPECT_TRUE(orbs3_multipart_parse_copy_range("bytes=0-9", 10, &first, &len));
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(len, 10);
+    EXPECT_TRUE(orbs3_multipart_parse_copy_range("bytes=5368709120-5368709120", (int64_t{5} << 30) + 1, &first, &len));
+    EXPECT_EQ(first, int64_t{5} << 30);
+    EXPECT_EQ(len, 1);
+    for (const char* bad : {"bytes=0-10", "bytes=5-4", "bytes=-5", "bytes=5-", "bytes=0-1,3-4", "0-1", "bytes=a-b",
+                            "bytes=0-9999999999999999999", ""})
+        EXPECT_FALSE(orbs3_multipart_parse_copy_range(bad, 10, &first, &len)) << bad;
+}
+
+class MultipartPaths : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        orbs3_conf.bucketmaxlen = 127;
+        orbs3_conf.objectmaxlen = 127;
+        orbs3_conf.objectpathlen = 1023;
+        orbs3_conf.objectdirnum = 10;
+        char tmpl[] = "/tmp/orbs3_multipart_XXXXXX";
+        ASSERT_NE(mkdtemp(tmpl), nullptr);
+        dir_ = tmpl;
+        neo_strdup(&vh_.cluster_path, dir_.c_str(), ORBS3_PATH_AREA);
+        neo_strdup(&vh_.group_path, "g", ORBS3_PATH_AREA);
+        ASSERT_EQ(orbs3_init_path(&vh_), 0);
+        bucket_ = orbs3_bucket_new();
+        ASSERT_NE(bucket_, nullptr);
+        bucket_->owner_name = {5, const_cast<char*>("alice")};
+        ASSERT_EQ(orbs3_bucket_init_path(&vh_, nullptr, bucket_, "bkt"), 0);
+    }
+    void TearDown() override
+    {
+        orbs3_free_bucket(bucket_);
+        for (orbs3_str_t* s : {&vh_.id, &vh_.cluster_path, &vh_.group_path, &vh_.data_root, &vh_.meta_root,
+                               &vh_.version_root, &vh_.recycle_root})
+            neo_strfree(s);
+        std::error_code ec;
+        fs::remove_all(dir_, ec);
+    }
+    std::string dir_;
+    orbs3_vhost_t vh_{};
+    orbs3_bucket_t* bucket_ = nullptr;
+};
+
+TEST_F(MultipartPaths, StagingLiesBesideTheObjectUnderAReservedName)
+{
+    const std::string data = dir_ + "/g/data/alice/bkt/";
+    char out[ORBS3_PATH_AREA];
+    ASSERT_EQ(orbs3_multipart_staging_path(bucket_, "a/b/file.bin", kId, out, sizeof out), 0);
+    EXPECT_EQ(std::string(out), data + "a/b/.orbs3-" + kId + "file.bin");
+    ASSERT_EQ(orbs3_multipart_staging_path(bucket_, "top", kId, out, sizeof out), 0);
+    EXPECT_EQ(std::string(out), data + ".orbs3-" + kId + "top");
+    for (const char* key : {"a/", "", "../x", "a/./b"}) {
+        EXPECT_EQ(orbs3_multipart_staging_path(bucket_, key, kId, out, sizeof out), -1) << key;
+        EXPECT_STREQ(out, "");
+    }
+    EXPECT_EQ(orbs3_multipart_staging_path(bucket_, "k", "0123", out, sizeof out), -1);
+    EXPECT_EQ(orbs3_multipart_staging_path(bucket_, "k", kId, out, data.size() + 10), -1);
+}
+
+}  // namespace
