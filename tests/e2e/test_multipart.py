@@ -454,6 +454,9 @@ def test_uploads_are_listed_but_never_their_staging(tenant):
     ids = [start_upload(s3, k) for k in keys]
     for k, u in zip(keys, ids):
         put_part(s3, k, u, 1, b"staged bytes")
+    # The server's names are out of every client's reach.
+    for key in (f".orbs3-uploads/{ids[0]}", f"lmu/.orbs3-{ids[0]}a/1"):
+        assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key=key, Body=b"x")) == (400, "InvalidArgument")
     # Listings walk objects only: nothing of an open upload shows.
     assert s3.list_objects_v2(Bucket=BUCKET, Prefix="lmu/").get("KeyCount") == 0
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="lmu/a"))[0] == 404
