@@ -901,31 +901,23 @@ int orbs3_list_multipart_uploads(orbs3_http_request_t* r)
                 ups.push_back(std::move(up));
         }
     }
-    // S3's order: by key, then by the time each upload began.
+    // By key, then by upload id: the id marker of a page then stays a place in the order even when that
+    // upload has ended meanwhile.
     std::sort(ups.begin(), ups.end(), [](const auto& a, const auto& x) {
-        if (a.key != x.key)
-            return a.key < x.key;
-        if (a.created != x.created)
-            return a.created < x.created;
-        return a.upload_id < x.upload_id;
+        return a.key != x.key ? a.key < x.key : a.upload_id < x.upload_id;
     });
 
     auto enc = [&](std::string_view s) { return url ? url_encode(s) : std::string(s); };
     std::string rows, prefixes, next_key, next_id, last_prefix;
     int count = 0;
-    bool truncated = false, after_id_marker = id_marker.empty();
+    bool truncated = false;
     for (const auto& up : ups) {
         if (up.key < key_marker)
             continue;
-        if (up.key == key_marker) {
-            // Without an id marker every upload of the marker key has been listed; with one, those up to
-            // and including it.
-            if (after_id_marker)
-                continue;
-            if (up.upload_id == id_marker)
-                after_id_marker = true;
+        // Without an id marker every upload of the marker key has been listed; with one, those up to and
+        // including it.
+        if (up.key == key_marker && (id_marker.empty() || up.upload_id <= id_marker))
             continue;
-        }
         std::string common;
         if (!delimiter.empty()) {
             std::size_t at = up.key.find(delimiter, prefix.size());

@@ -467,15 +467,19 @@ def test_uploads_are_listed_but_never_their_staging(tenant):
     by_dir = s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/", Delimiter="/")
     assert [u["Key"] for u in by_dir["Uploads"]] == ["lmu/a", "lmu/e"]
     assert [p["Prefix"] for p in by_dir["CommonPrefixes"]] == ["lmu/b/"]
-    # Paging two at a time visits every upload once, markers included.
-    seen, kw = [], {}
-    while True:
-        page = s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/", MaxUploads=2, **kw)
-        seen += [(u["Key"], u["UploadId"]) for u in page.get("Uploads", [])]
-        if not page["IsTruncated"]:
-            break
-        kw = {"KeyMarker": page["NextKeyMarker"], "UploadIdMarker": page["NextUploadIdMarker"]}
-    assert sorted(seen) == sorted(zip(keys, ids)) and len(seen) == len(keys)
+    # Paging visits every upload once, in the order of one listing, also where a page ends between two
+    # uploads of one key.
+    whole = [(u["Key"], u["UploadId"]) for u in listed["Uploads"]]
+    for size in (1, 2, 3):
+        seen, kw = [], {}
+        while True:
+            page = s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/", MaxUploads=size, **kw)
+            seen += [(u["Key"], u["UploadId"]) for u in page.get("Uploads", [])]
+            if not page["IsTruncated"]:
+                break
+            kw = {"KeyMarker": page["NextKeyMarker"], "UploadIdMarker": page["NextUploadIdMarker"]}
+        assert seen == whole, size
+    assert sorted(whole) == sorted(zip(keys, ids))
 
     # A bucket with an open upload is not empty; once it is aborted the bucket can go.
     s3.create_bucket(Bucket="parts-gone")
