@@ -60,7 +60,7 @@ struct orbs3_multipart_request_part_t {
 };
 
 // The record texts. Render never fails; parse gives 0, or -1 for a text that is not a whole record of
-// its kind (the upload record needs key, id and time; the part record size and MD5).
+// its kind (the upload record needs key, id and time; the part record number, size and MD5).
 [[nodiscard]] std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up);
 [[nodiscard]] int orbs3_multipart_parse_upload(std::string_view text, orbs3_multipart_upload_t* up);
 [[nodiscard]] std::string orbs3_multipart_render_part(const orbs3_multipart_part_t& part);

@@ -210,13 +210,14 @@ std::string orbs3_multipart_render_part(const orbs3_multipart_part_t& part)
 int orbs3_multipart_parse_part(std::string_view text, orbs3_multipart_part_t* part)
 {
     *part = orbs3_multipart_part_t{};
-    bool has_size = false, has_md5 = false;
+    bool has_number = false, has_size = false, has_md5 = false;
     bool ok = for_each_line(text, kPartMagic, [&](std::string_view name, std::string_view value) {
         uint64_t n = 0;
         if (name == "number") {
             if (!parse_u64(value, &n) || n < 1 || n > ORBS3_MULTIPART_MAX_PART)
                 return false;
             part->number = static_cast<int>(n);
+            has_number = true;
         } else if (name == "size") {
             if (!parse_u64(value, &n) || n > static_cast<uint64_t>(INT64_MAX))
                 return false;
@@ -234,7 +235,7 @@ int orbs3_multipart_parse_part(std::string_view text, orbs3_multipart_part_t* pa
         }
         return true;
     });
-    if (!ok || !has_size || !has_md5) {
+    if (!ok || !has_number || !has_size || !has_md5) {
         *part = orbs3_multipart_part_t{};
         return -1;
     }
