@@ -54,7 +54,8 @@ int64_t threshold_bytes(const orbs3_str_t& text)
 }
 
 // A key the trees can hold as it is: within the configured lengths, no component that walks out of the
-// bucket or looks like a temporary file of this server.
+// bucket or takes a name of the server's own (records in the making, directory records): such a key
+// would overwrite or expose what the server keeps beside the objects.
 int key_status(std::string_view key)
 {
     if (orbs3_check_objectname(key) == 0) {
@@ -63,7 +64,7 @@ int key_status(std::string_view key)
             std::size_t end = key.find('/', start);
             if (end == std::string_view::npos)
                 end = key.size();
-            if (key.substr(start, end - start).starts_with(ORBS3_RECORD_TMP_PREFIX))
+            if (key.substr(start, end - start).starts_with(ORBS3_RESERVED_PREFIX))
                 return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
             start = end + 1;
         }
@@ -98,6 +99,15 @@ bool pool_set(orbs3_pool_t* pool, orbs3_str_t* s, std::string_view text)
 int orbs3_object_key_status(std::string_view key)
 {
     return key_status(key);
+}
+
+int orbs3_object_dir_marker_path(const char* meta_path, char out[ORBS3_PATH_AREA])
+{
+    const std::size_t len = std::strlen(meta_path);
+    const bool slash = len != 0 && meta_path[len - 1] == '/';
+    int n = std::snprintf(out, ORBS3_PATH_AREA, "%s%s%.*s", meta_path, slash ? "" : "/",
+                          static_cast<int>(ORBS3_DIR_MARKER.size()), ORBS3_DIR_MARKER.data());
+    return n < 0 || static_cast<std::size_t>(n) >= ORBS3_PATH_AREA ? -1 : 0;
 }
 
 int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)

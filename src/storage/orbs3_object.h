@@ -8,6 +8,7 @@
 
 #include "http/orbs3_http_request.h"
 #include "storage/orbs3_bucket.h"
+#include "storage/orbs3_layout.h"
 
 struct orbs3_vhost_t;
 struct orbs3_object_t;
@@ -29,6 +30,10 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
 // 0 when `key` can be an object's key: legal as a path (orbs3_check_objectname) and no component with the
 // name of this server's temporary files. Else InvalidArgument (unsafe, empty) or KeyTooLong.
 [[nodiscard]] int orbs3_object_key_status(std::string_view key);
+
+// The record of the directory object whose meta path (ending in "/") is `meta_path`: ORBS3_DIR_MARKER in
+// that directory. 0, or -1 when it does not fit `out`.
+[[nodiscard]] int orbs3_object_dir_marker_path(const char* meta_path, char out[ORBS3_PATH_AREA]);
 
 // The largest object file_threshold allows, in bytes; -1 when there is no limit.
 [[nodiscard]] int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket);

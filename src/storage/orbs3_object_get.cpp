@@ -181,24 +181,35 @@ int orbs3_get_object(orbs3_http_request_t* r)
     if (rc != 0)
         return rc;
     std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)> bucket(raw, &orbs3_free_bucket);
-    // A directory object has no bytes to serve.
-    if (key.back() == '/')
-        return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
     orbs3_object_path_t path;
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
         return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
 
-    fd_closer file{open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
-    struct stat st;
-    if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode))
-        return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
-    const int64_t size = st.st_size;
-
-    // The record counts only when it describes this file: a record that lags behind a commit in progress
-    // would give another object's ETag.
-    object_ptr rec(orbs3_create_object_from_file(path.meta_path));
-    if (rec && static_cast<int64_t>(rec->size) != size)
-        rec.reset();
+    fd_closer file;
+    struct stat st {};
+    int64_t size = 0;
+    object_ptr rec;
+    if (key.back() == '/') {
+        // A directory object is its record alone, with no bytes; a directory that only holds other keys
+        // has no record and is no object.
+        char marker[ORBS3_PATH_AREA];
+        if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
+            return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        rec.reset(orbs3_create_object_from_file(marker));
+        if (!rec)
+            return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+        rec->size = 0;
+    } else {
+        file.fd = open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+        if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode))
+            return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+        size = st.st_size;
+        // The record counts only when it describes this file: a record that lags behind a commit in
+        // progress would give another object's ETag.
+        rec.reset(orbs3_create_object_from_file(path.meta_path));
+        if (rec && static_cast<int64_t>(rec->size) != size)
+            rec.reset();
+    }
     object_view_t o{};
     o.record = rec.get();
     o.mtime = rec ? meta_time(view(rec->last_modified)) : -1;

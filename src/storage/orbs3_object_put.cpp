@@ -109,19 +109,36 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
                                                                                                               : -1;
 }
 
-// A key ending in "/": directories in the data and meta trees, no record, no data. A body that comes
-// with it is read and dropped.
+// A key ending in "/": directories in the data and meta trees, and the directory object's record in its
+// meta directory under ORBS3_DIR_MARKER, which listings, HEAD and GET know it by. It holds no bytes: a
+// body that comes with it is read and dropped, and its ETag is that of empty content.
 int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::string_view key)
 {
+    static constexpr const char* kEmptyEtag = "d41d8cd98f00b204e9800998ecf8427e";
     orbs3_object_path_t path;
     if (orbs3_make_object_path(bucket, key, "", &path) != 0)
         return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+    char marker[ORBS3_PATH_AREA];
+    if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
+        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+    orbs3_object_meta_t meta;
+    if (int rc = orbs3_object_meta_from_request(r, &meta); rc != 0)
+        return rc;
     if (neo_mkdir_p(path.data_path, ORBS3_DIR_MODE) != 0 || neo_mkdir_p(path.meta_path, ORBS3_DIR_MODE) != 0 ||
         (bucket->versioning.status == 1 && neo_mkdir_p(path.version_path, ORBS3_DIR_MODE) != 0))
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
-    char etag[33], quoted[40];
-    Compute_file_md5(key, 0, "", etag);
-    std::snprintf(quoted, sizeof quoted, "\"%s\"", etag);
+    const bool fresh = access(marker, F_OK) != 0;
+    char stamp[64];
+    get_gmt_meta_time(stamp, sizeof stamp);
+    if (orbs3_object_write_record(r, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
+        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    // Writing the record again over an existing directory object adds no object.
+    if (fresh) {
+        orbs3_object_count_in_bucket(bucket, 1, 0);
+        r->vhost->object_count.fetch_add(1);
+    }
+    char quoted[40];
+    std::snprintf(quoted, sizeof quoted, "\"%s\"", kEmptyEtag);
     return orbs3_http_send_put_object_msg(r->connection, 200, quoted, r->resp.connection, r->resp.origin) == 0 ? 0
                                                                                                                 : -1;
 }

@@ -120,6 +120,7 @@ TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
     std::vector<orbs3_multipart_part_t> stored = {part(1, min, kMd5A), part(2, min - 1, kMd5B),
                                                   part(3, 1, kMd5A), part(5, min, kMd5B)};
     const std::string qa = std::string("\"") + kMd5A + "\"", qb = std::string("\"") + kMd5B + "\"";
+    const std::string cut = "\"" + std::string(kMd5A, 31);
     std::string upper = kMd5B;
     for (char& c : upper)
         c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
@@ -137,7 +138,7 @@ TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
         {{{1, qa}, {1, qa}}, ORBS3_S3_INVALID_PART_ORDER, 1},
         {{{1, qa}, {4, qa}}, ORBS3_S3_INVALID_PART, 1},  // never sent
         {{{1, qb}}, ORBS3_S3_INVALID_PART, 0},           // other bytes
-        {{{1, "\"" + std::string(kMd5A, 31)}}, ORBS3_S3_INVALID_PART, 0},
+        {{{1, cut}}, ORBS3_S3_INVALID_PART, 0},
         {{{0, qa}}, ORBS3_S3_INVALID_PART, 0},
         {{{1, qa}, {2, qb}, {3, qa}}, ORBS3_S3_ENTITY_TOO_SMALL, 1},  // 2 is one byte short and not last
         {{{1, qa}, {5, upper}}, 0, 0},
