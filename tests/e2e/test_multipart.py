@@ -21,7 +21,7 @@ from botocore.config import Config
 from botocore.exceptions import ClientError
 
 from orbmux_harness import DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, wait_for, wait_port
-from test_objects import signed_head, tool_env
+from test_objects import exchange, signed_chunks, signed_head, signed_request, tool_env
 
 USER = "mp-user"
 BUCKET = "parts"
@@ -264,6 +264,57 @@ def test_aws_cli_s3_to_s3_copy_above_the_threshold_uses_upload_part_copy(tenant,
     assert etag == f'"{hashlib.md5(data[100:2100]).hexdigest()}"'
     complete(s3, "copy/ranged", uid, [(1, etag)])
     assert s3.get_object(Bucket=BUCKET, Key="copy/ranged")["Body"].read() == data[100:2100]
+
+
+# ---- part bodies are verified as PutObject bodies are ----
+
+def chunked_part(t, key, uid, number, data, corrupt=False):
+    """UploadPart with a STREAMING-AWS4-HMAC-SHA256-PAYLOAD body; one flipped bit with `corrupt`."""
+    path = f"/{BUCKET}/{key}?partNumber={number}&uploadId={uid}"
+    extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data))}
+    head, seed, amz_date = signed_request(t, "PUT", path, "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", extra)
+    body = signed_chunks(t, seed, amz_date, data)
+    if corrupt:
+        at = body.index(b"\r\n") + 10
+        body = body[:at] + bytes([body[at] ^ 1]) + body[at + 1:]
+    # The server closes after its reply: the exchange ends without waiting for silence.
+    return exchange(t, (head + f"Connection: close\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
+
+
+def trailer_part(t, key, uid, number, data, crc=None):
+    """UploadPart with a STREAMING-UNSIGNED-PAYLOAD-TRAILER body carrying a CRC32 in its trailer."""
+    import base64
+    import zlib
+    crc = crc or base64.b64encode(zlib.crc32(data).to_bytes(4, "big")).decode()
+    body = f"{len(data):x}\r\n".encode() + data + f"\r\n0\r\nx-amz-checksum-crc32:{crc}\r\n\r\n".encode()
+    extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data)),
+             "x-amz-trailer": "x-amz-checksum-crc32"}
+    head = signed_head(t, "PUT", f"/{BUCKET}/{key}?partNumber={number}&uploadId={uid}",
+                       "STREAMING-UNSIGNED-PAYLOAD-TRAILER", extra)
+    # The server closes after its reply: the exchange ends without waiting for silence.
+    return exchange(t, (head + f"Connection: close\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
+
+
+def test_aws_chunked_part_bodies_are_decoded_and_checked(tenant):
+    s3 = client(tenant)
+    key = "chunked/obj"
+    uid = start_upload(s3, key)
+    first, second = os.urandom(150_000), os.urandom(90_000)
+    got = chunked_part(tenant, key, uid, 1, first)
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n") and hashlib.md5(first).hexdigest().encode() in got, got[:300]
+    got = trailer_part(tenant, key, uid, 2, second)
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got[:300]
+    # A chunk whose signature fails, a trailer checksum that differs: refused, the earlier parts stay.
+    got = chunked_part(tenant, key, uid, 1, os.urandom(150_000), corrupt=True)
+    assert b"<Code>SignatureDoesNotMatch</Code>" in got, got[:300]
+    got = trailer_part(tenant, key, uid, 2, os.urandom(90_000), crc="AAAAAA==")
+    assert b"<Code>BadDigest</Code>" in got, got[:300]
+    parts = s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)["Parts"]
+    assert [(p["ETag"], p["Size"]) for p in parts] == [(f'"{hashlib.md5(first).hexdigest()}"', len(first)),
+                                                       (f'"{hashlib.md5(second).hexdigest()}"', len(second))]
+    complete(s3, key, uid, [(p["PartNumber"], p["ETag"]) for p in parts])
+    assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == first + second
+    assert not [p for p in tenant.reserved_names() if ".orbs3-tmp-" in p]
 
 
 # ---- faults ----
