@@ -130,6 +130,8 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"GET", "s3.example", "/b?max-keys=-5", P, "ListObject", "b", "", {}, {.max_keys = 1000}},
         {"GET", "s3.example", "/b?max-keys=7&list-type=1&prefix=a%2Fb", P, "ListObject", "b", "", {}, {.max_keys = 7, .list_type = 1, .prefix = "a/b"}},
         {"GET", "s3.example", "/b?acl&max-keys=0", P, "GetBucketAcl", "b", "", {}, {.max_keys = 1000}},
+        {"GET", "s3.example", "/b?uploads&prefix=a%2F&delimiter=%2F", P, "ListMultipartUploads", "b", "", {}, {.prefix = "a/"}},
+        {"GET", "bkt.s3.example", "/?uploads", V, "ListMultipartUploads", "bkt", ""},
         {"GET", "s3.example", "/b/k?max-keys=0", P, "ListParts", "b", "k", {}, {.max_keys = 0}},  // bucket level only
         {"GET", "s3.example", "/b?list-type=", P, "ListObject", "b", "", {}, {.list_type = 2}},
 
