@@ -1,5 +1,6 @@
 #include "storage/orbs3_object.h"
 
+#include <cerrno>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -258,9 +259,17 @@ int orbs3_object_write_record(const orbs3_http_request_t* r, std::string_view ke
     }
     if (!ok)
         return -1;
-    if (orbs3_make_dir_by_name(key, meta_path) != 0)
-        return -1;
-    return orbs3_save_object(o.get(), meta_path);
+    // A delete that empties the key's directory removes it, and may do so between the mkdir and the
+    // record's temporary file: the directory is made again.
+    int rc = -1;
+    for (int tries = 0; tries < 4; tries++) {
+        if (orbs3_make_dir_by_name(key, meta_path) != 0)
+            return -1;
+        rc = orbs3_save_object(o.get(), meta_path);
+        if (rc == 0 || errno != ENOENT)
+            break;
+    }
+    return rc;
 }
 
 void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes)

@@ -224,7 +224,14 @@ int orbs3_put_object(orbs3_http_request_t* r)
         st->body.file.path[0] = '\0';
         return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
     }
+    // A delete that empties the key's directory removes it; one that runs between the mkdir above and
+    // this open takes the directory away under it, and the directory is made again.
     int fd = open(st->body.file.path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    for (int tries = 1; fd < 0 && errno == ENOENT && tries < 4; tries++) {
+        if (orbs3_make_dir_by_name(key, path.data_path) != 0)
+            break;
+        fd = open(st->body.file.path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
+    }
     if (fd < 0) {
         ipd_log(LOG_ERR, "create %s failed: %s", st->body.file.path, std::strerror(errno));
         st->body.file.path[0] = '\0';
