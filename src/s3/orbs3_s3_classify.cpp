@@ -13,6 +13,7 @@
 #include "memory/neo_string.h"
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_cgi.h"
+#include "s3/orbs3_s3_sign_parts.h"
 
 namespace {
 
@@ -440,7 +441,10 @@ int classify_put(orbs3_http_request_t* r, bool virtual_style)
         const char* a = match_query(q.entries(), orbs3_put_object_params);
         return set_action(r, a != nullptr ? a : "UploadPart");
     }
-    return set_action(r, r->headers_in.x_copy_source != nullptr ? "CopyObject" : "PutObject");
+    // S3 clients name the source in x-amz-copy-source; X-Copy-Source is the older word for it.
+    std::string_view source;
+    const bool copy = r->headers_in.x_copy_source != nullptr || orbs3_sign_find_header(r, "x-amz-copy-source", &source);
+    return set_action(r, copy ? "CopyObject" : "PutObject");
 }
 
 int classify_delete(orbs3_http_request_t* r, bool virtual_style)
@@ -519,7 +523,9 @@ int scan_post_query(orbs3_http_request_t* r, std::string_view query)
             action = "RestoreObject";
         } else if (std::strncmp(key, "positio", 7) == 0) {
             r->req_msg.position = read_int(value);
-            if (r->req_msg.position == 0) {
+            // Only a position that is 0 makes an ordinary write: one that is no number would replace the
+            // object it meant to append to, so the append refuses it instead.
+            if (value[0] != '\0' && std::strspn(value, "0") == std::strlen(value)) {
                 action = "PutObject";
                 break;
             }

@@ -67,5 +67,7 @@ struct orbs3_object_meta_t {
 void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes);
 
 int orbs3_put_object(orbs3_http_request_t* r);
+// POST ?append&position=N (N > 0) of an existing object: 200 with the new ETag.
+int orbs3_append_object(orbs3_http_request_t* r);
 // GET and HEAD of an object.
 int orbs3_get_object(orbs3_http_request_t* r);

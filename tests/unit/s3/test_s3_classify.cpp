@@ -207,6 +207,9 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"POST", "s3.example", "/b/k?append&position=7", P, "AppendObject", "b", "k", {}, {.position = 7}},
         {"POST", "s3.example", "/b/k?position=0&append", P, "PutObject", "b", "k"},  // position=0 ends the scan
         {"POST", "s3.example", "/b/k?position=7", P, ""},
+        // A position that is no number is the append's to refuse, never a write over the object.
+        {"POST", "s3.example", "/b/k?append&position=x", P, "AppendObject", "b", "k"},
+        {"POST", "s3.example", "/b/k?append&position=", P, "AppendObject", "b", "k"},
         {"POST", "s3.example", "/b/k?appendix", P, "AppendObject", "b", "k"},  // compared over six bytes
         {"POST", "s3.example", "/b/k?uploads&restore", P, "RestoreObject", "b", "k"},
         {"POST", "s3.example", "/b/k?x=1&&uploads", P, "CreateMultipartUpload", "b", "k"},
