@@ -21,6 +21,8 @@
 #include "storage/orbs3_list_object.h"
 #include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object.h"
+#include "storage/orbs3_object_copy.h"
+#include "storage/orbs3_object_delete.h"
 
 orbs3_s3_blacklist_pt orbmux_check_service_blacklist = nullptr;
 
@@ -71,10 +73,10 @@ const orbs3_s3_event_t s3_events[] = {
     {"PutBucketMigration", 0x34, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_migration
     {"PutObject", 0x101, orbs3_put_object, 0},
     {"GetObject", 0x102, orbs3_get_object, 0},
-    {"DeleteObject", 0x103, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_msg
-    {"DeleteObjects", 0x104, orbs3_s3_not_implemented, 1},  // orbs3_delete_objects
-    {"AppendObject", 0x105, orbs3_s3_not_implemented, 0},  // orbs3_append_object
-    {"CopyObject", 0x106, orbs3_s3_not_implemented, 1},  // orbs3_copy_object
+    {"DeleteObject", 0x103, orbs3_delete_object_msg, 1},
+    {"DeleteObjects", 0x104, orbs3_delete_objects, 1},
+    {"AppendObject", 0x105, orbs3_append_object, 0},
+    {"CopyObject", 0x106, orbs3_copy_object, 1},
     {"PutObjectVersionRestore", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_object_version_restore_msg
     {"DeleteObjectVersion", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_object_version_del_msg
     {"GetObjectVersion", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_object_version_list_msg
@@ -84,7 +86,7 @@ const orbs3_s3_event_t s3_events[] = {
     {"PutObjectTagging", 0x115, orbs3_s3_not_implemented, 1},  // orbs3_put_object_tagging
     {"GetObjectTagging", 0x115, orbs3_s3_not_implemented, 0},  // orbs3_get_object_tagging
     {"DeleteObjectTagging", 0x115, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_tagging
-    {"DeleteObjectVorne", 0x117, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_vorne
+    {"DeleteObjectVorne", 0x117, orbs3_delete_object_vorne, 1},
     {"CreateMultipartUpload", 0x110, orbs3_create_multipart_upload_object, 0},
     {"CompleteMultipartUpload", 0x111, orbs3_complete_multipart_upload_object, 1},
     {"AbortMultipartUpload", 0x112, orbs3_abort_multipart_upload_object, 0},
