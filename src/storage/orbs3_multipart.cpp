@@ -468,7 +468,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         r->resp.message = "The x-amz-copy-source-range value must be bytes=first-last within the source object.";
         return status(ORBS3_S3_INVALID_ARGUMENT);
     }
-    if (len > ORBS3_MULTIPART_MAX_PART_SIZE)
+    if (orbs3_check_upload_part_size(len, r->vhost, ctx->bucket.get()) != 0)
         return status(ORBS3_S3_ENTITY_TOO_LARGE);
 
     char tmp[ORBS3_PATH_AREA];
@@ -676,9 +676,10 @@ int orbs3_upload_part_object(orbs3_http_request_t* r)
     int64_t length = -1;
     if (int rc = orbs3_object_body_length(r, &length); rc != 0)
         return rc;
-    if (length > ORBS3_MULTIPART_MAX_PART_SIZE)
+    if (orbs3_check_upload_part_size(length, r->vhost, st->ctx.bucket.get()) != 0)
         return status(ORBS3_S3_ENTITY_TOO_LARGE);
-    st->body.limit = ORBS3_MULTIPART_MAX_PART_SIZE;
+    // An aws-chunked body's length is checked again as it decodes.
+    st->body.limit = orbs3_upload_part_size_limit(r->vhost, st->ctx.bucket.get());
     if (int rc = orbs3_object_body_prepare(r, &st->body); rc != 0)
         return rc;
     int fd = make_temp(st->ctx.staging, st->body.file.path, sizeof st->body.file.path);

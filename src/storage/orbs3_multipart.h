@@ -90,6 +90,14 @@ void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& part
 [[nodiscard]] bool orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,
                                                     int64_t* len);
 
+struct orbs3_vhost_t;
+// The largest part a request may send: S3's 5 GiB, lowered by the tenant's and the bucket's
+// segment_size (kilobytes; 0, unset or not a number: no limit of its own).
+[[nodiscard]] int64_t orbs3_upload_part_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket);
+// 0 when a part of `length` bytes is within that limit, 1 when not.
+[[nodiscard]] int orbs3_check_upload_part_size(int64_t length, const orbs3_vhost_t* vhost,
+                                               const orbs3_bucket_t* bucket);
+
 // The handlers.
 int orbs3_create_multipart_upload_object(orbs3_http_request_t* r);
 int orbs3_upload_part_object(orbs3_http_request_t* r);

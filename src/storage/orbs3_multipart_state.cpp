@@ -1,14 +1,17 @@
 // The records of a multipart upload and the checks of its Complete document: plain functions of texts
 // and lists, so they can be tested without a daemon.
+#include <algorithm>
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
+#include "control/orbs3_service.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object_body.h"
+#include "storage/orbs3_record.h"
 
 namespace {
 
@@ -336,4 +339,27 @@ bool orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t*
     *first = a;
     *len = b - a + 1;
     return true;
+}
+
+int64_t orbs3_upload_part_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
+{
+    int64_t limit = ORBS3_MULTIPART_MAX_PART_SIZE;
+    auto lower = [&](uint64_t kb) {
+        if (kb != 0 && kb <= (static_cast<uint64_t>(INT64_MAX) >> 10))
+            limit = std::min(limit, static_cast<int64_t>(kb << 10));
+    };
+    if (vhost != nullptr && vhost->service_rec != nullptr) {
+        const orbs3_str_t& text = vhost->service_rec->quota.segment_size;
+        uint64_t kb = 0;
+        if (text.data != nullptr && parse_u64(std::string_view(text.data, text.len), &kb))
+            lower(kb);
+    }
+    if (bucket != nullptr)
+        lower(bucket->quota.segment_size);
+    return limit;
+}
+
+int orbs3_check_upload_part_size(int64_t length, const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
+{
+    return length > orbs3_upload_part_size_limit(vhost, bucket) ? 1 : 0;
 }

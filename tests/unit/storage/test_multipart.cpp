@@ -14,6 +14,7 @@
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_record.h"
 
 namespace fs = std::filesystem;
 
@@ -179,6 +180,35 @@ TEST(MultipartComplete, CopySourceRangesStayInsideTheSource)
     for (const char* bad : {"bytes=0-10", "bytes=5-4", "bytes=-5", "bytes=5-", "bytes=0-1,3-4", "0-1", "bytes=a-b",
                             "bytes=0-9999999999999999999", ""})
         EXPECT_FALSE(orbs3_multipart_parse_copy_range(bad, 10, &first, &len)) << bad;
+}
+
+TEST(MultipartParts, PartSizeLimitIsFiveGibLoweredByEitherSegmentSize)
+{
+    orbs3_service_rec_t service{};
+    orbs3_vhost_t vhost{};
+    orbs3_bucket_t bucket{};
+    const int64_t five = int64_t{5} << 30;
+    EXPECT_EQ(orbs3_upload_part_size_limit(nullptr, nullptr), five);
+    vhost.service_rec = &service;
+    std::string text;
+    auto tenant_kb = [&](std::string t) {
+        text = std::move(t);
+        service.quota.segment_size = {text.size(), text.data()};
+    };
+    for (const char* none : {"", "0", "x12", "-5", "99999999999999999999"}) {
+        tenant_kb(none);
+        EXPECT_EQ(orbs3_upload_part_size_limit(&vhost, &bucket), five) << none;
+    }
+    tenant_kb("1024");
+    EXPECT_EQ(orbs3_upload_part_size_limit(&vhost, &bucket), 1 << 20);
+    bucket.quota.segment_size = 512;  // the smaller of the two holds
+    EXPECT_EQ(orbs3_upload_part_size_limit(&vhost, &bucket), 512 << 10);
+    EXPECT_EQ(orbs3_check_upload_part_size(512 << 10, &vhost, &bucket), 0);
+    EXPECT_EQ(orbs3_check_upload_part_size((512 << 10) + 1, &vhost, &bucket), 1);
+    tenant_kb("10000000000");  // above 5 GiB: S3's limit stays
+    bucket.quota.segment_size = 0;
+    EXPECT_EQ(orbs3_check_upload_part_size(five, &vhost, &bucket), 0);
+    EXPECT_EQ(orbs3_check_upload_part_size(five + 1, &vhost, &bucket), 1);
 }
 
 class MultipartPaths : public ::testing::Test {
