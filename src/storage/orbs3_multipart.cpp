@@ -797,6 +797,12 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         chosen.push_back(&*it);
     }
     orbs3_bucket_t* b = ctx.bucket.get();
+    // The assembled object obeys the same file_threshold as one sent whole.
+    int64_t sum = 0;
+    for (const orbs3_multipart_part_t* p : chosen)
+        sum += p->size;
+    if (orbs3_check_object_size(r->vhost, b, sum) != 0)
+        return release(status(ORBS3_S3_ENTITY_TOO_LARGE));
     int rc = orbs3_check_key_conflict(b, ctx.key);
     if (rc == ORBS3_KEY_CONFLICT_FILE || rc == ORBS3_KEY_CONFLICT_DIR)
         return release(status(ORBS3_S3_KEY_CONFLICT));
