@@ -31,18 +31,6 @@ std::string_view view(const orbs3_str_t& s)
     return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
 }
 
-// The listing's parameters are read from the query itself: the request's fields keep values of at most
-// 1023 bytes (a continuation token for a long key is longer) and fold max-keys=0 and a missing list-type
-// into defaults, where S3 gives both a meaning of their own.
-struct list_params_t {
-    bool v2 = false;
-    int max_keys = ORBS3_LIST_MAX_KEYS;
-    std::string_view prefix, delimiter;
-    std::optional<std::string_view> marker, start_after, continuation;
-    bool url = false;
-    bool fetch_owner = false;
-};
-
 const cgiFormEntry* find(const cgiFormEntry* form, const char* key)
 {
     for (const cgiFormEntry* e = form; e != nullptr; e = e->next) {
@@ -62,11 +50,25 @@ std::optional<std::string_view> value(const cgiFormEntry* form, const char* key)
     return std::string_view(e->value, static_cast<std::size_t>(e->value_length));
 }
 
-// 0, or InvalidArgument with its message for a parameter S3 would refuse too.
-int read_params(orbs3_http_request_t* r, const cgiFormEntry* form, list_params_t* p)
+int fail(orbs3_http_request_t* r, uint32_t status)
 {
-    auto refuse = [r](const char* message) {
-        r->resp.message = message;
+    std::string_view name = view(r->req_msg.bucket);
+    std::size_t n = std::min(name.size(), sizeof r->resp.resource - 1);
+    std::memcpy(r->resp.resource, name.data(), n);
+    r->resp.resource[n] = '\0';
+    return static_cast<int>(status);
+}
+
+struct bucket_free {
+    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
+};
+
+}  // namespace
+
+int orbs3_list_params_from_query(const cgiFormEntry* form, orbs3_list_params_t* p, const char** message)
+{
+    auto refuse = [message](const char* text) {
+        *message = text;
         return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
     };
     if (auto t = value(form, "list-type"); t && !t->empty()) {
@@ -102,21 +104,6 @@ int read_params(orbs3_http_request_t* r, const cgiFormEntry* form, list_params_t
     }
     return 0;
 }
-
-int fail(orbs3_http_request_t* r, uint32_t status)
-{
-    std::string_view name = view(r->req_msg.bucket);
-    std::size_t n = std::min(name.size(), sizeof r->resp.resource - 1);
-    std::memcpy(r->resp.resource, name.data(), n);
-    r->resp.resource[n] = '\0';
-    return static_cast<int>(status);
-}
-
-struct bucket_free {
-    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
-};
-
-}  // namespace
 
 std::string orbs3_list_token_encode(std::string_view entry)
 {
@@ -175,8 +162,8 @@ int orbs3_list_object(orbs3_http_request_t* r)
     orbs3_cgi_form form(args.empty() ? nullptr : cgiParseGetFormInput(args.c_str()));
     if (!args.empty() && !form)
         return fail(r, ORBS3_S3_INTERNAL_ERROR);
-    list_params_t p;
-    rc = read_params(r, form.get(), &p);
+    orbs3_list_params_t p;
+    rc = orbs3_list_params_from_query(form.get(), &p, &r->resp.message);
     if (rc != 0)
         return fail(r, static_cast<uint32_t>(rc));
 
