@@ -395,6 +395,30 @@ def test_parallel_and_resent_parts_all_count(tenant):
     assert not [p for p in tenant.reserved_names() if uid in p]
 
 
+def test_a_part_record_out_of_step_with_its_bytes_is_made_again(tenant):
+    """What a crash between a part's two renames leaves (new bytes, old or no record) is read right."""
+    s3 = client(tenant)
+    key = "records/obj"
+    uid = start_upload(s3, key)
+    put_part(s3, key, uid, 1, os.urandom(3000))
+    put_part(s3, key, uid, 2, os.urandom(2000))
+    staging = os.path.join(tenant.data_root(), "records", f".orbs3-{uid}obj")
+    newer1, newer2 = os.urandom(3000), os.urandom(1000)
+    # Part 1: new bytes of the same size renamed into place (a new inode), the old record still there.
+    with open(os.path.join(staging, ".orbs3-tmp-crash"), "wb") as f:
+        f.write(newer1)
+    os.rename(os.path.join(staging, ".orbs3-tmp-crash"), os.path.join(staging, "1"))
+    # Part 2: its record lost.
+    with open(os.path.join(staging, "2"), "wb") as f:
+        f.write(newer2)
+    os.unlink(os.path.join(staging, "2.etag"))
+    parts = s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)["Parts"]
+    assert [(p["ETag"], p["Size"]) for p in parts] == [(f'"{hashlib.md5(newer1).hexdigest()}"', 3000),
+                                                       (f'"{hashlib.md5(newer2).hexdigest()}"', 1000)]
+    complete(s3, key, uid, [(p["PartNumber"], p["ETag"]) for p in parts])
+    assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == newer1 + newer2
+
+
 def test_complete_refuses_bad_documents_and_keeps_the_upload(tenant):
     s3 = client(tenant)
     key = "refuse/obj"
