@@ -106,6 +106,11 @@ bool dot_name(const char* n)
     return n[0] == '.' && (n[1] == '\0' || (n[1] == '.' && n[2] == '\0'));
 }
 
+bool reserved(const char* n)
+{
+    return std::string_view(n).starts_with(ORBS3_RESERVED_PREFIX);
+}
+
 // Removes the empty directories of the tree at meta/data, deepest first: a directory goes only once
 // nothing is left in it, so a file that arrives meanwhile keeps its directories. A data directory goes
 // only when its meta directory has gone. True when both are gone (or were never there).
@@ -118,7 +123,8 @@ bool prune_pair(const char* meta, const char* data, int depth)
         if (!d)
             continue;
         while (const dirent* e = readdir(d.get())) {
-            if (dot_name(e->d_name) || !is_dir_entry(d.get(), e))
+            // Server-owned directories (the staging of an open multipart upload) are not ours to remove.
+            if (dot_name(e->d_name) || reserved(e->d_name) || !is_dir_entry(d.get(), e))
                 continue;
             char m[ORBS3_PATH_AREA], k[ORBS3_PATH_AREA];
             if (join(m, meta, e->d_name) && join(k, data, e->d_name))
@@ -186,7 +192,9 @@ int destroy_tree(const char* meta, const char* data, counts_t* counts, int depth
             continue;
         }
         while (const dirent* e = readdir(d.get())) {
-            if (dot_name(e->d_name) || orbs3_record_is_temp(e->d_name))
+            // Names of the server's own (records and uploads in the making, the staging of multipart
+            // uploads) belong to no key: only a directory object's record goes with the directory.
+            if (dot_name(e->d_name) || (reserved(e->d_name) && !(root == meta && e->d_name == ORBS3_DIR_MARKER)))
                 continue;
             char m[ORBS3_PATH_AREA], k[ORBS3_PATH_AREA];
             if (!join(m, meta, e->d_name) || !join(k, data, e->d_name)) {

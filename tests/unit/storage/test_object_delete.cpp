@@ -136,6 +136,18 @@ TEST_F(DeleteDirs, EmptiedParentsGoUpToTheFirstThatHoldsSomething)
     orbs3_remove_emptied_dirs(bucket_, "u/k");
     EXPECT_TRUE(in_data("u/.orbs3-tmp-1"));
 
+    // The staging of an open multipart upload is the server's: neither it nor its directory goes, even
+    // empty and even when the directory was deleted.
+    fs::create_directories(data_ + "/s/.orbs3-u1part");
+    fs::create_directories(data_ + "/e/.orbs3-u2empty");
+    std::ofstream(data_ + "/s/.orbs3-u1part/1") << "part";
+    orbs3_mark_deling_object_dir(bucket_, "s");
+    orbs3_mark_deling_object_dir(bucket_, "e");
+    EXPECT_EQ(orbs3_del_object_dirs(bucket_, "s"), 0);
+    EXPECT_EQ(orbs3_del_object_dirs(bucket_, "e"), 0);
+    orbs3_remove_emptied_dirs(bucket_, "e/k");
+    EXPECT_TRUE(in_data("s/.orbs3-u1part/1") && fs::is_directory(data_ + "/e/.orbs3-u2empty"));
+
     // Never the bucket's own directories, whatever was deleted.
     fs::remove_all(data_ + "/x");
     fs::remove_all(meta_ + "/x");
