@@ -84,6 +84,12 @@ public:
         }
         while (!stack_.empty()) {
             frame_t& f = stack_.back();
+            // A directory whose keys all lie behind the bound now (a common prefix given out covers it)
+            // is left without looking at the rest of its entries.
+            if (!f.prefix.empty() && !bound_.may_enter(f.prefix)) {
+                stack_.pop_back();
+                continue;
+            }
             if (f.marker) {
                 f.marker = false;
                 std::string path = root_ + "/" + f.prefix + std::string(ORBS3_DIR_MARKER);
