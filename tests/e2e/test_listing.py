@@ -222,11 +222,16 @@ def test_empty_bucket_and_what_is_no_object(tenant):
         assert "Contents" not in got and "CommonPrefixes" not in got and got["IsTruncated"] is False
     assert s3.list_objects_v2(Bucket="empty-one")["KeyCount"] == 0
     assert s3_error(lambda: s3.list_objects_v2(Bucket="no-such-bucket")) == (404, "NoSuchBucket")
+    # An upload in progress is no object: its staging and parts never show.
+    upload = s3.create_multipart_upload(Bucket=BUCKET, Key="open-upload/part")["UploadId"]
+    s3.upload_part(Bucket=BUCKET, Key="open-upload/part", UploadId=upload, PartNumber=1, Body=b"p" * 1000)
+    assert "Contents" not in s3.list_objects_v2(Bucket=BUCKET, Prefix="open-upload")
     # Temporary files, the emptied directory and the broken record of the fixture never show.
     keys = [c["Key"] for c in s3.list_objects_v2(Bucket=BUCKET)["Contents"]]
     assert keys == model(KEYS)[0]
     prefixes = [p["Prefix"] for p in s3.list_objects_v2(Bucket=BUCKET, Delimiter="/")["CommonPrefixes"]]
     assert "emptied/" not in prefixes and prefixes == model(KEYS, "", "/")[1]
+    s3.abort_multipart_upload(Bucket=BUCKET, Key="open-upload/part", UploadId=upload)
 
 
 def test_directory_objects(tenant):
