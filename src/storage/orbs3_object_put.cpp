@@ -124,6 +124,9 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
     orbs3_object_meta_t meta;
     if (int rc = orbs3_object_meta_from_request(r, &meta); rc != 0)
         return rc;
+    // "a/b/" needs the directory where "a/b" may already be an object.
+    if (int rc = orbs3_check_key_conflict(bucket, key); rc != 0)
+        return static_cast<int>(rc == ORBS3_KEY_CONFLICT_FILE ? ORBS3_S3_KEY_CONFLICT : ORBS3_S3_INTERNAL_ERROR);
     if (neo_mkdir_p(path.data_path, ORBS3_DIR_MODE) != 0 || neo_mkdir_p(path.meta_path, ORBS3_DIR_MODE) != 0 ||
         (bucket->versioning.status == 1 && neo_mkdir_p(path.version_path, ORBS3_DIR_MODE) != 0))
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);

@@ -246,6 +246,8 @@ def test_directory_objects(tenant):
     got = s3.list_objects_v2(Bucket=BUCKET, Prefix="folder")
     assert [c["Key"] for c in got["Contents"]] == ["folder/", "folder/file"]
     assert got["Contents"][0]["Size"] == 0
+    # "z" is an object: "z/" can't be a directory beside it, as for any key that needs one.
+    assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key="z/", Body=b"")) == (400, "InvalidRequest")
     # A directory made only by the keys below it is no object.
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="zz/")) == (404, "NoSuchKey")
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="zz/"))[0] == 404
