@@ -166,9 +166,10 @@ def test_delete_recycles_the_bytes_and_removes_emptied_directories(tenant):
 
 
 def put_directory(t, key):
-    # On a connection of its own: a PutObject that follows a directory object's PUT on one boto3
-    # connection waits out its read timeout (seen with the PUT handler of this tree; the daemon's own
-    # raw-socket replies are prompt), which is no part of what is tested here.
+    # On a connection of its own. boto3 sends "Expect: 100-continue" with every PutObject; the daemon
+    # answers a PUT without a body at once, with no 100 Continue first, and botocore keeps that early
+    # reply's status line for the next request on the connection: a PutObject that follows there reads
+    # its own reply wrongly and waits out its read timeout. That is no part of what is tested here.
     client(t).put_object(Bucket=BUCKET, Key=key, Body=b"")
 
 
