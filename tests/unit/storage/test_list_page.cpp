@@ -16,7 +16,9 @@
 #include <vector>
 
 #include "memory/neo_files.h"
+#include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_documents.h"
+#include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_list_object.h"
 #include "storage/orbs3_list_page.h"
@@ -378,6 +380,61 @@ TEST(ListToken, RoundTripsAnyEntryAndRefusesWhatItNeverMade)
     std::string out;
     for (const char* bad : {"", "a", "ab+c", "a=", "YR", "abc\x80"})
         EXPECT_FALSE(orbs3_list_token_decode(bad, &out)) << bad;
+}
+
+TEST(ListQuery, ReadsEveryParameterByVersionAndRefusesWhatS3Refuses)
+{
+    struct want_t {
+        const char* query;
+        int rc;
+        bool v2;
+        int max_keys;
+        const char* prefix;
+        const char* resume;  // marker (V1) or continuation token, else start-after (V2); null: none
+        bool url;
+        bool owner;
+    };
+    const int bad = static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    const std::string long_token(1500, 'A');
+    const std::string long_query = "list-type=2&continuation-token=" + long_token;
+    const want_t cases[] = {
+        {"", 0, false, 1000, "", nullptr, false, false},
+        {"list-type=2&prefix=a%2Fb+c&max-keys=7&start-after=x", 0, true, 7, "a/b c", "x", false, false},
+        // V1 reads marker only; V2 reads the token before start-after, and never marker.
+        {"marker=m&start-after=s&continuation-token=t", 0, false, 1000, "", "m", false, false},
+        {"list-type=2&marker=m&start-after=s&continuation-token=t", 0, true, 1000, "", "t", false, false},
+        {"list-type=1&max-keys=0", 0, false, 0, "", nullptr, false, false},
+        {"list-type=2&max-keys=99999999999999999999&encoding-type=url&fetch-owner=TRUE", 0, true, 1000, "", nullptr,
+         true, true},
+        {"max-keys=", 0, false, 1000, "", nullptr, false, false},
+        {long_query.c_str(), 0, true, 1000, "", long_token.c_str(), false, false},
+        {"list-type=3", bad},
+        {"max-keys=-1", bad},
+        {"max-keys=1e3", bad},
+        {"encoding-type=URL", bad},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.query);
+        orbs3_cgi_form form(c.query[0] != '\0' ? cgiParseGetFormInput(c.query) : nullptr);
+        orbs3_list_params_t p;
+        const char* message = nullptr;
+        int rc = orbs3_list_params_from_query(form.get(), &p, &message);
+        EXPECT_EQ(rc, c.rc);
+        if (rc != 0) {
+            EXPECT_NE(message, nullptr);
+            continue;
+        }
+        EXPECT_EQ(p.v2, c.v2);
+        EXPECT_EQ(p.max_keys, c.max_keys);
+        EXPECT_EQ(p.prefix, c.prefix);
+        std::optional<std::string_view> resume = p.v2 ? (p.continuation ? p.continuation : p.start_after) : p.marker;
+        EXPECT_EQ(resume.has_value(), c.resume != nullptr);
+        if (resume && c.resume != nullptr) {
+            EXPECT_EQ(*resume, c.resume);
+        }
+        EXPECT_EQ(p.url, c.url);
+        EXPECT_EQ(p.fetch_owner, c.owner);
+    }
 }
 
 }  // namespace
