@@ -19,14 +19,17 @@
 #include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"
 #include "memory/neo_list.h"
+#include "memory/neo_md5.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
+#include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
+#include "storage/orbs3_object_body.h"
 #include "storage/orbs3_record.h"
 #include "versions/orbs3_recycle.h"
 
@@ -422,6 +425,17 @@ int orbs3_delete_objects(orbs3_http_request_t* r)
         return status(ORBS3_S3_INTERNAL_ERROR);
     if (doc[0] == '\0')
         return status(ORBS3_S3_MISSING_REQUEST_BODY);
+    // The keys of a batch are what it destroys: a document damaged on its way is refused, not obeyed.
+    if (std::string_view sent; orbs3_sign_find_header(r, "content-md5", &sent)) {
+        uint8_t want[NEO_MD5_LEN], got[NEO_MD5_LEN];
+        if (!orbs3_parse_content_md5(sent, want))
+            return status(ORBS3_S3_INVALID_DIGEST);
+        neo_md5_t md5;
+        if (neo_md5_init(&md5) != 0 || neo_md5_update(&md5, doc, std::strlen(doc)) != 0 || neo_md5_final(got, &md5) != 0)
+            return status(ORBS3_S3_INTERNAL_ERROR);
+        if (std::memcmp(want, got, sizeof want) != 0)
+            return status(ORBS3_S3_BAD_DIGEST);
+    }
     neo_list_head_t keys, deleted, failed;
     INIT_LIST_HEAD(&keys);
     INIT_LIST_HEAD(&deleted);

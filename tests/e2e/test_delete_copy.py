@@ -5,6 +5,7 @@ positions before, at and past the end; and the clients that use them: boto3, the
 One daemon serves the module.
 """
 
+import base64
 import hashlib
 import os
 import socket
@@ -246,6 +247,19 @@ def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
     s3.complete_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up,
                                  MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": part["ETag"]}]})
     assert read(s3, "rec2/big.bin") == b"p" * 1000
+
+    # A document whose Content-MD5 does not match is refused, and deletes nothing.
+    s3.put_object(Bucket=BUCKET, Key="guarded", Body=b"g")
+    doc = b"<Delete><Object><Key>guarded</Key></Object></Delete>"
+    for md5_header, code in ((base64.b64encode(hashlib.md5(b"other").digest()).decode(), b"BadDigest"),
+                             ("not base64", b"InvalidDigest")):
+        status, reply = exchange(tenant, signed(tenant, "POST", f"/{BUCKET}?delete", doc,
+                                                headers={"Content-MD5": md5_header}))
+        assert status == 400 and b"<Code>" + code + b"</Code>" in reply, reply
+    assert read(s3, "guarded") == b"g"
+    status, reply = exchange(tenant, signed(tenant, "POST", f"/{BUCKET}?delete", doc, headers={
+        "Content-MD5": base64.b64encode(hashlib.md5(doc).digest()).decode()}))
+    assert status == 200 and b"<Deleted>" in reply and b"<Key>guarded</Key>" in reply, reply
 
     # More than 1000 keys is refused whole.
     too_many = [{"Key": f"x{i}"} for i in range(1001)]
