@@ -221,7 +221,8 @@ def test_directory_objects_and_missing_keys(tenant):
     assert re.fullmatch(r'"[0-9a-f]{32}"', put["ETag"])
     assert os.path.isdir(tenant.data_path("folder"))
     assert os.path.isdir(os.path.join(tenant.root, "meta", USER, "object", BUCKET, "folder"))
-    assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="folder/")) == (404, "NoSuchKey")
+    # The directory object is its record: no bytes, served as an empty object.
+    assert s3.get_object(Bucket=BUCKET, Key="folder/")["Body"].read() == b""
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="folder")) == (404, "NoSuchKey")
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="no/such/key")) == (404, "NoSuchKey")
     assert s3_error(lambda: s3.get_object(Bucket="no-such-bucket", Key="k")) == (404, "NoSuchBucket")
