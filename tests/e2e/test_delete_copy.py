@@ -461,8 +461,21 @@ def test_append_before_at_and_past_the_end(tenant):
     assert not tenant.temp_files()
 
 
-def test_a_client_that_stops_mid_append_leaves_the_object(tenant):
+def test_an_append_body_in_pieces_or_cut_short(tenant):
     s3 = client(tenant)
+    # A body that arrives in several pieces, with pauses between them, is waited for.
+    s3.put_object(Bucket=BUCKET, Key="log/slow.txt", Body=b"start:")
+    body = os.urandom(300_000)
+    data = signed(tenant, "POST", f"/{BUCKET}/log/slow.txt?append&position=6", body)
+    with socket.create_connection(("127.0.0.1", tenant.port), timeout=30 * SLOWDOWN) as s:
+        for at in range(0, len(data), 100_000):
+            s.sendall(data[at:at + 100_000])
+            time.sleep(0.1)
+        reply = s.recv(65536)
+    assert reply.startswith(b"HTTP/1.1 200 OK\r\n"), reply
+    assert read(s3, "log/slow.txt") == b"start:" + body
+
+    # A client that stops in mid-body leaves the object as it was.
     s3.put_object(Bucket=BUCKET, Key="log/cut.txt", Body=b"whole")
     data = signed(tenant, "POST", f"/{BUCKET}/log/cut.txt?append&position=5", b"x" * 100_000,
                   payload_hash="UNSIGNED-PAYLOAD")
