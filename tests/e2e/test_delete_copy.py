@@ -8,6 +8,7 @@ One daemon serves the module.
 import base64
 import hashlib
 import os
+import re
 import socket
 import subprocess
 import threading
@@ -205,6 +206,38 @@ def test_directory_objects_go_with_their_last_key(tenant):
         assert os.path.isdir(tenant.data("kept")) and os.path.isdir(tenant.meta("kept"))
     s3.delete_object(Bucket=BUCKET, Key="kept/")
     assert not os.path.exists(tenant.data("kept")) and not os.path.exists(tenant.meta("kept"))
+
+
+def bucket_stat(t, bucket):
+    """(object_count, storage_in_bytes) of the bucket's record."""
+    with open(os.path.join(t.root, "meta", USER, "bucket", bucket)) as f:
+        text = f.read()
+    num = lambda name: int(re.search(rf'<stat\b[^>]*\b{name}="(\d+)"', text).group(1))
+    return num("object_count"), num("storage_in_bytes")
+
+
+def test_bucket_statistics_follow_deletes_and_copies(tenant):
+    s3 = client(tenant)
+    s3.create_bucket(Bucket="delcopy-stat")
+    b = "delcopy-stat"
+    s3.put_object(Bucket=b, Key="a", Body=b"x" * 100)
+    s3.put_object(Bucket=b, Key="d/b", Body=b"y" * 10)
+    assert bucket_stat(tenant, b) == (2, 110)
+    # A copy over an existing key replaces its bytes, not its count; a new key counts.
+    s3.copy_object(Bucket=b, Key="a", CopySource={"Bucket": b, "Key": "d/b"})
+    assert bucket_stat(tenant, b) == (2, 20)
+    s3.copy_object(Bucket=b, Key="c", CopySource={"Bucket": b, "Key": "d/b"})
+    assert bucket_stat(tenant, b) == (3, 30)
+    # Deleting what is not there changes nothing; each road counts what it removed.
+    s3.delete_object(Bucket=b, Key="never")
+    assert bucket_stat(tenant, b) == (3, 30)
+    s3.delete_object(Bucket=b, Key="a")
+    s3.delete_object(Bucket=b, Key="a")
+    assert bucket_stat(tenant, b) == (2, 20)
+    assert exchange(tenant, signed(tenant, "POST", f"/{b}/c?append&position=10", b"zzzzz"))[0] == 200
+    assert bucket_stat(tenant, b) == (2, 25)
+    s3.delete_objects(Bucket=b, Delete={"Objects": [{"Key": "c"}, {"Key": "d/"}, {"Key": "gone"}]})
+    assert bucket_stat(tenant, b) == (0, 0)
 
 
 # ---- DeleteObjects ----
