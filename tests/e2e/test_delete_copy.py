@@ -263,6 +263,8 @@ def test_bucket_statistics_follow_deletes_and_copies(tenant):
     assert bucket_stat(tenant, b) == (2, 25)
     s3.delete_objects(Bucket=b, Delete={"Objects": [{"Key": "c"}, {"Key": "d/"}, {"Key": "gone"}]})
     assert bucket_stat(tenant, b) == (0, 0)
+    # Nothing is left behind that would keep the bucket from being deleted.
+    s3.delete_bucket(Bucket=b)
 
 
 # ---- DeleteObjects ----
