@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <signal.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -173,10 +174,71 @@ struct upload_ctx {
     std::string_view key;
     orbs3_multipart_upload_t up;
     std::string index_path;  // the record
+    std::string stale_claim;  // a claim whose holder is gone, which a Complete or Abort may take over
     char staging[ORBS3_PATH_AREA] = "";
 };
 
-int open_upload(orbs3_http_request_t* r, int object_code, upload_ctx* ctx)
+// This node's name, as claims carry it.
+std::string node_name()
+{
+    char host[256] = "";
+    if (gethostname(host, sizeof host - 1) != 0 || host[0] == '\0')
+        std::snprintf(host, sizeof host, "node");
+    std::string name(host);
+    std::replace(name.begin(), name.end(), '/', '_');
+    return name;
+}
+
+// A claim names its holder ("<id>.claimed.<node>.<pid>"): when the worker that claimed an upload died
+// in the middle of a Complete, a later Complete or Abort of the upload on the same node finds the claim
+// with no process behind it and takes it over, instead of the upload being lost to its client. A claim
+// of another node is never taken: its holder can't be seen from here.
+std::string claim_path(const upload_ctx& ctx)
+{
+    return ctx.index_path + std::string(kClaimSuffix) + "." + node_name() + "." + std::to_string(getpid());
+}
+
+bool find_stale_claim(const std::string& index_path, std::string* out)
+{
+    const std::string dir = index_path.substr(0, index_path.rfind('/'));
+    const std::string prefix =
+        index_path.substr(index_path.rfind('/') + 1) + std::string(kClaimSuffix) + "." + node_name() + ".";
+    neo_dir_ptr d(opendir(dir.c_str()));
+    if (!d)
+        return false;
+    while (dirent* e = readdir(d.get())) {
+        std::string_view name(e->d_name);
+        if (!name.starts_with(prefix))
+            continue;
+        std::string_view pid_text = name.substr(prefix.size());
+        int64_t pid = 0;
+        if (!orbs3_parse_length(pid_text, &pid) || pid <= 0 || pid > INT32_MAX)
+            continue;
+        if (kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) {
+            *out = dir + "/" + std::string(name);
+            return true;
+        }
+    }
+    return false;
+}
+
+// Takes the upload for this request: of two Completes (or a Complete and an Abort) exactly one renames
+// the record. 0 with *claimed set, or NoSuchUpload.
+int claim_upload(const upload_ctx& ctx, std::string* claimed)
+{
+    *claimed = claim_path(ctx);
+    if (rename(ctx.index_path.c_str(), claimed->c_str()) == 0)
+        return 0;
+    if (errno != ENOENT)
+        return status(ORBS3_S3_INTERNAL_ERROR);
+    if (!ctx.stale_claim.empty() && rename(ctx.stale_claim.c_str(), claimed->c_str()) == 0) {
+        ipd_log(LOG_WARNING, "upload %s: the claim of a worker that is gone taken over", ctx.up.upload_id.c_str());
+        return 0;
+    }
+    return status(ORBS3_S3_NO_SUCH_UPLOAD);
+}
+
+int open_upload(orbs3_http_request_t* r, int object_code, upload_ctx* ctx, bool take_over = false)
 {
     orbs3_bucket_t* raw = nullptr;
     int rc = orbs3_object_request_bucket(r, object_code, &raw, &ctx->key);
@@ -188,7 +250,9 @@ int open_upload(orbs3_http_request_t* r, int object_code, upload_ctx* ctx)
         return status(ORBS3_S3_NO_SUCH_UPLOAD);
     ctx->index_path = index_dir_of(raw) + "/" + std::string(id);
     std::string text;
-    if (!read_small_file(ctx->index_path.c_str(), &text))
+    if (!read_small_file(ctx->index_path.c_str(), &text) &&
+        (!take_over || !find_stale_claim(ctx->index_path, &ctx->stale_claim) ||
+         !read_small_file(ctx->stale_claim.c_str(), &text)))
         return status(ORBS3_S3_NO_SUCH_UPLOAD);
     if (orbs3_multipart_parse_upload(text, &ctx->up) != 0) {
         ipd_log(LOG_ERR, "upload record %s unreadable", ctx->index_path.c_str());
@@ -754,7 +818,7 @@ int orbs3_list_parts_object(orbs3_http_request_t* r)
 int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
 {
     upload_ctx ctx;
-    if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx); rc != 0)
+    if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx, true); rc != 0)
         return rc;
     const char* text = orbs3_http_body_document(r);
     if (text == nullptr)
@@ -773,10 +837,9 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     if (req.empty())
         return status(ORBS3_S3_MALFORMED_XML);
 
-    // The claim: of two Completes (or a Complete and an Abort) exactly one renames the record.
-    const std::string claimed = ctx.index_path + std::string(kClaimSuffix);
-    if (rename(ctx.index_path.c_str(), claimed.c_str()) != 0)
-        return errno == ENOENT ? status(ORBS3_S3_NO_SUCH_UPLOAD) : status(ORBS3_S3_INTERNAL_ERROR);
+    std::string claimed;
+    if (int rc = claim_upload(ctx, &claimed); rc != 0)
+        return rc;
     // A refusal gives the upload back, so the client may correct its document and try again.
     auto release = [&](int st) {
         if (rename(claimed.c_str(), ctx.index_path.c_str()) != 0)
@@ -855,11 +918,11 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
 int orbs3_abort_multipart_upload_object(orbs3_http_request_t* r)
 {
     upload_ctx ctx;
-    if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx); rc != 0)
+    if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx, true); rc != 0)
         return rc;
-    const std::string claimed = ctx.index_path + std::string(kClaimSuffix);
-    if (rename(ctx.index_path.c_str(), claimed.c_str()) != 0)
-        return errno == ENOENT ? status(ORBS3_S3_NO_SUCH_UPLOAD) : status(ORBS3_S3_INTERNAL_ERROR);
+    std::string claimed;
+    if (int rc = claim_upload(ctx, &claimed); rc != 0)
+        return rc;
     drop_upload(ctx, claimed);
     prune_key_dirs(ctx.bucket.get(), ctx.key);
     return orbs3_http_send_abort_mulitipart_object_msg(r->connection, 204, r->resp.connection, r->resp.origin) == 0

@@ -13,8 +13,9 @@
 // the bytes it describes: a record that does not match its part (a crash or a second sender between the
 // two renames) is made again from the part's bytes.
 //
-// Complete and Abort first claim the upload by renaming its record to "<upload_id>.claimed": of two that
-// race exactly one wins, the other finds no upload. Complete copies the parts into a temporary file
+// Complete and Abort first claim the upload by renaming its record to "<upload_id>.claimed.<node>.<pid>":
+// of two that race exactly one wins, the other finds no upload. A claim whose process is gone (a worker
+// killed in the middle of a Complete) is taken over by the next Complete or Abort on its node. Complete copies the parts into a temporary file
 // beside the object (copy_file_range: no bytes through user space) and renames it over the object.
 #pragma once
 

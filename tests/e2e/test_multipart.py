@@ -345,6 +345,36 @@ def test_an_upload_survives_a_killed_worker_and_finishes_after_restart(tenant):
     assert got["ETag"] == multipart_etag([first, second]) and got["Metadata"] == {"kept": "yes"}
 
 
+def test_a_complete_cut_off_with_its_worker_is_taken_over_on_the_same_node(tenant):
+    """What a worker killed in the middle of a Complete leaves: the upload claimed by a process that is
+    gone. A retried Complete on this node takes the claim over; a claim of a live process is respected."""
+    s3 = client(tenant)
+    data = os.urandom(4000)
+    index = os.path.join(tenant.data_root(), ".orbs3-uploads")
+    gone = subprocess.Popen(["/bin/true"])
+    gone.wait()
+    host = socket.gethostname()
+    for holder, taken in ((gone.pid, True), (os.getpid(), False)):
+        key = f"claims/{holder}"
+        uid = start_upload(s3, key)
+        e1 = put_part(s3, key, uid, 1, data)
+        os.rename(os.path.join(index, uid), os.path.join(index, f"{uid}.claimed.{host}.{holder}"))
+        # Claimed: no longer an open upload for parts, lists or a new client.
+        assert s3_error(lambda: s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)) == (404, "NoSuchUpload")
+        assert uid not in [u["UploadId"] for u in s3.list_multipart_uploads(Bucket=BUCKET).get("Uploads", [])]
+        if taken:
+            complete(s3, key, uid, [(1, e1)])
+            assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == data
+            assert not [n for n in os.listdir(index) if n.startswith(uid)] if os.path.isdir(index) else True
+        else:
+            assert s3_error(lambda: complete(s3, key, uid, [(1, e1)])) == (404, "NoSuchUpload")
+            assert s3_error(lambda: s3.abort_multipart_upload(Bucket=BUCKET, Key=key, UploadId=uid)) == \
+                (404, "NoSuchUpload")
+            # Given back by hand, it completes.
+            os.rename(os.path.join(index, f"{uid}.claimed.{host}.{holder}"), os.path.join(index, uid))
+            complete(s3, key, uid, [(1, e1)])
+
+
 def _list_parts_or_none(s3, key, uid):
     try:
         return s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid).get("Parts", [])
