@@ -255,6 +255,10 @@ next_step run_request(orbs3_http_request_t* r)
         return next_step::stop;
     }
 
+    if (orbs3_http_continue_without_body(r) != 0) {
+        orbs3_http_close_request_and_connection(r);
+        return next_step::stop;
+    }
     rc = ls->response_handler(r);
     if (rc == ORBS3_AGAIN || rc == ORBS3_HTTP_CLOSED)
         return next_step::stop;  // goes on in later events, or already ended

@@ -159,6 +159,13 @@ const char* orbs3_http_body_document(orbs3_http_request_t* r)
     return reinterpret_cast<const char*>(whole->pos);
 }
 
+int orbs3_http_continue_without_body(orbs3_http_request_t* r)
+{
+    if (orbs3_http_has_body(r) || !expects_continue(r))
+        return 0;
+    return orbs3_http_send_response_bytes(r->connection, kContinue, sizeof kContinue - 1) == 0 ? 0 : -1;
+}
+
 bool orbs3_http_has_body(const orbs3_http_request_t* r)
 {
     return r->headers_in.chunked || r->content_length > 0;

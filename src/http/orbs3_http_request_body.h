@@ -61,6 +61,11 @@ struct orbs3_upload_file_t {
 // behind a NUL inside the body are not seen by those parsers.
 [[nodiscard]] const char* orbs3_http_body_document(orbs3_http_request_t* r);
 
+// A request that asks for 100-continue but has no body (Content-Length: 0) gets the interim answer before
+// its final one. botocore, having asked, takes a final reply that comes without it for the interim one
+// and carries its status over to the next request on the connection. 0, or -1 when the send failed.
+[[nodiscard]] int orbs3_http_continue_without_body(orbs3_http_request_t* r);
+
 // Whether the request announces a body: a positive Content-Length or a chunked coding.
 [[nodiscard]] bool orbs3_http_has_body(const orbs3_http_request_t* r);
 // Whether every byte of the announced body has been read (true when there is none).

@@ -45,8 +45,9 @@ def error_page(code, reason):
 PAGE_400 = error_page(400, "Bad Request")
 PAGE_403 = error_page(403, "Forbidden")
 
-NOT_IMPLEMENTED = (b"NotImplemented", b"A header you provided implies functionality that is not implemented.")
 NO_SUCH_KEY = (b"NoSuchKey", b"The specified key does not exist.")
+MALFORMED_XML = (b"MalformedXML",
+                 b"The XML you provided was not well-formed or did not validate against our published schema.")
 TOO_LARGE = (b"MaxMessageLengthExceeded", b"Your request was too big.")
 
 # The tenant's access key, set when the module's daemon starts.
@@ -113,8 +114,8 @@ class Client:
 
     def answered(self, resource=b"bucket/object", connection=b"keep-alive", head_only=False, kind="get"):
         """Reads one reply and checks it byte for byte apart from the Date, RequestId and ETag values:
-        "get" the 404 NoSuchKey of `resource`, "put" the 200 of a stored object, "unbuilt" the 501 of an
-        action not built yet."""
+        "get" the 404 NoSuchKey of `resource`, "put" the 200 of a stored object, "deleted" the 204 of a
+        delete, "malformed" the 400 MalformedXML of a document that names nothing to do."""
         got = self.reply(head_only)
         if kind == "put":
             m = DATE.search(got)
@@ -122,8 +123,13 @@ class Client:
             assert m and e, got
             assert got == (b"HTTP/1.1 200 OK\r\nDate: " + m.group(1) + b"\r\nEtag: " + e.group(1)
                            + b"\r\nConnection: " + connection + b"\r\nContent-Length:0\r\nServer: KELVANE\r\n\r\n"), got
-        elif kind == "unbuilt":
-            check_error_reply(got, b"501 Not Implemented", *NOT_IMPLEMENTED, resource, connection, head_only)
+        elif kind == "deleted":
+            m = DATE.search(got)
+            assert m, got
+            assert got == (b"HTTP/1.1 204 No Content\r\nDate: " + m.group(1) + b"\r\nConnection: " + connection
+                           + b"\r\nContent-Length:0\r\nServer: KELVANE\r\n\r\n"), got
+        elif kind == "malformed":
+            check_error_reply(got, b"400 Bad Request", *MALFORMED_XML, resource, connection, head_only)
         else:
             check_error_reply(got, b"404 Not Found", *NO_SUCH_KEY, resource, connection, head_only)
         return got
@@ -216,7 +222,7 @@ def test_keep_alive_serves_two_hundred_requests_on_one_connection_until_connecti
                 c.preflight()
             else:
                 c.answered(f"bucket/key-{i}".encode(), head_only=method == "HEAD",
-                           kind="unbuilt" if method == "DELETE" else "get")
+                           kind="deleted" if method == "DELETE" else "get")
         c.send(request("GET", headers=["Connection: close"]))
         c.answered(connection=b"close")
         c.eof()
@@ -318,6 +324,12 @@ def test_expect_100_continue_is_answered_before_the_body_is_sent(engine):
         c.send(small)
         c.answered(b"bucket/continue-10", kind="put")
         c.quiet()
+        # No body to wait for: the interim answer still comes first, then the final one.
+        c.send(request("PUT", "/bucket/continue-empty",
+                       headers=["Content-Length: 0", "Expect: 100-continue"]))
+        assert c.take(len(CONTINUE)) == CONTINUE
+        c.answered(b"bucket/continue-empty", kind="put")
+        c.quiet()
     for key, data in (("continue", body), ("continue-2", small), ("continue-3", small), ("continue-10", small)):
         stored(engine[0], key, data)
 
@@ -391,11 +403,11 @@ def test_documents_are_read_whole_up_to_eight_mib(engine):
     with Client(port) as c:
         doc = b"<Delete>" + b"d" * 1000 + b"</Delete>"
         c.send(request("POST", "/bucket?delete", headers=[f"Content-Length: {len(doc)}"], body=doc) + signed_get())
-        c.answered(b"bucket", kind="unbuilt")
+        c.answered(b"bucket", kind="malformed")
         c.answered()
         big = b"x" * DOCUMENT_MAX
         c.send(request("POST", "/bucket?delete", headers=[f"Content-Length: {len(big)}"]) + big + signed_get())
-        c.answered(b"bucket", kind="unbuilt")
+        c.answered(b"bucket", kind="malformed")
         c.answered()  # the whole document was taken: the next request is read as one
 
 
