@@ -1,5 +1,7 @@
 #include "storage/orbs3_object.h"
 
+#include <sys/stat.h>
+
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -286,4 +288,24 @@ void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects,
     if (orbs3_save_bucket(fresh, meta_file) != 0)
         ipd_log(LOG_ERR, "bucket record %s not written: %s", meta_file, std::strerror(errno));
     orbs3_free_bucket(fresh);
+}
+
+orbs3_object_before_t orbs3_object_before_commit(const char* data_path)
+{
+    struct stat st;
+    if (lstat(data_path, &st) != 0 || !S_ISREG(st.st_mode))
+        return {};
+    return {true, static_cast<int64_t>(st.st_size)};
+}
+
+void orbs3_object_count_commit(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, orbs3_object_before_t before,
+                               int64_t size)
+{
+    if (before.existed) {
+        if (size != before.size)
+            orbs3_object_count_in_bucket(bucket, 0, size - before.size);
+        return;
+    }
+    orbs3_object_count_in_bucket(bucket, 1, size);
+    r->vhost->object_count.fetch_add(1);
 }

@@ -66,6 +66,17 @@ struct orbs3_object_meta_t {
 // before, so that changes other requests made to it meanwhile stay. Failures are logged.
 void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes);
 
+// What stood at an object's data file just before a commit renames new content over it.
+struct orbs3_object_before_t {
+    bool existed = false;  // a regular file: the key is replaced, not new
+    int64_t size = 0;
+};
+[[nodiscard]] orbs3_object_before_t orbs3_object_before_commit(const char* data_path);
+// Counts a committed object of `size` bytes in the bucket and the vhost: a new key adds an object and its
+// bytes, a replaced one only its change of size, so overwriting a key never inflates the counts.
+void orbs3_object_count_commit(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, orbs3_object_before_t before,
+                               int64_t size);
+
 int orbs3_put_object(orbs3_http_request_t* r);
 // POST ?append&position=N (N > 0) of an existing object: 200 with the new ETag.
 int orbs3_append_object(orbs3_http_request_t* r);

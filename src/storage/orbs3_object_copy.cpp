@@ -368,8 +368,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     if (rc != 0)
         return status(ORBS3_S3_INTERNAL_ERROR);
 
-    struct stat old {};
-    const bool existed = lstat(to.data_path, &old) == 0 && S_ISREG(old.st_mode);
+    const orbs3_object_before_t before = orbs3_object_before_commit(to.data_path);
     if (!onto_itself) {
         // The bytes go into a temporary file beside the destination and replace it by a rename once they
         // are on disk: a reader sees the old object or the copy, never a part.
@@ -420,12 +419,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     get_gmt_meta_time(stamp, sizeof stamp);
     if (orbs3_object_write_record(r, key, to.meta_path, to.data_path, etag, size, stamp, &meta) != 0)
         ipd_log(LOG_ERR, "record %s not written: the copy is served without it", to.meta_path);
-    if (!existed) {
-        orbs3_object_count_in_bucket(dst.get(), 1, size);
-        r->vhost->object_count.fetch_add(1);
-    } else if (size != old.st_size) {
-        orbs3_object_count_in_bucket(dst.get(), 0, size - static_cast<int64_t>(old.st_size));
-    }
+    orbs3_object_count_commit(r, dst.get(), before, size);
 
     char quoted[ORBS3_REC_ETAG_CAP + 3];
     std::snprintf(quoted, sizeof quoted, "\"%s\"", etag);

@@ -86,6 +86,7 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
     close(fd);
+    const orbs3_object_before_t before = orbs3_object_before_commit(st->final_path);
     if (rename(tmp, st->final_path) != 0) {
         ipd_log(LOG_ERR, "rename %s to %s failed: %s", tmp, st->final_path, std::strerror(errno));
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
@@ -101,8 +102,7 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
     if (orbs3_object_write_record(r, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,
                                   stamp, &st->meta) != 0)
         ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->meta_path);
-    orbs3_object_count_in_bucket(st->bucket, 1, body->file.size);
-    r->vhost->object_count.fetch_add(1);
+    orbs3_object_count_commit(r, st->bucket, before, body->file.size);
     char etag[40];
     std::snprintf(etag, sizeof etag, "\"%s\"", body->file.etag);
     return orbs3_http_send_put_object_msg(r->connection, 200, etag, r->resp.connection, r->resp.origin) == 0 ? 0

@@ -241,12 +241,16 @@ def bucket_stat(t, bucket):
     return num("object_count"), num("storage_in_bytes")
 
 
-def test_bucket_statistics_follow_deletes_and_copies(tenant):
+def test_bucket_statistics_follow_puts_deletes_and_copies(tenant):
     s3 = client(tenant)
     s3.create_bucket(Bucket="delcopy-stat")
     b = "delcopy-stat"
     s3.put_object(Bucket=b, Key="a", Body=b"x" * 100)
     s3.put_object(Bucket=b, Key="d/b", Body=b"y" * 10)
+    assert bucket_stat(tenant, b) == (2, 110)
+    # A PUT over an existing key replaces its bytes, not its count.
+    s3.put_object(Bucket=b, Key="a", Body=b"x" * 60)
+    s3.put_object(Bucket=b, Key="a", Body=b"x" * 100)
     assert bucket_stat(tenant, b) == (2, 110)
     # A copy over an existing key replaces its bytes, not its count; a new key counts.
     s3.copy_object(Bucket=b, Key="a", CopySource={"Bucket": b, "Key": "d/b"})
