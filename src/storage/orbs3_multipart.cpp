@@ -874,8 +874,7 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         orbs3_make_dir_by_name(ctx.key, path.data_path) != 0)
         return release(status(ORBS3_S3_INTERNAL_ERROR));
 
-    struct stat old;
-    const bool replaced = lstat(path.data_path, &old) == 0 && S_ISREG(old.st_mode);
+    const orbs3_object_before_t before = orbs3_object_before_commit(path.data_path);
     int64_t total = 0;
     if (rc = assemble(ctx.staging, path.data_dir, path.data_path, chosen, &total); rc != 0)
         return release(rc);
@@ -898,9 +897,7 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     const std::string stamp = now_stamp();
     if (orbs3_object_write_record(r, ctx.key, path.meta_path, path.data_path, etag, total, stamp.c_str(), &meta) != 0)
         ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);
-    orbs3_object_count_in_bucket(b, replaced ? 0 : 1, replaced ? total - static_cast<int64_t>(old.st_size) : total);
-    if (!replaced)
-        r->vhost->object_count.fetch_add(1);
+    orbs3_object_count_commit(r, b, before, total);
     drop_upload(ctx, claimed);
 
     std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
