@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "memory/neo_string.h"
+
 namespace {
 
 constexpr uint8_t CR = '\r';
@@ -10,16 +12,6 @@ constexpr uint8_t LF = '\n';
 // Every chunk framing adds at least 5 bytes to its size ("\r\n0\r\n" behind the data at the least), and
 // `length` is computed as size + 5; bounding the size here keeps that sum inside 32 bits.
 constexpr uint64_t CHUNK_SIZE_MAX = UINT32_MAX - 5;
-
-int hex_value(uint8_t ch)
-{
-    if (ch >= '0' && ch <= '9')
-        return ch - '0';
-    uint8_t c = static_cast<uint8_t>(ch | 0x20);
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return -1;
-}
 
 // The lower bound of what must still arrive, by where the scan stands.
 uint64_t remaining_length(uint32_t state, uint32_t size)
@@ -64,7 +56,7 @@ int orbs3_http_parse_chunked(orbs3_buf_t* buffer, orbs3_http_chunked_t* ctx)
         uint8_t ch = *p;
         switch (state) {
         case ORBS3_CHUNK_START: {
-            int d = hex_value(ch);
+            int d = neo_hex_value(ch);
             if (d < 0)
                 return ORBS3_CHUNKED_INVALID;
             ctx->size = static_cast<uint32_t>(d);
@@ -72,7 +64,7 @@ int orbs3_http_parse_chunked(orbs3_buf_t* buffer, orbs3_http_chunked_t* ctx)
             break;
         }
         case ORBS3_CHUNK_SIZE: {
-            int d = hex_value(ch);
+            int d = neo_hex_value(ch);
             if (d >= 0) {
                 // Checked before it is stored: a size of any number of digits is refused, never wrapped.
                 uint64_t n = uint64_t{ctx->size} * 16 + static_cast<uint64_t>(d);

@@ -120,16 +120,6 @@ constexpr bool is_head_space(uint8_t c)
     return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
 }
 
-constexpr int hex_value(uint8_t c)
-{
-    if (is_digit(c))
-        return c - '0';
-    c = static_cast<uint8_t>(c | 0x20);
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    return -1;
-}
-
 }  // namespace
 
 // ---- end of the head ----
@@ -765,14 +755,14 @@ int orbs3_http_parse_complex_uri(orbs3_http_request_t* r, unsigned merge_slashes
         uint8_t ch = *p++;
 
         if (state == QUOTED_FIRST) {
-            decoded = hex_value(ch);
+            decoded = neo_hex_value(ch);
             if (decoded < 0)
                 return ORBS3_PARSE_BAD_REQUEST;
             state = QUOTED_SECOND;
             continue;
         }
         if (state == QUOTED_SECOND) {
-            int low = hex_value(ch);
+            int low = neo_hex_value(ch);
             if (low < 0)
                 return ORBS3_PARSE_BAD_REQUEST;
             ch = static_cast<uint8_t>(decoded * 16 + low);

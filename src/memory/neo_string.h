@@ -39,5 +39,17 @@ inline void orbs3_strlow(char* dst, const char* src, std::size_t n)
     return orbs3_atoof(reinterpret_cast<const uint8_t*>(text), n);
 }
 
+// The value of one hexadecimal digit, either case; -1 for anything else.
+constexpr int neo_hex_value(unsigned char c)
+{
+    if (c >= '0' && c <= '9')
+        return c - '0';
+    if (c >= 'a' && c <= 'f')
+        return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+        return c - 'A' + 10;
+    return -1;
+}
+
 // Writes 2 * n lower-case hexadecimal digits, no terminator; returns the byte behind them.
 char* neo_hex(char* dst, const void* src, std::size_t n);

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <utility>
 
+#include "memory/neo_string.h"
 #include "s3/orbs3_s3_sign_parts.h"
 
 namespace {
@@ -34,17 +35,6 @@ constexpr std::string_view kEmptyHash = "e3b0c44298fc1c149afbf4c8996fb92427ae41e
 constexpr std::string_view kSigExt = "chunk-signature=";
 constexpr std::string_view kTrailerSig = "x-amz-trailer-signature";
 constexpr std::string_view kChecksumPrefix = "x-amz-checksum-";
-
-int hex_value(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
 
 bool istarts_with(std::string_view s, std::string_view prefix)
 {
@@ -130,10 +120,10 @@ int size_line(orbs3_aws_chunked_t* st, std::string_view line)
 {
     uint64_t size = 0;
     std::size_t i = 0;
-    for (; i < line.size() && hex_value(line[i]) >= 0; i++) {
+    for (; i < line.size() && neo_hex_value(line[i]) >= 0; i++) {
         if (size > (ORBS3_AWS_CHUNKED_MAX_CHUNK >> 4))
             return ORBS3_AWS_CHUNKED_BAD_FRAMING;
-        size = (size << 4) | static_cast<uint64_t>(hex_value(line[i]));
+        size = (size << 4) | static_cast<uint64_t>(neo_hex_value(line[i]));
     }
     if (i == 0 || size > ORBS3_AWS_CHUNKED_MAX_CHUNK || (i < line.size() && line[i] != ';'))
         return ORBS3_AWS_CHUNKED_BAD_FRAMING;

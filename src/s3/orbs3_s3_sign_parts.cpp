@@ -23,17 +23,6 @@ bool unreserved(uint8_t c)
            c == '.' || c == '~';
 }
 
-int hex_value(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // One byte of `raw` from position *i, decoded: false when the byte is a '%' to drop.
 bool next_decoded(std::string_view raw, std::size_t* i, uint8_t* out)
 {
@@ -44,8 +33,8 @@ bool next_decoded(std::string_view raw, std::size_t* i, uint8_t* out)
         return true;
     }
     if (*i + 2 < raw.size()) {
-        int hi = hex_value(raw[*i + 1]);
-        int lo = hex_value(raw[*i + 2]);
+        int hi = neo_hex_value(raw[*i + 1]);
+        int lo = neo_hex_value(raw[*i + 2]);
         if (hi >= 0 && lo >= 0) {
             *out = static_cast<uint8_t>(hi * 16 + lo);
             *i += 3;

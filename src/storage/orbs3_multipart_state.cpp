@@ -18,17 +18,6 @@ namespace {
 constexpr std::string_view kUploadMagic = "orbs3-upload 1";
 constexpr std::string_view kPartMagic = "orbs3-part 1";
 
-int hex_digit(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 // A value in a record line: every byte that is not printable, a blank or '%' as %XX, so keys with
 // newlines or spaces keep one line and one field.
 void put_encoded(std::string* out, std::string_view v)
@@ -55,7 +44,7 @@ bool get_encoded(std::string_view v, std::string* out)
         }
         if (i + 2 >= v.size())
             return false;
-        int hi = hex_digit(v[i + 1]), lo = hex_digit(v[i + 2]);
+        int hi = neo_hex_value(v[i + 1]), lo = neo_hex_value(v[i + 2]);
         if (hi < 0 || lo < 0)
             return false;
         out->push_back(static_cast<char>(hi << 4 | lo));
@@ -118,7 +107,7 @@ bool parse_md5_hex(std::string_view v, uint8_t out[NEO_MD5_LEN])
     if (v.size() != 2 * NEO_MD5_LEN)
         return false;
     for (std::size_t i = 0; i < NEO_MD5_LEN; i++) {
-        int hi = hex_digit(v[2 * i]), lo = hex_digit(v[2 * i + 1]);
+        int hi = neo_hex_value(v[2 * i]), lo = neo_hex_value(v[2 * i + 1]);
         if (hi < 0 || lo < 0)
             return false;
         out[i] = static_cast<uint8_t>(hi << 4 | lo);

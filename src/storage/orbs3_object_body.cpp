@@ -135,17 +135,6 @@ orbs3_object_body_t::~orbs3_object_body_t()
 
 namespace {
 
-int hex_value(char c)
-{
-    if (c >= '0' && c <= '9')
-        return c - '0';
-    if (c >= 'a' && c <= 'f')
-        return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-        return c - 'A' + 10;
-    return -1;
-}
-
 void body_again(orbs3_event_t* ev);
 
 // Appends object bytes to the temporary file and to the digests. 0 or a status.
@@ -414,7 +403,7 @@ bool orbs3_parse_sha256_hex(std::string_view text, uint8_t out[32])
     if (text.size() != 64)
         return false;
     for (std::size_t i = 0; i < 32; i++) {
-        int hi = hex_value(text[2 * i]), lo = hex_value(text[2 * i + 1]);
+        int hi = neo_hex_value(text[2 * i]), lo = neo_hex_value(text[2 * i + 1]);
         if (hi < 0 || lo < 0)
             return false;
         out[i] = static_cast<uint8_t>(hi << 4 | lo);
