@@ -6,10 +6,12 @@
 
 namespace {
 
+// Never destroyed: threads of the master (the controller's, the control socket's) may still build paths
+// while the main thread runs exit's destructors, and must not read a freed string.
 std::string& prefix_storage()
 {
-    static std::string prefix;
-    return prefix;
+    static std::string* prefix = new std::string;
+    return *prefix;
 }
 
 std::once_flag prefix_once;

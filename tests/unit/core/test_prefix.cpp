@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 #include <string>
+#include <thread>
 
 #include "core/orbs3_prefix.h"
 
@@ -23,4 +24,25 @@ TEST(Prefix, PutInFrontOfEveryPathAndNeverOverruns)
     unsetenv("ORBMUX_PREFIX");
     orbs3_prefix_reload();
     EXPECT_EQ(orbs3_prefix_path(ORBS3_CONF), "/etc/orbmux/orbmux.conf");
+}
+
+// The master's threads build paths up to the moment the process ends; the prefix must outlive exit's
+// destructors (the sanitizer build sees a read of freed memory otherwise).
+TEST(PrefixDeathTest, PathsCanBeBuiltWhileTheProcessExits)
+{
+    EXPECT_EXIT(
+        {
+            setenv("ORBMUX_PREFIX", "/tmp/a-sandbox-prefix-longer-than-any-short-string", 1);
+            orbs3_prefix_reload();
+            std::thread([] {
+                for (;;) {
+                    std::string p = orbs3_prefix_path(ORBS3_PID_FILE);
+                    if (p.empty())
+                        std::abort();
+                }
+            }).detach();
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+            std::exit(0);
+        },
+        ::testing::ExitedWithCode(0), "");
 }
