@@ -560,7 +560,7 @@ int classify_post(orbs3_http_request_t* r, bool virtual_style)
     return scan_post_query(r, q.copy.get());
 }
 
-// ---- the design's entry points, one per method and style ----
+// ---- the entry points, one per method and style ----
 
 int parse_req_msg_get(orbs3_http_request_t* r)
 {

@@ -486,7 +486,7 @@ TEST(S3Signature, DatesParseOnlyInTheirExactForms)
         EXPECT_FALSE(orbs3_sign_parse_date(bad, &t)) << bad;
 }
 
-// ---- the design's form: the secret found in the user record ----
+// ---- the server's own form: the secret found in the user record ----
 
 // Signs a header request at the present time with the module's own signer, whose output the published
 // examples and the botocore vectors check.
