@@ -286,3 +286,51 @@ class Daemon:
         assert code == 0, f"master exited with {code}:\n{self.log()}"
         assert not self.sandbox.exists(PID_FILE), "pid file left behind"
         self.assert_clean()
+
+
+# ---- helpers the S3 modules share ----
+
+def s3_error(call):
+    """The status and S3 error code of a boto3 call that must fail."""
+    import pytest
+    from botocore.exceptions import ClientError
+    with pytest.raises(ClientError) as err:
+        call()
+    r = err.value.response
+    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
+
+
+def tool_env(t, home):
+    """The environment of a command-line client (AWS CLI, s3cmd, rclone) acting as tenant `t`'s user."""
+    return {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8",
+            "AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
+            "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": t.info["access_key"],
+            "AWS_SECRET_ACCESS_KEY": t.info["secret_key"], "AWS_DEFAULT_REGION": "us-east-1",
+            "AWS_MAX_ATTEMPTS": "1"}
+
+
+def run(argv, env):
+    """Runs a client to its end; it must succeed. Its standard output."""
+    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
+    assert out.returncode == 0, (argv, out.stdout, out.stderr)
+    return out.stdout
+
+
+def md5(data):
+    import hashlib
+    return hashlib.md5(data).hexdigest()
+
+
+def rss_kib(pid):
+    """Resident memory of a process, in KiB."""
+    with open(f"/proc/{pid}/status") as f:
+        for line in f:
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+    return 0
+
+
+def worker_pids(t):
+    """The worker processes of tenant `t`'s daemon."""
+    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
+    return [int(p) for p in out.stdout.split()]

@@ -10,7 +10,6 @@ import hashlib
 import os
 import re
 import socket
-import subprocess
 import threading
 import time
 import urllib.parse
@@ -25,7 +24,8 @@ from botocore.config import Config
 from botocore.credentials import Credentials
 from botocore.exceptions import ClientError
 
-from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_port
+from orbmux_harness import (SLOWDOWN, Sandbox, free_port, md5, rss_kib, run, s3_error, tool_env, wait_port,
+                             worker_pids)
 
 USER = "dc-user"
 BUCKET = "delcopy"
@@ -85,17 +85,6 @@ def client(t):
                                       retries={"max_attempts": 1, "mode": "standard"},
                                       connect_timeout=5, read_timeout=60 * SLOWDOWN,
                                       max_pool_connections=16))
-
-
-def s3_error(call):
-    with pytest.raises(ClientError) as err:
-        call()
-    r = err.value.response
-    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
-
-
-def md5(data):
-    return hashlib.md5(data).hexdigest()
 
 
 def read(s3, key, bucket=BUCKET):
@@ -435,19 +424,6 @@ def test_copy_conditions_on_the_source(tenant):
     assert read(s3, "cond-copy") == b"condition"
 
 
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
-
-
-def worker_pids(t):
-    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
-    return [int(p) for p in out.stdout.split()]
-
-
 @pytest.mark.skipif(SANITIZED, reason="sanitizer builds keep freed memory in quarantine; RSS says nothing there")
 def test_a_one_gib_copy_runs_in_bounded_memory(tenant):
     size = 1 << 30
@@ -552,20 +528,6 @@ def test_an_append_body_in_pieces_or_cut_short(tenant):
 
 
 # ---- other clients ----
-
-def tool_env(t, home):
-    return {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8",
-            "AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
-            "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": t.info["access_key"],
-            "AWS_SECRET_ACCESS_KEY": t.info["secret_key"], "AWS_DEFAULT_REGION": "us-east-1",
-            "AWS_MAX_ATTEMPTS": "1"}
-
-
-def run(argv, env):
-    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
-    assert out.returncode == 0, (argv, out.stdout, out.stderr)
-    return out.stdout
-
 
 def test_s3cmd_copies_and_deletes(tenant, tmp_path):
     hostport = f"127.0.0.1:{tenant.port}"

@@ -21,9 +21,8 @@ from botocore.auth import S3SigV4Auth
 from botocore.awsrequest import AWSRequest
 from botocore.config import Config
 from botocore.credentials import Credentials
-from botocore.exceptions import ClientError
 
-from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_port
+from orbmux_harness import SLOWDOWN, Sandbox, free_port, run, s3_error, tool_env, wait_port
 
 USER = "ls-user"
 BUCKET = "listing"
@@ -88,13 +87,6 @@ def client(t):
                         config=Config(signature_version="s3v4", s3={"addressing_style": "path"},
                                       retries={"max_attempts": 1, "mode": "standard"},
                                       connect_timeout=5, read_timeout=30 * SLOWDOWN))
-
-
-def s3_error(call):
-    with pytest.raises(ClientError) as err:
-        call()
-    r = err.value.response
-    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
 
 
 def model(keys, prefix="", delimiter=""):
@@ -252,20 +244,6 @@ def test_directory_objects(tenant):
 
 
 # ---- other clients ----
-
-def tool_env(t, home):
-    return {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8",
-            "AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
-            "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": t.info["access_key"],
-            "AWS_SECRET_ACCESS_KEY": t.info["secret_key"], "AWS_DEFAULT_REGION": "us-east-1",
-            "AWS_MAX_ATTEMPTS": "1"}
-
-
-def run(argv, env):
-    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
-    assert out.returncode == 0, (argv, out.stdout, out.stderr)
-    return out.stdout
-
 
 def aws(t):
     return ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1"]

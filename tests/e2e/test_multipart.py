@@ -12,7 +12,6 @@ import signal
 import socket
 import subprocess
 import threading
-import time
 
 import boto3  # Debian's python3-boto3
 import pytest
@@ -20,7 +19,8 @@ from boto3.s3.transfer import TransferConfig
 from botocore.config import Config
 from botocore.exceptions import ClientError
 
-from orbmux_harness import DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, wait_for, wait_port
+from orbmux_harness import (DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, s3_error, wait_for, wait_port,
+                             worker_pids)
 from test_objects import exchange, signed_chunks, signed_head, signed_request, tool_env
 
 USER = "mp-user"
@@ -75,13 +75,6 @@ def client(t, read_timeout=60):
                                       retries={"max_attempts": 1, "mode": "standard"},
                                       connect_timeout=5, read_timeout=read_timeout * SLOWDOWN,
                                       max_pool_connections=16))
-
-
-def s3_error(call):
-    with pytest.raises(ClientError) as err:
-        call()
-    r = err.value.response
-    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
 
 
 def multipart_etag(parts):
@@ -318,11 +311,6 @@ def test_aws_chunked_part_bodies_are_decoded_and_checked(tenant):
 
 
 # ---- faults ----
-
-def worker_pids(t):
-    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
-    return [int(p) for p in out.stdout.split()]
-
 
 def test_an_upload_survives_a_killed_worker_and_finishes_after_restart(tenant):
     s3 = client(tenant)

@@ -21,9 +21,9 @@ from botocore.auth import S3SigV4Auth
 from botocore.awsrequest import AWSRequest
 from botocore.config import Config
 from botocore.credentials import Credentials
-from botocore.exceptions import ClientError
 
-from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_for, wait_port
+from orbmux_harness import (SLOWDOWN, Sandbox, free_port, md5, rss_kib, run, s3_error, tool_env, wait_for,
+                             wait_port)
 
 USER = "ob-user"
 BUCKET = "objects"
@@ -72,17 +72,6 @@ def client(t, sig="s3v4"):
                         config=Config(signature_version=sig, s3={"addressing_style": "path"},
                                       retries={"max_attempts": 1, "mode": "standard"},
                                       connect_timeout=5, read_timeout=30 * SLOWDOWN))
-
-
-def s3_error(call):
-    with pytest.raises(ClientError) as err:
-        call()
-    r = err.value.response
-    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
-
-
-def md5(data):
-    return hashlib.md5(data).hexdigest()
 
 
 class FixedPayloadAuth(S3SigV4Auth):
@@ -352,20 +341,6 @@ def _get_or_none(s3, key):
 
 # ---- other clients ----
 
-def tool_env(t, home):
-    return {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8",
-            "AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
-            "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": t.info["access_key"],
-            "AWS_SECRET_ACCESS_KEY": t.info["secret_key"], "AWS_DEFAULT_REGION": "us-east-1",
-            "AWS_MAX_ATTEMPTS": "1"}
-
-
-def run(argv, env):
-    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
-    assert out.returncode == 0, (argv, out.stdout, out.stderr)
-    return out.stdout
-
-
 def test_aws_cli_copies_up_and_down_with_metadata_and_ranges(tenant, tmp_path):
     env = tool_env(tenant, str(tmp_path))
     aws = ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{tenant.port}", "--region", "us-east-1"]
@@ -535,14 +510,6 @@ def test_additional_checksums_are_verified_stored_and_given_back(tenant, algorit
 
 
 # ---- a large object in bounded memory ----
-
-def rss_kib(pid):
-    with open(f"/proc/{pid}/status") as f:
-        for line in f:
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-    return 0
-
 
 @pytest.mark.skipif(SANITIZED, reason="sanitizer builds keep freed memory in quarantine; RSS says nothing there")
 def test_one_gib_streams_through_in_bounded_memory(tenant):
