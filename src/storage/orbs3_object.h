@@ -27,8 +27,9 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
 [[nodiscard]] int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out,
                                               std::string_view* key);
 
-// 0 when `key` can be an object's key: legal as a path (orbs3_check_objectname) and no component with the
-// name of this server's temporary files. Else InvalidArgument (unsafe, empty) or KeyTooLong.
+// 0 when `key` can be an object's key: legal as a path (orbs3_check_objectname) and no component starting
+// with ORBS3_RESERVED_PREFIX, which names the server's own files. Else InvalidArgument (unsafe, empty,
+// reserved) or KeyTooLong.
 [[nodiscard]] int orbs3_object_key_status(std::string_view key);
 
 // The record of the directory object whose meta path (ending in "/") is `meta_path`: ORBS3_DIR_MARKER in
