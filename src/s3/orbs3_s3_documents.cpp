@@ -489,7 +489,9 @@ char* make_list_objects_xml(const orbs3_list_doc_t* doc)
             mxml_node_t* c = mxmlNewElement(root, "Contents");
             new_text_view(c, "Key", key_text(view(ent->key)));
             new_text_view(c, "LastModified", view(ent->last_modified));
-            std::string etag = "\"" + std::string(view(ent->etag)) + "\"";
+            std::string etag = "\"";
+            etag += view(ent->etag);
+            etag += '"';
             new_text_view(c, "ETag", etag);
             mxmlNewTextf(mxmlNewElement(c, "Size"), 0, "%" PRIu64, ent->size);
             if (!doc->v2 || doc->fetch_owner) {

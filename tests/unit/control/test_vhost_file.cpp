@@ -653,7 +653,10 @@ std::string describe(Users& l)
         list_for_each(pos, &u->keys)
         {
             auto* k = static_cast<orbs3_accesskey_t*>(orbs3_list_node(pos)->data);
-            out += "|" + s(k->AccessKeyId) + "=" + s(k->AccessKeySecret);
+            out += "|";
+            out += s(k->AccessKeyId);
+            out += "=";
+            out += s(k->AccessKeySecret);
         }
         out += "\n";
     }

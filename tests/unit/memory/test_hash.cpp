@@ -192,8 +192,10 @@ TEST(Hash, LargeMaximumWithFewSlotsPerEntryStartsNearTheMaximum)
     orbs3_pool_ptr pool(orbs3_create_mem_block(4096));
     ASSERT_TRUE(pool);
     std::vector<std::string> names;
-    for (int i = 0; i < 300; i++)
-        names.push_back("h" + std::to_string(i));
+    for (int i = 0; i < 300; i++) {
+        names.emplace_back("h");
+        names.back() += std::to_string(i);
+    }
     std::vector<orbs3_hash_key_t> keys;
     for (const auto& n : names)
         keys.push_back(key_of(n.c_str(), const_cast<char*>(n.c_str())));
