@@ -51,9 +51,13 @@ orbmux started: master pid $(cat "$pidfile"), prefix $prefix
   tenant files:      $(dirname "$(field group_file)")  (see docs/tenants.md)
   stop:              ORBMUX_PREFIX=$prefix $bin -s stop
   try:               export AWS_ACCESS_KEY_ID=$(field access_key) AWS_SECRET_ACCESS_KEY=$(field secret_key)
-                     aws --endpoint-url $endpoint --region us-east-1 s3 mb s3://demo-bucket
-                     aws --endpoint-url $endpoint --region us-east-1 s3 ls
-                     aws --endpoint-url $endpoint --region us-east-1 s3 cp README.md s3://demo-bucket/README.md
-                     aws --endpoint-url $endpoint --region us-east-1 s3 cp s3://demo-bucket/README.md /tmp/README.copy
-                     (listing and deleting objects are not built yet; s3 rb works on a bucket without objects)
+                     s3() { aws --endpoint-url $endpoint --region us-east-1 s3 "\$@"; }
+                     s3 mb s3://demo-bucket
+                     s3 sync docs s3://demo-bucket/docs/
+                     head -c 20M /dev/urandom > /tmp/big.bin; s3 cp /tmp/big.bin s3://demo-bucket/big.bin
+                     s3 ls --recursive s3://demo-bucket
+                     s3 cp s3://demo-bucket/docs/tenants.md /tmp/tenants.copy
+                     s3 rm --recursive s3://demo-bucket/docs/
+                     s3 rb --force s3://demo-bucket
+                     (the 20 MiB copy goes up as a multipart upload; rb --force deletes what is left first)
 TXT
