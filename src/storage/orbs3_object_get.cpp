@@ -163,6 +163,7 @@ int send_invalid_range(orbs3_http_request_t* r, int64_t size)
                                   const_cast<char*>("416 Requested Range Not Satisfiable")};
     if ((orbs3_http_set_response_headers(r, "Content-Range", range) |
          orbs3_http_set_response_headers(r, "Content-Type", "application/xml") |
+         orbs3_http_set_response_headers(r, "x-amz-request-id", r->resp.request_id) |
          orbs3_http_set_response_headers(r, "Content-Length", length)) != 0 ||
         orbs3_http_send_headers(r) != 0)
         return -1;

@@ -170,8 +170,9 @@ TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
     doc.next = "a b+c/\xc3\xa9\x01&.txt";
     doc.url_encode = true;
     got = take(make_list_objects_xml(&doc));
-    for (const char* want : {"<Prefix>a+b</Prefix>", "<Marker>m%26n</Marker>", "<Delimiter>%2B</Delimiter>",
-                             "<NextMarker>a+b%2Bc/%C3%A9%01%26.txt</NextMarker>", "<Key>a+b%2Bc/%C3%A9%01%26.txt</Key>",
+    for (const char* want : {"<Prefix>a%20b</Prefix>", "<Marker>m%26n</Marker>", "<Delimiter>%2B</Delimiter>",
+                             "<NextMarker>a%20b%2Bc/%C3%A9%01%26.txt</NextMarker>",
+                             "<Key>a%20b%2Bc/%C3%A9%01%26.txt</Key>",
                              "\n  <EncodingType>url</EncodingType>\n</ListBucketResult>"})
         EXPECT_NE(got.find(want), std::string::npos) << want << "\n" << got;
 
@@ -183,6 +184,28 @@ TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
     got = take(make_list_objects_xml(&doc));
     EXPECT_NE(got.find("<Key>" + long_key + "</Key>"), std::string::npos);
     EXPECT_NE(got.find("<NextMarker>" + long_key + "</NextMarker>"), std::string::npos);
+}
+
+TEST(S3Documents, ListingUrlEncodingKeepsUnreservedBytesAndSlashOnly)
+{
+    // A blank must not become "+": a client that decodes without taking "+" for a blank would read a key
+    // that is not stored.
+    const struct {
+        std::string_view in, out;
+    } cases[] = {
+        {"", ""},
+        {"AZaz09-_.~/", "AZaz09-_.~/"},
+        {"a b", "a%20b"},
+        {"a+b", "a%2Bb"},
+        {" leading", "%20leading"},
+        {"%41", "%2541"},
+        {"?&=#<>\"'", "%3F%26%3D%23%3C%3E%22%27"},
+        {"caf\xc3\xa9/\xe6\x97\xa5", "caf%C3%A9/%E6%97%A5"},
+        {std::string_view("\x00\x01\x7f\xff", 4), "%00%01%7F%FF"},
+        {"\t\n\r", "%09%0A%0D"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(orbs3_list_url_encode(c.in), c.out) << c.in;
 }
 
 TEST(S3Documents, AclRepliesGrantEachBitInOrderWithEachForm)
