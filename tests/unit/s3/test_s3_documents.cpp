@@ -78,6 +78,18 @@ TEST(S3Documents, BucketListIndentsWithLineFeedAndCarriageReturns)
                        "\n\r\r\r<CreationDate>2024-01-02T03:04:05.000Z</CreationDate>\n\r\r\r<KeyCount>3</KeyCount>"
                        "\n\r\r</Bucket>\n\r</Buckets>\n</ListAllMyBucketsResult>\n");
 
+    // A page that is not the last names its token, and the prefix asked for is echoed, behind Buckets.
+    b = orbs3_bucket_new();
+    ASSERT_NE(b, nullptr);
+    b->name = S("b1");
+    INIT_LIST_HEAD(&list);
+    list_add_tail(&b->link, &list);
+    got = take(make_list_buckets_xml(&list, &user, "YjE", std::string_view("b&")));
+    orbs3_free_bucket(b);
+    EXPECT_NE(got.find("\n\r</Buckets>\n\r<ContinuationToken>YjE</ContinuationToken>\n\r<Prefix>b&amp;</Prefix>"
+                       "\n</ListAllMyBucketsResult>"),
+              std::string::npos) << got;
+
     // No bucket and a user without a key: empty elements, still the same frame.
     orbs3_user_t plain{};
     plain.DisPlayName = S("u");
@@ -184,6 +196,12 @@ TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
     got = take(make_list_objects_xml(&doc));
     EXPECT_NE(got.find("<Key>" + long_key + "</Key>"), std::string::npos);
     EXPECT_NE(got.find("<NextMarker>" + long_key + "</NextMarker>"), std::string::npos);
+}
+
+TEST(S3Documents, BucketLocationIsTheEmptyConstraint)
+{
+    EXPECT_EQ(take(make_bucket_location_xml()),
+              kDecl + "\n<LocationConstraint xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"/>\n");
 }
 
 TEST(S3Documents, ListingUrlEncodingKeepsUnreservedBytesAndSlashOnly)
