@@ -463,7 +463,11 @@ def test_list_buckets_pages_with_max_buckets_token_and_prefix(tenant):
 
 def test_every_error_document_names_the_request_id_of_its_reply(tenant):
     s3 = client(tenant)
+    s3.create_bucket(Bucket="with-ids")
+    s3.put_object(Bucket="with-ids", Key="k", Body=b"1")
     calls = [
+        lambda: s3.get_object(Bucket="with-ids", Key="k", Range="bytes=5-"),
+        lambda: s3.get_object(Bucket="with-ids", Key="missing"),
         lambda: s3.head_bucket(Bucket="no-such-bucket"),
         lambda: s3.get_bucket_acl(Bucket="no-such-bucket"),
         lambda: s3.get_object(Bucket="no-such-bucket", Key="k"),
@@ -485,6 +489,8 @@ def test_every_error_document_names_the_request_id_of_its_reply(tenant):
         head = re.search(rb"\r\nx-amz-request-id: ([0-9a-f]{32})\r\n", got)
         doc = re.search(rb"<RequestId>([0-9a-f]{32})</RequestId>", got)
         assert head and doc and head.group(1) == doc.group(1), got
+    s3.delete_object(Bucket="with-ids", Key="k")
+    s3.delete_bucket(Bucket="with-ids")
 
 
 # ---- replies byte for byte ----
