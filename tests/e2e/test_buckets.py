@@ -406,7 +406,8 @@ def test_get_bucket_location_is_the_empty_constraint(tenant):
     s3 = client(tenant)
     s3.create_bucket(Bucket="located")
     try:
-        assert s3.get_bucket_location(Bucket="located")["LocationConstraint"] is None
+        for c in (s3, client(tenant, sig="s3")):
+            assert c.get_bucket_location(Bucket="located")["LocationConstraint"] is None
         assert s3_error(lambda: s3.get_bucket_location(Bucket="no-such-bucket")) == (404, "NoSuchBucket")
     finally:
         s3.delete_bucket(Bucket="located")
