@@ -165,6 +165,14 @@ def test_reply_headers_chosen_by_query_and_the_default_type(tenant):
     for key in ("hdr/untyped", "hdr/untyped.html"):
         s3.put_object(Bucket=BUCKET, Key=key, Body=b"x")
         assert s3.get_object(Bucket=BUCKET, Key=key)["ContentType"] == "binary/octet-stream", key
+    uid = s3.create_multipart_upload(Bucket=BUCKET, Key="hdr/multi.html")["UploadId"]
+    etag = s3.upload_part(Bucket=BUCKET, Key="hdr/multi.html", UploadId=uid, PartNumber=1, Body=b"m")["ETag"]
+    s3.complete_multipart_upload(Bucket=BUCKET, Key="hdr/multi.html", UploadId=uid,
+                                 MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": etag}]})
+    s3.copy_object(Bucket=BUCKET, Key="hdr/copy.html", CopySource={"Bucket": BUCKET, "Key": "hdr/multi.html"},
+                   MetadataDirective="REPLACE")
+    for key in ("hdr/multi.html", "hdr/copy.html"):
+        assert s3.head_object(Bucket=BUCKET, Key=key)["ContentType"] == "binary/octet-stream", key
     s3.put_object(Bucket=BUCKET, Key="hdr/doc", Body=b"hello", ContentType="text/plain", ContentEncoding="gzip",
                   CacheControl="max-age=1")
     expires = datetime.datetime(2030, 1, 2, 3, 4, 5, tzinfo=datetime.timezone.utc)
