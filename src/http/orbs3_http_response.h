@@ -116,6 +116,10 @@ void orbs3_http_send_response_data_again(orbs3_event_t* ev);
 // An XML document, "Server: KELVANE 1.0".
 [[nodiscard]] int orbs3_http_send_msg(orbs3_connection_t* c, uint32_t status, const char* body,
                                       const char* connection, const char* origin);
+// An S3 error document, as orbs3_http_send_msg with an "x-amz-request-id" line: the id the document's
+// RequestId names.
+[[nodiscard]] int orbs3_http_send_error_msg(orbs3_connection_t* c, uint32_t status, const char* request_id,
+                                            const char* body, const char* connection, const char* origin);
 // The answer to a preflight: both origin and the requested headers echoed.
 [[nodiscard]] int orbs3_http_send_options_msg(orbs3_connection_t* c, uint32_t status, const char* connection,
                                               const char* origin, const char* allow_headers);

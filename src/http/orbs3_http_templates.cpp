@@ -38,6 +38,9 @@ constexpr tpl_line kTplF[] = {kDate, kNoLength, kConnection, kCors, kServer, kJs
 constexpr tpl_line kTplG[] = {kDate, {"Location:/", field::bucket, false}, kNoLength, kConnection, kCors, kServer};
 constexpr tpl_line kTplH[] = {kDate, kNoLength, kCors, kConnection, kServer};
 constexpr tpl_line kTplI[] = {kDate, kLength, kConnection, kCors, {"Server: KELVANE 1.0", field::none, false}, kXml};
+// An S3 error document: the lines of I with the request id the document names.
+constexpr tpl_line kTplErr[] = {kDate, kLength, kConnection, kCors, {"Server: KELVANE 1.0", field::none, false},
+                                {"x-amz-request-id: ", field::request_id, false}, kXml};
 constexpr tpl_line kTplJ[] = {kDate,
                               kConnection,
                               kLength,
@@ -207,6 +210,15 @@ int orbs3_http_send_msg(orbs3_connection_t* c, uint32_t status, const char* body
     if (body == nullptr)
         return -1;
     return send_template(c, status, kTplI, {.connection = connection, .origin = origin}, body, "message");
+}
+
+int orbs3_http_send_error_msg(orbs3_connection_t* c, uint32_t status, const char* request_id, const char* body,
+                              const char* connection, const char* origin)
+{
+    if (body == nullptr)
+        return -1;
+    return send_template(c, status, kTplErr, {.connection = connection, .origin = origin, .request_id = request_id},
+                         body, "error");
 }
 
 int orbs3_http_send_put_bucket_msg(orbs3_connection_t* c, uint32_t status, const char* bucket,

@@ -95,6 +95,7 @@ inline constexpr orbs3_s3_param_t orbs3_get_bucket_params[] = {
     {"bucketobjver", "GetBucketObjVer", 1},
     {"bucketlifecyclehistory", "GetBucketLifeCycleHistory", 1},
     {"uploads", "ListMultipartUploads", 1},
+    {"location", "GetBucketLocation", 1},
     {"", "", 0},
 };
 

@@ -129,6 +129,7 @@ const orbs3_s3_event_t s3_events[] = {
     {"PutServiceUserAk", 0x237, orbs3_s3_not_implemented, 1},  // orbs3_put_service_user_accesskey
     {"DeleteServiceUserAk", 0x238, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_user_accesskey
     {"GetBucketLifeCycleHistory", 0x55, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_lifecycle_history
+    {"GetBucketLocation", 0x56, orbs3_get_bucket_location, 1},
     {"", 0, nullptr, 0},
 };
 
@@ -320,7 +321,8 @@ int orbs3_s3_send_error(orbs3_http_request_t* r, int status)
     const char* body = r->method == ORBS3_HTTP_HEAD ? "" : doc;
     // A body left unread closes the connection after the reply; the client is told so.
     const char* connection = orbs3_http_body_consumed(r) ? r->resp.connection : "close";
-    int rc = orbs3_http_send_msg(r->connection, http_status, body, connection, r->resp.origin);
+    int rc = orbs3_http_send_error_msg(r->connection, http_status, r->resp.request_id, body, connection,
+                                       r->resp.origin);
     __free__(doc);
     return rc == 0 ? status : -1;
 }

@@ -47,6 +47,7 @@ constexpr ws_row list_buckets_rows[] = {
     {"ListAllMyBucketsResult", L, true}, {"Owner", LC, true},        {"Buckets", LC, true},
     {"Bucket", LCC, true},               {"ID", LCC, false},         {"DisplayName", LCC, false},
     {"Name", LCCC, false},               {"CreationDate", LCCC, false}, {"KeyCount", LCCC, false},
+    {"ContinuationToken", LC, false},    {"Prefix", LC, false},
 };
 const char* list_buckets_whitespace_cb(mxml_node_t* node, int where)
 {
@@ -394,7 +395,8 @@ mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int v
 
 // ---- bucket list ----
 
-char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user)
+char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user, std::string_view continuation,
+                            std::optional<std::string_view> prefix)
 {
     orbs3_xml_ptr xml = new_doc();
     mxml_node_t* root = mxmlNewElement(xml.get(), "ListAllMyBucketsResult");
@@ -411,7 +413,18 @@ char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user)
             orbs3_xml_new_text_int(e, "KeyCount", static_cast<int>(b->stat.object_count));
         }
     }
+    if (!continuation.empty())
+        orbs3_xml_new_text_string(root, "ContinuationToken", continuation.size(), continuation.data());
+    if (prefix)
+        orbs3_xml_new_text_string(root, "Prefix", prefix->size(), prefix->data());
     return save_doc(xml.get(), list_buckets_whitespace_cb);
+}
+
+char* make_bucket_location_xml()
+{
+    // A fixed text: Mini-XML would wrap the long attribute onto a line of its own.
+    return strdup("<?xml version=\"1.0\" encoding=\"utf-8\"?>\n"
+                  "<LocationConstraint xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"/>\n");
 }
 
 // ---- object list ----
@@ -425,8 +438,6 @@ std::string orbs3_list_url_encode(std::string_view text)
         if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
             c == '.' || c == '~' || c == '/') {
             out.push_back(static_cast<char>(c));
-        } else if (c == ' ') {
-            out.push_back('+');
         } else {
             out.push_back('%');
             out.push_back(hex[c >> 4]);

@@ -96,16 +96,23 @@ mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, st
 mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int value);
 
 // ---- bucket list ----
-// `list` holds orbs3_bucket_t records by their `link`; `user` is the requester.
-[[nodiscard]] char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user);
+// `list` holds orbs3_bucket_t records by their `link`; `user` is the requester. A page that is not the
+// last names the token of the next (`continuation`, shown when not empty); `prefix` is shown when the
+// request had one.
+[[nodiscard]] char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user,
+                                          std::string_view continuation = {},
+                                          std::optional<std::string_view> prefix = std::nullopt);
+// The GetBucketLocation reply: an empty LocationConstraint in S3's name space.
+[[nodiscard]] char* make_bucket_location_xml();
 
 // ---- object list ----
 // The ListBucketResult of one page: all Contents, then all CommonPrefixes, each in key order. Texts that
 // come from keys are never cut.
 [[nodiscard]] char* make_list_objects_xml(const orbs3_list_doc_t* doc);
 
-// `text` URL-encoded as S3 encodes listings for encoding-type=url: unreserved bytes and "/" stay, a blank
-// is "+", every other byte "%XX".
+// `text` URL-encoded as S3 encodes listings for encoding-type=url: unreserved bytes and "/" stay, every
+// other byte is "%XX" (a blank "%20", "+" "%2B"), so that a client decoding with or without "+" as a
+// blank reads the key that is stored.
 [[nodiscard]] std::string orbs3_list_url_encode(std::string_view text);
 
 // ---- access control ----

@@ -26,6 +26,7 @@ inline constexpr uint32_t ORBS3_S3_ACCESS_DENIED_ROOT = 0xc000093;  // always wi
 inline constexpr uint32_t ORBS3_S3_AUTH_HEADER_MALFORMED = 0xc000005;
 inline constexpr uint32_t ORBS3_S3_BAD_DIGEST = 0xc000006;
 inline constexpr uint32_t ORBS3_S3_BUCKET_ALREADY_EXISTS = 0xc000007;
+inline constexpr uint32_t ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU = 0xc000008;
 inline constexpr uint32_t ORBS3_S3_BUCKET_NOT_EMPTY = 0xc000009;
 inline constexpr uint32_t ORBS3_S3_ENTITY_TOO_SMALL = 0xc000012;
 inline constexpr uint32_t ORBS3_S3_ENTITY_TOO_LARGE = 0xc000013;

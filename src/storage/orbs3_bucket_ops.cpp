@@ -10,8 +10,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
+#include <algorithm>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
@@ -19,12 +21,14 @@
 #include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"
 #include "memory/neo_string.h"
+#include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_list_object.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -101,6 +105,41 @@ int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const 
     return 0;
 }
 
+bool orbs3_bucket_name_creatable(std::string_view name)
+{
+    if (name.size() < 3 || name.size() > 63)
+        return false;
+    auto letter_or_digit = [](char c) { return (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9'); };
+    if (!letter_or_digit(name.front()) || !letter_or_digit(name.back()))
+        return false;
+    int dots = 0;
+    bool digits_and_dots = true;
+    for (std::size_t i = 0; i < name.size(); i++) {
+        const char c = name[i];
+        if (!letter_or_digit(c) && c != '-' && c != '.')
+            return false;
+        if (c == '.') {
+            dots++;
+            // "..", ".-" and "-." leave an empty or dash-edged label.
+            if (name[i - 1] == '.' || name[i - 1] == '-' || name[i + 1] == '-')
+                return false;
+        }
+        digits_and_dots = digits_and_dots && (c == '.' || (c >= '0' && c <= '9'));
+    }
+    // Four numbers read as an IP address.
+    if (digits_and_dots && dots == 3)
+        return false;
+    for (std::string_view reserved : {"xn--", "sthree-"}) {
+        if (name.starts_with(reserved))
+            return false;
+    }
+    for (std::string_view reserved : {"-s3alias", "--ol-s3"}) {
+        if (name.ends_with(reserved))
+            return false;
+    }
+    return true;
+}
+
 int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
 {
     const char* data_dir = neo_getstr(&bucket->data_dir);
@@ -113,7 +152,7 @@ int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bu
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     if (mkdir(data_dir, ORBS3_DIR_MODE) != 0) {
         if (errno == EEXIST)
-            return static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS);
+            return static_cast<int>(ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU);
         ipd_log(LOG_ERR, "mkdir %s failed: %s", data_dir, std::strerror(errno));
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
@@ -193,10 +232,14 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
     if (max_bucket > 0 && vh->bucket_count.load() >= static_cast<int64_t>(max_bucket))
         return fail(r, ORBS3_S3_BUCKET_TOO_MUCH, "");
     std::string_view name = bucket_name(r);
-    if (!legal_bucket_name(name))
+    if (!legal_bucket_name(name) || !orbs3_bucket_name_creatable(name))
         return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, name);
-    if (orbs3_check_bucket_exist(vh, r->user, name) == 0)
-        return fail(r, ORBS3_S3_BUCKET_ALREADY_EXISTS, name);
+    if (orbs3_check_bucket_exist(vh, r->user, name) == 0) {
+        // The owner's own bucket is told apart, so that a client can take it as already made.
+        bucket_ptr held(orbs3_get_bucket(vh, r->user, name));
+        const bool mine = held && view(held->owner_name) == view(r->user->DisPlayName);
+        return fail(r, mine ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU : ORBS3_S3_BUCKET_ALREADY_EXISTS, name);
+    }
 
     bucket_ptr b(orbs3_bucket_new(2048));
     if (!b)
@@ -265,8 +308,73 @@ int orbs3_del_bucket(orbs3_http_request_t* r)
     return sent(orbs3_http_send_del_bucket_msg(r->connection, 204, r->resp.connection, r->resp.origin));
 }
 
+namespace {
+
+// What a ListBuckets asks for: a page of at most `max` names behind `after`, all starting with `prefix`.
+struct bucket_page_query {
+    std::string prefix;
+    bool has_prefix = false;
+    std::string after;
+    std::string token;
+    bool has_token = false;
+    std::size_t max = 0;  // 0: no paging, every bucket
+};
+
+// The query value of `key` into `out`; false when it is missing. A value longer than any name or token
+// can be is kept cut, with *cut set.
+bool query_value(const cgiFormEntry* form, const char* key, std::string* out, bool* cut)
+{
+    char buf[ORBS3_PATH_AREA];
+    int rc = cgiFormString(form, key, buf, sizeof buf);
+    if (rc == cgiFormNotFound)
+        return false;
+    *cut = rc == cgiFormTruncated;
+    out->assign(rc == cgiFormEmpty ? "" : buf);
+    return true;
+}
+
+// 0, or ORBS3_S3_INVALID_ARGUMENT with r->resp.message set.
+int read_bucket_page_query(orbs3_http_request_t* r, bucket_page_query* q)
+{
+    std::string args(view(r->args));
+    if (args.empty())
+        return 0;
+    orbs3_cgi_form form(cgiParseGetFormInput(args.c_str()));
+    if (!form)
+        return 0;
+    bool cut = false;
+    std::string text;
+    if (query_value(form.get(), "max-buckets", &text, &cut)) {
+        std::size_t v = 0;
+        bool digits = !text.empty() && text.size() <= 5;
+        for (char c : text) {
+            digits = digits && c >= '0' && c <= '9';
+            v = v * 10 + static_cast<std::size_t>(c - '0');
+        }
+        if (!digits || v < 1 || v > 10000) {
+            r->resp.message = "Argument max-buckets must be an integer between 1 and 10000.";
+            return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        }
+        q->max = v;
+    }
+    // A prefix longer than a bucket name matches none, cut or not.
+    q->has_prefix = query_value(form.get(), "prefix", &q->prefix, &cut);
+    q->has_token = query_value(form.get(), "continuation-token", &q->token, &cut);
+    // An empty token is the first page.
+    if (q->has_token && !q->token.empty() && (cut || !orbs3_list_token_decode(q->token, &q->after))) {
+        r->resp.message = "The continuation token provided is incorrect";
+        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    }
+    return 0;
+}
+
+}  // namespace
+
 int orbs3_list_buckets(orbs3_http_request_t* r)
 {
+    bucket_page_query q;
+    if (int rc = read_bucket_page_query(r, &q); rc != 0)
+        return fail(r, static_cast<uint32_t>(rc), "/");
     neo_list_head_t list;
     INIT_LIST_HEAD(&list);
     int rc = r->user->is_admin == 1 ? orbs3_load_all_bucket_list(r->vhost, r->user, &list)
@@ -275,12 +383,50 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
         orbs3_free_bucket_list(&list);
         return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");
     }
-    neo_cstr_ptr doc(make_list_buckets_xml(&list, r->user));
+    // The page moves onto a list of its own in name order; what stays behind is freed with the rest.
+    std::vector<orbs3_bucket_t*> chosen;
+    neo_list_head_t* pos;
+    list_for_each(pos, &list) {
+        auto* b = list_entry(pos, orbs3_bucket_t, link);
+        std::string_view name = view(b->name);
+        if (name.starts_with(q.prefix) && name > std::string_view(q.after))
+            chosen.push_back(b);
+    }
+    std::sort(chosen.begin(), chosen.end(),
+              [](const orbs3_bucket_t* a, const orbs3_bucket_t* b) { return view(a->name) < view(b->name); });
+    std::string next;
+    if (q.max != 0 && chosen.size() > q.max) {
+        chosen.resize(q.max);
+        next = orbs3_list_token_encode(view(chosen.back()->name));
+    }
+    neo_list_head_t page;
+    INIT_LIST_HEAD(&page);
+    for (orbs3_bucket_t* b : chosen) {
+        list_del(&b->link);
+        list_add_tail(&b->link, &page);
+    }
+    neo_cstr_ptr doc(make_list_buckets_xml(&page, r->user, next,
+                                           q.has_prefix ? std::optional<std::string_view>(q.prefix) : std::nullopt));
+    orbs3_free_bucket_list(&page);
     orbs3_free_bucket_list(&list);
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");
     return sent(orbs3_http_send_list_buckets_msg(r->connection, 200, r->resp.request_id, doc.get(),
                                                  r->resp.connection, r->resp.origin));
+}
+
+int orbs3_get_bucket_location(orbs3_http_request_t* r)
+{
+    static constexpr int list = ORBS3_ACCESS_LIST;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    orbs3_free_bucket(raw);
+    neo_cstr_ptr doc(make_bucket_location_xml());
+    if (!doc)
+        return fail(r, ORBS3_S3_INTERNAL_ERROR, bucket_name(r));
+    return sent(orbs3_http_send_msg(r->connection, 200, doc.get(), r->resp.connection, r->resp.origin));
 }
 
 namespace {

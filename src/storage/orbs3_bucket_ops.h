@@ -3,6 +3,8 @@
 // S3 status code (s3/orbs3_s3_errors.h) with r->resp.resource filled, which the dispatcher answers.
 #pragma once
 
+#include <string_view>
+
 #include "access/orbs3_access_check.h"
 #include "http/orbs3_http_request.h"
 #include "storage/orbs3_bucket.h"
@@ -14,10 +16,17 @@
 [[nodiscard]] int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const int* object_code,
                                        orbs3_access_chain_t chain, orbs3_bucket_t** out);
 
+// Whether `name` may name a new bucket, by S3's rules: 3 to 63 bytes of lower-case letters, digits, "-"
+// and "."; a letter or digit at both ends; no "..", ".-" or "-."; not four dot-separated numbers like an
+// IP address; not S3's reserved forms (prefixes "xn--" and "sthree-", suffixes "-s3alias" and "--ol-s3").
+// Only creation asks: a bucket made under an older rule stays reachable by its name.
+[[nodiscard]] bool orbs3_bucket_name_creatable(std::string_view name);
+
 // Takes the bucket name for its owner: makes the data directory that marks a name as taken, exclusively,
 // then settles with any other owner taking the name at the same moment (see orbs3_bucket_claim_state): of
 // owners racing for one name exactly one keeps it, the others' directories are removed again. 0 when the
-// name is the bucket's alone now; ORBS3_S3_BUCKET_ALREADY_EXISTS; ORBS3_S3_INTERNAL_ERROR when the
+// name is the bucket's alone now; ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU when the owner holds it already;
+// ORBS3_S3_BUCKET_ALREADY_EXISTS when another owner does; ORBS3_S3_INTERNAL_ERROR when the
 // directories can't be made or read. The bucket's paths must be filled. May wait up to 200 ms for racers.
 [[nodiscard]] int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket);
 
@@ -34,7 +43,12 @@
 
 int orbs3_put_bucket(orbs3_http_request_t* r);
 int orbs3_del_bucket(orbs3_http_request_t* r);
+// ListBuckets: the requester's buckets (every owner's for the administrator) in name order, with S3's
+// paging: prefix, max-buckets (1 to 10000) and continuation-token; without max-buckets all of them.
 int orbs3_list_buckets(orbs3_http_request_t* r);
+// GetBucketLocation: buckets have no region here, so the constraint is empty, as S3 answers for its
+// first region.
+int orbs3_get_bucket_location(orbs3_http_request_t* r);
 int orbs3_get_bucket_info(orbs3_http_request_t* r);
 int orbs3_get_bucket_stat(orbs3_http_request_t* r);
 int orbs3_put_bucket_acl(orbs3_http_request_t* r);

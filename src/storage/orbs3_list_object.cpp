@@ -172,7 +172,9 @@ int orbs3_list_object(orbs3_http_request_t* r)
     q.delimiter = p.delimiter;
     q.max_keys = p.max_keys;
     std::string resume;
-    if (p.v2 && p.continuation) {
+    // An empty token is the first page: SDKs that carry the token of the previous page send one empty
+    // at the start.
+    if (p.v2 && p.continuation && !p.continuation->empty()) {
         if (!orbs3_list_token_decode(*p.continuation, &resume)) {
             r->resp.message = "The continuation token provided is incorrect";
             return fail(r, ORBS3_S3_INVALID_ARGUMENT);

@@ -136,24 +136,6 @@ void xml_elem(std::string* out, std::string_view name, std::string_view text)
     out->push_back('>');
 }
 
-// S3's encoding-type=url of a key: unreserved bytes and "/" stay, everything else is %XX.
-std::string url_encode(std::string_view text)
-{
-    static const char* digits = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : text) {
-        if ((c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
-            c == '.' || c == '~' || c == '/') {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out.push_back('%');
-            out.push_back(digits[c >> 4]);
-            out.push_back(digits[c & 15]);
-        }
-    }
-    return out;
-}
-
 int send_document(orbs3_http_request_t* r, const std::string& doc)
 {
     return orbs3_http_send_msg(r->connection, 200, doc.c_str(), r->resp.connection, r->resp.origin) == 0 ? 0 : -1;
@@ -974,7 +956,7 @@ int orbs3_list_multipart_uploads(orbs3_http_request_t* r)
         return a.key != x.key ? a.key < x.key : a.upload_id < x.upload_id;
     });
 
-    auto enc = [&](std::string_view s) { return url ? url_encode(s) : std::string(s); };
+    auto enc = [&](std::string_view s) { return url ? orbs3_list_url_encode(s) : std::string(s); };
     std::string rows, prefixes, next_key, next_id, last_prefix;
     int count = 0;
     bool truncated = false;

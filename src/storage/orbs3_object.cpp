@@ -216,12 +216,21 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     });
     if (too_large)
         return static_cast<int>(ORBS3_S3_METADATA_TOO_LARGE);
-    // "aws-chunked" names the framing of this upload, not the content: it is not kept.
+    // "aws-chunked" names the framing of this upload, not the content: it is not kept, whether a client
+    // puts it before the content's own coding or behind it.
     std::string_view enc = meta->content_encoding;
     if (enc == "aws-chunked")
-        meta->content_encoding = {};
+        enc = {};
     else if (enc.starts_with("aws-chunked,"))
-        meta->content_encoding = orbs3_sign_trim(enc.substr(12));
+        enc = orbs3_sign_trim(enc.substr(12));
+    else if (std::size_t at = enc.rfind(',');
+             at != std::string_view::npos && orbs3_sign_trim(enc.substr(at + 1)) == "aws-chunked")
+        enc = orbs3_sign_trim(enc.substr(0, at));
+    meta->content_encoding = enc;
+    // An object sent without a type is "binary/octet-stream", as S3 stores it; the record says so, and a
+    // GET never has to guess from the name.
+    if (meta->content_type.empty())
+        meta->content_type = "binary/octet-stream";
     return 0;
 }
 

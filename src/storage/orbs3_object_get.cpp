@@ -12,6 +12,8 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <optional>
+#include <string>
 
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
@@ -20,6 +22,7 @@
 #include "http/orbs3_http_conditional.h"
 #include "http/orbs3_http_range.h"
 #include "http/orbs3_http_response.h"
+#include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_checksum.h"
@@ -94,6 +97,47 @@ int add(orbs3_http_request_t* r, const char* name, std::string_view value)
     return orbs3_http_set_response_headers(r, name, text);
 }
 
+// The reply headers a GET or HEAD may choose with response-* query parameters, as S3 allows; the
+// stored value goes out where none is asked for (Content-Language is never stored).
+enum reply_choice : std::size_t { kType, kLanguage, kExpires, kCacheControl, kDisposition, kEncoding, kChoices };
+constexpr const char* kChoiceParams[kChoices] = {"response-content-type",     "response-content-language",
+                                                 "response-expires",          "response-cache-control",
+                                                 "response-content-disposition", "response-content-encoding"};
+struct reply_choices_t {
+    std::optional<std::string> value[kChoices];
+};
+
+// Reads the response-* parameters of the query. 0, or ORBS3_S3_INVALID_ARGUMENT for a value that could
+// not stand in a header (a control byte would end the header line and start another).
+int read_reply_choices(orbs3_http_request_t* r, reply_choices_t* out)
+{
+    std::string args(view(r->args));
+    if (args.find("response-") == std::string::npos)
+        return 0;
+    orbs3_cgi_form form(cgiParseGetFormInput(args.c_str()));
+    for (const cgiFormEntry* e = form.get(); e != nullptr; e = e->next) {
+        for (std::size_t i = 0; i < kChoices; i++) {
+            if (e->key == nullptr || std::strcmp(e->key, kChoiceParams[i]) != 0)
+                continue;
+            std::string_view v = e->value != nullptr && e->value_length > 0
+                                     ? std::string_view(e->value, static_cast<std::size_t>(e->value_length))
+                                     : std::string_view();
+            for (unsigned char ch : v) {
+                if (ch < 0x20 || ch == 0x7f) {
+                    r->resp.message = "Header values may not hold control characters.";
+                    return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+                }
+            }
+            if (v.size() > ORBS3_REC_HEADER_CAP) {
+                r->resp.message = "A response header value is too long.";
+                return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+            }
+            out->value[i].emplace(v);
+        }
+    }
+    return 0;
+}
+
 // What the reply says of the object.
 struct object_view_t {
     char etag[48];       // quoted
@@ -103,28 +147,41 @@ struct object_view_t {
     const orbs3_object_t* record;  // null when the data file has none that matches it
 };
 
-int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::string_view key)
+int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::string_view key,
+                       const reply_choices_t& choices)
 {
     int rc = orbs3_http_set_response_headers(r, "ETag", o.etag) |
              orbs3_http_set_response_headers(r, "Last-Modified", o.modified) |
              orbs3_http_set_response_headers(r, "Accept-Ranges", "bytes");
     const orbs3_object_t* rec = o.record;
     std::string_view type = rec != nullptr ? view(rec->content_type) : std::string_view();
+    // Only a data file without a record, or a record written before every upload stated its type, is
+    // typed by its name; S3's type for bytes of no known kind is "binary/octet-stream".
     if (type.empty()) {
         const char* by_suffix = get_content_type(key);
-        type = by_suffix != nullptr ? by_suffix : "text/html";
+        type = by_suffix != nullptr ? by_suffix : "binary/octet-stream";
     }
-    rc |= add(r, "Content-type", type);
+    const auto& chosen_type = choices.value[kType];
+    rc |= add(r, "Content-type", chosen_type ? std::string_view(*chosen_type) : type);
+    if (const auto& language = choices.value[kLanguage])
+        rc |= add(r, "Content-Language", *language);
+    static const orbs3_str_t none{0, nullptr};
+    const struct {
+        const char* name;
+        reply_choice choice;
+        const orbs3_str_t* stored;
+    } standard[] = {{"Cache-Control", kCacheControl, rec != nullptr ? &rec->cache_control : &none},
+                    {"Content-Disposition", kDisposition, rec != nullptr ? &rec->content_disposition : &none},
+                    {"Content-Encoding", kEncoding, rec != nullptr ? &rec->content_encoding : &none},
+                    {"Expires", kExpires, rec != nullptr ? &rec->expires : &none}};
+    for (const auto& h : standard) {
+        if (const auto& chosen = choices.value[h.choice])
+            rc |= add(r, h.name, *chosen);
+        else if (h.stored->len != 0)
+            rc |= add(r, h.name, view(*h.stored));
+    }
     if (rec == nullptr)
         return rc;
-    const std::pair<const char*, const orbs3_str_t*> standard[] = {{"Cache-Control", &rec->cache_control},
-                                                                    {"Content-Disposition", &rec->content_disposition},
-                                                                    {"Content-Encoding", &rec->content_encoding},
-                                                                    {"Expires", &rec->expires}};
-    for (const auto& [name, value] : standard) {
-        if (value->len != 0)
-            rc |= add(r, name, view(*value));
-    }
     // The additional checksum is given only to a client that asks for it.
     std::string_view mode;
     if (rec->checksum.len != 0 && orbs3_sign_find_header(r, "x-amz-checksum-mode", &mode) &&
@@ -163,6 +220,7 @@ int send_invalid_range(orbs3_http_request_t* r, int64_t size)
                                   const_cast<char*>("416 Requested Range Not Satisfiable")};
     if ((orbs3_http_set_response_headers(r, "Content-Range", range) |
          orbs3_http_set_response_headers(r, "Content-Type", "application/xml") |
+         orbs3_http_set_response_headers(r, "x-amz-request-id", r->resp.request_id) |
          orbs3_http_set_response_headers(r, "Content-Length", length)) != 0 ||
         orbs3_http_send_headers(r) != 0)
         return -1;
@@ -181,6 +239,9 @@ int orbs3_get_object(orbs3_http_request_t* r)
     if (rc != 0)
         return rc;
     std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)> bucket(raw, &orbs3_free_bucket);
+    reply_choices_t choices;
+    if (rc = read_reply_choices(r, &choices); rc != 0)
+        return rc;
     orbs3_object_path_t path;
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
         return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
@@ -269,7 +330,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
     }
     char len_text[24];
     std::snprintf(len_text, sizeof len_text, "%" PRId64, length);
-    if (add_object_headers(r, o, key) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0)
+    if (add_object_headers(r, o, key, choices) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0)
         return -1;
     const bool body = r->method != ORBS3_HTTP_HEAD && length != 0;
     // A small object is read and written with its head: one read and one write instead of a head, a

@@ -14,9 +14,11 @@ Replies whose bytes the server fixes are compared byte for byte. One daemon serv
 
 import os
 import re
+import shutil
 import socket
 import subprocess
 import threading
+import urllib.parse
 import xml.etree.ElementTree as ET
 
 import boto3  # Debian's python3-boto3
@@ -197,7 +199,7 @@ def test_aws_cli_makes_lists_inspects_and_removes_a_bucket(tenant, tmp_path):
     assert out.returncode == 0 and "FULL_CONTROL" in out.stdout, out
 
     out = aws(tenant, home, "s3", "mb", "s3://cli-bucket")
-    assert out.returncode != 0 and "BucketAlreadyExists" in out.stderr, out.stderr
+    assert out.returncode != 0 and "BucketAlreadyOwnedByYou" in out.stderr, out.stderr
 
     out = aws(tenant, home, "s3", "rb", "s3://cli-bucket")
     assert out.returncode == 0 and "remove_bucket: cli-bucket" in out.stdout, out.stderr
@@ -234,7 +236,7 @@ def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
         "MissingRequestBodyError", "MalformedXML")
     assert tenant.record(USER, name).get("acl") == str(0x110)
 
-    assert s3_error(lambda: s3.create_bucket(Bucket=name)) == (409, "BucketAlreadyExists")
+    assert s3_error(lambda: s3.create_bucket(Bucket=name)) == (409, "BucketAlreadyOwnedByYou")
     deleted = s3.delete_bucket(Bucket=name)
     assert deleted["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert s3_error(lambda: s3.head_bucket(Bucket=name)) == (404, "404")
@@ -352,6 +354,146 @@ def test_a_bucket_that_holds_objects_is_not_deleted(tenant):
                    for p in tenant.tree())
 
 
+# ---- S3's rules for names, paging, location ----
+
+BUCKET_NAMES = [
+    ("abc", True), ("a-b.c9", True), ("1bucket", True), ("x" * 63, True), ("10.1.2", True),
+    ("ab", False), ("x" * 64, False), ("Upper", False), ("under_score", False), ("-dash", False),
+    ("dash-", False), (".dot", False), ("dot.", False), ("a..b", False), ("a.-b", False), ("a-.b", False),
+    ("192.168.5.4", False), ("xn--punycode", False), ("name-s3alias", False),
+]
+
+
+def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
+    s3 = client(tenant)
+    made = []
+    old = "Old_Style"
+    try:
+        for name, ok in BUCKET_NAMES:
+            if ok:
+                s3.create_bucket(Bucket=name)
+                made.append(name)
+            else:
+                # boto3 checks some names itself: send those raw.
+                got = one_reply(tenant, signed(tenant, "PUT", "/" + name))
+                assert got.startswith(b"HTTP/1.1 400 "), (name, got)
+                assert b"<Code>InvalidBucketName</Code>" in got, (name, got)
+                assert not os.path.exists(os.path.join(tenant.root, "data", USER, name)), name
+        # A bucket made before the rule (its trees placed here) is still used by its name.
+        for rel in (f"data/{USER}/{old}", f"meta/{USER}/object/{old}", f"version/{USER}/{old}",
+                    f"recycle/{USER}/{old}"):
+            os.makedirs(os.path.join(tenant.root, rel), exist_ok=True)
+        record = open(os.path.join(tenant.root, "meta", USER, "bucket", made[0])).read()
+        with open(os.path.join(tenant.root, "meta", USER, "bucket", old), "w") as f:
+            f.write(record.replace(f'bucketname="{made[0]}"', f'bucketname="{old}"'))
+        got = one_reply(tenant, signed(tenant, "PUT", f"/{old}/k", body=b"old"))
+        assert got.startswith(b"HTTP/1.1 200 "), got
+        got = one_reply(tenant, signed(tenant, "GET", f"/{old}/k"))
+        assert got.startswith(b"HTTP/1.1 200 ") and got.endswith(b"\r\n\r\nold"), got
+        assert one_reply(tenant, signed(tenant, "DELETE", f"/{old}/k")).startswith(b"HTTP/1.1 204 ")
+    finally:
+        # Taken away as it came, by hand: the worker never counted it.
+        for rel in (f"data/{USER}/{old}", f"meta/{USER}/object/{old}", f"version/{USER}/{old}",
+                    f"recycle/{USER}/{old}"):
+            shutil.rmtree(os.path.join(tenant.root, rel), ignore_errors=True)
+        if os.path.exists(os.path.join(tenant.root, "meta", USER, "bucket", old)):
+            os.unlink(os.path.join(tenant.root, "meta", USER, "bucket", old))
+        for name in made:
+            one_reply(tenant, signed(tenant, "DELETE", "/" + name))
+
+
+def test_get_bucket_location_is_the_empty_constraint(tenant):
+    s3 = client(tenant)
+    s3.create_bucket(Bucket="located")
+    try:
+        for c in (s3, client(tenant, sig="s3")):
+            assert c.get_bucket_location(Bucket="located")["LocationConstraint"] is None
+        assert s3_error(lambda: s3.get_bucket_location(Bucket="no-such-bucket")) == (404, "NoSuchBucket")
+    finally:
+        s3.delete_bucket(Bucket="located")
+
+
+def list_buckets_page(t, query):
+    got = one_reply(t, signed(t, "GET", "/?" + query if query else "/"))
+    status = int(got.split(b" ", 2)[1])
+    doc = got.split(b"\r\n\r\n", 1)[1]
+    return status, ET.fromstring(doc)
+
+
+def test_list_buckets_pages_with_max_buckets_token_and_prefix(tenant):
+    """Debian's boto3 knows no MaxBuckets: the pages are asked for by hand."""
+    s3 = client(tenant)
+    mine = [f"page-{c}" for c in "ecadb"] + ["other-1"]
+    for name in mine:
+        s3.create_bucket(Bucket=name)
+    try:
+        everything = sorted(names(s3.list_buckets()))
+        assert [b["Name"] for b in s3.list_buckets()["Buckets"]] == everything  # in name order
+        for query_prefix, want in (("", everything), ("page-", [f"page-{c}" for c in "abcde"])):
+            for size in (1, 2, 5, 1000):
+                seen, token = [], None
+                for _ in range(len(want) + 2):
+                    query = f"max-buckets={size}" + (f"&prefix={query_prefix}" if query_prefix else "")
+                    if token is not None:
+                        query += "&continuation-token=" + urllib.parse.quote(token, safe="")
+                    status, root = list_buckets_page(tenant, query)
+                    assert status == 200, ET.tostring(root)
+                    rows = [b.find("Name").text for b in root.iter("Bucket")]
+                    assert len(rows) <= size
+                    seen += rows
+                    if query_prefix:
+                        assert root.find("Prefix").text == query_prefix
+                    else:
+                        assert root.find("Prefix") is None
+                    tok = root.find("ContinuationToken")
+                    if tok is None:
+                        break
+                    token = tok.text
+                assert seen == want, (query_prefix, size)
+        # An empty token is the first page; bad counts and tokens are refused.
+        status, root = list_buckets_page(tenant, "max-buckets=1&continuation-token=")
+        assert status == 200 and [b.find("Name").text for b in root.iter("Bucket")] == everything[:1]
+        for query in ("max-buckets=0", "max-buckets=10001", "max-buckets=x", "max-buckets=",
+                      "continuation-token=%21%21"):
+            status, root = list_buckets_page(tenant, query)
+            assert status == 400 and root.find("Code").text == "InvalidArgument", query
+    finally:
+        for name in mine:
+            s3.delete_bucket(Bucket=name)
+
+
+def test_every_error_document_names_the_request_id_of_its_reply(tenant):
+    s3 = client(tenant)
+    s3.create_bucket(Bucket="with-ids")
+    s3.put_object(Bucket="with-ids", Key="k", Body=b"1")
+    calls = [
+        lambda: s3.get_object(Bucket="with-ids", Key="k", Range="bytes=5-"),
+        lambda: s3.get_object(Bucket="with-ids", Key="missing"),
+        lambda: s3.head_bucket(Bucket="no-such-bucket"),
+        lambda: s3.get_bucket_acl(Bucket="no-such-bucket"),
+        lambda: s3.get_object(Bucket="no-such-bucket", Key="k"),
+        lambda: s3.list_objects_v2(Bucket="no-such-bucket"),
+        lambda: client(tenant, sig="s3").delete_bucket(Bucket="no-such-bucket"),
+    ]
+    for call in calls:
+        with pytest.raises(ClientError) as err:
+            call()
+        r = err.value.response
+        header = r["ResponseMetadata"]["HTTPHeaders"].get("x-amz-request-id")
+        assert header and re.fullmatch(r"[0-9a-f]{32}", header), r
+        # boto3 takes RequestId from the document when there is one, else from the header.
+        assert r["ResponseMetadata"]["RequestId"] == header, r
+    # A wrong signature and an unknown key, raw.
+    bad = signed(tenant, "GET", "/").replace(b"Signature=", b"Signature=0", 1)
+    for data in (bad, b"GET / HTTP/1.1\r\nHost: x\r\nAuthorization: AWS nobody:sig\r\n\r\n"):
+        got = one_reply(tenant, data)
+        head = re.search(rb"\r\nx-amz-request-id: ([0-9a-f]{32})\r\n", got)
+        doc = re.search(rb"<RequestId>([0-9a-f]{32})</RequestId>", got)
+        assert head and doc and head.group(1) == doc.group(1), got
+    s3.delete_object(Bucket="with-ids", Key="k")
+    s3.delete_bucket(Bucket="with-ids")
+
+
 # ---- replies byte for byte ----
 
 def test_bucket_replies_byte_for_byte(tenant):
@@ -361,9 +503,23 @@ def test_bucket_replies_byte_for_byte(tenant):
                    b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
 
     got = one_reply(tenant, signed(tenant, "PUT", "/exact"))
+    check_error_reply(got, b"409 Conflict", b"BucketAlreadyOwnedByYou",
+                      b"The bucket you tried to create already exists, and you own it.", b"exact")
+    got = one_reply(tenant, signed(tenant, "PUT", "/exact", who=RIVAL))
     check_error_reply(got, b"409 Conflict", b"BucketAlreadyExists",
                       b"The requested bucket name is not available. The bucket namespace is shared by all users of "
                       b"the system. Please select a different name and try again.", b"exact")
+    got = one_reply(tenant, signed(tenant, "PUT", "/Not_Valid"))
+    check_error_reply(got, b"400 Bad Request", b"InvalidBucketName", b"The specified bucket is not valid.",
+                      b"Not_Valid")
+    got = one_reply(tenant, signed(tenant, "GET", "/exact?location"))
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
+    assert got.split(b"\r\n\r\n", 1)[1] == (b'<?xml version="1.0" encoding="utf-8"?>\n'
+                                              b'<LocationConstraint xmlns="http://s3.amazonaws.com/doc/2006-03-01/"/>\n'), got
+    # HEAD errors carry the id in the head alone.
+    got = one_reply(tenant, signed(tenant, "HEAD", "/no-such-bucket"))
+    check_error_reply(got, b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist.",
+                      b"no-such-bucket", head_only=True)
 
     got = one_reply(tenant, signed(tenant, "HEAD", "/exact"))
     assert got.startswith(b"HTTP/1.1 200 OK\r\n") and got.endswith(b"\r\n\r\n"), got

@@ -182,18 +182,39 @@ def test_url_encoding_of_awkward_keys(tenant):
     assert [c["Key"] for c in got["Contents"]] == model(KEYS, "c d/", "/")[0]
     got = s3.list_objects(Bucket=BUCKET, Prefix="caf\u00e9", Delimiter="/")
     assert [p["Prefix"] for p in got["CommonPrefixes"]] == ["caf\u00e9/"]
-    # On the wire: a blank is "+", "+" and "%" are escaped, "/" stays.
+    # On the wire: a blank is "%20" and "+" is "%2B" (a client may decode "+" as a blank or not), "%"
+    # is escaped, "/" stays.
     doc = raw_listing(tenant, {"list-type": "2", "prefix": "c d/", "encoding-type": "url", "start-after": "c d/"})
     keys = re.findall(r"<Key>([^<]*)</Key>", doc)
-    assert keys == ["c+d/%3Ctag%3E", "c+d/e%25g", "c+d/e%26h", "c+d/e%2Bf"], doc
-    assert "<Prefix>c+d/</Prefix>" in doc and "<StartAfter>c+d/</StartAfter>" in doc
+    assert keys == ["c%20d/%3Ctag%3E", "c%20d/e%25g", "c%20d/e%26h", "c%20d/e%2Bf"], doc
+    assert "<Prefix>c%20d/</Prefix>" in doc and "<StartAfter>c%20d/</StartAfter>" in doc
     assert "<EncodingType>url</EncodingType>" in doc
+    # V1: Marker, NextMarker and Delimiter too.
+    doc = raw_listing(tenant, {"marker": "c d/e&h", "delimiter": "+", "max-keys": "1", "encoding-type": "url"})
+    assert "<Marker>c%20d/e%26h</Marker>" in doc and "<Delimiter>%2B</Delimiter>" in doc, doc
+    assert "<NextMarker>c%20d/e%2B</NextMarker>" in doc, doc
+    assert [p["Prefix"] for p in s3.list_objects(Bucket=BUCKET, Prefix="c d/e", Delimiter="+")["CommonPrefixes"]] \
+        == ["c d/e+"]
     doc = raw_listing(tenant, {"prefix": "\u65e5", "delimiter": "/", "encoding-type": "url"})
     assert "<Prefix>%E6%97%A5%E6%9C%AC/</Prefix>" in doc and "<Marker />" in doc, doc
-    # Without encoding the XML itself carries the texts.
+    # Without encoding the XML itself carries the texts: prefix, delimiter, markers and keys as sent.
     root = ET.fromstring(raw_listing(tenant, {"list-type": "2", "prefix": "c d/<"}))
     assert [e.text for e in root.iter("Key")] == ["c d/<tag>"]
     assert root.find("KeyCount").text == "1" and root.find("EncodingType") is None
+    root = ET.fromstring(raw_listing(tenant, {"prefix": "c", "marker": "c d/e&h", "delimiter": "+",
+                                              "max-keys": "1"}))
+    assert [root.find(n).text for n in ("Prefix", "Marker", "Delimiter", "NextMarker")] == \
+        ["c", "c d/e&h", "+", "c d/e+"]
+    root = ET.fromstring(raw_listing(tenant, {"list-type": "2", "prefix": "caf\u00e9/", "start-after": "caf\u00e9/a b"}))
+    assert root.find("Prefix").text == "caf\u00e9/" and root.find("StartAfter").text == "caf\u00e9/a b"
+    assert [e.text for e in root.iter("Key")] == ["caf\u00e9/men\u00fc"]
+    # An empty continuation token is the first page (start-after still counts), not an error.
+    root = ET.fromstring(raw_listing(tenant, {"list-type": "2", "continuation-token": "", "max-keys": "2"}))
+    assert [e.text for e in root.iter("Key")] == model(KEYS)[0][:2]
+    root = ET.fromstring(raw_listing(tenant, {"list-type": "2", "continuation-token": "", "start-after": "z"}))
+    assert [e.text for e in root.iter("Key")] == ["zz/a", "zz/b", "\u65e5\u672c/\u8a9e"]
+    assert [c["Key"] for c in s3.list_objects_v2(Bucket=BUCKET, ContinuationToken="", MaxKeys=3)["Contents"]] \
+        == model(KEYS)[0][:3]
     # Parameters S3 refuses.
     for query in ({"list-type": "3"}, {"max-keys": "-1"}, {"max-keys": "ten"}, {"encoding-type": "base64"}):
         with pytest.raises(urllib.error.HTTPError) as err:

@@ -5,6 +5,7 @@ with readers looping, and a worker killed in mid-upload. The old object stays wh
 case, and no temporary file is ever seen. One daemon serves the module.
 """
 
+import datetime
 import hashlib
 import os
 import re
@@ -158,6 +159,64 @@ def test_metadata_and_standard_headers_come_back(tenant):
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="meta/big"))[0] == 404
 
 
+def test_reply_headers_chosen_by_query_and_the_default_type(tenant):
+    s3 = client(tenant)
+    # Sent without a type: S3's "binary/octet-stream", whatever the name's suffix.
+    for key in ("hdr/untyped", "hdr/untyped.html"):
+        s3.put_object(Bucket=BUCKET, Key=key, Body=b"x")
+        assert s3.get_object(Bucket=BUCKET, Key=key)["ContentType"] == "binary/octet-stream", key
+    uid = s3.create_multipart_upload(Bucket=BUCKET, Key="hdr/multi.html")["UploadId"]
+    etag = s3.upload_part(Bucket=BUCKET, Key="hdr/multi.html", UploadId=uid, PartNumber=1, Body=b"m")["ETag"]
+    s3.complete_multipart_upload(Bucket=BUCKET, Key="hdr/multi.html", UploadId=uid,
+                                 MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": etag}]})
+    s3.copy_object(Bucket=BUCKET, Key="hdr/copy.html", CopySource={"Bucket": BUCKET, "Key": "hdr/multi.html"},
+                   MetadataDirective="REPLACE")
+    for key in ("hdr/multi.html", "hdr/copy.html"):
+        assert s3.head_object(Bucket=BUCKET, Key=key)["ContentType"] == "binary/octet-stream", key
+    s3.put_object(Bucket=BUCKET, Key="hdr/doc", Body=b"hello", ContentType="text/plain", ContentEncoding="gzip",
+                  CacheControl="max-age=1")
+    expires = datetime.datetime(2030, 1, 2, 3, 4, 5, tzinfo=datetime.timezone.utc)
+    chosen = s3.get_object(Bucket=BUCKET, Key="hdr/doc", ResponseContentType="application/json",
+                           ResponseContentLanguage="de-DE", ResponseExpires=expires, ResponseCacheControl="no-cache",
+                           ResponseContentDisposition='attachment; filename="a b+c.txt"',
+                           ResponseContentEncoding="identity")
+    assert chosen["Body"].read() == b"hello"
+    assert (chosen["ContentType"], chosen["ContentLanguage"], chosen["CacheControl"], chosen["ContentEncoding"],
+            chosen["ContentDisposition"]) == ("application/json", "de-DE", "no-cache", "identity",
+                                              'attachment; filename="a b+c.txt"')
+    assert chosen["Expires"] == expires
+    # Without them the stored headers, and none stands for Content-Language.
+    plain = s3.get_object(Bucket=BUCKET, Key="hdr/doc")
+    assert (plain["ContentType"], plain["CacheControl"], plain["ContentEncoding"]) == ("text/plain", "max-age=1", "gzip")
+    assert "ContentLanguage" not in plain and "Expires" not in plain
+    # A value that would break the header line is refused.
+    query = "response-content-type=a%0D%0AX-Injected%3A%201"
+    got = exchange(tenant, (signed_head(tenant, "GET", f"/{BUCKET}/hdr/doc?{query}",
+                                        hashlib.sha256(b"").hexdigest()) + "\r\n").encode())
+    assert got.startswith(b"HTTP/1.1 400 ") and b"X-Injected" not in got.split(b"\r\n\r\n")[0], got
+
+
+def test_aws_chunked_is_no_content_encoding_and_metadata_keeps_its_bytes(tenant):
+    s3 = client(tenant)
+    for sent, kept in (("aws-chunked", None), ("aws-chunked,gzip", "gzip"), ("gzip,aws-chunked", "gzip"),
+                       ("aws-chunked, br", "br")):
+        key = "enc/" + sent.replace(",", "_").replace(" ", "")
+        got = chunked_put(tenant, key, b"z" * 1000, encoding=sent)
+        assert got.startswith(b"HTTP/1.1 200 OK\r\n"), (sent, got)
+        assert s3.head_object(Bucket=BUCKET, Key=key).get("ContentEncoding") == kept, sent
+    # Non-ASCII metadata is what the uploader sent, byte for byte.
+    value = "caf\u00e9 \u65e5\u672c \u00fc"
+    body = b"meta"
+    head = signed_head(tenant, "PUT", f"/{BUCKET}/meta/utf8", hashlib.sha256(body).hexdigest(),
+                       {"x-amz-meta-name": value})
+    got = exchange(tenant, (head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body)
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
+    for method in ("GET", "HEAD"):
+        got = exchange(tenant, (signed_head(tenant, method, f"/{BUCKET}/meta/utf8", hashlib.sha256(b"").hexdigest())
+                                + "\r\n").encode())
+        assert b"\r\nx-amz-meta-name: " + value.encode() + b"\r\n" in got, got
+
+
 def test_ranges_and_conditions(tenant):
     s3 = client(tenant)
     data = bytes(range(256)) * 4
@@ -193,7 +252,7 @@ def test_ranged_get_and_head_replies_byte_for_byte(tenant):
     assert m, got
     assert got == (b"HTTP/1.1 206 Partial Content\r\nConnection: Keep-alive\r\nContent-Range: bytes 0-0/10\r\n"
                    b'ETag: "' + etag + b'"\r\nLast-Modified: ' + m.group(1) + b"\r\nAccept-Ranges: bytes\r\n"
-                   b"Content-type: text/html\r\nContent-Length: 1\r\n\r\n0"), got
+                   b"Content-type: binary/octet-stream\r\nContent-Length: 1\r\n\r\n0"), got
     assert re.fullmatch(rb"(Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
                         rb"\d{4} \d\d:\d\d:\d\d GMT", m.group(1))
 
@@ -201,7 +260,7 @@ def test_ranged_get_and_head_replies_byte_for_byte(tenant):
     got = exchange(tenant, (head + "\r\n").encode())
     assert got == (b"HTTP/1.1 200 OK\r\nConnection: Keep-alive\r\n"
                    b'ETag: "' + etag + b'"\r\nLast-Modified: ' + m.group(1) + b"\r\nAccept-Ranges: bytes\r\n"
-                   b"Content-type: text/html\r\nContent-Length: 10\r\n\r\n"), got
+                   b"Content-type: binary/octet-stream\r\nContent-Length: 10\r\n\r\n"), got
 
 
 def test_directory_objects_and_missing_keys(tenant):
@@ -434,10 +493,10 @@ def signed_chunks(t, seed, amz_date, data, chunk=65536):
     return out
 
 
-def chunked_put(t, key, data, corrupt=False):
+def chunked_put(t, key, data, corrupt=False, encoding="aws-chunked"):
     path = f"/{BUCKET}/{key}"
     framed_len = len(signed_chunks(t, "0" * 64, "20260101T000000Z", data))
-    extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data))}
+    extra = {"Content-Encoding": encoding, "x-amz-decoded-content-length": str(len(data))}
     head, seed, amz_date = signed_request(t, "PUT", path, "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", extra)
     body = signed_chunks(t, seed, amz_date, data)
     assert len(body) == framed_len

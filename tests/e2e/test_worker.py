@@ -28,7 +28,7 @@ COUNTERS_LINE = re.compile(r"connections accepted=(\d+) open=(-?\d+) closed=(\d+
 # The head buffer of the built-in configuration.
 HEAD_BUFFER = 1 << 20
 
-REQUEST_ID = re.compile(rb"<RequestId>([0-9a-f]{32})</RequestId>")
+REQUEST_ID = re.compile(rb"\r\nx-amz-request-id: ([0-9a-f]{32})\r\n")
 ANY_REQUEST_ID = b"0" * 32
 
 INVALID_ACCESS_KEY = (b"InvalidAccessKeyId",
@@ -43,11 +43,12 @@ def error_document(code, message, resource, request_id):
 
 def error_reply(status, code, message, resource, date, request_id, connection=b"keep-alive", head_only=False):
     """An S3 error reply, byte for byte, for the date and request id the server wrote; a reply to HEAD
-    has no document. `status` is the status line's text behind the version, e.g. b"403 Forbidden"."""
+    has no document. The id in the head is the document's RequestId. `status` is the status line's text
+    behind the version, e.g. b"403 Forbidden"."""
     doc = b"" if head_only else error_document(code, message, resource, request_id)
     return (b"HTTP/1.1 " + status + b"\r\nDate: " + date + b"\r\nContent-Length:" + str(len(doc)).encode()
-            + b"\r\nConnection: " + connection + b"\r\nServer: KELVANE 1.0\r\nContent-Type: text/xml\r\n\r\n"
-            + doc)
+            + b"\r\nConnection: " + connection + b"\r\nServer: KELVANE 1.0\r\nx-amz-request-id: " + request_id
+            + b"\r\nContent-Type: text/xml\r\n\r\n" + doc)
 
 
 def expected_reply(date, request_id=ANY_REQUEST_ID, connection=b"keep-alive", head_only=False):
@@ -56,16 +57,15 @@ def expected_reply(date, request_id=ANY_REQUEST_ID, connection=b"keep-alive", he
 
 
 def check_error_reply(got, status, code, message, resource, connection=b"keep-alive", head_only=False):
-    """Asserts that `got` is exactly that error reply, Date and RequestId aside; returns the request id
-    (None for a reply to HEAD)."""
+    """Asserts that `got` is exactly that error reply, Date and request id aside, with the same request id
+    in head and document; returns it."""
     m = DATE.search(got)
     assert m, f"no Date in {got!r}"
     rid = REQUEST_ID.search(got)
-    assert head_only or rid, f"no 32-hex RequestId in {got!r}"
-    request_id = rid.group(1) if rid else ANY_REQUEST_ID
-    want = error_reply(status, code, message, resource, m.group(1), request_id, connection, head_only)
+    assert rid, f"no 32-hex x-amz-request-id in {got!r}"
+    want = error_reply(status, code, message, resource, m.group(1), rid.group(1), connection, head_only)
     assert got == want, f"\n got {got!r}\nwant {want!r}"
-    return rid.group(1) if rid else None
+    return rid.group(1)
 
 
 def read_replies(sock, n=1, ids=None):

@@ -212,6 +212,17 @@ std::vector<template_case> all_templates()
                                 "\r\nConnection: close\r\n" + acao(o) +
                                 "Server: KELVANE 1.0\r\nContent-Type: text/xml\r\n\r\n" + kXml;
                      }});
+    cases.push_back({"error",
+                     [](orbs3_connection_t* c, const char* o) {
+                         return orbs3_http_send_error_msg(c, 404, "0123456789abcdef0123456789abcdef", kXml.c_str(),
+                                                          "close", o);
+                     },
+                     [](const std::string& o) {
+                         return "HTTP/1.1 404 Not Found\r\nDate: " + kDate + "\r\nContent-Length:" + kXmlLen +
+                                "\r\nConnection: close\r\n" + acao(o) +
+                                "Server: KELVANE 1.0\r\nx-amz-request-id: 0123456789abcdef0123456789abcdef\r\n"
+                                "Content-Type: text/xml\r\n\r\n" + kXml;
+                     }});
     cases.push_back({"list_buckets",
                      [](orbs3_connection_t* c, const char* o) {
                          return orbs3_http_send_list_buckets_msg(c, 200, "17A1B2C3D4E5F607", kXml.c_str(),
@@ -264,7 +275,7 @@ std::vector<template_case> all_templates()
 TEST_F(Response, EveryTemplateIsByteExactWithAndWithoutOrigin)
 {
     auto cases = all_templates();
-    EXPECT_EQ(cases.size(), 41u) << "every member of the family";
+    EXPECT_EQ(cases.size(), 42u) << "every member of the family";
     for (const template_case& t : cases) {
         for (const std::string& origin : {std::string(), kOrigin}) {
             SCOPED_TRACE(std::string(t.name) + (origin.empty() ? " without origin" : " with origin"));

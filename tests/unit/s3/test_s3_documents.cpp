@@ -78,6 +78,18 @@ TEST(S3Documents, BucketListIndentsWithLineFeedAndCarriageReturns)
                        "\n\r\r\r<CreationDate>2024-01-02T03:04:05.000Z</CreationDate>\n\r\r\r<KeyCount>3</KeyCount>"
                        "\n\r\r</Bucket>\n\r</Buckets>\n</ListAllMyBucketsResult>\n");
 
+    // A page that is not the last names its token, and the prefix asked for is echoed, behind Buckets.
+    b = orbs3_bucket_new();
+    ASSERT_NE(b, nullptr);
+    b->name = S("b1");
+    INIT_LIST_HEAD(&list);
+    list_add_tail(&b->link, &list);
+    got = take(make_list_buckets_xml(&list, &user, "YjE", std::string_view("b&")));
+    orbs3_free_bucket(b);
+    EXPECT_NE(got.find("\n\r</Buckets>\n\r<ContinuationToken>YjE</ContinuationToken>\n\r<Prefix>b&amp;</Prefix>"
+                       "\n</ListAllMyBucketsResult>"),
+              std::string::npos) << got;
+
     // No bucket and a user without a key: empty elements, still the same frame.
     orbs3_user_t plain{};
     plain.DisPlayName = S("u");
@@ -170,8 +182,9 @@ TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
     doc.next = "a b+c/\xc3\xa9\x01&.txt";
     doc.url_encode = true;
     got = take(make_list_objects_xml(&doc));
-    for (const char* want : {"<Prefix>a+b</Prefix>", "<Marker>m%26n</Marker>", "<Delimiter>%2B</Delimiter>",
-                             "<NextMarker>a+b%2Bc/%C3%A9%01%26.txt</NextMarker>", "<Key>a+b%2Bc/%C3%A9%01%26.txt</Key>",
+    for (const char* want : {"<Prefix>a%20b</Prefix>", "<Marker>m%26n</Marker>", "<Delimiter>%2B</Delimiter>",
+                             "<NextMarker>a%20b%2Bc/%C3%A9%01%26.txt</NextMarker>",
+                             "<Key>a%20b%2Bc/%C3%A9%01%26.txt</Key>",
                              "\n  <EncodingType>url</EncodingType>\n</ListBucketResult>"})
         EXPECT_NE(got.find(want), std::string::npos) << want << "\n" << got;
 
@@ -183,6 +196,34 @@ TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
     got = take(make_list_objects_xml(&doc));
     EXPECT_NE(got.find("<Key>" + long_key + "</Key>"), std::string::npos);
     EXPECT_NE(got.find("<NextMarker>" + long_key + "</NextMarker>"), std::string::npos);
+}
+
+TEST(S3Documents, BucketLocationIsTheEmptyConstraint)
+{
+    EXPECT_EQ(take(make_bucket_location_xml()),
+              kDecl + "\n<LocationConstraint xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"/>\n");
+}
+
+TEST(S3Documents, ListingUrlEncodingKeepsUnreservedBytesAndSlashOnly)
+{
+    // A blank must not become "+": a client that decodes without taking "+" for a blank would read a key
+    // that is not stored.
+    const struct {
+        std::string_view in, out;
+    } cases[] = {
+        {"", ""},
+        {"AZaz09-_.~/", "AZaz09-_.~/"},
+        {"a b", "a%20b"},
+        {"a+b", "a%2Bb"},
+        {" leading", "%20leading"},
+        {"%41", "%2541"},
+        {"?&=#<>\"'", "%3F%26%3D%23%3C%3E%22%27"},
+        {"caf\xc3\xa9/\xe6\x97\xa5", "caf%C3%A9/%E6%97%A5"},
+        {std::string_view("\x00\x01\x7f\xff", 4), "%00%01%7F%FF"},
+        {"\t\n\r", "%09%0A%0D"},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(orbs3_list_url_encode(c.in), c.out) << c.in;
 }
 
 TEST(S3Documents, AclRepliesGrantEachBitInOrderWithEachForm)

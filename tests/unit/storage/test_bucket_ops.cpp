@@ -247,11 +247,13 @@ TEST_F(BucketOps, PutBucketMakesFiveEntriesAndAWholeRecord)
     EXPECT_NE(read_file(record_path("alice", "photos")).find("acl=\"1\""), std::string::npos);
     EXPECT_FALSE(str(b->created_date).empty());
 
-    // The name space is shared: neither the owner nor anyone else gets the name again, and the refused
-    // request leaves nothing of its own behind.
+    // The name space is shared: neither the owner nor anyone else gets the name again (the owner is told
+    // it is its own), and the refused request leaves nothing of its own behind.
     for (orbs3_user_t* u : {alice_.get(), bob_.get()}) {
         o = call(orbs3_put_bucket, u, "photos");
-        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS)) << str(u->DisPlayName);
+        EXPECT_EQ(o.rc, static_cast<int>(u == alice_.get() ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU
+                                                           : ORBS3_S3_BUCKET_ALREADY_EXISTS))
+            << str(u->DisPlayName);
         EXPECT_EQ(o.resource, "photos");
         EXPECT_TRUE(o.reply.empty());
     }
@@ -284,6 +286,26 @@ TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
 
     // The longest legal name is fine.
     put_ok(alice_.get(), std::string(63, 'y'));
+}
+
+TEST(BucketNames, NewNamesFollowS3Rules)
+{
+    const struct {
+        std::string_view name;
+        bool creatable;
+    } cases[] = {
+        {"abc", true},           {"a-b.c9", true},          {"1bucket", true},        {"my.bucket.name", true},
+        {"192.168.5.4x", true},  {"10.1.2", true},          {"ab", false},            {"", false},
+        {"Abc", false},          {"a_bc", false},           {"a bc", false},          {"-abc", false},
+        {"abc-", false},         {".abc", false},           {"abc.", false},          {"a..b", false},
+        {"a.-b", false},         {"a-.b", false},           {"192.168.5.4", false},   {"1.2.3.4", false},
+        {"xn--abc", false},      {"sthree-abc", false},     {"abc-s3alias", false},   {"abc--ol-s3", false},
+        {"a/b", false},          {"caf\xc3\xa9", false},  {std::string_view("ab\0c", 4), false},
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(orbs3_bucket_name_creatable(c.name), c.creatable) << c.name;
+    EXPECT_TRUE(orbs3_bucket_name_creatable(std::string(63, 'a')));
+    EXPECT_FALSE(orbs3_bucket_name_creatable(std::string(64, 'a')));
 }
 
 TEST_F(BucketOps, PutBucketStopsAtMaxBucketAndZeroMeansNoLimit)
@@ -333,7 +355,7 @@ TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
     ASSERT_EQ(orbs3_claim_bucket_name(vh_, a.get()), 0);
     EXPECT_EQ(orbs3_claim_bucket_name(vh_, b.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
     EXPECT_FALSE(fs::exists(b_dir));
-    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU));
     EXPECT_TRUE(fs::is_directory(a_dir));
     ASSERT_TRUE(fs::remove(a_dir));
 
