@@ -86,10 +86,16 @@ struct orbs3_multipart_request_part_t {
 // `out` gets at most 32 + 1 + 5 characters and a NUL.
 void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& parts, char out[40]);
 
-// x-amz-copy-source-range: "bytes=<first>-<last>" inside an object of `size` bytes. True with *first and
-// *len set; false for any other text or a range that leaves the object.
-[[nodiscard]] bool orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,
-                                                    int64_t* len);
+// x-amz-copy-source-range: "bytes=<first>-<last>" inside an object of `size` bytes. 0 with *first and
+// *len set; InvalidArgument for any other text (first after last included), InvalidRange for a range
+// that leaves the object.
+[[nodiscard]] int orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,
+                                                   int64_t* len);
+
+// The ETag of the object a Complete document would make: S3's formula over the part ETags it lists.
+// False when one of them is not an MD5 or the list is empty.
+[[nodiscard]] bool orbs3_multipart_document_etag(const std::vector<orbs3_multipart_request_part_t>& req,
+                                                 char out[40]);
 
 struct orbs3_vhost_t;
 // The largest part a request may send: S3's 5 GiB, lowered by the tenant's and the bucket's
