@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <string>
@@ -29,13 +30,22 @@ int orbs3_commit_lock(const char* data_path, orbs3_commit_lock_t* lock)
     if (lock->fd < 0)
         return -1;
     while (flock(lock->fd, LOCK_EX) != 0) {
-        if (errno != EINTR) {
-            const int err = errno;
-            close(lock->fd);
-            lock->fd = -1;
-            errno = err;
-            return -1;
+        if (errno == EINTR)
+            continue;
+        const int err = errno;
+        close(lock->fd);
+        lock->fd = -1;
+        // A file system that can't lock a directory (NFS emulates flock with write locks, which a
+        // directory can't take) still gets its commits, as exact as their renames make them.
+        if (err == EBADF || err == ENOLCK || err == EOPNOTSUPP || err == EINVAL) {
+            static std::atomic<bool> said{false};
+            if (!said.exchange(true))
+                ipd_log(LOG_WARNING, "commit lock on %s not supported (%s): If-Match is checked without it",
+                        dir.c_str(), std::strerror(err));
+            return 0;
         }
+        errno = err;
+        return -1;
     }
     return 0;
 }

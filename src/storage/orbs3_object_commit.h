@@ -9,8 +9,9 @@
 // inode being replaced; it is held for a rename and a record write, never while a body arrives or parts
 // are assembled. `If-None-Match: *` needs no lock to be exact: the temporary file is hard-linked to the
 // object's name, which fails when the name exists, also against a writer that takes no lock.
-// Limits: across nodes the lock is only as good as the cluster file system's flock; writers that take
-// no lock (CopyObject, DeleteObject, append) are ordered only by their own renames.
+// Limits: across nodes the lock is only as good as the cluster file system's flock (where a directory
+// can't be locked at all, commits go on without it and say so once in the log); writers that take no
+// lock (CopyObject, DeleteObject, append) are ordered only by their own renames.
 #pragma once
 
 #include <string_view>
@@ -29,7 +30,7 @@ struct orbs3_commit_lock_t {
 };
 
 // Takes the lock of the directory that holds `data_path`, waiting for another commit there to end.
-// 0, or -1 with errno.
+// 0 (also when the file system can't lock directories, lock->fd then -1), or -1 with errno.
 [[nodiscard]] int orbs3_commit_lock(const char* data_path, orbs3_commit_lock_t* lock);
 
 // The request's If-Match and If-None-Match, as views into its headers.
