@@ -16,7 +16,9 @@
 // Complete and Abort first claim the upload by renaming its record to "<upload_id>.claimed.<node>.<pid>":
 // of two that race exactly one wins, the other finds no upload. A claim whose process is gone (a worker
 // killed in the middle of a Complete) is taken over by the next Complete or Abort on its node. Complete copies the parts into a temporary file
-// beside the object (copy_file_range: no bytes through user space) and renames it over the object.
+// beside the object (copy_file_range: no bytes through user space) and commits it over the object as
+// PutObject does (orbs3_object_commit.h). The object's record keeps the upload id, so that a Complete sent
+// again after its reply was lost is answered with the same result while the key holds it.
 #pragma once
 
 #include <cstdint>

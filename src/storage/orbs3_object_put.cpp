@@ -1,7 +1,8 @@
 // PutObject. The body goes into a temporary file in the key's own directory, its MD5 (and, when the
 // request signs its payload, its SHA-256) taken as the bytes pass; only a body that is whole and
 // verified is renamed over the object, and its record follows. A reader meets the old object or the new
-// one, never a mix; a client that goes away, or a crash, leaves the old object as it was.
+// one, never a mix; a client that goes away, or a crash, leaves the old object as it was. If-Match and
+// If-None-Match are checked before the body and again in the commit step (orbs3_object_commit.h).
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
