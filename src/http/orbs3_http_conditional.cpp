@@ -177,3 +177,26 @@ int orbs3_http_conditional_result(const orbs3_conditional_t* c, std::string_view
     }
     return ORBS3_CONDITIONAL_PROCEED;
 }
+
+bool orbs3_http_write_conditional(const orbs3_conditional_t* c)
+{
+    return !trim(c->if_match).empty() || !trim(c->if_none_match).empty();
+}
+
+int orbs3_http_write_condition_result(const orbs3_conditional_t* c, bool exists, std::string_view etag)
+{
+    const std::string_view if_match = trim(c->if_match), if_none_match = trim(c->if_none_match);
+    // A tag in If-None-Match would ask to write only over other content, which S3 does not offer.
+    if (!if_none_match.empty() && if_none_match != "*")
+        return ORBS3_WRITE_CONDITION_NOT_IMPLEMENTED;
+    if (!if_none_match.empty() && exists)
+        return ORBS3_WRITE_CONDITION_FAILED;
+    if (!if_match.empty()) {
+        if (!exists)
+            return ORBS3_WRITE_CONDITION_NO_SUCH_KEY;
+        // An object whose ETag is not known (its record is missing) matches only "*".
+        if (etag.empty() ? if_match != "*" : !orbs3_http_etag_list_match(if_match, etag, false))
+            return ORBS3_WRITE_CONDITION_FAILED;
+    }
+    return ORBS3_WRITE_CONDITION_PROCEED;
+}

@@ -34,6 +34,7 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_body.h"
+#include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_record.h"
 
@@ -509,10 +510,13 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return status(ORBS3_S3_NO_SUCH_KEY);
     int64_t first = 0, len = st.st_size;
     std::string_view range;
-    if (orbs3_sign_find_header(r, "x-amz-copy-source-range", &range) &&
-        !orbs3_multipart_parse_copy_range(range, st.st_size, &first, &len)) {
-        r->resp.message = "The x-amz-copy-source-range value must be bytes=first-last within the source object.";
-        return status(ORBS3_S3_INVALID_ARGUMENT);
+    if (orbs3_sign_find_header(r, "x-amz-copy-source-range", &range)) {
+        const int rc = orbs3_multipart_parse_copy_range(range, st.st_size, &first, &len);
+        if (rc == status(ORBS3_S3_INVALID_ARGUMENT))
+            r->resp.message = "The x-amz-copy-source-range value must be of the form bytes=first-last where first "
+                              "and last are the zero-based offsets of the first and last bytes to copy";
+        if (rc != 0)
+            return rc;
     }
     if (orbs3_check_upload_part_size(len, r->vhost, ctx->bucket.get()) != 0)
         return status(ORBS3_S3_ENTITY_TOO_LARGE);
@@ -564,13 +568,12 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
 
 // ---- Complete ----
 
-// The object assembled from `parts` in a temporary file beside `final_path`, flushed and renamed over
-// it. 0 or a status; nothing of the object changes on failure.
-int assemble(const char* staging, const char* data_dir, const char* final_path,
-             const std::vector<const orbs3_multipart_part_t*>& parts, int64_t* total)
+// The object assembled from `parts` into a new temporary file in `data_dir` (its path to `tmp`), flushed.
+// 0 or a status; on failure no temporary file is left.
+int assemble(const char* staging, const char* data_dir, const std::vector<const orbs3_multipart_part_t*>& parts,
+             char tmp[ORBS3_PATH_AREA], int64_t* total)
 {
-    char tmp[ORBS3_PATH_AREA];
-    fd_owner out(make_temp(data_dir, tmp, sizeof tmp));
+    fd_owner out(make_temp(data_dir, tmp, ORBS3_PATH_AREA));
     if (out.fd < 0) {
         ipd_log(LOG_ERR, "temporary file in %s: %s", data_dir, std::strerror(errno));
         return status(ORBS3_S3_INTERNAL_ERROR);
@@ -587,12 +590,50 @@ int assemble(const char* staging, const char* data_dir, const char* final_path,
         }
         *total += p->size;
     }
-    if (fsync(out.fd) != 0 || rename(tmp, final_path) != 0) {
-        ipd_log(LOG_ERR, "commit of %s failed: %s", final_path, std::strerror(errno));
+    if (fsync(out.fd) != 0) {
+        ipd_log(LOG_ERR, "fsync %s failed: %s", tmp, std::strerror(errno));
         unlink(tmp);
         return status(ORBS3_S3_INTERNAL_ERROR);
     }
     return 0;
+}
+
+// The reply of a Complete, the same for the first request and for one sent again.
+int send_complete_result(orbs3_http_request_t* r, const orbs3_bucket_t* b, std::string_view key, const char* etag)
+{
+    std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                      "<CompleteMultipartUploadResult xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">";
+    std::string_view host = r->headers_in.host != nullptr ? view(r->headers_in.host->value) : std::string_view();
+    xml_elem(&doc, "Location",
+             "http://" + std::string(host) + "/" + std::string(neo_getstr(&b->name)) + "/" + std::string(key));
+    xml_elem(&doc, "Bucket", neo_getstr(&b->name));
+    xml_elem(&doc, "Key", key);
+    xml_elem(&doc, "ETag", "\"" + std::string(etag) + "\"");
+    doc.append("</CompleteMultipartUploadResult>");
+    return send_document(r, doc);
+}
+
+// A Complete of an upload that is no more. When it was completed and the key still holds its result
+// (the object's record names the upload, with the ETag this document's parts make, and the data file
+// has the record's size), the request is that Complete sent again, its first reply lost: it gets that
+// reply again. An upload whose object was replaced or deleted since is gone: NoSuchUpload. The evidence
+// lives in the object's record, so it goes with the object and nothing accumulates.
+int answer_completed(orbs3_http_request_t* r, const upload_ctx& ctx, std::string_view id,
+                     const std::vector<orbs3_multipart_request_part_t>& req)
+{
+    char etag[40];
+    orbs3_object_path_t path;
+    if (!orbs3_multipart_document_etag(req, etag) || orbs3_make_object_path(ctx.bucket.get(), ctx.key, "", &path) != 0)
+        return status(ORBS3_S3_NO_SUCH_UPLOAD);
+    std::unique_ptr<orbs3_object_t, void (*)(orbs3_object_t*)> rec(orbs3_create_object_from_file(path.meta_path),
+                                                                    orbs3_free_object);
+    const orbs3_object_before_t now = orbs3_object_before_commit(path.data_path);
+    if (!rec || view(rec->upload_id) != id || view(rec->etag) != etag || !now.existed ||
+        now.size != static_cast<int64_t>(rec->size))
+        return status(ORBS3_S3_NO_SUCH_UPLOAD);
+    ipd_log(LOG_INFO, "upload %.*s: Complete sent again, answered with its result", static_cast<int>(id.size()),
+            id.data());
+    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag);
 }
 
 // The staging directory and the claimed record go; the index directory too once it is empty (so that an
@@ -799,25 +840,42 @@ int orbs3_list_parts_object(orbs3_http_request_t* r)
 
 int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
 {
-    upload_ctx ctx;
-    if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx, true); rc != 0)
-        return rc;
-    const char* text = orbs3_http_body_document(r);
-    if (text == nullptr)
-        return status(ORBS3_S3_INTERNAL_ERROR);
-    neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    if (parse_complete_multipart_upload_xmlstring(text, &list, r->pool) != 0)
-        return status(ORBS3_S3_MALFORMED_XML);
     std::vector<orbs3_multipart_request_part_t> req;
-    neo_list_head_t* pos;
-    list_for_each(pos, &list)
-    {
-        auto* p = list_entry(pos, orbs3_part_t, link);
-        req.push_back({p->part_number, view(p->etag)});
+    auto read_document = [&]() {
+        const char* text = orbs3_http_body_document(r);
+        if (text == nullptr)
+            return status(ORBS3_S3_INTERNAL_ERROR);
+        neo_list_head_t list;
+        INIT_LIST_HEAD(&list);
+        if (parse_complete_multipart_upload_xmlstring(text, &list, r->pool) != 0)
+            return status(ORBS3_S3_MALFORMED_XML);
+        neo_list_head_t* pos;
+        list_for_each(pos, &list)
+        {
+            auto* p = list_entry(pos, orbs3_part_t, link);
+            req.push_back({p->part_number, view(p->etag)});
+        }
+        return req.empty() ? status(ORBS3_S3_MALFORMED_XML) : 0;
+    };
+    upload_ctx ctx;
+    if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx, true); rc != 0) {
+        const std::string_view id = view(r->req_msg.uploadId);
+        if (rc != status(ORBS3_S3_NO_SUCH_UPLOAD) || !ctx.bucket || !orbs3_multipart_valid_id(id) ||
+            read_document() != 0)
+            return rc;
+        return answer_completed(r, ctx, id, req);
     }
-    if (req.empty())
-        return status(ORBS3_S3_MALFORMED_XML);
+    if (int rc = read_document(); rc != 0)
+        return rc;
+
+    orbs3_bucket_t* b = ctx.bucket.get();
+    orbs3_object_path_t path;
+    if (orbs3_make_object_path(b, ctx.key, "", &path) != 0)
+        return status(ORBS3_S3_KEY_TOO_LONG);
+    // A Complete whose condition already fails costs no claim and no copy; the commit checks again.
+    const orbs3_conditional_t cond = orbs3_write_conditions(r);
+    if (int rc = orbs3_object_check_conditions(&cond, path.data_path, path.meta_path); rc != 0)
+        return rc;
 
     std::string claimed;
     if (int rc = claim_upload(ctx, &claimed); rc != 0)
@@ -841,7 +899,6 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
                                    [](const orbs3_multipart_part_t& p, int n) { return p.number < n; });
         chosen.push_back(&*it);
     }
-    orbs3_bucket_t* b = ctx.bucket.get();
     // The assembled object obeys the same file_threshold as one sent whole.
     int64_t sum = 0;
     for (const orbs3_multipart_part_t* p : chosen)
@@ -851,14 +908,12 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     int rc = orbs3_check_key_conflict(b, ctx.key);
     if (rc == ORBS3_KEY_CONFLICT_FILE || rc == ORBS3_KEY_CONFLICT_DIR)
         return release(status(ORBS3_S3_KEY_CONFLICT));
-    orbs3_object_path_t path;
-    if (rc != 0 || orbs3_make_object_path(b, ctx.key, "", &path) != 0 ||
-        orbs3_make_dir_by_name(ctx.key, path.data_path) != 0)
+    if (rc != 0 || orbs3_make_dir_by_name(ctx.key, path.data_path) != 0)
         return release(status(ORBS3_S3_INTERNAL_ERROR));
 
-    const orbs3_object_before_t before = orbs3_object_before_commit(path.data_path);
+    char tmp[ORBS3_PATH_AREA];
     int64_t total = 0;
-    if (rc = assemble(ctx.staging, path.data_dir, path.data_path, chosen, &total); rc != 0)
+    if (rc = assemble(ctx.staging, path.data_dir, chosen, tmp, &total); rc != 0)
         return release(rc);
 
     char etag[40];
@@ -876,22 +931,27 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         meta.values[meta.n] = v;
         meta.n++;
     }
-    const std::string stamp = now_stamp();
-    if (orbs3_object_write_record(r, ctx.key, path.meta_path, path.data_path, etag, total, stamp.c_str(), &meta) != 0)
-        ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);
+    meta.upload_id = ctx.up.upload_id;
+    orbs3_object_before_t before;
+    {
+        orbs3_commit_lock_t lock;
+        if (orbs3_commit_lock(path.data_path, &lock) != 0) {
+            ipd_log(LOG_ERR, "commit lock for %s: %s", path.data_path, std::strerror(errno));
+            unlink(tmp);
+            return release(status(ORBS3_S3_INTERNAL_ERROR));
+        }
+        if (rc = orbs3_object_commit_file(&cond, tmp, path.data_path, path.meta_path, &before); rc != 0) {
+            unlink(tmp);
+            return release(rc);
+        }
+        const std::string stamp = now_stamp();
+        if (orbs3_object_write_record(r, ctx.key, path.meta_path, path.data_path, etag, total, stamp.c_str(),
+                                      &meta) != 0)
+            ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);
+    }
     orbs3_object_count_commit(r, b, before, total);
     drop_upload(ctx, claimed);
-
-    std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
-                      "<CompleteMultipartUploadResult xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">";
-    std::string_view host = r->headers_in.host != nullptr ? view(r->headers_in.host->value) : std::string_view();
-    xml_elem(&doc, "Location",
-             "http://" + std::string(host) + "/" + std::string(neo_getstr(&b->name)) + "/" + std::string(ctx.key));
-    xml_elem(&doc, "Bucket", neo_getstr(&b->name));
-    xml_elem(&doc, "Key", ctx.key);
-    xml_elem(&doc, "ETag", "\"" + std::string(etag) + "\"");
-    doc.append("</CompleteMultipartUploadResult>");
-    return send_document(r, doc);
+    return send_complete_result(r, b, ctx.key, etag);
 }
 
 int orbs3_abort_multipart_upload_object(orbs3_http_request_t* r)

@@ -16,7 +16,9 @@
 // Complete and Abort first claim the upload by renaming its record to "<upload_id>.claimed.<node>.<pid>":
 // of two that race exactly one wins, the other finds no upload. A claim whose process is gone (a worker
 // killed in the middle of a Complete) is taken over by the next Complete or Abort on its node. Complete copies the parts into a temporary file
-// beside the object (copy_file_range: no bytes through user space) and renames it over the object.
+// beside the object (copy_file_range: no bytes through user space) and commits it over the object as
+// PutObject does (orbs3_object_commit.h). The object's record keeps the upload id, so that a Complete sent
+// again after its reply was lost is answered with the same result while the key holds it.
 #pragma once
 
 #include <cstdint>
@@ -86,10 +88,16 @@ struct orbs3_multipart_request_part_t {
 // `out` gets at most 32 + 1 + 5 characters and a NUL.
 void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& parts, char out[40]);
 
-// x-amz-copy-source-range: "bytes=<first>-<last>" inside an object of `size` bytes. True with *first and
-// *len set; false for any other text or a range that leaves the object.
-[[nodiscard]] bool orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,
-                                                    int64_t* len);
+// x-amz-copy-source-range: "bytes=<first>-<last>" inside an object of `size` bytes. 0 with *first and
+// *len set; InvalidArgument for any other text (first after last included), InvalidRange for a range
+// that leaves the object.
+[[nodiscard]] int orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,
+                                                   int64_t* len);
+
+// The ETag of the object a Complete document would make: S3's formula over the part ETags it lists.
+// False when one of them is not an MD5 or the list is empty.
+[[nodiscard]] bool orbs3_multipart_document_etag(const std::vector<orbs3_multipart_request_part_t>& req,
+                                                 char out[40]);
 
 struct orbs3_vhost_t;
 // The largest part a request may send: S3's 5 GiB, lowered by the tenant's and the bucket's

@@ -312,22 +312,44 @@ void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& part
     std::snprintf(end, 40 - 2 * NEO_MD5_LEN, "-%zu", parts.size());
 }
 
-bool orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t* first, int64_t* len)
+int orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t* first, int64_t* len)
 {
+    // A decimal offset; more digits than any file's size has is still an offset, one past every object.
+    auto offset = [](std::string_view text, int64_t* out) {
+        if (text.empty() || text.find_first_not_of("0123456789") != std::string_view::npos)
+            return false;
+        if (!orbs3_parse_length(text, out))
+            *out = INT64_MAX;
+        return true;
+    };
     if (!v.starts_with("bytes="))
-        return false;
+        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
     v.remove_prefix(6);
     std::size_t dash = v.find('-');
-    if (dash == std::string_view::npos)
-        return false;
     int64_t a = 0, b = 0;
-    if (!orbs3_parse_length(v.substr(0, dash), &a) || !orbs3_parse_length(v.substr(dash + 1), &b))
-        return false;
-    if (a > b || b >= size)
-        return false;
+    if (dash == std::string_view::npos || !offset(v.substr(0, dash), &a) || !offset(v.substr(dash + 1), &b) || a > b)
+        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    if (b >= size)
+        return static_cast<int>(ORBS3_S3_INVALID_RANGE);
     *first = a;
     *len = b - a + 1;
-    return true;
+    return 0;
+}
+
+bool orbs3_multipart_document_etag(const std::vector<orbs3_multipart_request_part_t>& req, char out[40])
+{
+    std::vector<orbs3_multipart_part_t> parts(req.size());
+    std::vector<const orbs3_multipart_part_t*> order;
+    for (std::size_t i = 0; i < req.size(); i++) {
+        std::string_view tag = req[i].etag;
+        if (tag.size() >= 2 && tag.front() == '"' && tag.back() == '"')
+            tag = tag.substr(1, tag.size() - 2);
+        if (!parse_md5_hex(tag, parts[i].md5))
+            return false;
+        order.push_back(&parts[i]);
+    }
+    orbs3_multipart_etag(order, out);
+    return !req.empty();
 }
 
 int64_t orbs3_upload_part_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)

@@ -49,6 +49,7 @@ struct orbs3_object_meta_t {
     std::string_view expires;
     std::string_view checksum_algorithm;  // "CRC32", ... once the upload's checksum matched
     std::string_view checksum;
+    std::string_view upload_id;  // the multipart upload completed into the object
     std::size_t n = 0;
     std::string_view keys[ORBS3_OBJECT_META_MAX];  // lower case, without "x-amz-meta-"
     std::string_view values[ORBS3_OBJECT_META_MAX];

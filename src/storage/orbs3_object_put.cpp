@@ -1,7 +1,8 @@
 // PutObject. The body goes into a temporary file in the key's own directory, its MD5 (and, when the
 // request signs its payload, its SHA-256) taken as the bytes pass; only a body that is whole and
 // verified is renamed over the object, and its record follows. A reader meets the old object or the new
-// one, never a mix; a client that goes away, or a crash, leaves the old object as it was.
+// one, never a mix; a client that goes away, or a crash, leaves the old object as it was. If-Match and
+// If-None-Match are checked before the body and again in the commit step (orbs3_object_commit.h).
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -33,6 +34,7 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_body.h"
+#include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -47,6 +49,7 @@ struct put_state_t {
     char final_path[ORBS3_PATH_AREA] = "";
     char meta_path[ORBS3_PATH_AREA] = "";
     orbs3_object_meta_t meta;
+    orbs3_conditional_t cond{};  // If-Match, If-None-Match: checked before the body and again at the commit
 
     put_state_t() = default;
     ~put_state_t() { orbs3_free_bucket(bucket); }
@@ -86,22 +89,28 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
     close(fd);
-    const orbs3_object_before_t before = orbs3_object_before_commit(st->final_path);
-    if (rename(tmp, st->final_path) != 0) {
-        ipd_log(LOG_ERR, "rename %s to %s failed: %s", tmp, st->final_path, std::strerror(errno));
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
-    }
-    body->committed = true;
+    orbs3_object_before_t before;
+    {
+        // The record is written under the lock too: data file and record always come from one writer.
+        orbs3_commit_lock_t lock;
+        if (orbs3_commit_lock(st->final_path, &lock) != 0) {
+            ipd_log(LOG_ERR, "commit lock for %s: %s", st->final_path, std::strerror(errno));
+            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        }
+        if (int rc = orbs3_object_commit_file(&st->cond, tmp, st->final_path, st->meta_path, &before); rc != 0)
+            return rc;
+        body->committed = true;
 
-    char stamp[64];
-    get_gmt_meta_time(stamp, sizeof stamp);
-    if (body->checksum.alg != orbs3_checksum_alg::none) {
-        st->meta.checksum_algorithm = checksum_word(body->checksum.alg);
-        st->meta.checksum = body->checksum_value;
+        char stamp[64];
+        get_gmt_meta_time(stamp, sizeof stamp);
+        if (body->checksum.alg != orbs3_checksum_alg::none) {
+            st->meta.checksum_algorithm = checksum_word(body->checksum.alg);
+            st->meta.checksum = body->checksum_value;
+        }
+        if (orbs3_object_write_record(r, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,
+                                      stamp, &st->meta) != 0)
+            ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->meta_path);
     }
-    if (orbs3_object_write_record(r, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,
-                                  stamp, &st->meta) != 0)
-        ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->meta_path);
     orbs3_object_count_commit(r, st->bucket, before, body->file.size);
     char etag[40];
     std::snprintf(etag, sizeof etag, "\"%s\"", body->file.etag);
@@ -130,11 +139,21 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
     if (neo_mkdir_p(path.data_path, ORBS3_DIR_MODE) != 0 || neo_mkdir_p(path.meta_path, ORBS3_DIR_MODE) != 0 ||
         (bucket->versioning.status == 1 && neo_mkdir_p(path.version_path, ORBS3_DIR_MODE) != 0))
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
-    const bool fresh = access(marker, F_OK) != 0;
-    char stamp[64];
-    get_gmt_meta_time(stamp, sizeof stamp);
-    if (orbs3_object_write_record(r, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    bool fresh = false;
+    {
+        // The directory object is its record: the conditions judge that, under the lock of its directory.
+        orbs3_commit_lock_t lock;
+        if (orbs3_commit_lock(marker, &lock) != 0)
+            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        const orbs3_conditional_t cond = orbs3_write_conditions(r);
+        if (int rc = orbs3_object_check_conditions(&cond, marker, marker); rc != 0)
+            return rc;
+        fresh = access(marker, F_OK) != 0;
+        char stamp[64];
+        get_gmt_meta_time(stamp, sizeof stamp);
+        if (orbs3_object_write_record(r, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
+            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    }
     // Writing the record again over an existing directory object adds no object.
     if (fresh) {
         orbs3_object_count_in_bucket(bucket, 1, 0);
@@ -175,6 +194,7 @@ int orbs3_put_object(orbs3_http_request_t* r)
     }
     st->bucket = raw;
     st->key = key;
+    st->cond = orbs3_write_conditions(r);
 
     // Without a length and without chunked framing the end of the body can't be known.
     if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)
@@ -209,6 +229,9 @@ int orbs3_put_object(orbs3_http_request_t* r)
     orbs3_object_path_t path;
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
         return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+    // A write whose condition fails now is refused before its body is read; the commit checks again.
+    if (rc = orbs3_object_check_conditions(&st->cond, path.data_path, path.meta_path); rc != 0)
+        return rc;
     if (orbs3_make_dir_by_name(key, path.data_path) != 0 || orbs3_make_dir_by_name(key, path.recycle_path) != 0 ||
         (raw->versioning.status == 1 && orbs3_make_dir_by_name(key, path.version_path) != 0))
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);

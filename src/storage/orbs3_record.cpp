@@ -699,6 +699,7 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
             mxmlElementSetAttr(t, "value", capped(m->value, ORBS3_REC_META_CAP).c_str());
         }
     }
+    w.str(root, "upload_id", o->upload_id, ORBS3_REC_ID_CAP);
     return save_tree(xml, w.ok, object_ws, text);
 }
 
@@ -953,6 +954,7 @@ int parse_object_tree(orbs3_object_t* o, mxml_node_t* doc)
         r.str(t, "key", &m->key, ORBS3_REC_META_CAP);
         r.str(t, "value", &m->value, ORBS3_REC_META_CAP);
     }
+    r.str(root, "upload_id", &o->upload_id, ORBS3_REC_ID_CAP);
     if (!r.ok) {
         object_clear(o);
         return -1;

@@ -107,6 +107,8 @@ struct orbs3_object_t {
     orbs3_str_t checksum_algorithm;  // "CRC32", "CRC32C", "SHA1" or "SHA256"
     orbs3_str_t checksum;            // its value, base64, as S3 sends it
     neo_list_head_t meta;            // orbs3_list_node_t carrying orbs3_tag_t: x-amz-meta-<key>, key lower case
+    // The multipart upload this content was completed from: a Complete sent again finds its result here.
+    orbs3_str_t upload_id;
     orbs3_pool_t* pool;
 };
 

@@ -21,7 +21,7 @@ from botocore.exceptions import ClientError
 
 from orbmux_harness import (DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, s3_error, wait_for, wait_port,
                              worker_pids)
-from test_objects import exchange, signed_chunks, signed_head, signed_request, tool_env
+from test_objects import conditional, exchange, signed_chunks, signed_head, signed_request, tool_env
 
 USER = "mp-user"
 BUCKET = "parts"
@@ -246,9 +246,12 @@ def test_aws_cli_s3_to_s3_copy_above_the_threshold_uses_upload_part_copy(tenant,
 
     # A range outside the source, and a source that isn't there.
     uid = start_upload(s3, "copy/ranged")
-    assert s3_error(lambda: s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
-                                                CopySource=f"{BUCKET}/copy/src.dat",
-                                                CopySourceRange=f"bytes=0-{len(data)}")) == (400, "InvalidArgument")
+    outside, malformed = (416, "InvalidRange"), (400, "InvalidArgument")
+    for bad, want in [(f"bytes=0-{len(data)}", outside), (f"bytes={len(data)}-{len(data)}", outside),
+                      ("bytes=5-4", malformed), ("bytes=abc", malformed), ("bytes=10-", malformed)]:
+        assert s3_error(lambda: s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
+                                                    CopySource=f"{BUCKET}/copy/src.dat",
+                                                    CopySourceRange=bad)) == want, bad
     assert s3_error(lambda: s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
                                                 CopySource=f"{BUCKET}/copy/none")) == (404, "NoSuchKey")
     etag = s3.upload_part_copy(Bucket=BUCKET, Key="copy/ranged", UploadId=uid, PartNumber=1,
@@ -540,8 +543,91 @@ def test_two_racing_completes_make_one_whole_object(tenant):
             th.start()
         for th in threads:
             th.join(timeout=60)
-        assert sorted(results, key=lambda r: r.startswith('"')) == ["NoSuchUpload", multipart_etag(bodies)], results
+        # The loser finds the upload claimed (NoSuchUpload) or, once the winner is done, answers as a Complete
+        # sent again would: with the same result.
+        assert multipart_etag(bodies) in results and set(results) <= {"NoSuchUpload", multipart_etag(bodies)}, results
         assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == b"".join(bodies)
+
+
+def test_a_complete_sent_again_gets_its_first_reply_while_the_key_holds_it(tenant):
+    s3 = client(tenant)
+    for key, then in [("again/plain", "overwrite"), ("again/dir/deleted", "delete"), ("again/other", "another")]:
+        uid = start_upload(s3, key)
+        bodies = [os.urandom(MIN_PART), b"tail"]
+        parts = [(n + 1, put_part(s3, key, uid, n + 1, b)) for n, b in enumerate(bodies)]
+        first = complete(s3, key, uid, parts)
+        again = complete(s3, key, uid, parts)
+        for field in ("ETag", "Location", "Bucket", "Key"):
+            assert again[field] == first[field], field
+        assert again["ETag"] == multipart_etag(bodies)
+        # A document naming other parts is not that Complete sent again.
+        assert s3_error(lambda: complete(s3, key, uid, parts[:1])) == (404, "NoSuchUpload")
+        if then == "overwrite":
+            s3.put_object(Bucket=BUCKET, Key=key, Body=b"new")
+        elif then == "delete":
+            s3.delete_object(Bucket=BUCKET, Key=key)
+        else:
+            # Completed again from another upload of the same parts: same ETag, but not this upload's result.
+            other = start_upload(s3, key)
+            complete(s3, key, other, [(n + 1, put_part(s3, key, other, n + 1, b)) for n, b in enumerate(bodies)])
+        assert s3_error(lambda: complete(s3, key, uid, parts)) == (404, "NoSuchUpload"), then
+
+
+def test_conditional_completes(tenant):
+    s3 = client(tenant)
+    key = "cond/mp"
+    old = s3.put_object(Bucket=BUCKET, Key=key, Body=b"old")["ETag"]
+
+    def attempt(uid, parts, **cond):
+        return conditional(s3, cond, lambda: complete(s3, key, uid, parts))
+
+    uid = start_upload(s3, key)
+    parts = [(1, put_part(s3, key, uid, 1, b"part one"))]
+    assert s3_error(lambda: attempt(uid, parts, IfNoneMatch="*")) == (412, "PreconditionFailed")
+    assert s3_error(lambda: attempt(uid, parts, IfMatch=f'"{"0" * 32}"')) == (412, "PreconditionFailed")
+    # Refused Completes leave the upload as it was, and the object too.
+    assert [p["PartNumber"] for p in s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)["Parts"]] == [1]
+    assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == b"old"
+    done = attempt(uid, parts, IfMatch=old)
+    assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == b"part one"
+    # Sent again, it is answered with its result although its condition no longer holds.
+    assert attempt(uid, parts, IfMatch=old)["ETag"] == done["ETag"]
+
+    fresh = "cond/mp-fresh"
+    uid = start_upload(s3, fresh)
+    parts = [(1, put_part(s3, fresh, uid, 1, b"x"))]
+    assert s3_error(lambda: conditional(s3, {"IfMatch": old},
+                                        lambda: complete(s3, fresh, uid, parts))) == (404, "NoSuchKey")
+    conditional(s3, {"IfNoneMatch": "*"}, lambda: complete(s3, fresh, uid, parts))
+    # A Complete and a PutObject racing to create one key: exactly one wins.
+    for round_ in range(3):
+        racy = f"cond/mp-race{round_}"
+        uid = start_upload(s3, racy)
+        parts = [(1, put_part(s3, racy, uid, 1, os.urandom(4 * MiB)))]
+        results = {}
+        barrier = threading.Barrier(2)
+
+        def run_one(name, call):
+            mine = client(tenant)
+            barrier.wait()
+            try:
+                results[name] = conditional(mine, {"IfNoneMatch": "*"}, lambda: call(mine))["ETag"]
+            except ClientError as e:
+                results[name] = e.response["Error"]["Code"]
+
+        threads = [threading.Thread(target=run_one, args=("complete", lambda c: complete(c, racy, uid, parts))),
+                   threading.Thread(target=run_one,
+                                    args=("put", lambda c: c.put_object(Bucket=BUCKET, Key=racy, Body=b"p")))]
+        for th in threads:
+            th.start()
+        for th in threads:
+            th.join(timeout=60)
+        assert sorted(results.values(), key=lambda r: r.startswith('"')) in (
+            ["PreconditionFailed", results["complete"]], ["PreconditionFailed", results["put"]]), results
+        winner = "complete" if results["complete"].startswith('"') else "put"
+        assert s3.head_object(Bucket=BUCKET, Key=racy)["ETag"] == results[winner]
+        if winner == "put":
+            s3.abort_multipart_upload(Bucket=BUCKET, Key=racy, UploadId=uid)
 
 
 def test_uploads_are_listed_but_never_their_staging(tenant):

@@ -22,6 +22,7 @@ from botocore.auth import S3SigV4Auth
 from botocore.awsrequest import AWSRequest
 from botocore.config import Config
 from botocore.credentials import Credentials
+from botocore.exceptions import ClientError
 
 from orbmux_harness import (SLOWDOWN, Sandbox, free_port, md5, rss_kib, run, s3_error, tool_env, wait_for,
                              wait_port)
@@ -356,6 +357,81 @@ def test_concurrent_writers_and_looping_readers_see_whole_versions(tenant):
         th.join(timeout=60)
     assert not failures, failures[:5]
     assert reads[0] > 10
+    assert not tenant.temp_files()
+
+
+def with_headers(s3, headers, call):
+    """call() with extra request headers, signed with the others: Debian's boto3 predates IfMatch and
+    IfNoneMatch."""
+    def add(request, **_):
+        for k, v in headers.items():
+            del request.headers[k]
+            request.headers[k] = v
+    s3.meta.events.register("before-sign.s3", add, unique_id="with-headers")
+    try:
+        return call()
+    finally:
+        s3.meta.events.unregister("before-sign.s3", unique_id="with-headers")
+
+
+CONDITION_HEADERS = {"IfMatch": "If-Match", "IfNoneMatch": "If-None-Match"}
+
+
+def conditional(s3, cond, call):
+    """call() with the conditions given as boto3 would name them (IfMatch=..., IfNoneMatch=...)."""
+    return with_headers(s3, {CONDITION_HEADERS[k]: v for k, v in cond.items()}, call)
+
+
+def cond_put(s3, key, body, **cond):
+    return conditional(s3, cond, lambda: s3.put_object(Bucket=BUCKET, Key=key, Body=body))["ETag"]
+
+
+def test_conditional_puts_and_racing_creators(tenant):
+    s3 = client(tenant)
+    first = cond_put(s3, "cond/once", b"one", IfNoneMatch="*")
+    assert s3_error(lambda: cond_put(s3, "cond/once", b"two", IfNoneMatch="*")) == (412, "PreconditionFailed")
+    assert s3_error(lambda: cond_put(s3, "cond/once", b"two",
+                                     IfMatch='"00000000000000000000000000000000"')) == (412, "PreconditionFailed")
+    # S3 takes only "*" in If-None-Match of a write.
+    assert s3_error(lambda: cond_put(s3, "cond/once", b"two", IfNoneMatch=first))[0] == 501
+    assert s3.get_object(Bucket=BUCKET, Key="cond/once")["Body"].read() == b"one"
+    second = cond_put(s3, "cond/once", b"two", IfMatch=first)
+    assert second == f'"{md5(b"two")}"'
+    assert s3_error(lambda: cond_put(s3, "cond/once", b"three", IfMatch=first)) == (412, "PreconditionFailed")
+    assert s3_error(lambda: cond_put(s3, "cond/none", b"x", IfMatch=first)) == (404, "NoSuchKey")
+    assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="cond/none"))[0] == 404
+    # A directory object is judged by its record.
+    cond_put(s3, "cond/dir/", b"", IfNoneMatch="*")
+    assert s3_error(lambda: cond_put(s3, "cond/dir/", b"", IfNoneMatch="*")) == (412, "PreconditionFailed")
+
+    # Writers racing with the same condition: exactly one wins, and the object is the winner's.
+    clients = [client(tenant) for _ in range(8)]
+    for round_ in range(5):
+        cond = {"IfNoneMatch": "*"} if round_ < 3 else {"IfMatch": second}
+        key = f"cond/race{round_}" if round_ < 3 else "cond/once"
+        bodies = [os.urandom(200_000 + i) for i in range(8)]
+        barrier = threading.Barrier(8)
+        results = [None] * 8
+
+        def put(i):
+            barrier.wait()
+            try:
+                results[i] = cond_put(clients[i], key, bodies[i], **cond)
+            except ClientError as e:
+                results[i] = e.response["ResponseMetadata"]["HTTPStatusCode"]
+
+        threads = [threading.Thread(target=put, args=(i,)) for i in range(8)]
+        for th in threads:
+            th.start()
+        for th in threads:
+            th.join(timeout=60)
+        winners = [i for i, r in enumerate(results) if isinstance(r, str)]
+        losers = [r for r in results if not isinstance(r, str)]
+        assert len(winners) == 1 and losers == [412] * 7, (round_, results)
+        got = s3.get_object(Bucket=BUCKET, Key=key)
+        assert got["Body"].read() == bodies[winners[0]] and got["ETag"] == results[winners[0]]
+        if round_ >= 3:
+            second = results[winners[0]]
     assert not tenant.temp_files()
 
 

@@ -175,3 +175,41 @@ TEST(HttpConditional, DatesInAllThreeFormsAndRefusals)
         }
     }
 }
+
+TEST(HttpConditional, WritesCheckExistenceAndTagButNeverDates)
+{
+    struct row {
+        const char* im;
+        const char* inm;
+        bool exists;
+        std::string_view etag;
+        int want;
+    };
+    const row rows[] = {
+        {"", "", false, "", ORBS3_WRITE_CONDITION_PROCEED},
+        {"", "*", false, "", ORBS3_WRITE_CONDITION_PROCEED},
+        {"", " * ", true, kEtag, ORBS3_WRITE_CONDITION_FAILED},
+        {"", "*", true, "", ORBS3_WRITE_CONDITION_FAILED},
+        // Only "*" is a condition S3 writes take in If-None-Match.
+        {"", TAG, false, "", ORBS3_WRITE_CONDITION_NOT_IMPLEMENTED},
+        {"", TAG, true, kEtag, ORBS3_WRITE_CONDITION_NOT_IMPLEMENTED},
+        {TAG, "", true, kEtag, ORBS3_WRITE_CONDITION_PROCEED},
+        {"9b2cf535f27731c974343645a3985328", "", true, kEtag, ORBS3_WRITE_CONDITION_PROCEED},
+        {OTHER, "", true, kEtag, ORBS3_WRITE_CONDITION_FAILED},
+        {"\"0000\", \"9b2cf535f27731c974343645a3985328\"", "", true, kEtag, ORBS3_WRITE_CONDITION_PROCEED},
+        // A weak tag never matches for a write.
+        {"W/\"9b2cf535f27731c974343645a3985328\"", "", true, kEtag, ORBS3_WRITE_CONDITION_FAILED},
+        {TAG, "", false, "", ORBS3_WRITE_CONDITION_NO_SUCH_KEY},
+        {"*", "", false, "", ORBS3_WRITE_CONDITION_NO_SUCH_KEY},
+        {"*", "", true, "", ORBS3_WRITE_CONDITION_PROCEED},
+        // An object without a known ETag: an empty tag is no match for it.
+        {"\"\"", "", true, "", ORBS3_WRITE_CONDITION_FAILED},
+        {TAG, "*", true, kEtag, ORBS3_WRITE_CONDITION_FAILED},
+    };
+    for (const row& w : rows) {
+        orbs3_conditional_t c{w.im, w.inm, OLD, NEW};
+        EXPECT_EQ(orbs3_http_write_condition_result(&c, w.exists, w.etag), w.want)
+            << "If-Match '" << w.im << "' If-None-Match '" << w.inm << "' exists " << w.exists;
+        EXPECT_EQ(orbs3_http_write_conditional(&c), w.im[0] != '\0' || w.inm[0] != '\0');
+    }
+}

@@ -171,15 +171,39 @@ TEST(MultipartComplete, ObjectETagIsTheMd5OfThePartMd5sAndTheirCount)
 TEST(MultipartComplete, CopySourceRangesStayInsideTheSource)
 {
     int64_t first = -1, len = -1;
-    EXPECT_TRUE(orbs3_multipart_parse_copy_range("bytes=0-9", 10, &first, &len));
+    EXPECT_EQ(orbs3_multipart_parse_copy_range("bytes=0-9", 10, &first, &len), 0);
     EXPECT_EQ(first, 0);
     EXPECT_EQ(len, 10);
-    EXPECT_TRUE(orbs3_multipart_parse_copy_range("bytes=5368709120-5368709120", (int64_t{5} << 30) + 1, &first, &len));
+    EXPECT_EQ(orbs3_multipart_parse_copy_range("bytes=5368709120-5368709120", (int64_t{5} << 30) + 1, &first, &len),
+              0);
     EXPECT_EQ(first, int64_t{5} << 30);
     EXPECT_EQ(len, 1);
-    for (const char* bad : {"bytes=0-10", "bytes=5-4", "bytes=-5", "bytes=5-", "bytes=0-1,3-4", "0-1", "bytes=a-b",
-                            "bytes=0-9999999999999999999", ""})
-        EXPECT_FALSE(orbs3_multipart_parse_copy_range(bad, 10, &first, &len)) << bad;
+    // Well formed but past the end: the range is not satisfiable, as S3 answers.
+    for (const char* outside : {"bytes=0-10", "bytes=10-10", "bytes=0-9999999999999999999"})
+        EXPECT_EQ(orbs3_multipart_parse_copy_range(outside, 10, &first, &len), static_cast<int>(ORBS3_S3_INVALID_RANGE))
+            << outside;
+    for (const char* bad : {"bytes=5-4", "bytes=-5", "bytes=5-", "bytes=0-1,3-4", "0-1", "bytes=a-b", "bytes=+1-2",
+                            "bytes= 0-1", ""})
+        EXPECT_EQ(orbs3_multipart_parse_copy_range(bad, 10, &first, &len), static_cast<int>(ORBS3_S3_INVALID_ARGUMENT))
+            << bad;
+}
+
+TEST(MultipartComplete, ADocumentNamesTheETagItsPartsMake)
+{
+    orbs3_multipart_part_t a = part(1, 1, kMd5A), b = part(2, 1, kMd5B);
+    char want[40], got[40];
+    orbs3_multipart_etag({&a, &b}, want);
+    const std::string qa = std::string("\"") + kMd5A + "\"";
+    std::string upper_b = kMd5B;
+    for (char& c : upper_b)
+        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    EXPECT_TRUE(orbs3_multipart_document_etag({{1, qa}, {2, upper_b}}, got));
+    EXPECT_STREQ(got, want);
+    // Another list of parts names another object.
+    EXPECT_TRUE(orbs3_multipart_document_etag({{1, qa}}, got));
+    EXPECT_STRNE(got, want);
+    EXPECT_FALSE(orbs3_multipart_document_etag({{1, qa}, {2, "\"not-an-md5\""}}, got));
+    EXPECT_FALSE(orbs3_multipart_document_etag({}, got));
 }
 
 TEST(MultipartParts, PartSizeLimitIsFiveGibLoweredByEitherSegmentSize)

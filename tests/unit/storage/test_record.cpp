@@ -398,6 +398,7 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
     set(p, &o->expires, "Wed, 21 Oct 2026 07:28:00 GMT");
     set(p, &o->checksum_algorithm, "CRC32C");
     set(p, &o->checksum, "yZRlqg==");
+    set(p, &o->upload_id, "0123456789abcdef0123456789abcdef");
     for (auto [k, v] : {std::pair{"zeta", "<last>"}, {"alpha", "first & \"quoted\""}}) {
         auto* t = make<orbs3_tag_t>(p);
         set(p, &t->key, k);
@@ -413,6 +414,7 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
                        &orbs3_object_t::content_disposition, &orbs3_object_t::content_encoding,
                        &orbs3_object_t::expires, &orbs3_object_t::checksum_algorithm, &orbs3_object_t::checksum})
         EXPECT_EQ(str(o.get()->*field), str(back.get()->*field));
+    EXPECT_EQ(str(back->upload_id), "0123456789abcdef0123456789abcdef");
     auto meta = items<orbs3_tag_t>(&back->meta);
     ASSERT_EQ(meta.size(), 2u);
     EXPECT_EQ(str(meta[0]->key), "zeta");
@@ -425,6 +427,7 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
     object_ptr old(orbs3_create_object_from_file(old_path.c_str()), orbs3_free_object);
     ASSERT_NE(old, nullptr);
     EXPECT_EQ(old->content_type.len, 0u);
+    EXPECT_EQ(old->upload_id.len, 0u);
     EXPECT_TRUE(items<orbs3_tag_t>(&old->meta).empty());
 }
 
