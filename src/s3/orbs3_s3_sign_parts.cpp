@@ -278,6 +278,38 @@ bool orbs3_sign_find_header(const orbs3_http_request_t* r, std::string_view name
     return found;
 }
 
+namespace {
+
+bool in_signed_list(std::string_view list, std::string_view name)
+{
+    while (!list.empty()) {
+        std::size_t semi = list.find(';');
+        if (orbs3_sign_iequals(orbs3_sign_trim(list.substr(0, semi)), name))
+            return true;
+        list.remove_prefix(semi == std::string_view::npos ? list.size() : semi + 1);
+    }
+    return false;
+}
+
+}  // namespace
+
+std::string_view orbs3_sign_unsigned_header(const orbs3_http_request_t* r, std::string_view signed_headers,
+                                            bool amz_bound)
+{
+    constexpr std::string_view kAmz = "x-amz-";
+    std::string_view found;
+    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+        if (!found.empty())
+            return;
+        std::string_view k = orbs3_sign_header_key(r, &h);
+        const bool amz = k.size() >= kAmz.size() && orbs3_sign_iequals(k.substr(0, kAmz.size()), kAmz);
+        const bool steers = amz || orbs3_sign_iequals(k, "orbaction") || orbs3_sign_iequals(k, "x-copy-source");
+        if (steers && !(amz && amz_bound) && !in_signed_list(signed_headers, k))
+            found = k;
+    });
+    return found;
+}
+
 std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_view name, bool collapse,
                                      orbs3_sign_text_t* out)
 {
