@@ -102,11 +102,8 @@ uint32_t presigned_v4(orbs3_http_request_t* r, const orbs3_sign_query_t* q, cons
             *message = ORBS3_REQUEST_EXPIRED.data();
         return ORBS3_S3_ACCESS_DENIED;
     }
-    if (!orbs3_sign_unsigned_header(r, v.signed_headers, false).empty()) {
-        if (message != nullptr)
-            *message = ORBS3_HEADERS_NOT_SIGNED.data();
-        return ORBS3_S3_ACCESS_DENIED;
-    }
+    if (uint32_t unbound = orbs3_sign_check_bound_headers(r, v.signed_headers, false, message); unbound != 0)
+        return unbound;
     return orbs3_sign_v4_verify(&v, r, q, secret);
 }
 
@@ -126,11 +123,8 @@ uint32_t presigned_v2(orbs3_http_request_t* r, const orbs3_sign_query_t* q, cons
             *message = ORBS3_REQUEST_EXPIRED.data();
         return ORBS3_S3_ACCESS_DENIED;
     }
-    if (!orbs3_sign_unsigned_header(r, {}, true).empty()) {
-        if (message != nullptr)
-            *message = ORBS3_HEADERS_NOT_SIGNED.data();
-        return ORBS3_S3_ACCESS_DENIED;
-    }
+    if (uint32_t unbound = orbs3_sign_check_bound_headers(r, {}, true, message); unbound != 0)
+        return unbound;
     // Expires stands where a header-signed request has its Date.
     return orbs3_sign_v2_verify(r, q, expires_text, true, secret, signature);
 }

@@ -8,10 +8,12 @@
 #include <climits>
 #include <cstring>
 
+#include "core/orbs3_log.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
 #include "memory/orbs3_palloc.h"
+#include "s3/orbs3_s3_errors.h"
 
 namespace {
 
@@ -293,8 +295,8 @@ bool in_signed_list(std::string_view list, std::string_view name)
 
 }  // namespace
 
-std::string_view orbs3_sign_unsigned_header(const orbs3_http_request_t* r, std::string_view signed_headers,
-                                            bool amz_bound)
+uint32_t orbs3_sign_check_bound_headers(const orbs3_http_request_t* r, std::string_view signed_headers,
+                                        bool amz_bound, const char** message)
 {
     constexpr std::string_view kAmz = "x-amz-";
     std::string_view found;
@@ -307,7 +309,12 @@ std::string_view orbs3_sign_unsigned_header(const orbs3_http_request_t* r, std::
         if (steers && !(amz && amz_bound) && !in_signed_list(signed_headers, k))
             found = k;
     });
-    return found;
+    if (found.empty())
+        return 0;
+    ipd_debug("signature: header %.*s is not signed", static_cast<int>(found.size()), found.data());
+    if (message != nullptr)
+        *message = "There were headers present in the request which were not signed";
+    return ORBS3_S3_ACCESS_DENIED;
 }
 
 std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_view name, bool collapse,

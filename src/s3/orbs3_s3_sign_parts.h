@@ -86,15 +86,13 @@ struct orbs3_sign_query_t {
 std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_view name, bool collapse,
                                      orbs3_sign_text_t* out);
 
-// What a request whose signature leaves out a header that steers it is refused with (AccessDenied).
-inline constexpr std::string_view ORBS3_HEADERS_NOT_SIGNED =
-    "There were headers present in the request which were not signed";
-// The first header that changes what the request does and that its signature does not bind, or an empty
-// view. Such headers are every x-amz-* header, and OrbAction and X-Copy-Source, which choose the action:
-// a replayed request must not gain any of them. `signed_headers` is the V4 list as sent (names joined by
-// ';', any case). V2 binds every x-amz-* header by itself (`amz_bound`) but has no place for the other two.
-[[nodiscard]] std::string_view orbs3_sign_unsigned_header(const orbs3_http_request_t* r,
-                                                          std::string_view signed_headers, bool amz_bound);
+// Every header that changes what the request does must be bound by its signature: every x-amz-*
+// header, and OrbAction and X-Copy-Source, which choose the action, so that a replayed request cannot
+// gain one. `signed_headers` is the V4 list as sent (names joined by ';', any case). V2 binds every
+// x-amz-* header by itself (`amz_bound`) but has no place for the other two. 0, or
+// ORBS3_S3_ACCESS_DENIED with S3's message in *message (when given).
+[[nodiscard]] uint32_t orbs3_sign_check_bound_headers(const orbs3_http_request_t* r, std::string_view signed_headers,
+                                                      bool amz_bound, const char** message);
 
 template <typename F>
 void orbs3_sign_for_each_header(const orbs3_http_request_t* r, F&& f)
