@@ -1,9 +1,11 @@
 // The Range resolver over a heap block of the input's exact size (ASan faults on a read past it). The
 // first byte picks the object's size: below 0x80 a small one (0 to 31, where the edges are), otherwise
 // the next eight bytes shifted right by the low six bits. The rest is the header's value.
-// The result must agree with a slow model that splits the text at '-' and reads numbers in 128 bits,
+// The result must agree with a slow model that splits the text at '-' and reads numbers in 128 bits
+// (capped past int64: a last byte that far is past the end, a first byte past every end),
 // written from the rules rather than from the scanner; a range must lie inside the object; padding the
 // value with whitespace must change nothing; and the Content-Range text must fit and read back.
+#include <algorithm>
 #include <charconv>
 #include <cstddef>
 #include <cstdint>
@@ -20,7 +22,8 @@ namespace {
 
 constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 
-// Digits only, at most int64: the value, -1 for empty, -2 for anything else.
+// Digits only: the value, capped at one past int64 (past every object, and past every in-range number),
+// -1 for empty, -2 for anything else.
 __int128 model_number(std::string_view s)
 {
     if (s.empty())
@@ -31,9 +34,17 @@ __int128 model_number(std::string_view s)
             return -2;
         v = v * 10 + (c - '0');
         if (v > kMax)
-            return -2;
+            v = static_cast<__int128>(kMax) + 1;
     }
     return v;
+}
+
+// The number the digits name, compared exactly: leading zeros off, then the longer is the larger.
+bool number_less(std::string_view a, std::string_view b)
+{
+    a.remove_prefix(std::min(a.find_first_not_of('0'), a.size()));
+    b.remove_prefix(std::min(b.find_first_not_of('0'), b.size()));
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
 }
 
 int model(std::string_view value, int64_t size, orbs3_byte_range_t* out)
@@ -70,7 +81,7 @@ int model(std::string_view value, int64_t size, orbs3_byte_range_t* out)
         out->last = size - 1;
         return ORBS3_RANGE_ONE;
     }
-    if (z != -1 && z < a)
+    if (z != -1 && number_less(set.substr(dash + 1), set.substr(0, dash)))
         return ORBS3_RANGE_NONE;
     if (a >= size)
         return ORBS3_RANGE_UNSATISFIABLE;

@@ -16,24 +16,33 @@ bool digit(char c)
     return c >= '0' && c <= '9';
 }
 
-// One or more digits at `*pos` into `*v`; false for none or for a value past int64, which a client
-// cannot mean for a file and which must not wrap into a small range.
-bool number(std::string_view s, std::size_t* pos, int64_t* v)
+// One or more digits at `*pos`: their value into `*v`, and the digits without leading zeros into
+// `*digits`. A number past int64 reads as int64's largest: no object is that large, so it is a position
+// past any end, never one that wraps into a small range.
+bool number(std::string_view s, std::size_t* pos, int64_t* v, std::string_view* digits)
 {
     constexpr int64_t max = std::numeric_limits<int64_t>::max();
     std::size_t i = *pos;
+    std::size_t lead = i;
     int64_t x = 0;
     for (; i < s.size() && digit(s[i]); i++) {
         int d = s[i] - '0';
-        if (x > (max - d) / 10)
-            return false;
-        x = x * 10 + d;
+        if (x == 0 && d == 0)
+            lead = i + 1;
+        x = x > (max - d) / 10 ? max : x * 10 + d;
     }
     if (i == *pos)
         return false;
+    *digits = s.substr(lead, i - lead);
     *pos = i;
     *v = x;
     return true;
+}
+
+// a < b for two digit strings without leading zeros, of any length.
+bool digits_less(std::string_view a, std::string_view b)
+{
+    return a.size() != b.size() ? a.size() < b.size() : a < b;
 }
 
 bool unit_is_bytes(std::string_view unit)
@@ -69,7 +78,8 @@ int orbs3_http_range_resolve(std::string_view value, int64_t size, orbs3_byte_ra
     if (!set.empty() && set[0] == '-') {
         pos = 1;
         int64_t n;
-        if (!number(set, &pos, &n) || pos != set.size())
+        std::string_view digits;
+        if (!number(set, &pos, &n, &digits) || pos != set.size())
             return ORBS3_RANGE_NONE;
         // A suffix of no bytes selects nothing; S3 also refuses any range of an empty object.
         if (n == 0 || size == 0)
@@ -80,13 +90,16 @@ int orbs3_http_range_resolve(std::string_view value, int64_t size, orbs3_byte_ra
     }
 
     int64_t first, last = std::numeric_limits<int64_t>::max();
-    if (!number(set, &pos, &first) || pos == set.size() || set[pos] != '-')
+    std::string_view first_digits, last_digits;
+    if (!number(set, &pos, &first, &first_digits) || pos == set.size() || set[pos] != '-')
         return ORBS3_RANGE_NONE;
     pos++;
-    if (pos < set.size() && (!number(set, &pos, &last) || pos != set.size()))
+    const bool has_last = pos < set.size();
+    if (has_last && (!number(set, &pos, &last, &last_digits) || pos != set.size()))
         return ORBS3_RANGE_NONE;
-    // An inverted range is a syntax error, so the header is ignored rather than refused.
-    if (last < first)
+    // An inverted range is a syntax error, so the header is ignored rather than refused. The digits
+    // compare exactly where both numbers are past int64.
+    if (has_last && digits_less(last_digits, first_digits))
         return ORBS3_RANGE_NONE;
     if (first >= size)
         return ORBS3_RANGE_UNSATISFIABLE;

@@ -189,17 +189,18 @@ void refuse(orbs3_http_request_t* r, uint32_t status)
 }
 
 // Reads more of the head into header_in, keeping one zero byte behind the data. 1: bytes came; 0: none
-// yet (read armed); -1: the connection and the request have been closed.
+// yet (read armed); -1: the request has ended (refused, or the connection closed).
 int read_head(orbs3_http_request_t* r)
 {
     orbs3_connection_t* c = r->connection;
     orbs3_buf_t* in = r->header_in;
     std::size_t room = static_cast<std::size_t>(in->end - in->last);
     if (room <= 1) {
-        // A head that fills the buffer without ending: dropped without a reply.
+        // A head that fills the buffer without ending. The client is told, so that it stops sending
+        // rather than wait for its deadline.
         ipd_log(LOG_ERR, "client sent too large request head: more than %zu bytes",
                 static_cast<std::size_t>(in->end - in->start) - 1);
-        orbs3_http_close_request_and_connection(r);
+        refuse(r, 400);
         return -1;
     }
     ssize_t n = c->recv(c, in->last, room - 1);
@@ -227,17 +228,10 @@ next_step run_request(orbs3_http_request_t* r)
     orbs3_connection_t* c = r->connection;
     orbs3_buf_t* in = r->header_in;
 
-    if (parser_http_request_handler(r) != 0) {
-        orbs3_http_close_request_and_connection(r);
-        return next_step::stop;
-    }
-    int rc = orbs3_http_process_request_header(r);
-    if (rc == ORBS3_HTTP_BAD_FRAMING) {
+    // A head that does not parse (a bad request line, a URI that decodes to a NUL or climbs above the
+    // root, one too long for the url area) or that the engine cannot serve (no Host, TRACE) is refused.
+    if (parser_http_request_handler(r) != 0 || orbs3_http_process_request_header(r) != 0) {
         refuse(r, 400);
-        return next_step::stop;
-    }
-    if (rc != 0) {
-        orbs3_http_close_request_and_connection(r);
         return next_step::stop;
     }
     (void)orbs3_find_virtual_server(r);
@@ -259,7 +253,7 @@ next_step run_request(orbs3_http_request_t* r)
         orbs3_http_close_request_and_connection(r);
         return next_step::stop;
     }
-    rc = ls->response_handler(r);
+    int rc = ls->response_handler(r);
     if (rc == ORBS3_AGAIN || rc == ORBS3_HTTP_CLOSED)
         return next_step::stop;  // goes on in later events, or already ended
     if (rc == -1) {
@@ -369,6 +363,14 @@ void orbs3_http_process_get_request_header(orbs3_event_t* ev)
         // The first round works on the bytes at hand; a head that has none, or an incomplete one, reads.
         std::size_t len = orbs3_check_head(r->header_in->start, r->header_in->last - r->header_in->start);
         while (len == 0) {
+            // The head scan stops at a NUL: such a head never ends, so it is refused now rather than
+            // held until the deadline. A NUL behind a complete head is body and never looked at here.
+            const orbs3_buf_t* in = r->header_in;
+            if (std::memchr(in->start, '\0', static_cast<std::size_t>(in->last - in->start)) != nullptr) {
+                ipd_log(LOG_ERR, "client sent a NUL byte in the request head");
+                refuse(r, 400);
+                return;
+            }
             int rc = read_head(r);
             if (rc <= 0)
                 return;

@@ -147,6 +147,9 @@ const orbs3_s3_error_t g_s3_error_info[] = {
     {0xc000402, 412, "PreconditionFailed", "At least one of the preconditions you specified did not hold."},
     {0xc000403, 400, "InvalidRequest", "A key stands where this key needs a directory, or the reverse."},
     {0xc000404, 400, "BadDigest", "The checksum you specified did not match what we received."},
+    {0xc000405, 400, "AuthorizationQueryParametersError",
+     "Query-string authentication version 4 requires the X-Amz-Algorithm, X-Amz-Credential, X-Amz-Signature, "
+     "X-Amz-Date, X-Amz-SignedHeaders, and X-Amz-Expires parameters."},
     {0xffffffff, 0, "EndOff", nullptr},
 };
 

@@ -7,7 +7,12 @@
 namespace {
 
 constexpr std::string_view kNotYetValid = "Request is not valid yet";
-constexpr std::string_view kExpiresTooLong = "X-Amz-Expires must be less than a week (in seconds) that is 604800";
+constexpr std::string_view kExpiresTooLong =
+    "X-Amz-Expires must be less than a week (in seconds); that is, the given X-Amz-Expires must be less than "
+    "604800 seconds";
+constexpr std::string_view kExpiresNegative = "X-Amz-Expires must be non-negative";
+constexpr std::string_view kExpiresZero = "X-Amz-Expires must be greater than 0";
+constexpr std::string_view kExpiresNotNumber = "X-Amz-Expires should be a number";
 
 // A count of seconds: digits only, at most 12 of them, so that the sum with a time cannot overflow.
 bool seconds(std::string_view s, int64_t* v)
@@ -22,6 +27,26 @@ bool seconds(std::string_view s, int64_t* v)
     }
     *v = x;
     return true;
+}
+
+// Why X-Amz-Expires is refused, or an empty view with the seconds in *v. A URL lives from one second to a
+// week; a URL that can never be valid is refused as malformed rather than as expired. A count of more
+// digits than any week has is too long, not a wrong number.
+std::string_view expires_refusal(std::string_view s, int64_t* v)
+{
+    const bool negative = s.size() > 1 && s[0] == '-';
+    std::string_view digits = negative ? s.substr(1) : s;
+    if (digits.empty() || digits.find_first_not_of("0123456789") != std::string_view::npos)
+        return kExpiresNotNumber;
+    if (negative)
+        return kExpiresNegative;
+    std::size_t lead = digits.find_first_not_of('0');
+    digits = lead == std::string_view::npos ? std::string_view() : digits.substr(lead);
+    if (digits.size() > 12 || !seconds(digits.empty() ? "0" : digits, v) || *v > ORBS3_SIGN_MAX_EXPIRES)
+        return kExpiresTooLong;
+    if (*v == 0)
+        return kExpiresZero;
+    return {};
 }
 
 std::string_view param(const orbs3_sign_query_t* q, std::string_view name, bool* present)
@@ -60,12 +85,11 @@ uint32_t presigned_v4(orbs3_http_request_t* r, const orbs3_sign_query_t* q, cons
     int64_t expires = 0;
     if (!orbs3_sign_parse_iso8601(date, &when) || !orbs3_sign_scope_day_matches(v.scope, when))
         return ORBS3_S3_AUTH_HEADER_MALFORMED;
-    if (!seconds(expires_text, &expires))
-        return ORBS3_S3_AUTH_HEADER_MALFORMED;
-    if (expires > ORBS3_SIGN_MAX_EXPIRES) {
+    std::string_view refused = expires_refusal(expires_text, &expires);
+    if (!refused.empty()) {
         if (message != nullptr)
-            *message = kExpiresTooLong.data();
-        return ORBS3_S3_AUTH_HEADER_MALFORMED;
+            *message = refused.data();
+        return ORBS3_S3_AUTH_QUERY_MALFORMED;
     }
     // A URL signed a little ahead of this clock is accepted, as a header-signed request would be.
     if (when > now + ORBS3_SIGN_MAX_SKEW) {
@@ -78,6 +102,8 @@ uint32_t presigned_v4(orbs3_http_request_t* r, const orbs3_sign_query_t* q, cons
             *message = ORBS3_REQUEST_EXPIRED.data();
         return ORBS3_S3_ACCESS_DENIED;
     }
+    if (uint32_t unbound = orbs3_sign_check_bound_headers(r, v.signed_headers, false, message); unbound != 0)
+        return unbound;
     return orbs3_sign_v4_verify(&v, r, q, secret);
 }
 
@@ -97,6 +123,8 @@ uint32_t presigned_v2(orbs3_http_request_t* r, const orbs3_sign_query_t* q, cons
             *message = ORBS3_REQUEST_EXPIRED.data();
         return ORBS3_S3_ACCESS_DENIED;
     }
+    if (uint32_t unbound = orbs3_sign_check_bound_headers(r, {}, true, message); unbound != 0)
+        return unbound;
     // Expires stands where a header-signed request has its Date.
     return orbs3_sign_v2_verify(r, q, expires_text, true, secret, signature);
 }

@@ -8,10 +8,12 @@
 #include <climits>
 #include <cstring>
 
+#include "core/orbs3_log.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
 #include "memory/orbs3_palloc.h"
+#include "s3/orbs3_s3_errors.h"
 
 namespace {
 
@@ -276,6 +278,43 @@ bool orbs3_sign_find_header(const orbs3_http_request_t* r, std::string_view name
         }
     });
     return found;
+}
+
+namespace {
+
+bool in_signed_list(std::string_view list, std::string_view name)
+{
+    while (!list.empty()) {
+        std::size_t semi = list.find(';');
+        if (orbs3_sign_iequals(orbs3_sign_trim(list.substr(0, semi)), name))
+            return true;
+        list.remove_prefix(semi == std::string_view::npos ? list.size() : semi + 1);
+    }
+    return false;
+}
+
+}  // namespace
+
+uint32_t orbs3_sign_check_bound_headers(const orbs3_http_request_t* r, std::string_view signed_headers,
+                                        bool amz_bound, const char** message)
+{
+    constexpr std::string_view kAmz = "x-amz-";
+    std::string_view found;
+    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+        if (!found.empty())
+            return;
+        std::string_view k = orbs3_sign_header_key(r, &h);
+        const bool amz = k.size() >= kAmz.size() && orbs3_sign_iequals(k.substr(0, kAmz.size()), kAmz);
+        const bool steers = amz || orbs3_sign_iequals(k, "orbaction") || orbs3_sign_iequals(k, "x-copy-source");
+        if (steers && !(amz && amz_bound) && !in_signed_list(signed_headers, k))
+            found = k;
+    });
+    if (found.empty())
+        return 0;
+    ipd_debug("signature: header %.*s is not signed", static_cast<int>(found.size()), found.data());
+    if (message != nullptr)
+        *message = "There were headers present in the request which were not signed";
+    return ORBS3_S3_ACCESS_DENIED;
 }
 
 std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_view name, bool collapse,

@@ -86,6 +86,14 @@ struct orbs3_sign_query_t {
 std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_view name, bool collapse,
                                      orbs3_sign_text_t* out);
 
+// Every header that changes what the request does must be bound by its signature: every x-amz-*
+// header, and OrbAction and X-Copy-Source, which choose the action, so that a replayed request cannot
+// gain one. `signed_headers` is the V4 list as sent (names joined by ';', any case). V2 binds every
+// x-amz-* header by itself (`amz_bound`) but has no place for the other two. 0, or
+// ORBS3_S3_ACCESS_DENIED with S3's message in *message (when given).
+[[nodiscard]] uint32_t orbs3_sign_check_bound_headers(const orbs3_http_request_t* r, std::string_view signed_headers,
+                                                      bool amz_bound, const char** message);
+
 template <typename F>
 void orbs3_sign_for_each_header(const orbs3_http_request_t* r, F&& f)
 {

@@ -200,6 +200,8 @@ uint32_t v4_header(orbs3_http_request_t* r, int source, std::string_view rest, c
 
     if (!orbs3_sign_find_header(r, kDialects[source].payload_header, &v.payload))
         v.payload = kEmptySha256;
+    if (uint32_t unbound = orbs3_sign_check_bound_headers(r, v.signed_headers, false, message); unbound != 0)
+        return unbound;
 
     orbs3_sign_query_t q;
     if (orbs3_sign_parse_query(r, &q) != 0)

@@ -306,6 +306,9 @@ uint32_t orbs3_sign_v2_header(orbs3_http_request_t* r, std::string_view rest, co
     if (when < now - ORBS3_SIGN_MAX_SKEW || when > now + ORBS3_SIGN_MAX_SKEW)
         return ORBS3_S3_REQUEST_TIME_TOO_SKEWED;
 
+    if (uint32_t unbound = orbs3_sign_check_bound_headers(r, {}, true, message); unbound != 0)
+        return unbound;
+
     orbs3_sign_query_t q;
     if (orbs3_sign_parse_query(r, &q) != 0)
         return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;

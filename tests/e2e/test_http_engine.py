@@ -20,6 +20,7 @@ import socket
 import struct
 import threading
 import time
+import urllib.parse
 
 import pytest
 
@@ -244,23 +245,70 @@ def test_http10_closes_after_the_reply_unless_it_asks_for_keep_alive(engine):
         c.eof()
 
 
-def test_head_that_overflows_the_head_buffer_is_dropped_without_a_reply(engine):
+# A head the engine cannot take gets the 400 page and a close: a client that is told can stop sending and
+# need not wait for its deadline. A NUL in a header, a URI that fills the head buffer, a decoded NUL in the
+# key and a head that does not fit are all refused so; the next request behind them is not taken up.
+@pytest.mark.parametrize("name,head", [
+    ("nul-in-header", lambda: request(headers=["X-Nul: a\0b"])),
+    ("nul-in-header-name", lambda: request(headers=["X-N\0ul: ab"])),
+    ("nul-key", lambda: request(uri="/bucket/a%00b")),
+    ("uri-of-4-kib", lambda: request(uri="/bucket/" + "k" * 4096)),
+    ("uri-just-over-the-buffer", lambda: request(uri="/bucket/" + "%C3%A9" * 680)),
+    ("headers-of-8-kib", lambda: request(headers=[f"X-Pad-{i}: " + "p" * 100 for i in range(80)])),
+])
+def test_a_head_that_cannot_be_taken_gets_a_400_and_a_close(engine, name, head):
     _, daemon, port, _ = engine
-    # Just below the buffer the same kind of head is served: the drop is about size.
-    fits = request(headers=["X-Pad: " + "p" * 3900])
-    assert len(fits) < HEAD_BUFFER
-    with Client(port) as c:
-        c.send(fits)
-        c.answered()
-    oversize = request(headers=[f"X-Pad-{i}: " + "p" * 100 for i in range(80)])  # about 8 KiB
-    assert len(oversize) > 2 * HEAD_BUFFER
     with Client(port) as c:
         try:
-            c.send(oversize)
+            c.send(head() + signed_get())
         except (BrokenPipeError, ConnectionResetError):
             pass
+        assert c.take(len(PAGE_400)) == PAGE_400, name
         c.eof()
-    daemon.wait_log(rf"client sent too large request head: more than {HEAD_BUFFER} bytes")
+    if name.startswith("headers"):
+        daemon.wait_log(rf"client sent too large request head: more than {HEAD_BUFFER} bytes")
+
+
+def test_a_long_percent_encoded_key_with_a_long_query_fits_the_head_and_is_served(engine):
+    port = engine[2]
+    # A long key the default limits take: seven components of 127 bytes, every byte but one of each
+    # percent-encoded (2659 bytes on the wire), behind a query as long as a presigned URL's.
+    part = "é" * 63 + "a"
+    key = "/".join([part] * 7)
+    uri = "/bucket/" + urllib.parse.quote(key, safe="/")
+    query = ("?X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=AKIAEXAMPLE%2F20260101%2Fus-east-1%2Fs3%2F"
+             "aws4_request&X-Amz-Date=20260101T000000Z&X-Amz-Expires=600&X-Amz-SignedHeaders=host"
+             "&X-Amz-Signature=" + "0" * 64)
+    body = b"long key body"
+    put = request("PUT", uri, headers=[f"Content-Length: {len(body)}"], body=body)
+    get = request("GET", uri + query)
+    assert len(get) < HEAD_BUFFER
+    with Client(port) as c:
+        c.send(put)
+        assert c.reply().startswith(b"HTTP/1.1 200 OK\r\n")
+        c.send(get)
+        got = c.reply()
+        assert got.startswith(b"HTTP/1.1 200 OK\r\n") and got.endswith(b"\r\n\r\n" + body), got
+
+
+# A last byte past the end, however far (past int64, past uint64), is a range to the end; a first byte
+# that far is past every end.
+def test_ranges_with_numbers_past_any_size_are_served_to_the_end_or_refused(engine):
+    port = engine[2]
+    body = b"0123456789"
+    with Client(port) as c:
+        c.send(request("PUT", "/bucket/ranged", headers=[f"Content-Length: {len(body)}"], body=body))
+        assert c.reply().startswith(b"HTTP/1.1 200 OK\r\n")
+        for value, first in (("bytes=0-18446744073709551615", 0), ("bytes=3-18446744073709551616", 3),
+                             ("bytes=9-99999999999999999999999999", 9), ("bytes=4-10", 4)):
+            c.send(request("GET", "/bucket/ranged", headers=[f"Range: {value}"]))
+            got = c.reply()
+            assert got.startswith(b"HTTP/1.1 206 Partial Content\r\n"), (value, got)
+            assert f"\r\nContent-Range: bytes {first}-9/10\r\n".encode() in got, (value, got)
+            assert got.endswith(b"\r\n\r\n" + body[first:]), (value, got)
+        c.send(request("GET", "/bucket/ranged", headers=["Range: bytes=18446744073709551616-"]))
+        got = c.reply()
+        assert got.startswith(b"HTTP/1.1 416 ") and b"<Code>InvalidRange</Code>" in got, got
 
 
 def test_head_trickled_one_byte_at_a_time_is_answered(engine):

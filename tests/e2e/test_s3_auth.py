@@ -191,8 +191,9 @@ def test_a_wrong_secret_or_an_unknown_key_is_refused(tenant, sig, style):
     admin_key, _ = tenant.keys("admin")
     mismatch = (403, "SignatureDoesNotMatch", SIGNATURE_MISMATCH, "/")
     unknown = (403, "InvalidAccessKeyId", UNKNOWN_KEY, "/")
+    wrong = user_secret[:-1] + ("x" if user_secret[-1] != "x" else "y")  # a secret that ends in x is no rarity
     cases = [
-        ("wrong secret", client(tenant, sig, style, secret=user_secret[:-1] + "x"), mismatch),
+        ("wrong secret", client(tenant, sig, style, secret=wrong), mismatch),
         # Each key verifies with its own secret only.
         ("admin key, user secret", client(tenant, sig, style, access_key=admin_key, secret=user_secret), mismatch),
         ("unknown key", client(tenant, sig, style, access_key="AKIANOSUCHKEY0000000", secret=user_secret), unknown),
@@ -489,3 +490,68 @@ def test_an_unsigned_payload_passes_and_a_badly_chunk_signed_one_is_refused_unst
     code, message, _ = error_fields(got)
     assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and code == "SignatureDoesNotMatch", got
     assert s3_error(lambda: client(tenant, "v4").get_object(Bucket=BUCKET, Key="streamed")) == no_such_key("streamed")
+
+
+# ---- headers a signature must bind ----
+
+NOT_SIGNED = (403, "AccessDenied", "There were headers present in the request which were not signed")
+
+
+def with_header(request, line):
+    """The request bytes with one more header line behind the others."""
+    head, _, body = request.partition(b"\r\n\r\n")
+    return head + b"\r\n" + line + b"\r\n\r\n" + body
+
+
+def test_a_replayed_request_cannot_gain_an_unsigned_header_that_steers_it(tenant):
+    s3 = client(tenant, "v4")
+    s3.create_bucket(Bucket="other")
+    s3.put_object(Bucket="other", Key="secret.txt", Body=b"another bucket's data")
+    s3.put_object(Bucket=BUCKET, Key="victim", Body=b"original")
+    put = signed(tenant, "PUT", "/bkt/victim", body=b"replayed body")
+    listing = signed(tenant, "GET", "/bkt", "prefix=victim")
+    v2_listing = signed(tenant, "GET", "/bkt", "prefix=victim", signer=HmacV1Auth)
+    url = s3.generate_presigned_url("list_objects", Params={"Bucket": BUCKET, "Prefix": "victim"}, ExpiresIn=600)
+    presigned = wire("GET", url[url.index("/bkt"):], [("Host", f"127.0.0.1:{tenant.port}")])
+    cases = [
+        (put, b"x-amz-copy-source: /other/secret.txt"),
+        (put, b"X-Copy-Source: /other/secret.txt"),
+        (put, b"x-amz-metadata-directive: REPLACE"),
+        (listing, b"OrbAction: GetBucketAcl"),
+        (presigned, b"OrbAction: GetBucketAcl"),
+        (presigned, b"x-amz-content-sha256: STREAMING-AWS4-HMAC-SHA256-PAYLOAD"),
+        # Signature Version 2 has no place for the action header: it may not come at all.
+        (v2_listing, b"OrbAction: GetBucketAcl"),
+        (signed(tenant, "PUT", "/bkt/victim", body=b"v2 body", signer=HmacV1Auth), b"X-Copy-Source: /other/secret.txt"),
+    ]
+    for request, line in cases:
+        got = one_reply(tenant, with_header(request, line))
+        status = int(got.split(b" ", 2)[1])
+        assert (status, *error_fields(got)[:2]) == NOT_SIGNED, (line, got)
+        assert s3.get_object(Bucket=BUCKET, Key="victim")["Body"].read() == b"original", line
+    # The same requests as signed pass: only the added header was refused.
+    for request in (listing, v2_listing, presigned):
+        got = one_reply(tenant, request)
+        assert got.startswith(b"HTTP/1.1 200 OK\r\n") and b"<ListBucketResult" in got, got
+    assert one_reply(tenant, put).startswith(b"HTTP/1.1 200 OK\r\n")
+    assert s3.get_object(Bucket=BUCKET, Key="victim")["Body"].read() == b"replayed body"
+    # A V2 client binds the x-amz-* headers in what it signs: one added later breaks the signature.
+    got = one_reply(tenant, with_header(v2_listing, b"x-amz-copy-source: /other/secret.txt"))
+    assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and error_fields(got)[0] == "SignatureDoesNotMatch", got
+
+
+TOO_LONG = ("X-Amz-Expires must be less than a week (in seconds); that is, the given X-Amz-Expires must be less "
+            "than 604800 seconds")
+
+
+def test_a_presigned_url_lives_from_one_second_to_a_week(tenant):
+    s3 = client(tenant, "v4")
+    s3.put_object(Bucket=BUCKET, Key="presigned-life", Body=b"alive")
+    assert curl(tenant, presign(s3, "presigned-life", 604800)) == (200, b"alive")
+    url = presign(s3, "presigned-life", 600)
+    cases = [("0", "X-Amz-Expires must be greater than 0"), ("-1", "X-Amz-Expires must be non-negative"),
+             ("604801", TOO_LONG), ("18446744073709551617", TOO_LONG),
+             ("never", "X-Amz-Expires should be a number"), ("1.5", "X-Amz-Expires should be a number")]
+    for expires, message in cases:
+        status, body = curl(tenant, url.replace("X-Amz-Expires=600", "X-Amz-Expires=" + expires))
+        assert (status, *error_fields(body)[:2]) == (400, "AuthorizationQueryParametersError", message), expires

@@ -176,7 +176,7 @@ TEST(HttpParse, InvalidRequestLinesGiveTheirCodes)
     }
 }
 
-TEST(HttpParse, HeadsThatAreDroppedWithoutReply)
+TEST(HttpParse, HeadsThatAreRefused)
 {
     http_test::ensure_headers_hash();
     const std::string_view heads[] = {

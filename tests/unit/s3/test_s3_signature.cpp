@@ -307,15 +307,13 @@ TEST(S3Signature, MalformedOrUndatedCredentialsAreRefusedBeforeAnyCompare)
         {"/b", "AWS K:sig", "", ORBS3_S3_ACCESS_DENIED, "AWS authentication requires a valid Date or x-amz-date header"},
         {"/b", "AWS nocolon", date, ORBS3_S3_AUTH_HEADER_MALFORMED, nullptr},
         // Scope with more or fewer than four parts: no signing key, no match.
-        {"/b", "AWS4-HMAC-SHA256 Credential=K/20260314/r/s3, SignedHeaders=host, Signature=00", date,
+        {"/b", "AWS4-HMAC-SHA256 Credential=K/20260314/r/s3, SignedHeaders=host;x-amz-date, Signature=00", date,
          ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, nullptr},
-        {"/b", "AWS4-HMAC-SHA256 Credential=K/20260314/r/s3/aws4_request/x, SignedHeaders=host, Signature=00", date,
-         ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, nullptr},
+        {"/b", "AWS4-HMAC-SHA256 Credential=K/20260314/r/s3/aws4_request/x, SignedHeaders=host;x-amz-date, "
+               "Signature=00",
+         date, ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, nullptr},
         {"/b?X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=K%2F20260314%2Fr%2Fs3%2Faws4_request"
          "&X-Amz-Date=20260314T120000Z&X-Amz-SignedHeaders=host&X-Amz-Signature=00",
-         nullptr, "", ORBS3_S3_AUTH_HEADER_MALFORMED, nullptr},
-        {"/b?X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=K%2F20260314%2Fr%2Fs3%2Faws4_request"
-         "&X-Amz-Date=20260314T120000Z&X-Amz-Expires=-5&X-Amz-SignedHeaders=host&X-Amz-Signature=00",
          nullptr, "", ORBS3_S3_AUTH_HEADER_MALFORMED, nullptr},
         {"/b?X-Amz-Algorithm=AWS4-ECDSA-P256-SHA256&X-Amz-Credential=K%2F20260314%2Fr%2Fs3%2Faws4_request"
          "&X-Amz-Date=20260314T120000Z&X-Amz-Expires=5&X-Amz-SignedHeaders=host&X-Amz-Signature=00",
@@ -338,6 +336,110 @@ TEST(S3Signature, MalformedOrUndatedCredentialsAreRefusedBeforeAnyCompare)
             EXPECT_EQ(message, nullptr);
         }
     }
+}
+
+// A presigned URL lives from one second to a week; any other X-Amz-Expires makes it malformed, whatever
+// its signature, with the reason in the message.
+TEST(S3Signature, PresignedExpiryOutsideOneSecondToAWeekIsAMalformedQuery)
+{
+    struct row_t {
+        const char* expires;
+        uint32_t status;
+        const char* message;
+    };
+    const char* const too_long = "X-Amz-Expires must be less than a week (in seconds); that is, the given "
+                                 "X-Amz-Expires must be less than 604800 seconds";
+    const row_t rows[] = {
+        {"0", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires must be greater than 0"},
+        {"000", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires must be greater than 0"},
+        {"-5", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires must be non-negative"},
+        {"-0", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires must be non-negative"},
+        {"604801", ORBS3_S3_AUTH_QUERY_MALFORMED, too_long},
+        {"99999999999999999999999", ORBS3_S3_AUTH_QUERY_MALFORMED, too_long},
+        {"soon", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires should be a number"},
+        {"", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires should be a number"},
+        {"-", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires should be a number"},
+        {"+5", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires should be a number"},
+        {"1.5", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires should be a number"},
+        {"%2D5", ORBS3_S3_AUTH_QUERY_MALFORMED, "X-Amz-Expires must be non-negative"},
+        // In range: the made-up signature is what fails.
+        {"1", ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, nullptr},
+        {"604800", ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, nullptr},
+        {"0604800", ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, nullptr},
+    };
+    for (const row_t& row : rows) {
+        std::string head = std::string("GET /b?X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=K%2F20260314%2Fr%2Fs3"
+                                       "%2Faws4_request&X-Amz-Date=20260314T120000Z&X-Amz-Expires=") +
+                           row.expires + "&X-Amz-SignedHeaders=host&X-Amz-Signature=00 HTTP/1.1\r\nHost: h\r\n\r\n";
+        SCOPED_TRACE(head);
+        const char* message = "untouched";
+        EXPECT_EQ(authenticate(head, "secret", 1773489600, ORBS3_HOST_STYLE_PATH, &message), row.status);
+        if (row.message != nullptr) {
+            EXPECT_STREQ(message, row.message);
+        } else {
+            EXPECT_EQ(message, nullptr);
+        }
+    }
+    const orbs3_s3_error_t* e = orbs3_s3_find_error(ORBS3_S3_AUTH_QUERY_MALFORMED);
+    ASSERT_NE(e, nullptr);
+    EXPECT_STREQ(e->name, "AuthorizationQueryParametersError");
+    EXPECT_EQ(e->http_status, 400u);
+}
+
+// Every request a client signed correctly, replayed with one header more. A header that steers the
+// request must be bound by the signature: with V4 it must be on the signed list, V2 binds the x-amz-*
+// headers in its string and cannot carry OrbAction or X-Copy-Source at all. Other headers do not matter.
+TEST(S3Signature, ReplayedRequestsCannotGainAnUnsignedSteeringHeader)
+{
+    enum added_kind { STEERS_AMZ, STEERS_OTHER, HARMLESS };
+    struct added_t {
+        const char* line;
+        added_kind kind;
+    };
+    const added_t added[] = {
+        {"x-amz-copy-source: /other/secret.txt\r\n", STEERS_AMZ},
+        {"X-Amz-Meta-Added: v\r\n", STEERS_AMZ},
+        {"X-AMZ-CONTENT-SHA256: STREAMING-AWS4-HMAC-SHA256-PAYLOAD\r\n", STEERS_AMZ},
+        {"OrbAction: GetBucketAcl\r\n", STEERS_OTHER},
+        {"orbaction: GetBucketAcl\r\n", STEERS_OTHER},
+        {"X-Copy-Source: /other/secret.txt\r\n", STEERS_OTHER},
+        {"X-Amzn-Trace-Id: Root=1-abc\r\n", HARMLESS},
+        {"User-Agent: replayer\r\n", HARMLESS},
+    };
+    std::size_t checked = 0;
+    for (const signature_vector_t& v : kSignatureVectors) {
+        if (v.expect != 0)
+            continue;
+        const std::string_view name(v.name);
+        const bool v2 = name.starts_with("V2") || name.starts_with("PresignedV2");
+        std::string head(v.head);
+        std::string lower(head);
+        for (char& c : lower)
+            c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+        for (const added_t& a : added) {
+            std::string field(a.line, std::strchr(a.line, ':') + 1);
+            for (char& c : field)
+                c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+            const bool present = lower.find("\r\n" + field) != std::string::npos;
+            std::string replayed = head.substr(0, head.size() - 2) + a.line + "\r\n";
+            SCOPED_TRACE(std::string(v.name) + " + " + a.line);
+            const char* message = nullptr;
+            uint32_t want = 0;
+            if (a.kind == STEERS_OTHER || (a.kind == STEERS_AMZ && !v2))
+                want = ORBS3_S3_ACCESS_DENIED;
+            if (a.kind == STEERS_AMZ && v2)
+                want = ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
+            // A second value of a header the client signed: the name is listed, the value is not.
+            if (present && a.kind != HARMLESS)
+                want = ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
+            EXPECT_EQ(authenticate(replayed, v.secret, static_cast<time_t>(v.now), v.host_style, &message), want);
+            if (want == ORBS3_S3_ACCESS_DENIED) {
+                EXPECT_STREQ(message, "There were headers present in the request which were not signed");
+            }
+            checked++;
+        }
+    }
+    EXPECT_GT(checked, 300u);
 }
 
 // ---- canonical forms ----
