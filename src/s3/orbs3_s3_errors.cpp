@@ -147,6 +147,7 @@ const orbs3_s3_error_t g_s3_error_info[] = {
     {0xc000402, 412, "PreconditionFailed", "At least one of the preconditions you specified did not hold."},
     {0xc000403, 400, "InvalidRequest", "A key stands where this key needs a directory, or the reverse."},
     {0xc000404, 400, "BadDigest", "The checksum you specified did not match what we received."},
+    {0xc000420, 416, "InvalidPartNumber", "The requested partnumber is not satisfiable"},
     {0xffffffff, 0, "EndOff", nullptr},
 };
 

@@ -894,6 +894,10 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         meta.values[meta.n] = v;
         meta.n++;
     }
+    // The parts stay known, for GetObject ?partNumber.
+    const std::string parts_text = orbs3_multipart_parts_text(chosen);
+    meta.parts = parts_text;
+
     const std::string stamp = now_stamp();
     if (orbs3_object_write_record(r, ctx.key, path.meta_path, path.data_path, etag, total, stamp.c_str(), &meta) != 0)
         ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);

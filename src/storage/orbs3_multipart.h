@@ -86,6 +86,17 @@ struct orbs3_multipart_request_part_t {
 // `out` gets at most 32 + 1 + 5 characters and a NUL.
 void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& parts, char out[40]);
 
+// The sizes of an assembled object's parts as its record keeps them: blank-separated, a run of equal sizes
+// as "<size>*<run>", so the usual upload of equal parts and a shorter last one takes two words.
+[[nodiscard]] std::string orbs3_multipart_parts_text(const std::vector<const orbs3_multipart_part_t*>& parts);
+// Part `number` of an object of `object_size` bytes whose record keeps `parts`: 0 with the part's offset
+// and size and the part count set; 1 with the count set when the object has no such part; -1 when the
+// text is not a list of sizes adding up to the object's size.
+[[nodiscard]] int orbs3_multipart_find_part(std::string_view parts, int64_t object_size, int number,
+                                            int64_t* offset, int64_t* size, int* count);
+// Word `n` (from 1) of a blank-separated text; empty when there is none.
+[[nodiscard]] std::string_view orbs3_multipart_nth_word(std::string_view text, int n);
+
 // x-amz-copy-source-range: "bytes=<first>-<last>" inside an object of `size` bytes. True with *first and
 // *len set; false for any other text or a range that leaves the object.
 [[nodiscard]] bool orbs3_multipart_parse_copy_range(std::string_view value, int64_t size, int64_t* first,

@@ -312,6 +312,67 @@ void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& part
     std::snprintf(end, 40 - 2 * NEO_MD5_LEN, "-%zu", parts.size());
 }
 
+std::string orbs3_multipart_parts_text(const std::vector<const orbs3_multipart_part_t*>& parts)
+{
+    std::string out;
+    for (std::size_t i = 0; i < parts.size();) {
+        std::size_t run = 1;
+        while (i + run < parts.size() && parts[i + run]->size == parts[i]->size)
+            run++;
+        if (!out.empty())
+            out.push_back(' ');
+        out.append(std::to_string(parts[i]->size));
+        if (run > 1)
+            out.append("*").append(std::to_string(run));
+        i += run;
+    }
+    return out;
+}
+
+int orbs3_multipart_find_part(std::string_view parts, int64_t object_size, int number, int64_t* offset,
+                              int64_t* size, int* count)
+{
+    int64_t at = 0;
+    int seen = 0;
+    bool found = false;
+    while (!parts.empty()) {
+        const std::size_t sp = parts.find(' ');
+        std::string_view word = parts.substr(0, sp);
+        parts = sp == std::string_view::npos ? std::string_view() : parts.substr(sp + 1);
+        const std::size_t star = word.find('*');
+        uint64_t len = 0, run = 1;
+        if (!parse_u64(word.substr(0, star), &len) ||
+            (star != std::string_view::npos && (!parse_u64(word.substr(star + 1), &run) || run == 0)) ||
+            run > static_cast<uint64_t>(ORBS3_MULTIPART_MAX_PART - seen) ||
+            len > static_cast<uint64_t>(ORBS3_MULTIPART_MAX_PART_SIZE))
+            return -1;
+        if (!found && number > seen && number <= seen + static_cast<int>(run)) {
+            found = true;
+            *offset = at + static_cast<int64_t>(len) * (number - seen - 1);
+            *size = static_cast<int64_t>(len);
+        }
+        at += static_cast<int64_t>(len * run);
+        seen += static_cast<int>(run);
+    }
+    if (seen == 0 || at != object_size)
+        return -1;
+    *count = seen;
+    return found ? 0 : 1;
+}
+
+std::string_view orbs3_multipart_nth_word(std::string_view text, int n)
+{
+    for (int i = 1; n >= 1 && !text.empty(); i++) {
+        const std::size_t sp = text.find(' ');
+        if (i == n)
+            return text.substr(0, sp);
+        if (sp == std::string_view::npos)
+            break;
+        text.remove_prefix(sp + 1);
+    }
+    return {};
+}
+
 bool orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t* first, int64_t* len)
 {
     if (!v.starts_with("bytes="))
