@@ -206,7 +206,7 @@ int check_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
     if (orbs3_checksum_final_base64(&st->checksum, st->checksum_value, sizeof st->checksum_value) == 0)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     if (sent.empty())
-        return static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+        return st->checksum_own ? 0 : static_cast<int>(ORBS3_S3_INVALID_REQUEST);
     if (sent == st->checksum_value)
         return 0;
     r->resp.message = orbs3_checksum_mismatch_message(st->checksum.alg);
