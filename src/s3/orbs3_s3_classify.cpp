@@ -401,8 +401,9 @@ int classify_get(orbs3_http_request_t* r, bool virtual_style)
             return set_action(r, "GetObject");
         // Only an upload id names an upload: ?partNumber=N alone reads a part of the object.
         const char* a = match_query(q.entries(), orbs3_get_object_params);
+        char id[FORM_VALUE_AREA];
         if (a == nullptr)
-            a = query_has(q.entries(), "uploadId") ? "ListParts" : "GetObject";
+            a = cgiFormString(q.entries(), "uploadId", id, sizeof id) != cgiFormNotFound ? "ListParts" : "GetObject";
         return set_action(r, a);
     }
 
