@@ -380,6 +380,15 @@ def test_undeclared_uploads_and_copied_parts_give_a_checksum_only_when_exact(ten
     assert checksum_headers(got) == {"x-amz-checksum-crc32": checksum_b64("CRC32", source),
                                      "x-amz-checksum-type": "FULL_OBJECT"}
 
+    # Forms S3 does not have are refused when the upload is created.
+    for declared in ({"x-amz-checksum-algorithm": "SHA1", "x-amz-checksum-type": "FULL_OBJECT"},
+                     {"x-amz-checksum-algorithm": "CRC64NVME", "x-amz-checksum-type": "COMPOSITE"},
+                     {"x-amz-checksum-algorithm": "CRC32", "x-amz-checksum-type": "WHOLE"},
+                     {"x-amz-checksum-algorithm": "MD5"}, {"x-amz-checksum-type": "COMPOSITE"}):
+        s3 = extra_headers(client(tenant), declared)
+        assert s3_error(lambda: s3.create_multipart_upload(Bucket=BUCKET, Key="exact/refused")) == (
+            400, "InvalidRequest"), declared
+
 
 # ---- part bodies are verified as PutObject bodies are ----
 
