@@ -141,9 +141,9 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
             std::snprintf(text, sizeof text, "%.*s", static_cast<int>(name.size()), name.data());
             rc |= add(r, text, o.checksum);
             // A composite value carries its part count behind a dash.
+            const bool composite = o.checksum.find('-') != std::string_view::npos;
             if (o.whole)
-                rc |= orbs3_http_set_response_headers(
-                    r, "x-amz-checksum-type", o.checksum.find('-') == std::string_view::npos ? "FULL_OBJECT" : "COMPOSITE");
+                rc |= orbs3_http_set_response_headers(r, "x-amz-checksum-type", composite ? "COMPOSITE" : "FULL_OBJECT");
         }
     }
     if (rec->meta.next != nullptr) {
