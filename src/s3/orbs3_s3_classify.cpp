@@ -399,8 +399,12 @@ int classify_get(orbs3_http_request_t* r, bool virtual_style)
     if (t.at == level::object) {
         if (!names_operation(q))
             return set_action(r, "GetObject");
+        // Only an upload id names an upload: ?partNumber=N alone reads a part of the object.
         const char* a = match_query(q.entries(), orbs3_get_object_params);
-        return set_action(r, a != nullptr ? a : "ListParts");
+        char id[FORM_VALUE_AREA];
+        if (a == nullptr)
+            a = cgiFormString(q.entries(), "uploadId", id, sizeof id) != cgiFormNotFound ? "ListParts" : "GetObject";
+        return set_action(r, a);
     }
 
     const char* a = match_header(r, orbs3_get_bucket_params);

@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <iterator>
+#include <utility>
 #include <strings.h>
 
 #include "control/orbs3_service.h"
@@ -651,6 +652,13 @@ int parse_complete_multipart_upload_xmlstring(const char* text, neo_list_head_t*
         rec->part_number = orbs3_xml_get_textint(p, "PartNumber");
         if (orbs3_pack_xml_text_str(p, "ETag", &rec->etag, pool) != 0)
             rec->etag = {0, nullptr};
+        static constexpr std::pair<const char*, const char*> checksums[] = {
+            {"ChecksumCRC32", "CRC32"}, {"ChecksumCRC32C", "CRC32C"}, {"ChecksumCRC64NVME", "CRC64NVME"},
+            {"ChecksumSHA1", "SHA1"},   {"ChecksumSHA256", "SHA256"}};
+        for (const auto& [element, alg] : checksums) {
+            if (rec->checksum_algorithm == nullptr && orbs3_pack_xml_text_str(p, element, &rec->checksum, pool) == 0)
+                rec->checksum_algorithm = alg;
+        }
     }
     return 0;
 }

@@ -40,6 +40,9 @@ struct orbs3_part_t {
     orbs3_str_t etag;
     orbs3_str_t last_modified;  // writer only
     uint64_t size;              // writer only
+    // A Checksum<alg> element of a Complete document's part: "CRC32", ... (static text) and its value.
+    const char* checksum_algorithm;
+    orbs3_str_t checksum;
 };
 
 struct orbs3_del_key_t {

@@ -64,6 +64,7 @@ inline constexpr uint32_t ORBS3_S3_PRECONDITION_FAILED = 0xc000402;
 inline constexpr uint32_t ORBS3_S3_KEY_CONFLICT = 0xc000403;
 inline constexpr uint32_t ORBS3_S3_CHECKSUM_MISMATCH = 0xc000404;
 inline constexpr uint32_t ORBS3_S3_AUTH_QUERY_MALFORMED = 0xc000405;
+inline constexpr uint32_t ORBS3_S3_INVALID_PART_NUMBER = 0xc000420;
 
 // The first row with the code, or null.
 [[nodiscard]] const orbs3_s3_error_t* orbs3_s3_find_error(uint32_t code);

@@ -30,6 +30,7 @@
 #include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_checksum.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
@@ -423,7 +424,8 @@ int fsync_path(const char* path)
 
 // A part whose bytes are whole in the temporary file `tmp` goes into place: the file flushed and renamed
 // to its number, then its record written. 0 or a status.
-int install_part(const char* staging, int number, const char* tmp, int64_t size, const uint8_t md5[NEO_MD5_LEN])
+int install_part(const char* staging, int number, const char* tmp, int64_t size, const uint8_t md5[NEO_MD5_LEN],
+                 std::string_view checksum_algorithm = {}, std::string_view checksum = {})
 {
     if (fsync_path(tmp) != 0) {
         ipd_log(LOG_ERR, "fsync %s failed: %s", tmp, std::strerror(errno));
@@ -438,6 +440,10 @@ int install_part(const char* staging, int number, const char* tmp, int64_t size,
     std::memcpy(part.md5, md5, NEO_MD5_LEN);
     part.ino = st.st_ino;
     part.modified = now_stamp();
+    if (!checksum.empty()) {
+        part.checksum_algorithm = checksum_algorithm;
+        part.checksum = checksum;
+    }
     char data[ORBS3_PATH_AREA], rec[ORBS3_PATH_AREA];
     std::snprintf(data, sizeof data, "%s/%d", staging, number);
     int n = std::snprintf(rec, sizeof rec, "%s/%d%.*s", staging, number, static_cast<int>(kPartRecordSuffix.size()),
@@ -478,11 +484,49 @@ struct part_state_t {
 int part_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
 {
     auto* st = static_cast<part_state_t*>(body->owner);
-    int rc = install_part(st->ctx.staging, st->number, body->file.path, body->file.size, body->md5);
+    const bool has_checksum = body->checksum.alg != orbs3_checksum_alg::none;
+    int rc = install_part(st->ctx.staging, st->number, body->file.path, body->file.size, body->md5,
+                          orbs3_checksum_word(body->checksum.alg), has_checksum ? body->checksum_value : "");
     if (rc != 0)
         return rc;
     body->committed = true;
     return send_part_etag(r, body->file.etag);
+}
+
+// A part's additional checksum is of the upload's algorithm, when it declared one: a part sent with
+// another is refused, a part sent without one gets it computed. 0 or a status.
+int part_checksum(orbs3_http_request_t* r, const upload_ctx& ctx, orbs3_object_body_t* body)
+{
+    const orbs3_checksum_alg want = orbs3_checksum_alg_of_word(ctx.up.checksum_algorithm);
+    if (want == orbs3_checksum_alg::none || body->checksum.alg == want)
+        return 0;
+    if (body->checksum.alg != orbs3_checksum_alg::none) {
+        r->resp.message = "The checksum algorithm of the part is not the one its upload was created with.";
+        return status(ORBS3_S3_INVALID_REQUEST);
+    }
+    body->checksum_own = true;
+    return orbs3_checksum_init(&body->checksum, want) == 0 ? 0 : status(ORBS3_S3_INTERNAL_ERROR);
+}
+
+// "<ChecksumCRC32>value</ChecksumCRC32>" and so on, as S3's documents carry a checksum.
+void checksum_elem(std::string* doc, std::string_view algorithm, std::string_view value)
+{
+    if (!algorithm.empty() && !value.empty())
+        xml_elem(doc, "Checksum" + std::string(algorithm), value);
+}
+
+// x-amz-checksum-<alg> on a Complete: the client's own value of the whole object (without the part count
+// of a composite one, or with it) must be the one its parts give. 0 or a status.
+int check_whole_checksum(orbs3_http_request_t* r, std::string_view alg, std::string_view value)
+{
+    std::string_view sent;
+    const orbs3_checksum_alg a = orbs3_checksum_alg_of_word(alg);
+    if (value.empty() || !orbs3_sign_find_header(r, orbs3_checksum_header_name(a), &sent))
+        return 0;
+    if (sent == value || sent == value.substr(0, value.find('-')))
+        return 0;
+    r->resp.message = orbs3_checksum_mismatch_message(a);
+    return status(ORBS3_S3_CHECKSUM_MISMATCH);
 }
 
 // UploadPartCopy: the part's bytes come from an object (a range of it) of this vhost. They are read once
@@ -528,6 +572,10 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
     neo_md5_t md5;
     std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[kCopyBuffer]);
     bool ok = buf != nullptr && neo_md5_init(&md5) == 0;
+    // The copied bytes get the upload's checksum, as a part sent with it would.
+    orbs3_checksum_t checksum;
+    const orbs3_checksum_alg alg = orbs3_checksum_alg_of_word(ctx->up.checksum_algorithm);
+    ok = ok && (alg == orbs3_checksum_alg::none || orbs3_checksum_init(&checksum, alg) == 0);
     for (int64_t at = first, left = len; ok && left > 0;) {
         ssize_t n = pread(in.fd, buf.get(), static_cast<std::size_t>(std::min<int64_t>(left, kCopyBuffer)), at);
         if (n < 0 && errno == EINTR)
@@ -537,6 +585,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
             break;
         }
         (void)neo_md5_update(&md5, buf.get(), static_cast<std::size_t>(n));
+        orbs3_checksum_update(&checksum, buf.get(), static_cast<std::size_t>(n));
         for (ssize_t done = 0; ok && done < n;) {
             ssize_t w = write(out.fd, buf.get() + done, static_cast<std::size_t>(n - done));
             if (w < 0 && errno == EINTR)
@@ -548,11 +597,13 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         left -= n;
     }
     uint8_t digest[NEO_MD5_LEN];
-    if (!ok || neo_md5_final(digest, &md5) != 0) {
+    char value[ORBS3_CHECKSUM_BASE64_MAX + 1] = "";
+    if (!ok || neo_md5_final(digest, &md5) != 0 ||
+        (alg != orbs3_checksum_alg::none && orbs3_checksum_final_base64(&checksum, value, sizeof value) == 0)) {
         unlink(tmp);
         return status(ORBS3_S3_INTERNAL_ERROR);
     }
-    int rc = install_part(ctx->staging, number, tmp, len, digest);
+    int rc = install_part(ctx->staging, number, tmp, len, digest, ctx->up.checksum_algorithm, value);
     if (rc != 0) {
         unlink(tmp);
         return rc;
@@ -562,6 +613,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
     std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<CopyPartResult>";
     xml_elem(&doc, "ETag", "\"" + std::string(hex) + "\"");
     xml_elem(&doc, "LastModified", now_stamp());
+    checksum_elem(&doc, ctx->up.checksum_algorithm, value);
     doc.append("</CopyPartResult>");
     return send_document(r, doc);
 }
@@ -599,7 +651,8 @@ int assemble(const char* staging, const char* data_dir, const std::vector<const 
 }
 
 // The reply of a Complete, the same for the first request and for one sent again.
-int send_complete_result(orbs3_http_request_t* r, const orbs3_bucket_t* b, std::string_view key, const char* etag)
+int send_complete_result(orbs3_http_request_t* r, const orbs3_bucket_t* b, std::string_view key, const char* etag,
+                         std::string_view checksum_alg, std::string_view checksum)
 {
     std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                       "<CompleteMultipartUploadResult xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">";
@@ -609,6 +662,10 @@ int send_complete_result(orbs3_http_request_t* r, const orbs3_bucket_t* b, std::
     xml_elem(&doc, "Bucket", neo_getstr(&b->name));
     xml_elem(&doc, "Key", key);
     xml_elem(&doc, "ETag", "\"" + std::string(etag) + "\"");
+    if (!checksum.empty()) {
+        checksum_elem(&doc, checksum_alg, checksum);
+        xml_elem(&doc, "ChecksumType", checksum.find('-') != std::string_view::npos ? "COMPOSITE" : "FULL_OBJECT");
+    }
     doc.append("</CompleteMultipartUploadResult>");
     return send_document(r, doc);
 }
@@ -633,7 +690,7 @@ int answer_completed(orbs3_http_request_t* r, const upload_ctx& ctx, std::string
         return status(ORBS3_S3_NO_SUCH_UPLOAD);
     ipd_log(LOG_INFO, "upload %.*s: Complete sent again, answered with its result", static_cast<int>(id.size()),
             id.data());
-    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag);
+    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag, view(rec->checksum_algorithm), view(rec->checksum));
 }
 
 // The staging directory and the claimed record go; the index directory too once it is empty (so that an
@@ -675,6 +732,44 @@ void prune_key_dirs(const orbs3_bucket_t* b, std::string_view key)
     }
 }
 
+// The additional checksum an upload declares: x-amz-checksum-algorithm, and x-amz-checksum-type for the
+// form of the object's (COMPOSITE unless said, FULL_OBJECT for CRC64NVME, which has no other). 0 or a
+// status.
+int declared_checksum(orbs3_http_request_t* r, orbs3_multipart_upload_t* up)
+{
+    std::string_view word, type;
+    const bool has_alg = orbs3_sign_find_header(r, "x-amz-checksum-algorithm", &word);
+    const bool has_type = orbs3_sign_find_header(r, "x-amz-checksum-type", &type);
+    if (!has_alg && !has_type)
+        return 0;
+    if (!has_alg) {
+        r->resp.message = "The x-amz-checksum-type header can only be used with the x-amz-checksum-algorithm header.";
+        return status(ORBS3_S3_INVALID_REQUEST);
+    }
+    const orbs3_checksum_alg alg = orbs3_checksum_alg_of_word(word);
+    if (alg == orbs3_checksum_alg::none) {
+        r->resp.message = "Checksum algorithm provided is unsupported. Please try again with any of the valid types: "
+                          "[CRC32, CRC32C, CRC64NVME, SHA1, SHA256]";
+        return status(ORBS3_S3_INVALID_REQUEST);
+    }
+    bool full = alg == orbs3_checksum_alg::crc64nvme;
+    if (has_type && !orbs3_sign_iequals(type, "FULL_OBJECT") && !orbs3_sign_iequals(type, "COMPOSITE")) {
+        r->resp.message = "Value for x-amz-checksum-type header is invalid.";
+        return status(ORBS3_S3_INVALID_REQUEST);
+    }
+    if (has_type)
+        full = orbs3_sign_iequals(type, "FULL_OBJECT");
+    orbs3_checksum_parts_t probe;
+    if (orbs3_checksum_parts_init(&probe, alg, full) != 0) {
+        r->resp.message = full ? "The FULL_OBJECT checksum type cannot be used with this checksum algorithm."
+                               : "The COMPOSITE checksum type cannot be used with this checksum algorithm.";
+        return status(ORBS3_S3_INVALID_REQUEST);
+    }
+    up->checksum_algorithm = orbs3_checksum_word(alg);
+    up->checksum_type = full ? "FULL_OBJECT" : "COMPOSITE";
+    return 0;
+}
+
 }  // namespace
 
 int orbs3_create_multipart_upload_object(orbs3_http_request_t* r)
@@ -712,6 +807,8 @@ int orbs3_create_multipart_upload_object(orbs3_http_request_t* r)
     up.expires = meta.expires;
     for (std::size_t i = 0; i < meta.n; i++)
         up.meta.emplace_back(meta.keys[i], meta.values[i]);
+    if (rc = declared_checksum(r, &up); rc != 0)
+        return rc;
 
     char staging[ORBS3_PATH_AREA];
     if (orbs3_multipart_staging_path(raw, key, id, staging, sizeof staging) != 0)
@@ -768,6 +865,8 @@ int orbs3_upload_part_object(orbs3_http_request_t* r)
     // An aws-chunked body's length is checked again as it decodes.
     st->body.limit = orbs3_upload_part_size_limit(r->vhost, st->ctx.bucket.get());
     if (int rc = orbs3_object_body_prepare(r, &st->body); rc != 0)
+        return rc;
+    if (int rc = part_checksum(r, st->ctx, &st->body); rc != 0)
         return rc;
     int fd = make_temp(st->ctx.staging, st->body.file.path, sizeof st->body.file.path);
     if (fd < 0)
@@ -826,6 +925,7 @@ int orbs3_list_parts_object(orbs3_http_request_t* r)
         xml_elem(&body, "LastModified", p.modified);
         xml_elem(&body, "ETag", "\"" + std::string(hex) + "\"");
         xml_elem(&body, "Size", std::to_string(p.size));
+        checksum_elem(&body, p.checksum_algorithm, p.checksum);
         body.append("</Part>");
         shown++;
         last = p.number;
@@ -833,6 +933,10 @@ int orbs3_list_parts_object(orbs3_http_request_t* r)
     xml_elem(&doc, "NextPartNumberMarker", std::to_string(last));
     xml_elem(&doc, "MaxParts", std::to_string(max));
     xml_elem(&doc, "IsTruncated", truncated ? "true" : "false");
+    if (!ctx.up.checksum_algorithm.empty()) {
+        xml_elem(&doc, "ChecksumAlgorithm", ctx.up.checksum_algorithm);
+        xml_elem(&doc, "ChecksumType", ctx.up.checksum_type);
+    }
     doc.append(body);
     doc.append("</ListPartsResult>");
     return send_document(r, doc);
@@ -853,7 +957,10 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         list_for_each(pos, &list)
         {
             auto* p = list_entry(pos, orbs3_part_t, link);
-            req.push_back({p->part_number, view(p->etag)});
+            req.push_back({p->part_number, view(p->etag),
+                           p->checksum_algorithm != nullptr ? std::string_view(p->checksum_algorithm)
+                                                            : std::string_view(),
+                           view(p->checksum)});
         }
         return req.empty() ? status(ORBS3_S3_MALFORMED_XML) : 0;
     };
@@ -899,6 +1006,18 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
                                    [](const orbs3_multipart_part_t& p, int n) { return p.number < n; });
         chosen.push_back(&*it);
     }
+    // The object's additional checksum, from its parts' (none when it is not known exactly); a value the
+    // client computed of the whole must be that one.
+    std::string checksum_alg, part_checksums;
+    char checksum[ORBS3_CHECKSUM_TEXT_MAX + 1] = "";
+    if (!orbs3_multipart_object_checksum(ctx.up, chosen, &checksum_alg, checksum, &part_checksums)) {
+        checksum_alg.clear();
+        part_checksums.clear();
+        checksum[0] = '\0';
+    }
+    if (int rc = check_whole_checksum(r, checksum_alg, checksum); rc != 0)
+        return release(rc);
+
     // The assembled object obeys the same file_threshold as one sent whole.
     int64_t sum = 0;
     for (const orbs3_multipart_part_t* p : chosen)
@@ -932,6 +1051,12 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         meta.n++;
     }
     meta.upload_id = ctx.up.upload_id;
+    // The parts stay known, for GetObject ?partNumber.
+    const std::string parts_text = orbs3_multipart_parts_text(chosen);
+    meta.parts = parts_text;
+    meta.checksum_algorithm = checksum_alg;
+    meta.checksum = checksum;
+    meta.part_checksums = part_checksums;
     orbs3_object_before_t before;
     {
         orbs3_commit_lock_t lock;
@@ -951,7 +1076,7 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     }
     orbs3_object_count_commit(r, b, before, total);
     drop_upload(ctx, claimed);
-    return send_complete_result(r, b, ctx.key, etag);
+    return send_complete_result(r, b, ctx.key, etag, checksum_alg, checksum);
 }
 
 int orbs3_abort_multipart_upload_object(orbs3_http_request_t* r)

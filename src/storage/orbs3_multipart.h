@@ -45,6 +45,9 @@ struct orbs3_multipart_upload_t {
     std::string created;  // record time stamp
     std::string content_type, cache_control, content_disposition, content_encoding, expires;
     std::vector<std::pair<std::string, std::string>> meta;  // x-amz-meta-<name> (lower case), value
+    // The additional checksum the upload declared (x-amz-checksum-algorithm, "CRC32", ...) and the form
+    // of the object's ("COMPOSITE" or "FULL_OBJECT"); empty when none was declared.
+    std::string checksum_algorithm, checksum_type;
 };
 
 // A part as its record keeps it.
@@ -54,12 +57,15 @@ struct orbs3_multipart_part_t {
     uint8_t md5[NEO_MD5_LEN] = {};
     uint64_t ino = 0;  // the inode of the part's bytes this record describes
     std::string modified;
+    std::string checksum_algorithm, checksum;  // the part's additional checksum, when it has one
 };
 
 // A part a Complete document names.
 struct orbs3_multipart_request_part_t {
     int number;
     std::string_view etag;  // as sent: quotes allowed
+    std::string_view checksum_algorithm = {};  // "CRC32", ... of a Checksum<alg> element, and its value
+    std::string_view checksum = {};
 };
 
 // The record texts. Render never fails; parse gives 0, or -1 for a text that is not a whole record of
@@ -78,8 +84,8 @@ struct orbs3_multipart_request_part_t {
 
 // The checks of a Complete document against the stored parts (`stored` sorted by number): the document
 // lists at least one part (MalformedXML), its numbers strictly ascending (InvalidPartOrder), each part
-// exists with the ETag given (InvalidPart), and each part but the last has at least `min_part` bytes
-// (EntityTooSmall). 0 or the status; *bad the index in `req` of the part at fault.
+// exists with the ETag and the checksum given (InvalidPart), and each part but the last has at least
+// `min_part` bytes (EntityTooSmall). 0 or the status; *bad the index in `req` of the part at fault.
 [[nodiscard]] int orbs3_multipart_check_complete(const std::vector<orbs3_multipart_request_part_t>& req,
                                                  const std::vector<orbs3_multipart_part_t>& stored,
                                                  int64_t min_part, std::size_t* bad);
@@ -98,6 +104,26 @@ void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& part
 // False when one of them is not an MD5 or the list is empty.
 [[nodiscard]] bool orbs3_multipart_document_etag(const std::vector<orbs3_multipart_request_part_t>& req,
                                                  char out[40]);
+// The sizes of an assembled object's parts as its record keeps them: blank-separated, a run of equal sizes
+// as "<size>*<run>", so the usual upload of equal parts and a shorter last one takes two words.
+[[nodiscard]] std::string orbs3_multipart_parts_text(const std::vector<const orbs3_multipart_part_t*>& parts);
+// Part `number` of an object of `object_size` bytes whose record keeps `parts`: 0 with the part's offset
+// and size and the part count set; 1 with the count set when the object has no such part; -1 when the
+// text is not a list of sizes adding up to the object's size.
+[[nodiscard]] int orbs3_multipart_find_part(std::string_view parts, int64_t object_size, int number,
+                                            int64_t* offset, int64_t* size, int* count);
+// Word `n` (from 1) of a blank-separated text; empty when there is none.
+[[nodiscard]] std::string_view orbs3_multipart_nth_word(std::string_view text, int n);
+
+// The additional checksum of the object assembled from `parts`, in the form the upload declared: the
+// algorithm and type declared, or, when none was, the full-object CRC the parts all carry. True with
+// *alg and *value (ORBS3_CHECKSUM_TEXT_MAX + 1 bytes) set and *part_values the parts' values
+// blank-separated; false when the object's checksum is not known exactly (a part without a value of that
+// algorithm).
+[[nodiscard]] bool orbs3_multipart_object_checksum(const orbs3_multipart_upload_t& up,
+                                                   const std::vector<const orbs3_multipart_part_t*>& parts,
+                                                   std::string* alg, char* value, std::string* part_values);
+
 
 struct orbs3_vhost_t;
 // The largest part a request may send: S3's 5 GiB, lowered by the tenant's and the bucket's

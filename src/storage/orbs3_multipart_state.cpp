@@ -8,6 +8,7 @@
 #include "control/orbs3_service.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
+#include "storage/orbs3_checksum.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object_body.h"
@@ -124,6 +125,13 @@ bool etag_matches(std::string_view sent, const uint8_t md5[NEO_MD5_LEN])
     return parse_md5_hex(sent, got) && std::memcmp(got, md5, NEO_MD5_LEN) == 0;
 }
 
+// A checksum the document names must be the part's own, of the same algorithm.
+bool checksum_matches(const orbs3_multipart_request_part_t& req, const orbs3_multipart_part_t& stored)
+{
+    return req.checksum.empty() ||
+           (req.checksum_algorithm == stored.checksum_algorithm && req.checksum == stored.checksum);
+}
+
 }  // namespace
 
 std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up)
@@ -140,6 +148,10 @@ std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up)
     put_field(&out, "content-disposition", up.content_disposition);
     put_field(&out, "content-encoding", up.content_encoding);
     put_field(&out, "expires", up.expires);
+    if (!up.checksum_algorithm.empty()) {
+        put_field(&out, "checksum-algorithm", up.checksum_algorithm);
+        put_field(&out, "checksum-type", up.checksum_type);
+    }
     for (const auto& [name, value] : up.meta) {
         out.append("meta ");
         put_encoded(&out, name);
@@ -165,6 +177,8 @@ int orbs3_multipart_parse_upload(std::string_view text, orbs3_multipart_upload_t
                              : name == "content-disposition" ? &up->content_disposition
                              : name == "content-encoding"    ? &up->content_encoding
                              : name == "expires"             ? &up->expires
+                             : name == "checksum-algorithm"  ? &up->checksum_algorithm
+                             : name == "checksum-type"       ? &up->checksum_type
                                                              : nullptr;
         if (field != nullptr)
             return get_encoded(value, field);
@@ -196,6 +210,10 @@ std::string orbs3_multipart_render_part(const orbs3_multipart_part_t& part)
                   static_cast<int>(kPartMagic.size()), kPartMagic.data(), part.number, part.size, md5, part.ino);
     std::string out(text);
     put_field(&out, "modified", part.modified);
+    if (!part.checksum.empty()) {
+        put_field(&out, "checksum-algorithm", part.checksum_algorithm);
+        put_field(&out, "checksum", part.checksum);
+    }
     return out;
 }
 
@@ -224,6 +242,10 @@ int orbs3_multipart_parse_part(std::string_view text, orbs3_multipart_part_t* pa
                 return false;
         } else if (name == "modified") {
             return get_encoded(value, &part->modified);
+        } else if (name == "checksum-algorithm") {
+            return get_encoded(value, &part->checksum_algorithm);
+        } else if (name == "checksum") {
+            return get_encoded(value, &part->checksum);
         }
         return true;
     });
@@ -287,7 +309,8 @@ int orbs3_multipart_check_complete(const std::vector<orbs3_multipart_request_par
     for (std::size_t i = 0; i < req.size(); i++) {
         while (at < stored.size() && stored[at].number < req[i].number)
             at++;
-        if (at == stored.size() || stored[at].number != req[i].number || !etag_matches(req[i].etag, stored[at].md5)) {
+        if (at == stored.size() || stored[at].number != req[i].number || !etag_matches(req[i].etag, stored[at].md5) ||
+            !checksum_matches(req[i], stored[at])) {
             *bad = i;
             return static_cast<int>(ORBS3_S3_INVALID_PART);
         }
@@ -310,6 +333,97 @@ void orbs3_multipart_etag(const std::vector<const orbs3_multipart_part_t*>& part
     }
     char* end = neo_hex(out, digest, NEO_MD5_LEN);
     std::snprintf(end, 40 - 2 * NEO_MD5_LEN, "-%zu", parts.size());
+}
+
+std::string orbs3_multipart_parts_text(const std::vector<const orbs3_multipart_part_t*>& parts)
+{
+    std::string out;
+    for (std::size_t i = 0; i < parts.size();) {
+        std::size_t run = 1;
+        while (i + run < parts.size() && parts[i + run]->size == parts[i]->size)
+            run++;
+        if (!out.empty())
+            out.push_back(' ');
+        out.append(std::to_string(parts[i]->size));
+        if (run > 1)
+            out.append("*").append(std::to_string(run));
+        i += run;
+    }
+    return out;
+}
+
+int orbs3_multipart_find_part(std::string_view parts, int64_t object_size, int number, int64_t* offset,
+                              int64_t* size, int* count)
+{
+    int64_t at = 0;
+    int seen = 0;
+    bool found = false;
+    for (bool more = true; more;) {
+        const std::size_t sp = parts.find(' ');
+        const std::string_view word = parts.substr(0, sp);
+        more = sp != std::string_view::npos;
+        parts = more ? parts.substr(sp + 1) : std::string_view();
+        const std::size_t star = word.find('*');
+        uint64_t len = 0, run = 1;
+        if (!parse_u64(word.substr(0, star), &len) ||
+            (star != std::string_view::npos && (!parse_u64(word.substr(star + 1), &run) || run == 0)) ||
+            run > static_cast<uint64_t>(ORBS3_MULTIPART_MAX_PART - seen) ||
+            len > static_cast<uint64_t>(ORBS3_MULTIPART_MAX_PART_SIZE))
+            return -1;
+        if (!found && number > seen && number <= seen + static_cast<int>(run)) {
+            found = true;
+            *offset = at + static_cast<int64_t>(len) * (number - seen - 1);
+            *size = static_cast<int64_t>(len);
+        }
+        at += static_cast<int64_t>(len * run);
+        seen += static_cast<int>(run);
+    }
+    if (seen == 0 || at != object_size)
+        return -1;
+    *count = seen;
+    return found ? 0 : 1;
+}
+
+std::string_view orbs3_multipart_nth_word(std::string_view text, int n)
+{
+    for (int i = 1; n >= 1 && !text.empty(); i++) {
+        const std::size_t sp = text.find(' ');
+        if (i == n)
+            return text.substr(0, sp);
+        if (sp == std::string_view::npos)
+            break;
+        text.remove_prefix(sp + 1);
+    }
+    return {};
+}
+
+bool orbs3_multipart_object_checksum(const orbs3_multipart_upload_t& up,
+                                     const std::vector<const orbs3_multipart_part_t*>& parts, std::string* alg,
+                                     char* value, std::string* part_values)
+{
+    if (parts.empty())
+        return false;
+    *alg = up.checksum_algorithm;
+    bool full = up.checksum_type == "FULL_OBJECT";
+    // Nothing declared: parts that all carry the same CRC (SDKs send one by default) still give the
+    // whole object's exactly.
+    if (alg->empty()) {
+        *alg = parts.front()->checksum_algorithm;
+        full = true;
+    }
+    orbs3_checksum_parts_t ck;
+    if (orbs3_checksum_parts_init(&ck, orbs3_checksum_alg_of_word(*alg), full) != 0)
+        return false;
+    part_values->clear();
+    for (const orbs3_multipart_part_t* p : parts) {
+        if (p->checksum_algorithm != *alg || p->checksum.empty())
+            return false;
+        orbs3_checksum_parts_add(&ck, p->checksum, p->size);
+        if (!part_values->empty())
+            part_values->push_back(' ');
+        part_values->append(p->checksum);
+    }
+    return orbs3_checksum_parts_final(&ck, value, ORBS3_CHECKSUM_TEXT_MAX + 1) != 0;
 }
 
 int orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t* first, int64_t* len)

@@ -258,7 +258,9 @@ int orbs3_object_write_record(const orbs3_http_request_t* r, std::string_view ke
               pool_set(pool, &o->expires, meta->expires) &&
               pool_set(pool, &o->checksum_algorithm, meta->checksum_algorithm) &&
               pool_set(pool, &o->checksum, meta->checksum) &&
-              pool_set(pool, &o->upload_id, meta->upload_id);
+              pool_set(pool, &o->upload_id, meta->upload_id) &&
+              pool_set(pool, &o->parts, meta->parts) &&
+              pool_set(pool, &o->part_checksums, meta->part_checksums);
     for (std::size_t i = 0; ok && i < meta->n; i++) {
         auto* tag = static_cast<orbs3_tag_t*>(orbs3_pcalloc(pool, sizeof(orbs3_tag_t)));
         auto* node = static_cast<orbs3_list_node_t*>(orbs3_pcalloc(pool, sizeof(orbs3_list_node_t)));

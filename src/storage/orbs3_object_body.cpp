@@ -192,7 +192,7 @@ int decode_and_store(orbs3_object_body_t* st, std::size_t n)
 
 // The value of the additional checksum: the one sent, in the header or the trailer, must be the one
 // computed. 0 or a status.
-int check_checksum(orbs3_object_body_t* st)
+int check_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
 {
     if (st->checksum.alg == orbs3_checksum_alg::none)
         return 0;
@@ -206,8 +206,11 @@ int check_checksum(orbs3_object_body_t* st)
     if (orbs3_checksum_final_base64(&st->checksum, st->checksum_value, sizeof st->checksum_value) == 0)
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     if (sent.empty())
-        return static_cast<int>(ORBS3_S3_INVALID_REQUEST);
-    return sent == st->checksum_value ? 0 : static_cast<int>(ORBS3_S3_CHECKSUM_MISMATCH);
+        return st->checksum_own ? 0 : static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+    if (sent == st->checksum_value)
+        return 0;
+    r->resp.message = orbs3_checksum_mismatch_message(st->checksum.alg);
+    return static_cast<int>(ORBS3_S3_CHECKSUM_MISMATCH);
 }
 
 // One pass of the body: from the socket into the temporary file until the socket runs dry or the body
@@ -275,7 +278,7 @@ int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
         return static_cast<int>(ORBS3_S3_BAD_DIGEST);
     if (st->chunked && st->aws.result != ORBS3_AWS_CHUNKED_DONE)
         return static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
-    if (int status = check_checksum(st); status != 0)
+    if (int status = check_checksum(r, st); status != 0)
         return status;
     if (st->sha256) {
         uint8_t sha[32];
@@ -379,8 +382,8 @@ int init_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
 {
     orbs3_checksum_alg alg = orbs3_checksum_alg::none;
     std::string_view value;
-    for (orbs3_checksum_alg a : {orbs3_checksum_alg::crc32, orbs3_checksum_alg::crc32c, orbs3_checksum_alg::sha1,
-                                 orbs3_checksum_alg::sha256}) {
+    for (orbs3_checksum_alg a : {orbs3_checksum_alg::crc32, orbs3_checksum_alg::crc32c, orbs3_checksum_alg::crc64nvme,
+                                 orbs3_checksum_alg::sha1, orbs3_checksum_alg::sha256}) {
         if (orbs3_sign_find_header(r, orbs3_checksum_header_name(a), &value)) {
             if (alg != orbs3_checksum_alg::none || value.empty() || value.size() > ORBS3_CHECKSUM_BASE64_MAX)
                 return static_cast<int>(ORBS3_S3_INVALID_REQUEST);

@@ -47,6 +47,9 @@ struct orbs3_object_body_t {
     orbs3_checksum_t checksum;
     char checksum_sent[ORBS3_CHECKSUM_BASE64_MAX + 1] = "";  // empty: it comes in the trailer
     char checksum_value[ORBS3_CHECKSUM_BASE64_MAX + 1] = "";
+    // Set by the owner when the checksum is its own choice (the algorithm of a multipart upload for a part
+    // sent without one): computed, with nothing to compare it with.
+    bool checksum_own = false;
 
     // Buffers: bytes as read; with the digest thread the second one it takes turns with.
     uint8_t* buf = nullptr;

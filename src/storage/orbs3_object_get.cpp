@@ -28,6 +28,7 @@
 #include "storage/orbs3_checksum.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_record.h"
 
@@ -145,6 +146,10 @@ struct object_view_t {
     time_t mtime;
     std::string_view etag_bare;
     const orbs3_object_t* record;  // null when the data file has none that matches it
+    // The additional checksum of exactly the bytes of this reply, empty when none is known: the object's
+    // own for the whole object, a part's for a part, none for any other range.
+    std::string_view checksum;
+    bool whole = true;  // the reply carries the whole object
 };
 
 int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::string_view key,
@@ -182,15 +187,20 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
     }
     if (rec == nullptr)
         return rc;
-    // The additional checksum is given only to a client that asks for it.
+    // The additional checksum is given only to a client that asks for it. Clients check the bytes they
+    // receive against it, so it goes out only when it describes exactly those bytes.
     std::string_view mode;
-    if (rec->checksum.len != 0 && orbs3_sign_find_header(r, "x-amz-checksum-mode", &mode) &&
+    if (!o.checksum.empty() && orbs3_sign_find_header(r, "x-amz-checksum-mode", &mode) &&
         orbs3_sign_iequals(mode, "ENABLED")) {
         std::string_view name = orbs3_checksum_header_name(orbs3_checksum_alg_of_word(view(rec->checksum_algorithm)));
         if (!name.empty()) {
             char text[64];
             std::snprintf(text, sizeof text, "%.*s", static_cast<int>(name.size()), name.data());
-            rc |= add(r, text, view(rec->checksum));
+            rc |= add(r, text, o.checksum);
+            // A composite value carries its part count behind a dash.
+            const bool composite = o.checksum.find('-') != std::string_view::npos;
+            if (o.whole)
+                rc |= orbs3_http_set_response_headers(r, "x-amz-checksum-type", composite ? "COMPOSITE" : "FULL_OBJECT");
         }
     }
     if (rec->meta.next != nullptr) {
@@ -227,6 +237,37 @@ int send_invalid_range(orbs3_http_request_t* r, int64_t size)
     if (head)
         return 0;
     return orbs3_http_send_response_data(r->connection, doc) == 0 ? 0 : -1;
+}
+
+// ?partNumber=N: part N of an object assembled from parts, as its record lists them; an object sent whole is
+// its only part. 0 with the range, the checksum and (for an assembled object) the part count set, or a
+// status.
+int select_part(orbs3_http_request_t* r, const orbs3_object_t* rec, int64_t size, bool has_range,
+                orbs3_byte_range_t* range, object_view_t* o, char parts_count[16])
+{
+    const int part = r->req_msg.part_number;
+    if (part < 1 || part > ORBS3_MULTIPART_MAX_PART) {
+        r->resp.message = "Part number must be an integer between 1 and 10000, inclusive.";
+        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    }
+    if (has_range) {
+        r->resp.message = "Cannot specify both Range header and partNumber query parameter";
+        return static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+    }
+    int64_t offset = 0, length = size;
+    int count = 1;
+    const int found = rec != nullptr && rec->parts.len != 0
+                          ? orbs3_multipart_find_part(view(rec->parts), size, part, &offset, &length, &count)
+                          : -1;
+    if (found == 1 || (found < 0 && part != 1))
+        return static_cast<int>(ORBS3_S3_INVALID_PART_NUMBER);
+    if (found == 0) {
+        std::snprintf(parts_count, 16, "%d", count);
+        o->checksum = orbs3_multipart_nth_word(view(rec->part_checksums), part);
+        o->whole = false;
+    }
+    *range = {offset, offset + length - 1};
+    return 0;
 }
 
 }  // namespace
@@ -312,10 +353,26 @@ int orbs3_get_object(orbs3_http_request_t* r)
 
     orbs3_byte_range_t range{0, size - 1};
     int ranged = ORBS3_RANGE_NONE;
-    if (orbs3_sign_find_header(r, "range", &v))
+    const bool has_range = orbs3_sign_find_header(r, "range", &v);
+    if (rec)
+        o.checksum = view(rec->checksum);
+    char parts_count[16] = "";
+    if (const int part = r->req_msg.part_number; part != 0) {
+        if (int st = select_part(r, rec.get(), size, has_range, &range, &o, parts_count); st != 0)
+            return st;
+        // A part of an empty object is all of it, with no range to tell.
+        ranged = size != 0 ? ORBS3_RANGE_ONE : ORBS3_RANGE_NONE;
+    } else if (has_range) {
         ranged = orbs3_http_range_resolve(v, size, &range);
+    }
     if (ranged == ORBS3_RANGE_UNSATISFIABLE)
         return send_invalid_range(r, size);
+    if (r->req_msg.part_number == 0 && ranged == ORBS3_RANGE_ONE && (range.first != 0 || range.last != size - 1)) {
+        o.checksum = {};
+        o.whole = false;
+    }
+    if (parts_count[0] != '\0' && orbs3_http_set_response_headers(r, "x-amz-mp-parts-count", parts_count) != 0)
+        return -1;
     int64_t offset = 0, length = size;
     if (ranged == ORBS3_RANGE_ONE) {
         offset = range.first;

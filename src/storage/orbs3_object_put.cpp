@@ -57,23 +57,6 @@ struct put_state_t {
     put_state_t& operator=(const put_state_t&) = delete;
 };
 
-// The algorithm's name as S3 writes it in x-amz-checksum-algorithm.
-std::string_view checksum_word(orbs3_checksum_alg alg)
-{
-    switch (alg) {
-    case orbs3_checksum_alg::crc32:
-        return "CRC32";
-    case orbs3_checksum_alg::crc32c:
-        return "CRC32C";
-    case orbs3_checksum_alg::sha1:
-        return "SHA1";
-    case orbs3_checksum_alg::sha256:
-        return "SHA256";
-    default:
-        return {};
-    }
-}
-
 // The commit: the whole body is in the temporary file and matched every digest the request named.
 int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
 {
@@ -104,7 +87,7 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
         char stamp[64];
         get_gmt_meta_time(stamp, sizeof stamp);
         if (body->checksum.alg != orbs3_checksum_alg::none) {
-            st->meta.checksum_algorithm = checksum_word(body->checksum.alg);
+            st->meta.checksum_algorithm = orbs3_checksum_word(body->checksum.alg);
             st->meta.checksum = body->checksum_value;
         }
         if (orbs3_object_write_record(r, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,

@@ -691,6 +691,8 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
     w.str(root, "expires", o->expires, ORBS3_REC_HEADER_CAP);
     w.str(root, "checksum_algorithm", o->checksum_algorithm, ORBS3_REC_NAME_CAP);
     w.str(root, "checksum", o->checksum, ORBS3_REC_NAME_CAP);
+    w.str(root, "parts", o->parts, ORBS3_REC_PARTS_CAP);
+    w.str(root, "part_checksums", o->part_checksums, ORBS3_REC_PART_CHECKSUMS_CAP);
     if (o->meta.next != nullptr) {
         for (neo_list_head_t* pos = o->meta.next; pos != &o->meta; pos = pos->next) {
             const auto* m = static_cast<const orbs3_tag_t*>(orbs3_list_node(pos)->data);
@@ -944,6 +946,8 @@ int parse_object_tree(orbs3_object_t* o, mxml_node_t* doc)
     r.str(root, "expires", &o->expires, ORBS3_REC_HEADER_CAP);
     r.str(root, "checksum_algorithm", &o->checksum_algorithm, ORBS3_REC_NAME_CAP);
     r.str(root, "checksum", &o->checksum, ORBS3_REC_NAME_CAP);
+    r.str(root, "parts", &o->parts, ORBS3_REC_PARTS_CAP);
+    r.str(root, "part_checksums", &o->part_checksums, ORBS3_REC_PART_CHECKSUMS_CAP);
     FOR_CHILDREN(t, root, "meta")
     {
         auto* m = static_cast<orbs3_tag_t*>(r.mem.alloc(sizeof(orbs3_tag_t)));

@@ -29,6 +29,9 @@ inline constexpr std::size_t ORBS3_REC_NUMBER_CAP = 20;    // quota texts: decim
 inline constexpr std::size_t ORBS3_REC_ACCEL_PATH_CAP = 31; // the accelerate path has a 32-byte area
 inline constexpr std::size_t ORBS3_REC_HEADER_CAP = 1023;   // a stored standard header of an object
 inline constexpr std::size_t ORBS3_REC_META_CAP = 2048;     // user metadata of an object, names and values
+// The parts of an assembled object: up to 10000 sizes ("5368709120*9999 ") and base64 checksums.
+inline constexpr std::size_t ORBS3_REC_PARTS_CAP = 10000 * 17;
+inline constexpr std::size_t ORBS3_REC_PART_CHECKSUMS_CAP = 10000 * 45;
 
 // Object pools are this size; a record with many tags grows the pool.
 inline constexpr std::size_t ORBS3_OBJECT_POOL_SIZE = 1024;
@@ -105,7 +108,11 @@ struct orbs3_object_t {
     orbs3_str_t content_encoding;
     orbs3_str_t expires;
     orbs3_str_t checksum_algorithm;  // "CRC32", "CRC32C", "SHA1" or "SHA256"
-    orbs3_str_t checksum;            // its value, base64, as S3 sends it
+    orbs3_str_t checksum;            // its value, base64, as S3 sends it ("-<parts>" behind a composite one)
+    // An object assembled from parts: their sizes in order, blank-separated, "<size>*<run>" for a run of
+    // equal ones; and, when each part's checksum is known, those, blank-separated. Unset for other objects.
+    orbs3_str_t parts;
+    orbs3_str_t part_checksums;
     neo_list_head_t meta;            // orbs3_list_node_t carrying orbs3_tag_t: x-amz-meta-<key>, key lower case
     // The multipart upload this content was completed from: a Complete sent again finds its result here.
     orbs3_str_t upload_id;

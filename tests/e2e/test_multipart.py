@@ -21,7 +21,8 @@ from botocore.exceptions import ClientError
 
 from orbmux_harness import (DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, s3_error, wait_for, wait_port,
                              worker_pids)
-from test_objects import conditional, exchange, signed_chunks, signed_head, signed_request, tool_env
+from test_objects import (checksum_b64, checksum_raw, conditional, exchange, extra_headers, signed_chunks,
+                          signed_head, signed_request, tool_env)
 
 USER = "mp-user"
 BUCKET = "parts"
@@ -260,6 +261,136 @@ def test_aws_cli_s3_to_s3_copy_above_the_threshold_uses_upload_part_copy(tenant,
     assert etag == f'"{hashlib.md5(data[100:2100]).hexdigest()}"'
     complete(s3, "copy/ranged", uid, [(1, etag)])
     assert s3.get_object(Bucket=BUCKET, Key="copy/ranged")["Body"].read() == data[100:2100]
+
+
+# ---- parts and checksums of an assembled object ----
+
+def assembled_checksum(algorithm, kind, parts):
+    """S3's checksum of an object made of `parts`, computed here: composite or full object."""
+    if kind == "FULL_OBJECT":
+        return checksum_b64(algorithm, b"".join(parts))
+    raw = b"".join(checksum_raw(algorithm, p) for p in parts)
+    return f"{checksum_b64(algorithm, raw)}-{len(parts)}"
+
+
+def checksum_headers(reply):
+    h = reply["ResponseMetadata"]["HTTPHeaders"]
+    return {k: v for k, v in h.items() if k.startswith("x-amz-checksum-")}
+
+
+def test_part_number_reads_each_part_with_its_own_checksum(tenant):
+    s3 = client(tenant)
+    key = "partnumber/three"
+    parts = [os.urandom(2 * MIN_PART), os.urandom(2 * MIN_PART), os.urandom(700)]
+    uid = start_upload(s3, key, ChecksumAlgorithm="CRC32")
+    etags = [s3.upload_part(Bucket=BUCKET, Key=key, UploadId=uid, PartNumber=n, Body=p,
+                            ChecksumAlgorithm="CRC32")["ETag"] for n, p in enumerate(parts, 1)]
+    listed = s3.list_parts(Bucket=BUCKET, Key=key, UploadId=uid)["Parts"]
+    assert [p.get("ChecksumCRC32") for p in listed] == [checksum_b64("CRC32", p) for p in parts]
+    done = complete(s3, key, uid, list(enumerate(etags, 1)))
+    assert done["ChecksumCRC32"] == assembled_checksum("CRC32", "COMPOSITE", parts)
+
+    total, at = sum(map(len, parts)), 0
+    for n, data in enumerate(parts, 1):
+        # botocore checks the body against the part's checksum it is given.
+        got = s3.get_object(Bucket=BUCKET, Key=key, PartNumber=n, ChecksumMode="ENABLED")
+        head = s3.head_object(Bucket=BUCKET, Key=key, PartNumber=n, ChecksumMode="ENABLED")
+        assert got["Body"].read() == data
+        for reply in (got, head):
+            h = reply["ResponseMetadata"]["HTTPHeaders"]
+            assert reply["ResponseMetadata"]["HTTPStatusCode"] == 206, n
+            assert (h["content-range"], h["content-length"], h["x-amz-mp-parts-count"]) == (
+                f"bytes {at}-{at + len(data) - 1}/{total}", str(len(data)), "3"), (n, h)
+            assert checksum_headers(reply) == {"x-amz-checksum-crc32": checksum_b64("CRC32", data)}, n
+        at += len(data)
+    assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key=key, PartNumber=4)) == (416, "InvalidPartNumber")
+    assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key=key, PartNumber=4))[0] == 416  # no body to name it
+    whole = s3.get_object(Bucket=BUCKET, Key=key, ChecksumMode="ENABLED")
+    assert whole["Body"].read() == b"".join(parts)
+    assert checksum_headers(whole) == {"x-amz-checksum-crc32": done["ChecksumCRC32"],
+                                       "x-amz-checksum-type": "COMPOSITE"}
+
+
+@pytest.mark.parametrize("algorithm,kind", [("CRC32", "COMPOSITE"), ("SHA256", "COMPOSITE"), ("CRC32", "FULL_OBJECT"),
+                                            ("CRC32C", "FULL_OBJECT"), ("CRC64NVME", None)])
+def test_assembled_objects_carry_the_declared_checksum(tenant, algorithm, kind):
+    """Part 1 carries its checksum, parts 2 and 3 none (the server computes them); the object's value is
+    the one computed here."""
+    declared = {"x-amz-checksum-algorithm": algorithm} | ({"x-amz-checksum-type": kind} if kind else {})
+    key = f"checksums/{algorithm}-{kind}"
+    uid = extra_headers(client(tenant), declared).create_multipart_upload(Bucket=BUCKET, Key=key)["UploadId"]
+    parts = [os.urandom(MIN_PART), os.urandom(MIN_PART + 1), os.urandom(33)]
+    header = f"x-amz-checksum-{algorithm.lower()}"
+    with_value = extra_headers(client(tenant), {header: checksum_b64(algorithm, parts[0])})
+    etags = [put_part(with_value, key, uid, 1, parts[0])] + [put_part(client(tenant), key, uid, n, parts[n - 1])
+                                                             for n in (2, 3)]
+    # A wrong value, and a part of another algorithm, are refused.
+    wrong = extra_headers(client(tenant), {header: checksum_b64(algorithm, b"other")})
+    assert s3_error(lambda: put_part(wrong, key, uid, 4, b"x")) == (400, "BadDigest")
+    other = extra_headers(client(tenant), {"x-amz-checksum-sha1": checksum_b64("SHA1", b"x")})
+    assert s3_error(lambda: put_part(other, key, uid, 4, b"x")) == (400, "InvalidRequest")
+
+    want = assembled_checksum(algorithm, kind or "FULL_OBJECT", parts)
+    # The client's own value of the whole must be the one the parts give.
+    bad = extra_headers(client(tenant), {header: checksum_b64(algorithm, b"other")})
+    assert s3_error(lambda: complete(bad, key, uid, list(enumerate(etags, 1)))) == (400, "BadDigest")
+    done = complete(client(tenant), key, uid, list(enumerate(etags, 1)))
+    doc_field = "Checksum" + algorithm
+    if doc_field in done:  # this botocore may not know the field
+        assert done[doc_field] == want
+    head = client(tenant).head_object(Bucket=BUCKET, Key=key, ChecksumMode="ENABLED")
+    assert checksum_headers(head) == {header: want, "x-amz-checksum-type": kind or "FULL_OBJECT"}
+
+
+def test_undeclared_uploads_and_copied_parts_give_a_checksum_only_when_exact(tenant):
+    s3 = client(tenant)
+    source = os.urandom(3 * MIN_PART)
+    s3.put_object(Bucket=BUCKET, Key="exact/source", Body=source, ChecksumAlgorithm="CRC32")
+    ranges = [(0, 2 * MIN_PART - 1), (2 * MIN_PART, 3 * MIN_PART - 1)]
+    pieces = [source[a:b + 1] for a, b in ranges]
+
+    def copy_upload(key, **declared):
+        uid = start_upload(s3, key, **declared)
+        etags = [s3.upload_part_copy(Bucket=BUCKET, Key=key, UploadId=uid, PartNumber=n,
+                                     CopySource=f"{BUCKET}/exact/source",
+                                     CopySourceRange=f"bytes={a}-{b}")["CopyPartResult"]["ETag"]
+                 for n, (a, b) in enumerate(ranges, 1)]
+        complete(s3, key, uid, list(enumerate(etags, 1)))
+        got = s3.get_object(Bucket=BUCKET, Key=key, ChecksumMode="ENABLED")
+        assert got["Body"].read() == source
+        return checksum_headers(got)
+
+    # Copied parts get the upload's checksum from the copied bytes; without one the object has none
+    # (the source's is not the object's).
+    assert copy_upload("exact/copied", ChecksumAlgorithm="CRC32") == {
+        "x-amz-checksum-crc32": assembled_checksum("CRC32", "COMPOSITE", pieces), "x-amz-checksum-type": "COMPOSITE"}
+    assert copy_upload("exact/copied-plain") == {}
+
+    # Nothing declared, parts sent with a CRC32 each (as SDKs do by default): the whole object's CRC32,
+    # after the Complete document's part checksums were checked.
+    key = "exact/sdk-default"
+    uid = start_upload(s3, key)
+    etags = [s3.upload_part(Bucket=BUCKET, Key=key, UploadId=uid, PartNumber=n, Body=p,
+                            ChecksumAlgorithm="CRC32")["ETag"] for n, p in enumerate(pieces, 1)]
+
+    def finish(values):
+        return s3.complete_multipart_upload(Bucket=BUCKET, Key=key, UploadId=uid, MultipartUpload={"Parts": [
+            {"PartNumber": n, "ETag": e, "ChecksumCRC32": v} for n, (e, v) in enumerate(zip(etags, values), 1)]})
+    assert s3_error(lambda: finish([checksum_b64("CRC32", b"x")] * 2)) == (400, "InvalidPart")
+    finish([checksum_b64("CRC32", p) for p in pieces])
+    got = s3.get_object(Bucket=BUCKET, Key=key, ChecksumMode="ENABLED")
+    assert got["Body"].read() == source
+    assert checksum_headers(got) == {"x-amz-checksum-crc32": checksum_b64("CRC32", source),
+                                     "x-amz-checksum-type": "FULL_OBJECT"}
+
+    # Forms S3 does not have are refused when the upload is created.
+    for declared in ({"x-amz-checksum-algorithm": "SHA1", "x-amz-checksum-type": "FULL_OBJECT"},
+                     {"x-amz-checksum-algorithm": "CRC64NVME", "x-amz-checksum-type": "COMPOSITE"},
+                     {"x-amz-checksum-algorithm": "CRC32", "x-amz-checksum-type": "WHOLE"},
+                     {"x-amz-checksum-algorithm": "MD5"}, {"x-amz-checksum-type": "COMPOSITE"}):
+        s3 = extra_headers(client(tenant), declared)
+        assert s3_error(lambda: s3.create_multipart_upload(Bucket=BUCKET, Key="exact/refused")) == (
+            400, "InvalidRequest"), declared
 
 
 # ---- part bodies are verified as PutObject bodies are ----

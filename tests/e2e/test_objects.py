@@ -596,17 +596,15 @@ def test_signed_aws_chunked_bodies_are_decoded_and_checked(tenant):
     assert not tenant.temp_files()
 
 
-def unsigned_trailer_put(t, key, data, crc_value=None):
-    import base64
-    import zlib
-    crc = crc_value or base64.b64encode(zlib.crc32(data).to_bytes(4, "big")).decode()
+def unsigned_trailer_put(t, key, data, crc_value=None, algorithm="crc32"):
+    crc = crc_value or checksum_b64(algorithm.upper(), data)
     body = b""
     for i in range(0, len(data), 100_000):
         piece = data[i:i + 100_000]
         body += f"{len(piece):x}\r\n".encode() + piece + b"\r\n"
-    body += f"0\r\nx-amz-checksum-crc32:{crc}\r\n\r\n".encode()
+    body += f"0\r\nx-amz-checksum-{algorithm}:{crc}\r\n\r\n".encode()
     extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data)),
-             "x-amz-trailer": "x-amz-checksum-crc32"}
+             "x-amz-trailer": f"x-amz-checksum-{algorithm}"}
     head = signed_head(t, "PUT", f"/{BUCKET}/{key}", "STREAMING-UNSIGNED-PAYLOAD-TRAILER", extra)
     return exchange(t, (head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body), crc
 
@@ -642,6 +640,102 @@ def test_additional_checksums_are_verified_stored_and_given_back(tenant, algorit
     got = exchange(tenant, (h + "Content-Length: 5\r\n\r\n").encode() + b"other")
     assert got.startswith(b"HTTP/1.1 400 Bad Request\r\n") and b"<Code>BadDigest</Code>" in got, got
     assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == data
+
+
+def _crc_table(poly):
+    table = []
+    for i in range(256):
+        c = i
+        for _ in range(8):
+            c = (c >> 1) ^ poly if c & 1 else c >> 1
+        table.append(c)
+    return table
+
+
+_CRC = {"CRC32C": (_crc_table(0x82F63B78), 4), "CRC64NVME": (_crc_table(0x9A6C9329AC4BC9B5), 8)}
+
+
+def checksum_raw(algorithm, data):
+    """The raw value of an additional checksum, computed here independently of the server."""
+    import zlib
+    if algorithm in ("SHA1", "SHA256"):
+        return hashlib.new(algorithm.lower(), data).digest()
+    if algorithm == "CRC32":
+        return zlib.crc32(data).to_bytes(4, "big")
+    table, size = _CRC[algorithm]
+    mask = (1 << 8 * size) - 1
+    c = mask
+    for b in data:
+        c = table[(c ^ b) & 0xFF] ^ (c >> 8)
+    return (c ^ mask).to_bytes(size, "big")
+
+
+def checksum_b64(algorithm, data):
+    import base64
+    return base64.b64encode(checksum_raw(algorithm, data)).decode()
+
+
+def extra_headers(s3, headers):
+    """Makes every request of `s3` carry `headers`, signed: for what this botocore has no parameter for."""
+    def add(request, **_):
+        for k, v in headers.items():
+            request.headers[k] = v
+    s3.meta.events.register_first("before-sign.s3.*", add)
+    return s3
+
+
+def test_crc64nvme_is_verified_stored_and_given_back(tenant):
+    data = os.urandom(70_000)
+    value = checksum_b64("CRC64NVME", data)
+    assert checksum_b64("CRC64NVME", b"123456789") == "rosUhgp5mIg="  # 0xae8b14860a799888
+    s3 = extra_headers(client(tenant), {"x-amz-checksum-crc64nvme": value})
+    s3.put_object(Bucket=BUCKET, Key="checksum/crc64nvme", Body=data)
+    head = client(tenant).head_object(Bucket=BUCKET, Key="checksum/crc64nvme", ChecksumMode="ENABLED")
+    headers = head["ResponseMetadata"]["HTTPHeaders"]
+    assert headers.get("x-amz-checksum-crc64nvme") == value, headers
+    assert headers.get("x-amz-checksum-type") == "FULL_OBJECT", headers
+    wrong = extra_headers(client(tenant), {"x-amz-checksum-crc64nvme": checksum_b64("CRC64NVME", b"x")})
+    from botocore.exceptions import ClientError
+    with pytest.raises(ClientError) as err:
+        wrong.put_object(Bucket=BUCKET, Key="checksum/crc64nvme", Body=b"other")
+    error = err.value.response["Error"]
+    assert (error["Code"], error["Message"]) == (
+        "BadDigest", "The CRC64NVME you specified did not match the calculated checksum.")
+    # Also in the trailer of an aws-chunked body.
+    got, _ = unsigned_trailer_put(tenant, "checksum/crc64nvme-trailer", data, value, "crc64nvme")
+    assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
+    got, _ = unsigned_trailer_put(tenant, "checksum/crc64nvme-trailer", data, "AAAAAAAAAAA=", "crc64nvme")
+    assert b"<Code>BadDigest</Code>" in got, got
+    assert client(tenant).get_object(Bucket=BUCKET, Key="checksum/crc64nvme")["Body"].read() == data
+
+
+def test_a_checksum_goes_out_only_with_the_bytes_it_describes(tenant):
+    """Clients check x-amz-checksum-* against the bytes they receive: a range gets none, the whole object
+    (also as a range that covers it, or its part 1) gets its own."""
+    s3 = client(tenant)
+    data = os.urandom(10_000)
+    s3.put_object(Bucket=BUCKET, Key="checksum/ranged", Body=data, ChecksumAlgorithm="CRC32")
+    want = checksum_b64("CRC32", data)
+
+    def get(**kw):
+        r = s3.get_object(Bucket=BUCKET, Key="checksum/ranged", ChecksumMode="ENABLED", **kw)
+        return r["Body"].read(), r["ResponseMetadata"]["HTTPHeaders"]
+
+    for kw, body in [({"Range": "bytes=0-99"}, data[:100]), ({"Range": "bytes=-10"}, data[-10:]),
+                     ({"Range": "bytes=5000-"}, data[5000:])]:
+        got, headers = get(**kw)
+        assert got == body and "x-amz-checksum-crc32" not in headers, (kw, headers)
+    for kw in [{}, {"Range": "bytes=0-"}, {"Range": "bytes=0-9999"}, {"PartNumber": 1}]:
+        got, headers = get(**kw)
+        assert got == data and headers.get("x-amz-checksum-crc32") == want, (kw, headers)
+    # Part 1 of an object sent whole is all of it, as a range; it has no part 2.
+    one = s3.get_object(Bucket=BUCKET, Key="checksum/ranged", PartNumber=1)
+    assert one["ResponseMetadata"]["HTTPStatusCode"] == 206
+    assert one["ContentRange"] == "bytes 0-9999/10000" and "PartsCount" not in one
+    assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="checksum/ranged", PartNumber=2)) == (
+        416, "InvalidPartNumber")
+    assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="checksum/ranged", PartNumber=1, Range="bytes=0-1")) == (
+        400, "InvalidRequest")
 
 
 # ---- a large object in bounded memory ----

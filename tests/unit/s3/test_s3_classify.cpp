@@ -105,7 +105,10 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"GET", "s3.example", "/b/a/", P, "GetObject", "b", "a/"},
         {"HEAD", "s3.example", "/b/k", P, "GetObject", "b", "k"},
         {"GET", "10.0.0.1", "/b/k", P, "GetObject", "b", "k"},  // an unknown host: the first vhost
-        {"GET", "s3.example", "/b/k?x=1", P, "ListParts", "b", "k"},
+        // Only an upload id makes a GET of an object ListParts: a part number alone reads that part.
+        {"GET", "s3.example", "/b/k?x=1", P, "GetObject", "b", "k"},
+        {"GET", "s3.example", "/b/k?partNumber=2", P, "GetObject", "b", "k"},
+        {"GET", "s3.example", "/b/k?partNumber=2&uploadId=0123456789abcdef0123456789abcdef", P, "ListParts", "b", "k"},
         // Signature parameters of a presigned URL, SDKs' x-id and response overrides ask for no operation.
         {"GET", "s3.example", "/b/k?X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=c&X-Amz-Date=d&X-Amz-Expires=9"
                               "&X-Amz-SignedHeaders=host&X-Amz-Signature=s", P, "GetObject", "b", "k"},
@@ -132,7 +135,7 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"GET", "s3.example", "/b?acl&max-keys=0", P, "GetBucketAcl", "b", "", {}, {.max_keys = 1000}},
         {"GET", "s3.example", "/b?uploads&prefix=a%2F&delimiter=%2F", P, "ListMultipartUploads", "b", "", {}, {.prefix = "a/"}},
         {"GET", "bkt.s3.example", "/?uploads", V, "ListMultipartUploads", "bkt", ""},
-        {"GET", "s3.example", "/b/k?max-keys=0", P, "ListParts", "b", "k", {}, {.max_keys = 0}},  // bucket level only
+        {"GET", "s3.example", "/b/k?max-keys=0", P, "GetObject", "b", "k", {}, {.max_keys = 0}},  // bucket level only
         {"GET", "s3.example", "/b?list-type=", P, "ListObject", "b", "", {}, {.list_type = 2}},
 
         // GET and HEAD, virtual-host style.
@@ -289,7 +292,7 @@ TEST(S3Classify, EveryParameterTableRowIsReachable)
     };
     const road roads[] = {
         // Service rows hold at any path; by query they fall through to the object defaults.
-        {"GET", orbs3_get_service_params, true, true, "ListParts"},
+        {"GET", orbs3_get_service_params, true, true, "GetObject"},
         {"PUT", orbs3_put_service_params, true, true, "UploadPart"},
         {"DELETE", orbs3_delete_service_params, true, true, "AbortMultipartUpload"},
         {"GET", orbs3_get_bucket_params, true, false, ""},

@@ -32,12 +32,12 @@ TEST(S3Errors, TableHasEveryRowAndTheFirstRowOfACodeWins)
         EXPECT_EQ(e->message == nullptr, e->code == ORBS3_S3_OPERATION_NOT_SUPPORTED) << e->name;
         EXPECT_TRUE(e->http_status >= 200 && e->http_status < 600) << e->name;
     }
-    // The 96 rows of the S3 table and five of this server's own, each with a code of its own.
-    EXPECT_EQ(rows, 101u);
+    // The 97 rows of the S3 table and five of this server's own, each with a code of its own.
+    EXPECT_EQ(rows, 102u);
     EXPECT_STREQ(e->name, "EndOff");
-    EXPECT_EQ(names.size(), 89u) << "InvalidRequest ten times, AccessDenied, PreconditionFailed, BadDigest twice";
+    EXPECT_EQ(names.size(), 90u) << "InvalidRequest ten times, AccessDenied, PreconditionFailed, BadDigest twice";
     for (uint32_t code : {ORBS3_S3_SHA256_MISMATCH, ORBS3_S3_PRECONDITION_FAILED, ORBS3_S3_KEY_CONFLICT,
-                          ORBS3_S3_CHECKSUM_MISMATCH, ORBS3_S3_AUTH_QUERY_MALFORMED}) {
+                          ORBS3_S3_CHECKSUM_MISMATCH, ORBS3_S3_AUTH_QUERY_MALFORMED, ORBS3_S3_INVALID_PART_NUMBER}) {
         const orbs3_s3_error_t* row = orbs3_s3_find_error(code);
         ASSERT_NE(row, nullptr) << std::hex << code;
         EXPECT_EQ(row->code, code) << row->name;

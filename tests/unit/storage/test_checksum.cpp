@@ -53,6 +53,10 @@ TEST(Checksum, PublishedValuesInHeaderForm)
         {alg::crc32c, "123456789", "4waSgw=="},
         {alg::crc32c, "hello world", "yZRlqg=="},
         {alg::crc32c, "The quick brown fox jumps over the lazy dog", "ImIEBA=="},
+        // CRC-64/NVME "123456789" = 0xae8b14860a799888.
+        {alg::crc64nvme, "", "AAAAAAAAAAA="},
+        {alg::crc64nvme, "123456789", "rosUhgp5mIg="},
+        {alg::crc64nvme, "hello world", "jSnVw/bqjr4="},
         {alg::sha1, "", "2jmj7l5rSw0yVb/vlWAYkK/YBwk="},
         {alg::sha1, "abc", "qZk+NkcGgWq6PiVxeFDCbJzQ2J0="},
         {alg::sha256, "", "47DEQpj8HBSa+/TImW+5JCeuQeRkm5NMpJWZG3hSuFU="},
@@ -75,12 +79,23 @@ TEST(Checksum, Crc32cMatchesBitwiseValueAtEveryAlignment)
     }
 }
 
+TEST(Checksum, Crc64nvmeMatchesBitwiseValueAtEveryAlignment)
+{
+    EXPECT_EQ(orbs3_crc64nvme("123456789", 9, 0), 0xae8b14860a799888u);
+    const std::string d = pattern();
+    for (std::size_t off = 0; off < 8; off++) {
+        std::vector<uint8_t> buf(d.size() + off);
+        std::memcpy(buf.data() + off, d.data(), d.size());
+        EXPECT_EQ(orbs3_crc64nvme(buf.data() + off, d.size(), 0), 0x387e868bd14debedu) << off;
+    }
+}
+
 TEST(Checksum, PiecesGiveTheSameValueAsWhole)
 {
     const std::string d = pattern();
-    for (alg a : {alg::crc32, alg::crc32c, alg::sha1, alg::sha256}) {
+    for (alg a : {alg::crc32, alg::crc32c, alg::crc64nvme, alg::sha1, alg::sha256}) {
         const std::string whole = checksum_of(a, {d});
-        ASSERT_EQ(whole.size(), a == alg::sha256 ? 44u : a == alg::sha1 ? 28u : 8u);
+        ASSERT_EQ(whole.size(), a == alg::sha256 ? 44u : a == alg::sha1 ? 28u : a == alg::crc64nvme ? 12u : 8u);
         for (std::size_t cut : {0, 1, 7, 8, 9, 63, 64, 65, 500, 999, 1000})
             EXPECT_EQ(checksum_of(a, {d.substr(0, cut), d.substr(cut)}), whole) << static_cast<int>(a) << " " << cut;
         std::vector<std::string> bytes;
@@ -92,7 +107,7 @@ TEST(Checksum, PiecesGiveTheSameValueAsWhole)
 
 TEST(Checksum, FinalRefusesShortRoomAndUseWithoutInit)
 {
-    for (alg a : {alg::crc32, alg::crc32c, alg::sha1, alg::sha256}) {
+    for (alg a : {alg::crc32, alg::crc32c, alg::crc64nvme, alg::sha1, alg::sha256}) {
         const std::string want = checksum_of(a, {"abc"});
         orbs3_checksum_t ck;
         char out[ORBS3_CHECKSUM_BASE64_MAX + 1];
@@ -144,7 +159,9 @@ TEST(Checksum, HeaderNamesAndWordsNameTheAlgorithm)
         {"x-amz-checksum-SHA256", alg::sha256, alg::none},
         {"x-amz-checksum-algorithm", alg::none, alg::none},
         {"x-amz-checksum-type", alg::none, alg::none},
-        {"x-amz-checksum-crc64nvme", alg::none, alg::none},
+        {"x-amz-checksum-crc64nvme", alg::crc64nvme, alg::none},
+        {"CRC64NVME", alg::none, alg::crc64nvme},
+        {"crc64", alg::none, alg::none},
         {"x-amz-checksum-crc", alg::none, alg::none},
         {"x-amz-checksum-sha2566", alg::none, alg::none},
         {"CRC32", alg::none, alg::crc32},
@@ -159,8 +176,107 @@ TEST(Checksum, HeaderNamesAndWordsNameTheAlgorithm)
         EXPECT_EQ(orbs3_checksum_alg_of_header(r.text), r.as_header) << r.text;
         EXPECT_EQ(orbs3_checksum_alg_of_word(r.text), r.as_word) << r.text;
     }
-    for (alg a : {alg::crc32, alg::crc32c, alg::sha1, alg::sha256})
+    for (alg a : {alg::crc32, alg::crc32c, alg::crc64nvme, alg::sha1, alg::sha256}) {
         EXPECT_EQ(orbs3_checksum_alg_of_header(orbs3_checksum_header_name(a)), a);
+        EXPECT_EQ(orbs3_checksum_alg_of_word(orbs3_checksum_word(a)), a);
+    }
+    EXPECT_EQ(orbs3_checksum_word(alg::crc64nvme), "CRC64NVME");
     EXPECT_EQ(orbs3_checksum_header_name(alg::crc32c), "x-amz-checksum-crc32c");
     EXPECT_TRUE(orbs3_checksum_header_name(alg::none).empty());
+}
+
+namespace {
+
+uint64_t crc_value(alg a, const std::string& d)
+{
+    switch (a) {
+    case alg::crc32c:
+        return orbs3_crc32c(d.data(), d.size(), 0);
+    case alg::crc64nvme:
+        return orbs3_crc64nvme(d.data(), d.size(), 0);
+    default: {
+        // The header form carries the register big-endian: read it back.
+        uint8_t raw[ORBS3_CHECKSUM_RAW_MAX];
+        const std::string text = checksum_of(a, {d});
+        EXPECT_EQ(orbs3_checksum_decode(a, text, raw), 4u);
+        return uint64_t{raw[0]} << 24 | uint64_t{raw[1]} << 16 | uint64_t{raw[2]} << 8 | raw[3];
+    }
+    }
+}
+
+std::string assembled(alg a, bool full, const std::string& d, const std::vector<std::size_t>& cuts)
+{
+    orbs3_checksum_parts_t ck;
+    if (orbs3_checksum_parts_init(&ck, a, full) != 0)
+        return "init refused";
+    std::size_t at = 0;
+    for (std::size_t cut : cuts) {
+        const std::string part = d.substr(at, cut - at);
+        orbs3_checksum_parts_add(&ck, checksum_of(a, {part}), static_cast<int64_t>(part.size()));
+        at = cut;
+    }
+    char out[ORBS3_CHECKSUM_TEXT_MAX + 1];
+    const std::size_t n = orbs3_checksum_parts_final(&ck, out, sizeof out);
+    return n == 0 ? "final failed" : std::string(out, n);
+}
+
+}  // namespace
+
+TEST(Checksum, CombinedCrcIsTheCrcOfTheConcatenation)
+{
+    const std::string d = pattern();
+    for (alg a : {alg::crc32, alg::crc32c, alg::crc64nvme}) {
+        for (std::size_t cut : {0, 1, 7, 8, 9, 500, 999, 1000}) {
+            const std::string x = d.substr(0, cut), y = d.substr(cut);
+            EXPECT_EQ(orbs3_crc_combine(a, crc_value(a, x), crc_value(a, y), y.size()), crc_value(a, d))
+                << static_cast<int>(a) << " " << cut;
+        }
+    }
+    // Parts of gigabytes: combining is associative, (A B) C = A (B C), whatever the three values are.
+    for (alg a : {alg::crc32, alg::crc32c, alg::crc64nvme}) {
+        const uint64_t x = crc_value(a, "abc"), y = crc_value(a, "def"), z = crc_value(a, "ghi");
+        const uint64_t ly = uint64_t{3} << 30, lz = uint64_t{5} << 30;
+        EXPECT_EQ(orbs3_crc_combine(a, orbs3_crc_combine(a, x, y, ly), z, lz),
+                  orbs3_crc_combine(a, x, orbs3_crc_combine(a, y, z, lz), ly + lz))
+            << static_cast<int>(a);
+    }
+    EXPECT_EQ(orbs3_crc_combine(alg::sha256, 1, 2, 3), 0u);
+}
+
+TEST(Checksum, AssembledObjectsTakeCompositeOrFullObjectForm)
+{
+    // Three parts of the 1000-byte pattern, 300 + 400 + 300; expected values from a bitwise reference.
+    const std::string d = pattern();
+    const std::vector<std::size_t> cuts = {300, 700, 1000};
+    struct row {
+        alg a;
+        bool full;
+        const char* want;
+    };
+    const row rows[] = {
+        {alg::crc32, false, "+tI6pA==-3"},
+        {alg::crc32c, false, "capwog==-3"},
+        {alg::sha256, false, "zOEzL0M3aeDb6kXlRB3cqADgDaFqCFtiA3ZYwrXUUh0=-3"},
+        {alg::crc32, true, "F7wqRg=="},
+        {alg::crc32c, true, "3S7f9w=="},
+        {alg::crc64nvme, true, "OH6Gi9FN6+0="},
+        // S3 knows no full-object digest and no composite CRC64NVME.
+        {alg::sha1, true, "init refused"},
+        {alg::crc64nvme, false, "init refused"},
+        {alg::none, false, "init refused"},
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(assembled(r.a, r.full, d, cuts), r.want) << static_cast<int>(r.a) << " " << r.full;
+    // The full-object form of one part is that part's own value.
+    EXPECT_EQ(assembled(alg::crc32, true, d, {1000}), checksum_of(alg::crc32, {d}));
+
+    // A part value of another algorithm or not base64 spoils the result instead of giving a wrong one.
+    for (const char* bad : {"AAAAAAAAAAA=", "AAAAAA=", "AAAAAB==", "AAA*AA==", ""}) {
+        orbs3_checksum_parts_t ck;
+        ASSERT_EQ(orbs3_checksum_parts_init(&ck, alg::crc32, false), 0);
+        orbs3_checksum_parts_add(&ck, "AAAAAA==", 5);
+        orbs3_checksum_parts_add(&ck, bad, 5);
+        char out[ORBS3_CHECKSUM_TEXT_MAX + 1];
+        EXPECT_EQ(orbs3_checksum_parts_final(&ck, out, sizeof out), 0u) << bad;
+    }
 }

@@ -13,6 +13,7 @@
 #include "core/orbs3_config.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_checksum.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
 
@@ -89,6 +90,12 @@ TEST(MultipartRecords, PartRecordHoldsSixtyFourBitSizesAndRefusesDamage)
     EXPECT_EQ(std::memcmp(back.md5, p.md5, 16), 0);
     EXPECT_EQ(back.ino, p.ino);
     EXPECT_EQ(back.modified, p.modified);
+    EXPECT_TRUE(back.checksum.empty());
+    p.checksum_algorithm = "SHA256";
+    p.checksum = "ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=";
+    ASSERT_EQ(orbs3_multipart_parse_part(orbs3_multipart_render_part(p), &back), 0);
+    EXPECT_EQ(back.checksum_algorithm, p.checksum_algorithm);
+    EXPECT_EQ(back.checksum, p.checksum);
 
     auto without = [&](const std::string& field) {
         std::string t = text;
@@ -120,6 +127,8 @@ TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
     const int64_t min = 5 << 20;
     std::vector<orbs3_multipart_part_t> stored = {part(1, min, kMd5A), part(2, min - 1, kMd5B),
                                                   part(3, 1, kMd5A), part(5, min, kMd5B)};
+    stored[0].checksum_algorithm = "CRC32";
+    stored[0].checksum = "AAAAAA==";
     const std::string qa = std::string("\"") + kMd5A + "\"", qb = std::string("\"") + kMd5B + "\"";
     const std::string cut = "\"" + std::string(kMd5A, 31);
     std::string upper = kMd5B;
@@ -145,6 +154,11 @@ TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
         {{{1, qa}, {5, upper}}, 0, 0},
         {{{1, kMd5A}, {2, qb}}, 0, 0},
         {{{3, qa}}, 0, 0},
+        // A checksum named in the document is the part's own, of its algorithm.
+        {{{1, qa, "CRC32", "AAAAAA=="}, {5, qb}}, 0, 0},
+        {{{1, qa, "CRC32", "AAAAAB=="}}, ORBS3_S3_INVALID_PART, 0},
+        {{{1, qa, "CRC32C", "AAAAAA=="}}, ORBS3_S3_INVALID_PART, 0},
+        {{{1, qa}, {5, qb, "CRC32", "AAAAAA=="}}, ORBS3_S3_INVALID_PART, 1},
     };
     for (const Case& c : cases) {
         EXPECT_EQ(orbs3_multipart_check_complete(c.req, stored, min, &bad), static_cast<int>(c.want))
@@ -285,3 +299,80 @@ TEST_F(MultipartPaths, StagingLiesBesideTheObjectUnderAReservedName)
 }
 
 }  // namespace
+
+TEST(MultipartParts, SizesKeptInRunsFindEachPart)
+{
+    std::vector<orbs3_multipart_part_t> p = {part(1, 5, kMd5A), part(2, 5, kMd5A), part(4, 5, kMd5A),
+                                             part(7, 3, kMd5A), part(8, 5, kMd5A)};
+    std::vector<const orbs3_multipart_part_t*> chosen;
+    for (const auto& x : p)
+        chosen.push_back(&x);
+    const std::string text = orbs3_multipart_parts_text(chosen);
+    EXPECT_EQ(text, "5*3 3 5");
+    struct row {
+        int number;
+        int want;
+        int64_t offset, size;
+    };
+    // Part numbers of the object count from 1 whatever the upload's numbers were.
+    const row rows[] = {{1, 0, 0, 5}, {3, 0, 10, 5}, {4, 0, 15, 3}, {5, 0, 18, 5}, {6, 1, 0, 0}};
+    for (const row& r : rows) {
+        int64_t offset = -1, size = -1;
+        int count = 0;
+        ASSERT_EQ(orbs3_multipart_find_part(text, 23, r.number, &offset, &size, &count), r.want) << r.number;
+        EXPECT_EQ(count, 5);
+        if (r.want == 0) {
+            EXPECT_EQ(std::make_pair(offset, size), std::make_pair(r.offset, r.size)) << r.number;
+        }
+    }
+    int64_t offset = 0, size = 0;
+    int count = 0;
+    // A list that does not add up to the object, or is not one, describes no parts of it.
+    for (const char* bad : {"5*3 3 5 ", "5*3 3", "5*0 23", "x", "", "5*10001", "23*1*1", "-5 28"})
+        EXPECT_EQ(orbs3_multipart_find_part(bad, 23, 1, &offset, &size, &count), -1) << bad;
+    EXPECT_EQ(orbs3_multipart_nth_word("a bb c", 2), "bb");
+    EXPECT_EQ(orbs3_multipart_nth_word("a bb c", 3), "c");
+    EXPECT_EQ(orbs3_multipart_nth_word("a bb c", 4), "");
+    EXPECT_EQ(orbs3_multipart_nth_word("", 1), "");
+}
+
+TEST(MultipartParts, ObjectChecksumFollowsTheDeclaredFormOrIsNone)
+{
+    // CRC32 of "abc" and of "def", and of "abcdef" whole, in header form; the composite value is the CRC32
+    // of the two raw values. Values from zlib.
+    orbs3_multipart_part_t a = part(1, 3, kMd5A), b = part(2, 3, kMd5B);
+    a.checksum_algorithm = b.checksum_algorithm = "CRC32";
+    a.checksum = "NSRBwg==";
+    b.checksum = "DMThYQ==";
+    orbs3_multipart_upload_t up;
+    std::string alg, values;
+    char value[ORBS3_CHECKSUM_TEXT_MAX + 1];
+    struct row {
+        const char* alg;
+        const char* type;
+        const char* want_alg;
+        const char* want;  // null: none known
+    };
+    const row rows[] = {
+        {"", "", "CRC32", "S4457w=="},  // nothing declared: the parts' CRCs combined
+        {"CRC32", "FULL_OBJECT", "CRC32", "S4457w=="},
+        {"CRC32", "COMPOSITE", "CRC32", "ZYzvyg==-2"},
+        {"CRC32C", "COMPOSITE", "CRC32C", nullptr},  // parts of another algorithm
+    };
+    for (const row& r : rows) {
+        up.checksum_algorithm = r.alg;
+        up.checksum_type = r.type;
+        const bool got = orbs3_multipart_object_checksum(up, {&a, &b}, &alg, value, &values);
+        ASSERT_EQ(got, r.want != nullptr) << r.alg << " " << r.type;
+        if (got) {
+            EXPECT_EQ(alg, r.want_alg);
+            EXPECT_STREQ(value, r.want) << r.alg << " " << r.type;
+            EXPECT_EQ(values, "NSRBwg== DMThYQ==");
+        }
+    }
+    // A part without a value (sent before the upload knew its algorithm) leaves the object without one.
+    up.checksum_algorithm = "CRC32";
+    up.checksum_type = "COMPOSITE";
+    b.checksum.clear();
+    EXPECT_FALSE(orbs3_multipart_object_checksum(up, {&a, &b}, &alg, value, &values));
+}

@@ -399,6 +399,15 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
     set(p, &o->checksum_algorithm, "CRC32C");
     set(p, &o->checksum, "yZRlqg==");
     set(p, &o->upload_id, "0123456789abcdef0123456789abcdef");
+    // The parts of the largest assembled object: 10000 sizes and SHA256 values are kept whole.
+    std::string sums;
+    for (int i = 0; i < 10000; i++)
+        sums += (i == 0 ? "" : " ") + std::string("ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=");
+    std::string sizes;
+    for (int i = 0; i < 10000; i++)
+        sizes += (i == 0 ? "" : " ") + std::to_string(5368709120 - i);
+    set(p, &o->parts, sizes.c_str());
+    set(p, &o->part_checksums, sums.c_str());
     for (auto [k, v] : {std::pair{"zeta", "<last>"}, {"alpha", "first & \"quoted\""}}) {
         auto* t = make<orbs3_tag_t>(p);
         set(p, &t->key, k);
@@ -412,7 +421,8 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
     expect_same_object(o.get(), back.get());
     for (auto field : {&orbs3_object_t::content_type, &orbs3_object_t::cache_control,
                        &orbs3_object_t::content_disposition, &orbs3_object_t::content_encoding,
-                       &orbs3_object_t::expires, &orbs3_object_t::checksum_algorithm, &orbs3_object_t::checksum})
+                       &orbs3_object_t::expires, &orbs3_object_t::checksum_algorithm, &orbs3_object_t::checksum,
+                       &orbs3_object_t::parts, &orbs3_object_t::part_checksums})
         EXPECT_EQ(str(o.get()->*field), str(back.get()->*field));
     EXPECT_EQ(str(back->upload_id), "0123456789abcdef0123456789abcdef");
     auto meta = items<orbs3_tag_t>(&back->meta);
