@@ -32,7 +32,7 @@ TEST(S3Errors, TableHasEveryRowAndTheFirstRowOfACodeWins)
         EXPECT_EQ(e->message == nullptr, e->code == ORBS3_S3_OPERATION_NOT_SUPPORTED) << e->name;
         EXPECT_TRUE(e->http_status >= 200 && e->http_status < 600) << e->name;
     }
-    // The 97 rows of the S3 table and five of this server's own, each with a code of its own.
+    // The 98 rows of the S3 table and four of this server's own, each with a code of its own.
     EXPECT_EQ(rows, 102u);
     EXPECT_STREQ(e->name, "EndOff");
     EXPECT_EQ(names.size(), 90u) << "InvalidRequest ten times, AccessDenied, PreconditionFailed, BadDigest twice";
