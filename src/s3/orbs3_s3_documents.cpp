@@ -212,21 +212,25 @@ bool ends_in_tag(const char* text)
     return n > 0 && text[n - 1] == '>';
 }
 
-// The body as a tree, null when it does not load, has no root element, leaves an element open or holds a
-// second root. Texts arrive as chains of words, so a value is read up to its first blank.
+// S3's request documents are a few levels deep; a CompleteMultipartUpload of 10,000 parts, each with its
+// number, ETag and checksums, is the largest at about 80,000 elements.
+constexpr orbs3_xml_bounds kBodyBounds{32, 100000};
+
+// The body as a tree, null when it passes the bounds above, does not load, has no root element, leaves an
+// element open or holds a second root. Texts load whole, blanks and all: a key is never cut at a blank.
 //
 // The body loads under a holder of ours. Mini-XML alone accepts a root that is never closed
 // (a body cut short in transit must not pass as a shorter request) and loses a parentless element whose
 // attributes break off; under a holder it refuses the first, and every node it made is ours to free.
 orbs3_xml_ptr load_body(const char* text)
 {
-    if (text == nullptr || !ends_in_tag(text))
+    if (text == nullptr || !ends_in_tag(text) || !orbs3_xml_within_bounds(text, kBodyBounds))
         return nullptr;
     // A blank ends a tag name, so no close tag in the body can match the holder's and climb out of it.
     orbs3_xml_ptr holder(mxmlNewElement(MXML_NO_PARENT, "orbs3 body"));
     if (holder == nullptr)
         return nullptr;
-    if (mxmlLoadString(holder.get(), text, MXML_NO_CALLBACK) != holder.get())
+    if (mxmlLoadString(holder.get(), text, MXML_OPAQUE_CALLBACK) != holder.get())
         return nullptr;
     // Declarations and comments load as elements named "?..." and "!..."; exactly one other is the root.
     int roots = 0;
@@ -240,13 +244,23 @@ orbs3_xml_ptr load_body(const char* text)
     return holder;
 }
 
-// The first word of the element's own text, or null.
-const char* elem_text(mxml_node_t* node, const char* name)
+// The whole text of the element `name` at or below node into out; false when there is no such element.
+bool elem_text(mxml_node_t* node, const char* name, std::string* out)
 {
     mxml_node_t* e = orbs3_xml_find(node, name);
     if (e == nullptr)
-        return nullptr;
-    return mxmlGetText(e, nullptr);
+        return false;
+    *out = orbs3_xml_text(e);
+    return true;
+}
+
+// The text of the element `name` as one word of a closed set, blanks around it dropped; "" when missing.
+std::string elem_word(mxml_node_t* node, const char* name)
+{
+    std::string t;
+    if (!elem_text(node, name, &t))
+        return t;
+    return std::string(orbs3_xml_trim(t));
 }
 
 // The next `name` below parent behind prev (or the first one when prev is null).
@@ -321,11 +335,9 @@ int parse_acl(const char* text, uint32_t* acl)
         return -1;
     uint32_t bits = 0;
     for (mxml_node_t* g = next_elem(nullptr, list, "Grant"); g != nullptr; g = next_elem(g, list, "Grant")) {
-        const char* p = elem_text(g, "Permission");
-        if (p == nullptr)
-            continue;
+        const std::string p = elem_word(g, "Permission");
         for (const auto& w : acl_words) {
-            if (std::strcmp(p, w.name) == 0)
+            if (p == w.name)
                 bits |= w.bit;
         }
     }
@@ -355,16 +367,16 @@ char* make_acl(uint32_t acl, const orbs3_user_t* user, mxml_save_cb_t cb)
 
 int orbs3_xml_get_textint(mxml_node_t* node, const char* name)
 {
-    const char* t = elem_text(node, name);
-    return t == nullptr ? 0 : orbs3_xml_to_int(t);
+    std::string t;
+    return elem_text(node, name, &t) ? orbs3_xml_to_int(t.c_str()) : 0;
 }
 
 int orbs3_pack_xml_text_str(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
 {
-    mxml_node_t* e = orbs3_xml_find(node, name);
-    if (e == nullptr || str == nullptr)
+    std::string t;
+    if (str == nullptr || !elem_text(node, name, &t))
         return -1;
-    return pool_str(str, mxmlGetText(e, nullptr), ORBS3_XML_TEXT_MAX, pool);
+    return pool_str(str, t.c_str(), ORBS3_XML_TEXT_MAX, pool);
 }
 
 mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, std::size_t len, const char* text)
@@ -546,8 +558,7 @@ int parse_bucket_versioning_xmlstring(const char* text, orbs3_bucket_versioning_
     mxml_node_t* root = orbs3_xml_find(doc.get(), "VersioningConfiguration");
     if (root == nullptr)
         return -3;
-    const char* status = elem_text(root, "Status");
-    versioning->status = (status != nullptr && strcasecmp(status, "Enabled") == 0) ? 1 : 0;
+    versioning->status = strcasecmp(elem_word(root, "Status").c_str(), "Enabled") == 0 ? 1 : 0;
     versioning->save_num = orbs3_xml_find(root, "SaveNum") != nullptr ? orbs3_xml_get_textint(root, "SaveNum") : 10;
     return 0;
 }
@@ -726,11 +737,12 @@ int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_p
     for (mxml_node_t* o = next_elem(nullptr, top, "Object"); o != nullptr; o = next_elem(o, top, "Object")) {
         if (++n > ORBS3_XML_MAX_DEL_OBJECTS)
             return -1;
-        const char* k = elem_text(o, "Key");
-        if (k != nullptr && strnlen(k, ORBS3_XML_DEL_KEY_MAX + 1) > ORBS3_XML_DEL_KEY_MAX)
+        std::string k;
+        (void)elem_text(o, "Key", &k);
+        if (k.size() > ORBS3_XML_DEL_KEY_MAX)
             return -1;
         auto* rec = new_record<orbs3_del_key_t>(pool, list);
-        if (rec == nullptr || pool_str(&rec->key, k, ORBS3_XML_DEL_KEY_MAX, pool) != 0)
+        if (rec == nullptr || pool_str(&rec->key, k.c_str(), ORBS3_XML_DEL_KEY_MAX, pool) != 0)
             return -1;
     }
     return 0;
@@ -759,8 +771,7 @@ bool parse_del_objects_quiet(const char* text)
     orbs3_xml_ptr doc = load_body(text);
     if (doc == nullptr)
         return false;
-    const char* q = elem_text(doc.get(), "Quiet");
-    return q != nullptr && strcasecmp(q, "true") == 0;
+    return strcasecmp(elem_word(doc.get(), "Quiet").c_str(), "true") == 0;
 }
 
 char* make_copy_object_result_xmlstring(const char* last_modified, const char* etag)
@@ -850,8 +861,10 @@ int parse_named_id(const char* text, const char* root_name, const char* holder, 
     if (root == nullptr)
         return -1;
     mxml_node_t* from = holder != nullptr ? orbs3_xml_find(root, holder) : root;
-    const char* t = from != nullptr ? elem_text(from, "Id") : nullptr;
-    return pool_str(id, t, ORBS3_XML_TEXT_MAX, pool);
+    std::string t;
+    if (from != nullptr)
+        (void)elem_text(from, "Id", &t);
+    return pool_str(id, t.c_str(), ORBS3_XML_TEXT_MAX, pool);
 }
 
 // The history file's name comes from the client: it must stay a plain name inside the history directory.
@@ -912,10 +925,10 @@ namespace {
 constexpr const char* storage_classes[] = {"GLACIER", "STANDARD_IA", "ONEZONE_IA", "INTELLIGENT_TIERING",
                                            "DEEP_ARCHIVE"};
 
-uint32_t storage_class_number(const char* text)
+uint32_t storage_class_number(std::string_view text)
 {
-    for (uint32_t i = 0; text != nullptr && i < std::size(storage_classes); ++i) {
-        if (std::strcmp(text, storage_classes[i]) == 0)
+    for (uint32_t i = 0; i < std::size(storage_classes); ++i) {
+        if (text == storage_classes[i])
             return i;
     }
     return 0;
@@ -926,7 +939,7 @@ const char* storage_class_text(uint32_t n)
     return n < std::size(storage_classes) ? storage_classes[n] : storage_classes[0];
 }
 
-// Copies the first word of the element's text when the element exists; the field stays empty otherwise.
+// Copies the element's whole text when the element exists; the field stays empty otherwise.
 int take_text(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
 {
     if (orbs3_xml_find(node, name) == nullptr)
@@ -967,15 +980,14 @@ int parse_rule(mxml_node_t* rule, bool with_alias, orbs3_pool_t* pool, orbs3_lif
         }
     }
 
-    const char* status = elem_text(rule, "Status");
-    r->status = (status != nullptr && std::strcmp(status, "Enabled") == 0) ? 1 : 0;
+    r->status = elem_word(rule, "Status") == "Enabled" ? 1 : 0;
     r->abort_days = orbs3_xml_get_textint(rule, "DaysAfterInitiation");
 
     for (mxml_node_t* t = next_elem(nullptr, rule, "Transition"); t != nullptr; t = next_elem(t, rule, "Transition")) {
         auto* tr = new_record<orbs3_lifecycle_transition_t>(pool, &r->transitions);
         if (++items > ORBS3_XML_MAX_RULE_ITEMS || tr == nullptr)
             return -1;
-        tr->storage_class = storage_class_number(elem_text(t, "StorageClass"));
+        tr->storage_class = storage_class_number(elem_word(t, "StorageClass"));
         if (orbs3_xml_find(t, "Days") != nullptr)
             tr->days = orbs3_xml_get_textint(t, "Days");
         else if (take_text(t, "Date", &tr->date, pool) != 0)
@@ -1003,7 +1015,7 @@ int parse_rule(mxml_node_t* rule, bool with_alias, orbs3_pool_t* pool, orbs3_lif
         if (++items > ORBS3_XML_MAX_RULE_ITEMS || tr == nullptr)
             return -1;
         tr->days = orbs3_xml_get_textint(t, "NoncurrentDays");
-        tr->storage_class = storage_class_number(elem_text(t, "StorageClass"));
+        tr->storage_class = storage_class_number(elem_word(t, "StorageClass"));
     }
 
     if (mxml_node_t* e = orbs3_xml_find(rule, "NoncurrentVersionExpiration"); e != nullptr) {

@@ -88,7 +88,7 @@ struct orbs3_list_doc_t {
 
 // orbs3_xml_to_int of the text of the element `name` at or below node; 0 when it is missing.
 int orbs3_xml_get_textint(mxml_node_t* node, const char* name);
-// Copies the first word of the element's text, at most ORBS3_XML_TEXT_MAX bytes, into str from the pool.
+// Copies the element's whole text, at most ORBS3_XML_TEXT_MAX bytes, into str from the pool.
 // 0 when the element exists (an element without text gives ""), -1 when it is missing or memory runs out.
 int orbs3_pack_xml_text_str(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool);
 // A child element with text, at most ORBS3_XML_TEXT_MAX bytes of it; a null text gives an empty text.

@@ -258,8 +258,10 @@ TEST(S3Documents, VersioningIsOneLineAndItsStatusIgnoresCase)
     } rows[] = {
         {"<VersioningConfiguration><Status>enabled</Status><SaveNum>4</SaveNum></VersioningConfiguration>", 0, 1, 4},
         {"<VersioningConfiguration><Status>Suspended</Status></VersioningConfiguration>", 0, 0, 10},
-        {"<VersioningConfiguration><Status>ENABLED now</Status><SaveNum>x</SaveNum></VersioningConfiguration>", 0,
-         1, 0},
+        {"<VersioningConfiguration><Status>\n  ENABLED\t</Status><SaveNum>x</SaveNum></VersioningConfiguration>",
+         0, 1, 0},
+        // The status is the whole text, not its first word.
+        {"<VersioningConfiguration><Status>Enabled now</Status></VersioningConfiguration>", 0, 0, 10},
         {"<VersioningConfiguration />", 0, 0, 10},
         {"<Other><Status>Enabled</Status></Other>", -3, 7, 7},
         {"<VersioningConfiguration><Status>Enabled</Status>", -2, 7, 7},
@@ -273,7 +275,7 @@ TEST(S3Documents, VersioningIsOneLineAndItsStatusIgnoresCase)
     }
 }
 
-TEST(S3Documents, TaggingRoundTripCutsValuesAtTheFirstBlank)
+TEST(S3Documents, TaggingRoundTripKeepsBlanksInsideTexts)
 {
     auto pool = new_pool();
     neo_list_head_t tags;
@@ -284,13 +286,13 @@ TEST(S3Documents, TaggingRoundTripCutsValuesAtTheFirstBlank)
               0);
     auto got = records<orbs3_tag_t>(&tags);
     ASSERT_EQ(got.size(), 2u);
-    EXPECT_STREQ(neo_getstr(&got[0]->key), "my");
+    EXPECT_STREQ(neo_getstr(&got[0]->key), "my key");
     EXPECT_STREQ(neo_getstr(&got[0]->value), "v1");
     EXPECT_STREQ(neo_getstr(&got[1]->key), "k2");
     EXPECT_STREQ(neo_getstr(&got[1]->value), "");
 
     EXPECT_EQ(take(make_object_tagging_xmlstring(&tags)),
-              kDecl + "\n<Tagging>\n\r<TagSet>\n\r\r<Tag>\n\r\r\r<Key>my</Key>\n\r\r\r<Value>v1</Value>\n\r\r</Tag>"
+              kDecl + "\n<Tagging>\n\r<TagSet>\n\r\r<Tag>\n\r\r\r<Key>my key</Key>\n\r\r\r<Value>v1</Value>\n\r\r</Tag>"
                       "\n\r\r<Tag>\n\r\r\r<Key>k2</Key>\n\r\r\r<Value></Value>\n\r\r</Tag>\n\r</TagSet>\n</Tagging>\n");
 
     neo_list_head_t none;
@@ -362,7 +364,7 @@ TEST(S3Documents, CompleteUploadTakesEveryPartAnywhere)
     EXPECT_EQ(got[0]->part_number, 1);
     EXPECT_STREQ(neo_getstr(&got[0]->etag), "\"a\"");
     EXPECT_EQ(got[1]->part_number, 2147483647);
-    EXPECT_STREQ(neo_getstr(&got[1]->etag), "b");
+    EXPECT_STREQ(neo_getstr(&got[1]->etag), "b c");
     EXPECT_EQ(got[2]->part_number, 0);
 
     std::string many = "<C>";
@@ -385,12 +387,12 @@ TEST(S3Documents, BatchDeleteReadsKeysAndRefusesOverlongOnes)
               0);
     auto got = records<orbs3_del_key_t>(&list);
     ASSERT_EQ(got.size(), 2u);
-    EXPECT_STREQ(neo_getstr(&got[0]->key), "a");
+    EXPECT_STREQ(neo_getstr(&got[0]->key), "a b");
     EXPECT_STREQ(neo_getstr(&got[1]->key), "c/d&e");
 
     EXPECT_EQ(take(make_del_objects_xmlstring(&list, &list)),
-              kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a</Key>\n\r</Deleted>\n\r<Deleted>\n\r\r<Key>c/d&amp;e</Key>"
-                      "\n\r</Deleted>\n\r<Error>\n\r\r<Key>a</Key>\n\r</Error>\n\r<Error>\n\r\r<Key>c/d&amp;e</Key>"
+              kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a b</Key>\n\r</Deleted>\n\r<Deleted>\n\r\r<Key>c/d&amp;e</Key>"
+                      "\n\r</Deleted>\n\r<Error>\n\r\r<Key>a b</Key>\n\r</Error>\n\r<Error>\n\r\r<Key>c/d&amp;e</Key>"
                       "\n\r</Error>\n</DeleteResult>\n");
 
     const std::string k1023(1023, 'k');
@@ -596,7 +598,7 @@ TEST(S3Documents, LifecycleJobDocuments)
     EXPECT_EQ(parse_bucket_lifecycle_del_xmlstring("<Lifecycle><Rule><Id>r1 x</Id></Rule></Lifecycle>", &id,
                                                    pool.get()),
               0);
-    EXPECT_STREQ(neo_getstr(&id), "r1");
+    EXPECT_STREQ(neo_getstr(&id), "r1 x");
     EXPECT_EQ(parse_bucket_lifecycle_del_xmlstring("<Lifecycle><Id>top</Id></Lifecycle>", &id, pool.get()), 0);
     EXPECT_STREQ(neo_getstr(&id), "");
     EXPECT_EQ(parse_bucket_lifecycle_del_xmlstring("<Lifecyclejob><Id>j</Id></Lifecyclejob>", &id, pool.get()), -1);
