@@ -212,10 +212,6 @@ bool ends_in_tag(const char* text)
     return n > 0 && text[n - 1] == '>';
 }
 
-// S3's request documents are a few levels deep; a CompleteMultipartUpload of 10,000 parts, each with its
-// number, ETag and checksums, is the largest at about 80,000 elements.
-constexpr orbs3_xml_bounds kBodyBounds{32, 100000};
-
 // The body as a tree, null when it passes the bounds above, does not load, has no root element, leaves an
 // element open or holds a second root. Texts load whole, blanks and all: a key is never cut at a blank.
 //
@@ -224,7 +220,7 @@ constexpr orbs3_xml_bounds kBodyBounds{32, 100000};
 // attributes break off; under a holder it refuses the first, and every node it made is ours to free.
 orbs3_xml_ptr load_body(const char* text)
 {
-    if (text == nullptr || !ends_in_tag(text) || !orbs3_xml_within_bounds(text, kBodyBounds))
+    if (text == nullptr || !ends_in_tag(text) || !orbs3_xml_within_bounds(text, ORBS3_XML_BODY_BOUNDS))
         return nullptr;
     // A blank ends a tag name, so no close tag in the body can match the holder's and climb out of it.
     orbs3_xml_ptr holder(mxmlNewElement(MXML_NO_PARENT, "orbs3 body"));

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/orbs3_xml.h"
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
 #include "storage/orbs3_record.h"  // orbs3_tag_t
@@ -31,6 +32,11 @@ inline constexpr std::size_t ORBS3_XML_MAX_DEL_OBJECTS = 1000;
 inline constexpr std::size_t ORBS3_XML_MAX_PARTS = 10000;
 inline constexpr std::size_t ORBS3_XML_MAX_TAGS = 1000;
 inline constexpr std::size_t ORBS3_XML_MAX_RECYCLE = 10000;
+
+// S3's request documents are a few levels deep; a CompleteMultipartUpload of 10,000 parts, each with its
+// number, ETag and checksums, is the largest at about 80,000 elements. Every parser refuses a body beyond
+// these bounds before loading it.
+inline constexpr orbs3_xml_bounds ORBS3_XML_BODY_BOUNDS{32, 100000};
 
 // ---- records the parsers fill and the writers read ----
 
