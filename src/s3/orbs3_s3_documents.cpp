@@ -2,12 +2,14 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <strings.h>
 
 #include "control/orbs3_service.h"
 #include "core/orbs3_xml.h"
+#include "memory/neo_string.h"
 #include "storage/orbs3_bucket.h"
 
 namespace {
@@ -190,12 +192,50 @@ const char* recycle_conf_whitespace_cb(mxml_node_t* node, int where)
     return ws_lookup(recycle_conf_rows, node, where, LC);
 }
 
+// Mini-XML writes control bytes in a text as they are, where a client's XML parser turns a carriage return
+// into a line feed and refuses the others; it escapes every '&' we give it, so it cannot write a character
+// reference either. A text therefore enters the tree with each such byte as a mark, kMark and a letter
+// ('@' + the byte), and save_doc turns the marks into references. The bytes of the indentation stay raw.
+constexpr char kMark = '\x01';
+
+std::string marked(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        const auto b = static_cast<unsigned char>(c);
+        if (b < 0x20 && c != '\t' && c != '\n') {
+            out.push_back(kMark);
+            out.push_back(static_cast<char>('@' + b));
+        } else {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
 // Mini-XML saves through an 8 KiB stack buffer and takes an exact allocation only for longer texts.
 char* save_doc(mxml_node_t* xml, mxml_save_cb_t cb)
 {
     if (xml == nullptr)
         return nullptr;
-    return mxmlSaveAllocString(xml, cb);
+    char* saved = mxmlSaveAllocString(xml, cb);
+    if (saved == nullptr || std::strchr(saved, kMark) == nullptr)
+        return saved;
+    neo_cstr_ptr owner(saved);
+    std::string out;
+    for (const char* p = saved; *p != '\0'; ++p) {
+        if (*p == kMark && p[1] != '\0') {
+            const char c = static_cast<char>(*++p - '@');
+            orbs3_xml_escape(&out, std::string_view(&c, 1));
+        } else {
+            out.push_back(*p);
+        }
+    }
+    auto* text = static_cast<char*>(std::malloc(out.size() + 1));
+    if (text != nullptr)
+        std::memcpy(text, out.c_str(), out.size() + 1);
+    return text;
 }
 
 orbs3_xml_ptr new_doc()
@@ -380,15 +420,10 @@ mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, st
     mxml_node_t* e = mxmlNewElement(parent, name);
     if (e == nullptr)
         return nullptr;
-    char buf[ORBS3_XML_TEXT_MAX + 1];
     std::size_t n = 0;
-    if (text != nullptr) {
-        n = len < ORBS3_XML_TEXT_MAX ? len : ORBS3_XML_TEXT_MAX;
-        n = strnlen(text, n);
-        std::memcpy(buf, text, n);
-    }
-    buf[n] = '\0';
-    mxmlNewText(e, 0, buf);
+    if (text != nullptr)
+        n = strnlen(text, len < ORBS3_XML_TEXT_MAX ? len : ORBS3_XML_TEXT_MAX);
+    mxmlNewText(e, 0, marked(std::string_view(text == nullptr ? "" : text, n)).c_str());
     return e;
 }
 
@@ -456,7 +491,7 @@ mxml_node_t* new_text_view(mxml_node_t* parent, const char* name, std::string_vi
 {
     mxml_node_t* e = mxmlNewElement(parent, name);
     if (e != nullptr && !text.empty())
-        mxmlNewText(e, 0, std::string(text).c_str());
+        mxmlNewText(e, 0, marked(text).c_str());
     return e;
 }
 

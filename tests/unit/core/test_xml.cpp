@@ -88,6 +88,20 @@ TEST(Xml, BoundsCountOpenElementsAndStartTags)
     EXPECT_TRUE(orbs3_xml_within_bounds(deep, {100000, 100000}));
 }
 
+TEST(Xml, EscapeWritesMarkupAsEntitiesAndControlBytesAsReferences)
+{
+    std::string out = "<";
+    orbs3_xml_escape(&out, "a&b<c>d\"e'f\tg\nh\ri\x01j\x7f");
+    EXPECT_EQ(out, "<a&amp;b&lt;c&gt;d&quot;e&apos;f\tg\nh&#13;i&#1;j\x7f");
+    // What it writes, Mini-XML reads back as the text (control bytes aside, which XML 1.0 cannot hold).
+    std::string doc = "<K>";
+    orbs3_xml_escape(&doc, " a&b \r\n\t<'\">\xc3\xa9 ");
+    doc += "</K>";
+    orbs3_xml_ptr back = load(doc);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(orbs3_xml_text(back.get()), " a&b \r\n\t<'\">\xc3\xa9 ");
+}
+
 TEST(Xml, TextOkIsWhatMiniXmlReadsBackUnchanged)
 {
     struct row {
