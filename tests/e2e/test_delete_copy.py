@@ -576,7 +576,8 @@ def test_aws_cli_removes_a_tree_recursively(tenant, tmp_path, needs_listing):
 # Keys that differ from others only behind a blank, around it, or in a character XML escapes; the batch
 # delete once read each Key up to its first blank and deleted the shorter key in its place.
 BLANK_KEYS = ["with", "with space/and+plus.txt", "a b", "a", "report", "report 2024.pdf", "leading", " leading",
-              "tab\tkey", "tab", "amp&<x>'\"", "amp", "trailing ", "trailing", "caf\u00e9 cr\u00e8me", "caf\u00e9"]
+              "tab\tkey", "tab", "amp&<x>'\"", "amp", "trailing ", "trailing", "caf\u00e9 cr\u00e8me", "caf\u00e9",
+              "cr\rkey", "cr", "nl\nkey", "nl"]
 
 
 def put_keys(s3, prefix, keys):
@@ -605,7 +606,8 @@ def test_delete_objects_deletes_exactly_the_keys_it_names(tenant):
     keys = put_keys(s3, "blanks/", BLANK_KEYS)
     assert {"with", "with space/and+plus.txt", "a b", "a", " leading", "leading", "report 2024.pdf"} <= set(keys)
     named = [k for k in keys if k in ("with space/and+plus.txt", "a b", "report 2024.pdf", " leading", "tab\tkey",
-                                      "amp&<x>'\"", "trailing ", "caf\u00e9 cr\u00e8me")]
+                                      "amp&<x>'\"", "trailing ", "caf\u00e9 cr\u00e8me", "cr\rkey",
+                                      "nl\nkey")]
     got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "blanks/" + k} for k in named]})
     assert sorted(d["Key"] for d in got["Deleted"]) == sorted("blanks/" + k for k in named)
     assert not got.get("Errors")

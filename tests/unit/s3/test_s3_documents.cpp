@@ -393,7 +393,8 @@ TEST(S3Documents, BatchDeleteReadsKeysAndRefusesOverlongOnes)
     EXPECT_STREQ(neo_getstr(&got[1]->key), "c/d&e");
 
     EXPECT_EQ(take(make_del_objects_xmlstring(&list, &list)),
-              kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a b</Key>\n\r</Deleted>\n\r<Deleted>\n\r\r<Key>c/d&amp;e</Key>"
+              kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a b</Key>\n\r</Deleted>\n\r<Deleted>"
+                      "\n\r\r<Key>c/d&amp;e</Key>"
                       "\n\r</Deleted>\n\r<Error>\n\r\r<Key>a b</Key>\n\r</Error>\n\r<Error>\n\r\r<Key>c/d&amp;e</Key>"
                       "\n\r</Error>\n</DeleteResult>\n");
 
@@ -652,13 +653,15 @@ TEST(S3Documents, EveryParserReadsBackTheWholeTextItWasSent)
     auto pool = new_pool();
     auto x = [&](const std::string& t) { return client_text(t, rng); };
 
-    std::string del = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<Delete xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">"
+    std::string del = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
+                      "<Delete xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">"
                       "<Quiet>false</Quiet>";
     std::string complete = "<CompleteMultipartUpload>";
     std::string tagging = "<Tagging><TagSet>";
     for (std::size_t i = 0; i < texts.size(); ++i) {
         del += "<Object><Key>" + x(texts[i]) + "</Key></Object>";
-        complete += "<Part><ETag>" + x(texts[i]) + "</ETag><PartNumber>" + std::to_string(i + 1) + "</PartNumber></Part>";
+        complete += "<Part><ETag>" + x(texts[i]) + "</ETag><PartNumber>" + std::to_string(i + 1) +
+                    "</PartNumber></Part>";
         tagging += "<Tag><Key>" + x(texts[i]) + "</Key><Value>" + x(texts[texts.size() - 1 - i]) + "</Value></Tag>";
     }
     del += "</Delete>";
@@ -724,13 +727,11 @@ TEST(S3Documents, EveryParserReadsBackTheWholeTextItWasSent)
             EXPECT_EQ(str(t[0]->value), texts[i + 3]);
         }
         orbs3_str_t id{};
-        ASSERT_EQ(parse_lifecycle_job_id_xmlstring(("<Lifecyclejob><Id>" + x(texts[i]) + "</Id></Lifecyclejob>").c_str(),
-                                                   &id, pool.get()),
-                  0);
+        const std::string job = "<Lifecyclejob><Id>" + x(texts[i]) + "</Id></Lifecyclejob>";
+        ASSERT_EQ(parse_lifecycle_job_id_xmlstring(job.c_str(), &id, pool.get()), 0);
         EXPECT_EQ(str(id), texts[i]);
-        ASSERT_EQ(parse_bucket_lifecycle_del_xmlstring(
-                      ("<Lifecycle><Rule><Id>" + x(texts[i + 1]) + "</Id></Rule></Lifecycle>").c_str(), &id, pool.get()),
-                  0);
+        const std::string del_rule = "<Lifecycle><Rule><Id>" + x(texts[i + 1]) + "</Id></Rule></Lifecycle>";
+        ASSERT_EQ(parse_bucket_lifecycle_del_xmlstring(del_rule.c_str(), &id, pool.get()), 0);
         EXPECT_EQ(str(id), texts[i + 1]);
     }
 }
