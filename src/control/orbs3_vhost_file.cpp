@@ -67,45 +67,11 @@ std::string cut_text(const char* s, std::size_t cap)
 }
 
 // Mini-XML refuses a whole document for one control byte or one broken UTF-8 sequence, so such a value
-// is never written: it would take every other host or user of the file with it.
+// is never written: it would take every other host or user of the file with it. Tabs and line breaks,
+// which XML could hold, have no place in these names either.
 bool xml_text_ok(std::string_view s)
 {
-    for (std::size_t i = 0; i < s.size();) {
-        const auto c = static_cast<unsigned char>(s[i]);
-        if (c < 0x20 || c == 0x7F)
-            return false;
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        std::size_t len;
-        uint32_t cp;
-        if ((c & 0xE0) == 0xC0) {
-            len = 2;
-            cp = c & 0x1F;
-        } else if ((c & 0xF0) == 0xE0) {
-            len = 3;
-            cp = c & 0x0F;
-        } else if ((c & 0xF8) == 0xF0) {
-            len = 4;
-            cp = c & 0x07;
-        } else {
-            return false;
-        }
-        if (i + len > s.size())
-            return false;
-        for (std::size_t k = 1; k < len; ++k) {
-            const auto cc = static_cast<unsigned char>(s[i + k]);
-            if ((cc & 0xC0) != 0x80)
-                return false;
-            cp = (cp << 6) | (cc & 0x3F);
-        }
-        static constexpr uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-        if (cp < kMin[len] || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF))
-            return false;
-        i += len;
-    }
-    return true;
+    return orbs3_xml_text_ok(s) && s.find_first_of("\t\r\n") == std::string_view::npos;
 }
 
 // The value for a double-quoted attribute of a hand-written document.

@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <string_view>
 
 struct orbs3_xml_deleter {
     void operator()(mxml_node_t* n) const noexcept { mxmlDelete(n); }
@@ -26,6 +28,39 @@ using orbs3_file_ptr = std::unique_ptr<FILE, orbs3_file_closer>;
 
 // The element anywhere in the tree, `top` included (mxmlFindElement looks only below its start).
 mxml_node_t* orbs3_xml_find(mxml_node_t* top, const char* name);
+
+// The whole text of an element as it was sent: every text child in order with its blanks, tabs and line
+// breaks, entities decoded, CDATA sections as their content; comments, processing instructions and the
+// texts of child elements left out. "" for a null element or one without text. Mini-XML loaded without a
+// callback splits a text into words, so texts are read through this function and never one node at a time.
+[[nodiscard]] std::string orbs3_xml_text(mxml_node_t* element);
+
+// The text without the blanks, tabs and line breaks XML allows around a word: for texts that are one word
+// of a closed set (a status, a permission, a number), never for keys, values or names.
+[[nodiscard]] std::string_view orbs3_xml_trim(std::string_view text);
+
+// Bounds that hold a hostile document off before Mini-XML builds it: its loader and the walks over the tree
+// cost time in the depth, so a body nested 100,000 deep would hold a worker for seconds.
+struct orbs3_xml_bounds {
+    std::size_t depth;     // elements open at once
+    std::size_t elements;  // start tags in the whole text
+};
+// False when `text` opens more elements at once, or more elements in all, than `bounds` allow. One pass over
+// the bytes that counts start and end tags; comments, CDATA sections, processing instructions, declarations
+// and quoted attribute values are passed over, so a '<' inside them counts for nothing. It checks no more
+// than the bounds: a text within them may still be malformed, which the loader finds.
+[[nodiscard]] bool orbs3_xml_within_bounds(std::string_view text, orbs3_xml_bounds bounds);
+
+// True when Mini-XML writes `text` in an attribute or a text node and reads the same bytes back: valid
+// UTF-8 (no overlong form, no surrogate, nothing above U+10FFFF) without the control bytes XML 1.0 cannot
+// hold (everything below 0x20 but tab, line feed and carriage return). Mini-XML refuses a whole document
+// for one such byte, even as a character reference.
+[[nodiscard]] bool orbs3_xml_text_ok(std::string_view text);
+
+// Appends `text` as the content of an element or a double-quoted attribute of a hand-written document:
+// & < > " ' as entities, and every control byte but tab and line feed as a decimal character reference
+// (a carriage return must reach the client as &#13;: an XML parser turns a raw one into a line feed).
+void orbs3_xml_escape(std::string* out, std::string_view text);
 
 // atoi without its undefined behaviour: text that is not a number is 0, and a number beyond int is held
 // at INT_MIN or INT_MAX. Within int the value is atoi's.

@@ -2,6 +2,7 @@
 
 #include <cinttypes>
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <iterator>
 #include <utility>
@@ -9,6 +10,7 @@
 
 #include "control/orbs3_service.h"
 #include "core/orbs3_xml.h"
+#include "memory/neo_string.h"
 #include "storage/orbs3_bucket.h"
 
 namespace {
@@ -192,12 +194,50 @@ const char* recycle_conf_whitespace_cb(mxml_node_t* node, int where)
     return ws_lookup(recycle_conf_rows, node, where, LC);
 }
 
+// Mini-XML writes control bytes in a text as they are, where a client's XML parser turns a carriage return
+// into a line feed and refuses the others; it escapes every '&' we give it, so it cannot write a character
+// reference either. A text therefore enters the tree with each such byte as a mark, kMark and a letter
+// ('@' + the byte), and save_doc turns the marks into references. The bytes of the indentation stay raw.
+constexpr char kMark = '\x01';
+
+std::string marked(std::string_view text)
+{
+    std::string out;
+    out.reserve(text.size());
+    for (char c : text) {
+        const auto b = static_cast<unsigned char>(c);
+        if (b < 0x20 && c != '\t' && c != '\n') {
+            out.push_back(kMark);
+            out.push_back(static_cast<char>('@' + b));
+        } else {
+            out.push_back(c);
+        }
+    }
+    return out;
+}
+
 // Mini-XML saves through an 8 KiB stack buffer and takes an exact allocation only for longer texts.
 char* save_doc(mxml_node_t* xml, mxml_save_cb_t cb)
 {
     if (xml == nullptr)
         return nullptr;
-    return mxmlSaveAllocString(xml, cb);
+    char* saved = mxmlSaveAllocString(xml, cb);
+    if (saved == nullptr || std::strchr(saved, kMark) == nullptr)
+        return saved;
+    neo_cstr_ptr owner(saved);
+    std::string out;
+    for (const char* p = saved; *p != '\0'; ++p) {
+        if (*p == kMark && p[1] != '\0') {
+            const char c = static_cast<char>(*++p - '@');
+            orbs3_xml_escape(&out, std::string_view(&c, 1));
+        } else {
+            out.push_back(*p);
+        }
+    }
+    auto* text = static_cast<char*>(std::malloc(out.size() + 1));
+    if (text != nullptr)
+        std::memcpy(text, out.c_str(), out.size() + 1);
+    return text;
 }
 
 orbs3_xml_ptr new_doc()
@@ -214,21 +254,21 @@ bool ends_in_tag(const char* text)
     return n > 0 && text[n - 1] == '>';
 }
 
-// The body as a tree, null when it does not load, has no root element, leaves an element open or holds a
-// second root. Texts arrive as chains of words, so a value is read up to its first blank.
+// The body as a tree, null when it passes the bounds above, does not load, has no root element, leaves an
+// element open or holds a second root. Texts load whole, blanks and all: a key is never cut at a blank.
 //
 // The body loads under a holder of ours. Mini-XML alone accepts a root that is never closed
 // (a body cut short in transit must not pass as a shorter request) and loses a parentless element whose
 // attributes break off; under a holder it refuses the first, and every node it made is ours to free.
 orbs3_xml_ptr load_body(const char* text)
 {
-    if (text == nullptr || !ends_in_tag(text))
+    if (text == nullptr || !ends_in_tag(text) || !orbs3_xml_within_bounds(text, ORBS3_XML_BODY_BOUNDS))
         return nullptr;
     // A blank ends a tag name, so no close tag in the body can match the holder's and climb out of it.
     orbs3_xml_ptr holder(mxmlNewElement(MXML_NO_PARENT, "orbs3 body"));
     if (holder == nullptr)
         return nullptr;
-    if (mxmlLoadString(holder.get(), text, MXML_NO_CALLBACK) != holder.get())
+    if (mxmlLoadString(holder.get(), text, MXML_OPAQUE_CALLBACK) != holder.get())
         return nullptr;
     // Declarations and comments load as elements named "?..." and "!..."; exactly one other is the root.
     int roots = 0;
@@ -242,13 +282,23 @@ orbs3_xml_ptr load_body(const char* text)
     return holder;
 }
 
-// The first word of the element's own text, or null.
-const char* elem_text(mxml_node_t* node, const char* name)
+// The whole text of the element `name` at or below node into out; false when there is no such element.
+bool elem_text(mxml_node_t* node, const char* name, std::string* out)
 {
     mxml_node_t* e = orbs3_xml_find(node, name);
     if (e == nullptr)
-        return nullptr;
-    return mxmlGetText(e, nullptr);
+        return false;
+    *out = orbs3_xml_text(e);
+    return true;
+}
+
+// The text of the element `name` as one word of a closed set, blanks around it dropped; "" when missing.
+std::string elem_word(mxml_node_t* node, const char* name)
+{
+    std::string t;
+    if (!elem_text(node, name, &t))
+        return t;
+    return std::string(orbs3_xml_trim(t));
 }
 
 // The next `name` below parent behind prev (or the first one when prev is null).
@@ -323,11 +373,9 @@ int parse_acl(const char* text, uint32_t* acl)
         return -1;
     uint32_t bits = 0;
     for (mxml_node_t* g = next_elem(nullptr, list, "Grant"); g != nullptr; g = next_elem(g, list, "Grant")) {
-        const char* p = elem_text(g, "Permission");
-        if (p == nullptr)
-            continue;
+        const std::string p = elem_word(g, "Permission");
         for (const auto& w : acl_words) {
-            if (std::strcmp(p, w.name) == 0)
+            if (p == w.name)
                 bits |= w.bit;
         }
     }
@@ -357,16 +405,16 @@ char* make_acl(uint32_t acl, const orbs3_user_t* user, mxml_save_cb_t cb)
 
 int orbs3_xml_get_textint(mxml_node_t* node, const char* name)
 {
-    const char* t = elem_text(node, name);
-    return t == nullptr ? 0 : orbs3_xml_to_int(t);
+    std::string t;
+    return elem_text(node, name, &t) ? orbs3_xml_to_int(t.c_str()) : 0;
 }
 
 int orbs3_pack_xml_text_str(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
 {
-    mxml_node_t* e = orbs3_xml_find(node, name);
-    if (e == nullptr || str == nullptr)
+    std::string t;
+    if (str == nullptr || !elem_text(node, name, &t))
         return -1;
-    return pool_str(str, mxmlGetText(e, nullptr), ORBS3_XML_TEXT_MAX, pool);
+    return pool_str(str, t.c_str(), ORBS3_XML_TEXT_MAX, pool);
 }
 
 mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, std::size_t len, const char* text)
@@ -374,15 +422,10 @@ mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, st
     mxml_node_t* e = mxmlNewElement(parent, name);
     if (e == nullptr)
         return nullptr;
-    char buf[ORBS3_XML_TEXT_MAX + 1];
     std::size_t n = 0;
-    if (text != nullptr) {
-        n = len < ORBS3_XML_TEXT_MAX ? len : ORBS3_XML_TEXT_MAX;
-        n = strnlen(text, n);
-        std::memcpy(buf, text, n);
-    }
-    buf[n] = '\0';
-    mxmlNewText(e, 0, buf);
+    if (text != nullptr)
+        n = strnlen(text, len < ORBS3_XML_TEXT_MAX ? len : ORBS3_XML_TEXT_MAX);
+    mxmlNewText(e, 0, marked(std::string_view(text == nullptr ? "" : text, n)).c_str());
     return e;
 }
 
@@ -460,7 +503,7 @@ mxml_node_t* new_text_view(mxml_node_t* parent, const char* name, std::string_vi
 {
     mxml_node_t* e = mxmlNewElement(parent, name);
     if (e != nullptr && !text.empty())
-        mxmlNewText(e, 0, std::string(text).c_str());
+        mxmlNewText(e, 0, marked(text).c_str());
     return e;
 }
 
@@ -560,8 +603,7 @@ int parse_bucket_versioning_xmlstring(const char* text, orbs3_bucket_versioning_
     mxml_node_t* root = orbs3_xml_find(doc.get(), "VersioningConfiguration");
     if (root == nullptr)
         return -3;
-    const char* status = elem_text(root, "Status");
-    versioning->status = (status != nullptr && strcasecmp(status, "Enabled") == 0) ? 1 : 0;
+    versioning->status = strcasecmp(elem_word(root, "Status").c_str(), "Enabled") == 0 ? 1 : 0;
     versioning->save_num = orbs3_xml_find(root, "SaveNum") != nullptr ? orbs3_xml_get_textint(root, "SaveNum") : 10;
     return 0;
 }
@@ -747,11 +789,12 @@ int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_p
     for (mxml_node_t* o = next_elem(nullptr, top, "Object"); o != nullptr; o = next_elem(o, top, "Object")) {
         if (++n > ORBS3_XML_MAX_DEL_OBJECTS)
             return -1;
-        const char* k = elem_text(o, "Key");
-        if (k != nullptr && strnlen(k, ORBS3_XML_DEL_KEY_MAX + 1) > ORBS3_XML_DEL_KEY_MAX)
+        std::string k;
+        (void)elem_text(o, "Key", &k);
+        if (k.size() > ORBS3_XML_DEL_KEY_MAX)
             return -1;
         auto* rec = new_record<orbs3_del_key_t>(pool, list);
-        if (rec == nullptr || pool_str(&rec->key, k, ORBS3_XML_DEL_KEY_MAX, pool) != 0)
+        if (rec == nullptr || pool_str(&rec->key, k.c_str(), ORBS3_XML_DEL_KEY_MAX, pool) != 0)
             return -1;
     }
     return 0;
@@ -780,8 +823,7 @@ bool parse_del_objects_quiet(const char* text)
     orbs3_xml_ptr doc = load_body(text);
     if (doc == nullptr)
         return false;
-    const char* q = elem_text(doc.get(), "Quiet");
-    return q != nullptr && strcasecmp(q, "true") == 0;
+    return strcasecmp(elem_word(doc.get(), "Quiet").c_str(), "true") == 0;
 }
 
 char* make_copy_object_result_xmlstring(const char* last_modified, const char* etag)
@@ -871,8 +913,10 @@ int parse_named_id(const char* text, const char* root_name, const char* holder, 
     if (root == nullptr)
         return -1;
     mxml_node_t* from = holder != nullptr ? orbs3_xml_find(root, holder) : root;
-    const char* t = from != nullptr ? elem_text(from, "Id") : nullptr;
-    return pool_str(id, t, ORBS3_XML_TEXT_MAX, pool);
+    std::string t;
+    if (from != nullptr)
+        (void)elem_text(from, "Id", &t);
+    return pool_str(id, t.c_str(), ORBS3_XML_TEXT_MAX, pool);
 }
 
 // The history file's name comes from the client: it must stay a plain name inside the history directory.
@@ -933,10 +977,10 @@ namespace {
 constexpr const char* storage_classes[] = {"GLACIER", "STANDARD_IA", "ONEZONE_IA", "INTELLIGENT_TIERING",
                                            "DEEP_ARCHIVE"};
 
-uint32_t storage_class_number(const char* text)
+uint32_t storage_class_number(std::string_view text)
 {
-    for (uint32_t i = 0; text != nullptr && i < std::size(storage_classes); ++i) {
-        if (std::strcmp(text, storage_classes[i]) == 0)
+    for (uint32_t i = 0; i < std::size(storage_classes); ++i) {
+        if (text == storage_classes[i])
             return i;
     }
     return 0;
@@ -947,7 +991,7 @@ const char* storage_class_text(uint32_t n)
     return n < std::size(storage_classes) ? storage_classes[n] : storage_classes[0];
 }
 
-// Copies the first word of the element's text when the element exists; the field stays empty otherwise.
+// Copies the element's whole text when the element exists; the field stays empty otherwise.
 int take_text(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
 {
     if (orbs3_xml_find(node, name) == nullptr)
@@ -988,15 +1032,14 @@ int parse_rule(mxml_node_t* rule, bool with_alias, orbs3_pool_t* pool, orbs3_lif
         }
     }
 
-    const char* status = elem_text(rule, "Status");
-    r->status = (status != nullptr && std::strcmp(status, "Enabled") == 0) ? 1 : 0;
+    r->status = elem_word(rule, "Status") == "Enabled" ? 1 : 0;
     r->abort_days = orbs3_xml_get_textint(rule, "DaysAfterInitiation");
 
     for (mxml_node_t* t = next_elem(nullptr, rule, "Transition"); t != nullptr; t = next_elem(t, rule, "Transition")) {
         auto* tr = new_record<orbs3_lifecycle_transition_t>(pool, &r->transitions);
         if (++items > ORBS3_XML_MAX_RULE_ITEMS || tr == nullptr)
             return -1;
-        tr->storage_class = storage_class_number(elem_text(t, "StorageClass"));
+        tr->storage_class = storage_class_number(elem_word(t, "StorageClass"));
         if (orbs3_xml_find(t, "Days") != nullptr)
             tr->days = orbs3_xml_get_textint(t, "Days");
         else if (take_text(t, "Date", &tr->date, pool) != 0)
@@ -1024,7 +1067,7 @@ int parse_rule(mxml_node_t* rule, bool with_alias, orbs3_pool_t* pool, orbs3_lif
         if (++items > ORBS3_XML_MAX_RULE_ITEMS || tr == nullptr)
             return -1;
         tr->days = orbs3_xml_get_textint(t, "NoncurrentDays");
-        tr->storage_class = storage_class_number(elem_text(t, "StorageClass"));
+        tr->storage_class = storage_class_number(elem_word(t, "StorageClass"));
     }
 
     if (mxml_node_t* e = orbs3_xml_find(rule, "NoncurrentVersionExpiration"); e != nullptr) {

@@ -14,6 +14,7 @@
 #include <string>
 #include <string_view>
 
+#include "core/orbs3_xml.h"
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
 #include "storage/orbs3_record.h"  // orbs3_tag_t
@@ -31,6 +32,11 @@ inline constexpr std::size_t ORBS3_XML_MAX_DEL_OBJECTS = 1000;
 inline constexpr std::size_t ORBS3_XML_MAX_PARTS = 10000;
 inline constexpr std::size_t ORBS3_XML_MAX_TAGS = 1000;
 inline constexpr std::size_t ORBS3_XML_MAX_RECYCLE = 10000;
+
+// S3's request documents are a few levels deep; a CompleteMultipartUpload of 10,000 parts, each with its
+// number, ETag and checksums, is the largest at about 80,000 elements. Every parser refuses a body beyond
+// these bounds before loading it.
+inline constexpr orbs3_xml_bounds ORBS3_XML_BODY_BOUNDS{32, 100000};
 
 // ---- records the parsers fill and the writers read ----
 
@@ -91,7 +97,7 @@ struct orbs3_list_doc_t {
 
 // orbs3_xml_to_int of the text of the element `name` at or below node; 0 when it is missing.
 int orbs3_xml_get_textint(mxml_node_t* node, const char* name);
-// Copies the first word of the element's text, at most ORBS3_XML_TEXT_MAX bytes, into str from the pool.
+// Copies the element's whole text, at most ORBS3_XML_TEXT_MAX bytes, into str from the pool.
 // 0 when the element exists (an element without text gives ""), -1 when it is missing or memory runs out.
 int orbs3_pack_xml_text_str(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool);
 // A child element with text, at most ORBS3_XML_TEXT_MAX bytes of it; a null text gives an empty text.

@@ -19,6 +19,7 @@
 #include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_xml.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"
@@ -102,37 +103,12 @@ bool read_small_file(const char* path, std::string* out, std::size_t max = kReco
     }
 }
 
-void xml_escape(std::string* out, std::string_view text)
-{
-    for (char c : text) {
-        switch (c) {
-        case '&':
-            out->append("&amp;");
-            break;
-        case '<':
-            out->append("&lt;");
-            break;
-        case '>':
-            out->append("&gt;");
-            break;
-        case '"':
-            out->append("&quot;");
-            break;
-        case '\'':
-            out->append("&apos;");
-            break;
-        default:
-            out->push_back(c);
-        }
-    }
-}
-
 void xml_elem(std::string* out, std::string_view name, std::string_view text)
 {
     out->push_back('<');
     out->append(name);
     out->push_back('>');
-    xml_escape(out, text);
+    orbs3_xml_escape(out, text);
     out->append("</");
     out->append(name);
     out->push_back('>');

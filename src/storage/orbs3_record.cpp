@@ -46,6 +46,23 @@ struct rec_mem {
         return true;
     }
 
+    // The bytes as they are, NUL bytes too, cut to `cap`.
+    bool set_bytes(orbs3_str_t* s, std::string_view bytes, std::size_t cap) const
+    {
+        s->len = 0;
+        s->data = nullptr;
+        if (bytes.empty())
+            return true;
+        const std::size_t n = std::min(bytes.size(), cap);
+        auto* d = static_cast<char*>(alloc(n + 1));
+        if (d == nullptr)
+            return false;
+        std::memcpy(d, bytes.data(), n);
+        s->data = d;
+        s->len = n;
+        return true;
+    }
+
     bool append(neo_list_head_t* head, void* data) const
     {
         auto* node = static_cast<orbs3_list_node_t*>(alloc(sizeof(orbs3_list_node_t)));
@@ -150,6 +167,73 @@ bool is_meta_time(const char* t)
     return *p == '\0';
 }
 
+// A value Mini-XML cannot carry (a control byte, a byte that is not UTF-8; a record holding one would not
+// load at all) goes under the attribute's name with this suffix, every byte that is not printable ASCII,
+// and '%', as %XX. Every other value is written as it is, so records of plain texts keep their bytes.
+constexpr std::string_view kEncodedSuffix = "_pct";
+
+std::string encoded_name(const char* attr)
+{
+    return std::string(attr).append(kEncodedSuffix);
+}
+
+std::string pct_encode(std::string_view v)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    std::string out;
+    for (unsigned char c : v) {
+        if (c > 0x20 && c < 0x7f && c != '%') {
+            out.push_back(static_cast<char>(c));
+        } else {
+            out.push_back('%');
+            out.push_back(digits[c >> 4]);
+            out.push_back(digits[c & 15]);
+        }
+    }
+    return out;
+}
+
+bool pct_decode(std::string_view v, std::string* out)
+{
+    out->clear();
+    for (std::size_t i = 0; i < v.size(); ++i) {
+        if (v[i] != '%') {
+            out->push_back(v[i]);
+            continue;
+        }
+        const int hi = i + 2 < v.size() ? neo_hex_value(v[i + 1]) : -1;
+        const int lo = i + 2 < v.size() ? neo_hex_value(v[i + 2]) : -1;
+        if (hi < 0 || lo < 0)
+            return false;
+        out->push_back(static_cast<char>(hi << 4 | lo));
+        i += 2;
+    }
+    return true;
+}
+
+// Sets the attribute to `value`, or its encoded form when Mini-XML could not read the value back.
+void set_text_attr(mxml_node_t* n, const char* attr, std::string_view value)
+{
+    if (orbs3_xml_text_ok(value))
+        mxmlElementSetAttr(n, attr, std::string(value).c_str());
+    else
+        mxmlElementSetAttr(n, encoded_name(attr).c_str(), pct_encode(value).c_str());
+}
+
+// The attribute's value as set_text_attr wrote it into out. 1 when found, 0 when neither form is there,
+// -1 when the encoded form is broken.
+int get_text_attr(mxml_node_t* n, const char* attr, std::string* out)
+{
+    if (const char* v = mxmlElementGetAttr(n, attr)) {
+        out->assign(v);
+        return 1;
+    }
+    const char* e = mxmlElementGetAttr(n, encoded_name(attr).c_str());
+    if (e == nullptr)
+        return 0;
+    return pct_decode(e, out) ? 1 : -1;
+}
+
 const char* status_word(uint32_t on)
 {
     return on == 1 ? "start" : "stop";
@@ -164,7 +248,13 @@ struct writer {
     void str(mxml_node_t* n, const char* attr, const orbs3_str_t& s, std::size_t cap)
     {
         if (is_set(s))
-            mxmlElementSetAttr(n, attr, capped(s, cap).c_str());
+            set_text_attr(n, attr, capped(s, cap));
+    }
+    // Written even when empty.
+    void text(mxml_node_t* n, const char* attr, std::string_view value) { set_text_attr(n, attr, value); }
+    void chars(mxml_node_t* n, const char* attr, const char* area, std::size_t cap)
+    {
+        text(n, attr, std::string_view(area, strnlen(area, cap)));
     }
     void time(mxml_node_t* n, const char* attr, const orbs3_str_t& s)
     {
@@ -362,9 +452,23 @@ struct reader {
 
     void str(mxml_node_t* n, const char* attr, orbs3_str_t* s, std::size_t cap)
     {
-        const char* v = mxmlElementGetAttr(n, attr);
-        if (v != nullptr && !mem.set(s, v, cap))
+        std::string v;
+        const int found = get_text_attr(n, attr, &v);
+        if (found < 0 || (found > 0 && !mem.set_bytes(s, v, cap)))
             ok = false;
+    }
+    // Into a fixed area of cap + 1 bytes, always terminated; a missing attribute leaves it.
+    void chars(mxml_node_t* n, const char* attr, char* area, std::size_t cap)
+    {
+        std::string v;
+        const int found = get_text_attr(n, attr, &v);
+        if (found < 0) {
+            ok = false;
+        } else if (found > 0) {
+            const std::size_t len = std::min(v.size(), cap);
+            std::memcpy(area, v.data(), len);
+            area[len] = '\0';
+        }
     }
     void time(mxml_node_t* n, const char* attr, orbs3_str_t* s)
     {
@@ -669,8 +773,8 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
     w.time(root, "last_modified", o->last_modified);
     w.str(root, "owner_id", o->owner_id, ORBS3_REC_NAME_CAP);
     w.str(root, "owner_display_name", o->owner_display_name, ORBS3_REC_NAME_CAP);
-    mxmlElementSetAttr(root, "path", std::string(o->path, strnlen(o->path, ORBS3_REC_PATH_CAP)).c_str());
-    mxmlElementSetAttr(root, "fpath", std::string(o->fpath, strnlen(o->fpath, ORBS3_REC_PATH_CAP)).c_str());
+    w.chars(root, "path", o->path, ORBS3_REC_PATH_CAP);
+    w.chars(root, "fpath", o->fpath, ORBS3_REC_PATH_CAP);
     w.u64(root, "size", o->size);
     w.u32(root, "acl", o->acl);
     if (o->lifecycle != 0)
@@ -679,8 +783,8 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
         for (neo_list_head_t* pos = o->tags.next; pos != &o->tags; pos = pos->next) {
             const auto* tag = static_cast<const orbs3_tag_t*>(orbs3_list_node(pos)->data);
             mxml_node_t* t = mxmlNewElement(root, "tagging");
-            mxmlElementSetAttr(t, "key", capped(tag->key, ORBS3_REC_TAG_KEY_CAP).c_str());
-            mxmlElementSetAttr(t, "value", capped(tag->value, ORBS3_REC_TAG_VALUE_CAP).c_str());
+            w.text(t, "key", capped(tag->key, ORBS3_REC_TAG_KEY_CAP));
+            w.text(t, "value", capped(tag->value, ORBS3_REC_TAG_VALUE_CAP));
         }
     }
     // Older readers know none of what follows and pass over it.
@@ -697,8 +801,8 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
         for (neo_list_head_t* pos = o->meta.next; pos != &o->meta; pos = pos->next) {
             const auto* m = static_cast<const orbs3_tag_t*>(orbs3_list_node(pos)->data);
             mxml_node_t* t = mxmlNewElement(root, "meta");
-            mxmlElementSetAttr(t, "key", capped(m->key, ORBS3_REC_META_CAP).c_str());
-            mxmlElementSetAttr(t, "value", capped(m->value, ORBS3_REC_META_CAP).c_str());
+            w.text(t, "key", capped(m->key, ORBS3_REC_META_CAP));
+            w.text(t, "value", capped(m->value, ORBS3_REC_META_CAP));
         }
     }
     w.str(root, "upload_id", o->upload_id, ORBS3_REC_ID_CAP);
@@ -924,8 +1028,8 @@ int parse_object_tree(orbs3_object_t* o, mxml_node_t* doc)
     r.time(root, "last_modified", &o->last_modified);
     r.str(root, "owner_id", &o->owner_id, ORBS3_REC_NAME_CAP);
     r.str(root, "owner_display_name", &o->owner_display_name, ORBS3_REC_NAME_CAP);
-    (void)orbs3_xml_get_str(root, "path", o->path, sizeof(o->path));
-    (void)orbs3_xml_get_str(root, "fpath", o->fpath, sizeof(o->fpath));
+    r.chars(root, "path", o->path, ORBS3_REC_PATH_CAP);
+    r.chars(root, "fpath", o->fpath, ORBS3_REC_PATH_CAP);
     r.u64(root, "size", &o->size);
     r.u32(root, "acl", &o->acl);
     r.u32(root, "lifecycle", &o->lifecycle);

@@ -7,6 +7,7 @@ One daemon serves the module.
 
 import base64
 import hashlib
+import json
 import os
 import re
 import socket
@@ -570,6 +571,70 @@ def test_aws_cli_removes_a_tree_recursively(tenant, tmp_path, needs_listing):
     assert s3.list_objects_v2(Bucket=BUCKET, Prefix="cli-tree/").get("KeyCount", 0) == 0
     assert not os.path.exists(tenant.data("cli-tree"))
     assert read(s3, "cli-tree-sibling") == b"stays"
+
+
+# Keys that differ from others only behind a blank, around it, or in a character XML escapes; the batch
+# delete once read each Key up to its first blank and deleted the shorter key in its place.
+BLANK_KEYS = ["with", "with space/and+plus.txt", "a b", "a", "report", "report 2024.pdf", "leading", " leading",
+              "tab\tkey", "tab", "amp&<x>'\"", "amp", "trailing ", "trailing", "caf\u00e9 cr\u00e8me", "caf\u00e9",
+              "cr\rkey", "cr", "nl\nkey", "nl"]
+
+
+def put_keys(s3, prefix, keys):
+    """Puts each key under prefix with its own name as body; returns the keys the server took (one the key
+    rules refuse is left out)."""
+    taken = []
+    for k in keys:
+        try:
+            s3.put_object(Bucket=BUCKET, Key=prefix + k, Body=k.encode())
+            taken.append(k)
+        except ClientError as e:
+            assert e.response["ResponseMetadata"]["HTTPStatusCode"] == 400, (k, e.response)
+    return taken
+
+
+def present(s3, prefix, key):
+    try:
+        return read(s3, prefix + key) == key.encode()
+    except ClientError as e:
+        assert e.response["ResponseMetadata"]["HTTPStatusCode"] == 404, (key, e.response)
+        return False
+
+
+def test_delete_objects_deletes_exactly_the_keys_it_names(tenant):
+    s3 = client(tenant)
+    keys = put_keys(s3, "blanks/", BLANK_KEYS)
+    assert {"with", "with space/and+plus.txt", "a b", "a", " leading", "leading", "report 2024.pdf"} <= set(keys)
+    named = [k for k in keys if k in ("with space/and+plus.txt", "a b", "report 2024.pdf", " leading", "tab\tkey",
+                                      "amp&<x>'\"", "trailing ", "caf\u00e9 cr\u00e8me", "cr\rkey",
+                                      "nl\nkey")]
+    got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "blanks/" + k} for k in named]})
+    assert sorted(d["Key"] for d in got["Deleted"]) == sorted("blanks/" + k for k in named)
+    assert not got.get("Errors")
+    for k in keys:
+        assert present(s3, "blanks/", k) == (k not in named), k
+
+
+def test_aws_cli_removes_keys_with_blanks_under_a_prefix_only(tenant, tmp_path, needs_listing):
+    s3 = client(tenant)
+    # No key with a leading blank here: cut at its blank it names the prefix's directory, whose delete
+    # takes all below it and would hide every other wrong delete.
+    inside = put_keys(s3, "cli-blanks/in/", [k for k in BLANK_KEYS if not k.startswith(" ")])
+    outside = put_keys(s3, "cli-blanks/", ["in side", "in", "a b", " leading", "with"])
+    aws = ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{tenant.port}", "--region", "us-east-1"]
+    run(aws + ["s3", "rm", "--recursive", f"s3://{BUCKET}/cli-blanks/in/"], tool_env(tenant, str(tmp_path)))
+    for k in inside:
+        assert not present(s3, "cli-blanks/in/", k), k
+    left = s3.list_objects_v2(Bucket=BUCKET, Prefix="cli-blanks/")
+    assert sorted(c["Key"] for c in left.get("Contents", [])) == sorted("cli-blanks/" + k for k in outside)
+    # The CLI removes key by key; its batch delete is s3api delete-objects.
+    batch = tmp_path / "batch.json"
+    batch.write_text(json.dumps({"Objects": [{"Key": "cli-blanks/a b"}, {"Key": "cli-blanks/in side"}]}))
+    run(aws + ["s3api", "delete-objects", "--bucket", BUCKET, "--delete", f"file://{batch}"],
+        tool_env(tenant, str(tmp_path)))
+    left = s3.list_objects_v2(Bucket=BUCKET, Prefix="cli-blanks/")
+    assert sorted(c["Key"] for c in left.get("Contents", [])) == \
+        sorted("cli-blanks/" + k for k in outside if k not in ("a b", "in side"))
 
 
 def test_rclone_sync_and_check(tenant, tmp_path, needs_listing):

@@ -11,6 +11,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <random>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -18,6 +19,7 @@
 
 #include <mxml.h>
 
+#include "memory/neo_string.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -439,6 +441,66 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
     EXPECT_EQ(old->content_type.len, 0u);
     EXPECT_EQ(old->upload_id.len, 0u);
     EXPECT_TRUE(items<orbs3_tag_t>(&old->meta).empty());
+}
+
+// Whatever text a record is given, it reads back byte for byte: blanks and line breaks at either end,
+// markup characters, non-ASCII, and bytes XML cannot hold at all (control bytes, bytes that are not UTF-8),
+// which once made the whole record unreadable, so the object was stored and never listed.
+TEST(Record, EveryTextReadsBackByteForByte)
+{
+    std::vector<std::string> texts = {" leading", "trailing ", "a b\tc\nd\r\ne", "&<>\"'", "with space/and+plus.txt",
+                                      "\xc3\xa9t\xc3\xa9 \xf0\x9f\x98\x80", "ctl\x01" "a\x1f", "\x7f", "latin\xe9",
+                                      "cut\xe2\x82", "100%25 %zz %", "a_pct", std::string("nul\0in", 6)};
+    std::mt19937 rng(18);
+    for (int i = 0; i < 200; ++i) {
+        std::string t(1 + rng() % 16, ' ');
+        for (char& c : t)
+            c = static_cast<char>(rng() % 256);
+        texts.push_back(t);
+    }
+    temp_dir dir;
+    const std::string path = dir.path + "/object.xml";
+    for (std::size_t i = 0; i < texts.size(); ++i) {
+        const std::string& t = texts[i];
+        const std::string& u = texts[(i + 1) % texts.size()];
+        object_ptr o(sample_object(), orbs3_free_object);
+        INIT_LIST_HEAD(&o->meta);
+        orbs3_pool_t* p = o->pool;
+        set(p, &o->name, t);
+        set(p, &o->owner_display_name, u);
+        set(p, &o->content_type, t);
+        const std::string c_text = t.substr(0, t.find('\0'));
+        std::snprintf(o->path, sizeof o->path, "%s", c_text.c_str());
+        auto* tag = make<orbs3_tag_t>(p);
+        set(p, &tag->key, t);
+        set(p, &tag->value, u);
+        push(p, &o->tags, tag);
+        auto* m = make<orbs3_tag_t>(p);
+        set(p, &m->key, u);
+        set(p, &m->value, t);
+        push(p, &o->meta, m);
+        ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
+        object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
+        ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << slurp(path);
+        expect_same_object(o.get(), back.get());
+        EXPECT_EQ(str(back->content_type), t);
+        auto meta = items<orbs3_tag_t>(&back->meta);
+        ASSERT_EQ(meta.size(), 1u);
+        EXPECT_EQ(str(meta[0]->key), u);
+        EXPECT_EQ(str(meta[0]->value), t);
+
+        bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+        set(b->pool, &b->owner_name, t);
+        char* text = nullptr;
+        ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
+        neo_cstr_ptr owned(text);
+        bucket_ptr bb(orbs3_bucket_new(), orbs3_free_bucket);
+        ASSERT_EQ(xml_parse_bucket(bb.get(), text), 0) << text;
+        EXPECT_EQ(str(bb->owner_name), t);
+    }
+    // A broken encoded form is a broken record, not a shorter value.
+    object_ptr bad(orbs3_object_from_text("<object objectname_pct=\"a%0\" />"), orbs3_free_object);
+    EXPECT_EQ(bad, nullptr);
 }
 
 TEST(Record, EmptyRecordsKeepListsEmptyAndDefaultsOut)
