@@ -167,10 +167,13 @@ ORBS3_HTTP_DOC_MSG(complete_mulitipart_object);
 ORBS3_HTTP_DOC_MSG(list_objects);
 #undef ORBS3_HTTP_DOC_MSG
 
-// With the ETag of the object: "Etag:" for put, "ETag:" for copy, append and upload part.
+// With the ETag of the object: "Etag:" for put, "ETag:" for copy, append and upload part. `extra`, when
+// set, is one more whole header line (without its CRLF) at the end: the checksum the write verified, which
+// clients compare with their own.
 #define ORBS3_HTTP_ETAG_MSG(name)                                                                        \
     [[nodiscard]] int orbs3_http_send_##name##_msg(orbs3_connection_t* c, uint32_t status, const char* etag, \
-                                                    const char* connection, const char* origin)
+                                                    const char* connection, const char* origin,           \
+                                                    const char* extra = nullptr)
 ORBS3_HTTP_ETAG_MSG(put_object);
 ORBS3_HTTP_ETAG_MSG(copy_object);
 ORBS3_HTTP_ETAG_MSG(append_object);

@@ -12,7 +12,7 @@
 
 namespace {
 
-enum class field : uint8_t { none, date, connection, origin, length, etag, bucket, request_id, allow_headers };
+enum class field : uint8_t { none, date, connection, origin, length, etag, bucket, request_id, allow_headers, extra };
 
 struct tpl_line {
     const char* text;  // up to the field
@@ -31,8 +31,10 @@ constexpr tpl_line kJson = {"Content-Type: application/json", field::none, false
 
 constexpr tpl_line kTplA[] = {kDate, kConnection, kNoLength, kCors, kServer};
 constexpr tpl_line kTplB[] = {kDate, kConnection, kLength, kCors, kServer, kXml};
-constexpr tpl_line kTplC[] = {kDate, {"Etag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer};
-constexpr tpl_line kTplD[] = {kDate, {"ETag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer};
+// A whole header line of the caller's (the checksum a write verified), left out when there is none.
+constexpr tpl_line kExtra = {"", field::extra, false};
+constexpr tpl_line kTplC[] = {kDate, {"Etag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
+constexpr tpl_line kTplD[] = {kDate, {"ETag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
 constexpr tpl_line kTplE[] = {kDate, kConnection, kNoLength, kCors, kServer, kJson};
 constexpr tpl_line kTplF[] = {kDate, kNoLength, kConnection, kCors, kServer, kJson};
 constexpr tpl_line kTplG[] = {kDate, {"Location:/", field::bucket, false}, kNoLength, kConnection, kCors, kServer};
@@ -73,6 +75,7 @@ struct reply_args {
     const char* bucket = nullptr;
     const char* request_id = nullptr;
     const char* allow_headers = nullptr;
+    const char* extra = nullptr;
 };
 
 struct free_deleter {
@@ -101,7 +104,7 @@ int send_template(orbs3_connection_t* c, uint32_t status, std::span<const tpl_li
         t.put(s->reason);
         t.put("\r\n");
         for (const tpl_line& l : tpl) {
-            if (l.cors && empty(a.origin))
+            if ((l.cors && empty(a.origin)) || (l.value == field::extra && empty(a.extra)))
                 continue;
             t.put(l.text);
             switch (l.value) {
@@ -114,6 +117,7 @@ int send_template(orbs3_connection_t* c, uint32_t status, std::span<const tpl_li
             case field::bucket: t.put(a.bucket); break;
             case field::request_id: t.put(a.request_id); break;
             case field::allow_headers: t.put(a.allow_headers); break;
+            case field::extra: t.put(a.extra); break;
             }
             t.put("\r\n");
         }
@@ -156,9 +160,10 @@ int send_template(orbs3_connection_t* c, uint32_t status, std::span<const tpl_li
     }
 #define ORBS3_ETAG_MSG(name, tpl)                                                                           \
     int orbs3_http_send_##name##_msg(orbs3_connection_t* c, uint32_t status, const char* etag,                \
-                                     const char* connection, const char* origin)                            \
+                                     const char* connection, const char* origin, const char* extra)         \
     {                                                                                                       \
-        return send_template(c, status, tpl, {.connection = connection, .origin = origin, .etag = etag},    \
+        return send_template(c, status, tpl,                                                                \
+                             {.connection = connection, .origin = origin, .etag = etag, .extra = extra},    \
                              nullptr, #name);                                                               \
     }
 

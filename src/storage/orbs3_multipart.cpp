@@ -440,11 +440,12 @@ int install_part(const char* staging, int number, const char* tmp, int64_t size,
     return 0;
 }
 
-int send_part_etag(orbs3_http_request_t* r, const char* hex)
+int send_part_etag(orbs3_http_request_t* r, const char* hex, const std::string& checksum_line = {})
 {
     char etag[40];
     std::snprintf(etag, sizeof etag, "\"%s\"", hex);
-    return orbs3_http_send_upload_part_object_msg(r->connection, 200, etag, r->resp.connection, r->resp.origin) == 0
+    return orbs3_http_send_upload_part_object_msg(r->connection, 200, etag, r->resp.connection, r->resp.origin,
+                                                  checksum_line.c_str()) == 0
                ? 0
                : -1;
 }
@@ -466,7 +467,7 @@ int part_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
     if (rc != 0)
         return rc;
     body->committed = true;
-    return send_part_etag(r, body->file.etag);
+    return send_part_etag(r, body->file.etag, orbs3_object_body_checksum_line(*body));
 }
 
 // A part's additional checksum is of the upload's algorithm, when it declared one: a part sent with

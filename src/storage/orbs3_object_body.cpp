@@ -496,3 +496,13 @@ int orbs3_object_body_start(orbs3_http_request_t* r, orbs3_object_body_t* st)
     r->op_state = st;
     return pass(r, st);
 }
+
+std::string orbs3_object_body_checksum_line(const orbs3_object_body_t& body)
+{
+    const std::string_view name = orbs3_checksum_header_name(body.checksum.alg);
+    if (name.empty() || body.checksum_value[0] == '\0')
+        return {};
+    std::string line(name);
+    line.append(": ").append(body.checksum_value);
+    return line;
+}

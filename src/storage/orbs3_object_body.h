@@ -15,6 +15,8 @@
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_checksum.h"
 
+#include <string>
+
 struct orbs3_object_body_t;
 struct orbs3_body_digest_t;  // the digest thread of a large body
 
@@ -71,6 +73,10 @@ struct orbs3_object_body_t {
 // The length of the object the request carries: x-amz-decoded-content-length for an aws-chunked body,
 // else Content-Length (-1 when neither is known). 0, or ORBS3_S3_INVALID_ARGUMENT for a bad number.
 [[nodiscard]] int orbs3_object_body_length(orbs3_http_request_t* r, int64_t* length);
+
+// The header line that gives a verified body's checksum back ("x-amz-checksum-crc32: <value>", without
+// its CRLF), as S3 answers a write that carried one; empty when the body had none.
+[[nodiscard]] std::string orbs3_object_body_checksum_line(const orbs3_object_body_t& body);
 
 // Starts the intake into body->file.path, which the caller has created; done and owner set. Becomes the
 // request's op_state. What a handler returns: 0 answered, a status, -2 (going on in later read events),

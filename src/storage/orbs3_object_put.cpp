@@ -97,8 +97,11 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
     orbs3_object_count_commit(r, st->bucket, before, body->file.size);
     char etag[40];
     std::snprintf(etag, sizeof etag, "\"%s\"", body->file.etag);
-    return orbs3_http_send_put_object_msg(r->connection, 200, etag, r->resp.connection, r->resp.origin) == 0 ? 0
-                                                                                                              : -1;
+    const std::string checksum_line = orbs3_object_body_checksum_line(*body);
+    return orbs3_http_send_put_object_msg(r->connection, 200, etag, r->resp.connection, r->resp.origin,
+                                          checksum_line.c_str()) == 0
+               ? 0
+               : -1;
 }
 
 // A key ending in "/": directories in the data and meta trees, and the directory object's record in its

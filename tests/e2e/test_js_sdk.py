@@ -71,14 +71,11 @@ def test_put_of_a_stream_with_a_trailing_checksum(report):
     assert stream["sha256"] == put["sent_sha256"] and stream["etag"] == put["etag"]
 
 
-@pytest.mark.xfail(strict=True, reason="PutObject's reply does not yet carry the x-amz-checksum-crc32 it verified")
 def test_put_answers_the_checksum_it_verified(report):
     put = passed(report, "put")
     assert put["crc32"] == put["want_crc32"]
 
 
-@pytest.mark.xfail(strict=True, reason="fixed on another branch: a ranged GET carries the whole object's "
-                                       "checksum, which the SDK validates against the range")
 def test_ranged_get(report):
     got = passed(report, "get_range")
     assert got["sha256"] == got["want_sha256"]
@@ -92,14 +89,11 @@ def test_multipart_upload(report, step):
     assert got["etag"].endswith('-2"')
 
 
-@pytest.mark.xfail(strict=True, reason="UploadPart's reply does not yet carry the part's x-amz-checksum-crc32")
 def test_upload_part_answers_the_checksum_of_the_part(report):
     got = passed(report, "multipart_composite")
     assert got["part_crc32"] == got["want_part_crc32"]
 
 
-@pytest.mark.xfail(strict=True, reason="fixed on another branch: multipart uploads keep no per-part checksums "
-                                       "and give the object no composite or full-object checksum")
 @pytest.mark.parametrize("step,form,want", [("multipart_composite", "COMPOSITE", "want_composite"),
                                             ("multipart_full_object", "FULL_OBJECT", "want_full_object")])
 def test_multipart_object_checksum(report, step, form, want):
@@ -112,8 +106,6 @@ def test_list_objects_v2(report):
     assert passed(report, "list")["keys"] == ["obj/multi.bin", "obj/small.bin", "obj/stream.bin"]
 
 
-@pytest.mark.xfail(strict=True, reason="fixed on another branch: the document parser keeps only the first word "
-                                       "of a key, so other keys are deleted")
 def test_delete_objects_deletes_exactly_the_keys_named(report):
     got = passed(report, "delete_objects")
     named = sorted(["del/a b", "del/with space/and+plus.txt", "del/ leading", "del/report 2024.pdf"])

@@ -100,11 +100,11 @@ std::string head_b(const std::string& o)
     return "HTTP/1.1 200 OK\r\nDate: " + kDate + "\r\nConnection: keep-alive\r\nContent-Length:" + kXmlLen +
            "\r\n" + acao(o) + "Server: KELVANE\r\nContent-Type: text/xml\r\n\r\n" + kXml;
 }
-std::string head_etag(const char* tag_line, const std::string& o)
+std::string head_etag(const char* tag_line, const std::string& o, const std::string& extra = "")
 {
     return "HTTP/1.1 200 OK\r\nDate: " + kDate + "\r\n" + tag_line +
            ": 9e107d9d372bb6826bd81d3542a419d6\r\nConnection: keep-alive\r\nContent-Length:0\r\n" + acao(o) +
-           "Server: KELVANE\r\n\r\n";
+           "Server: KELVANE\r\n" + (extra.empty() ? "" : extra + "\r\n") + "\r\n";
 }
 
 std::vector<template_case> all_templates()
@@ -157,7 +157,15 @@ std::vector<template_case> all_templates()
                                                                "keep-alive", o);
                      },
                      [](const std::string& o) { return head_etag("Etag", o); }});
-    const std::pair<const char*, doc> d_members[] = {
+    // A write that verified a checksum gives it back on a line of its own at the end.
+    cases.push_back({"put_object_checksum",
+                     [](orbs3_connection_t* c, const char* o) {
+                         return orbs3_http_send_put_object_msg(c, 200, "9e107d9d372bb6826bd81d3542a419d6",
+                                                               "keep-alive", o, "x-amz-checksum-crc32: yZRlqg==");
+                     },
+                     [](const std::string& o) { return head_etag("Etag", o, "x-amz-checksum-crc32: yZRlqg=="); }});
+    using etag_msg = int (*)(orbs3_connection_t*, uint32_t, const char*, const char*, const char*, const char*);
+    const std::pair<const char*, etag_msg> d_members[] = {
         {"copy_object", orbs3_http_send_copy_object_msg},
         {"append_object", orbs3_http_send_append_object_msg},
         {"upload_part_object", orbs3_http_send_upload_part_object_msg},
@@ -165,7 +173,7 @@ std::vector<template_case> all_templates()
     for (const auto& m : d_members)
         cases.push_back({m.first,
                          [f = m.second](orbs3_connection_t* c, const char* o) {
-                             return f(c, 200, "9e107d9d372bb6826bd81d3542a419d6", "keep-alive", o);
+                             return f(c, 200, "9e107d9d372bb6826bd81d3542a419d6", "keep-alive", o, nullptr);
                          },
                          [](const std::string& o) { return head_etag("ETag", o); }});
     cases.push_back({"put_object_acl",
@@ -275,7 +283,7 @@ std::vector<template_case> all_templates()
 TEST_F(Response, EveryTemplateIsByteExactWithAndWithoutOrigin)
 {
     auto cases = all_templates();
-    EXPECT_EQ(cases.size(), 42u) << "every member of the family";
+    EXPECT_EQ(cases.size(), 43u) << "every member of the family, and put with a checksum";
     for (const template_case& t : cases) {
         for (const std::string& origin : {std::string(), kOrigin}) {
             SCOPED_TRACE(std::string(t.name) + (origin.empty() ? " without origin" : " with origin"));
