@@ -4,8 +4,8 @@
 //
 // A key's "/" is a real directory. Every name that reaches a path is checked here first: a "." or ".."
 // component, a NUL byte or an empty component (a leading "/", "a//b") would let a key leave its bucket's
-// tree or alias another key, so such names are refused before any path is built. Paths live in fixed areas of ORBS3_PATH_AREA
-// bytes; a path that would not fit is refused (-1), never cut.
+// tree or alias another key, so such names are refused before any path is built. Paths live in fixed
+// areas of ORBS3_PATH_AREA bytes; a path that would not fit is refused (-1), never cut.
 #pragma once
 
 #include <sys/types.h>

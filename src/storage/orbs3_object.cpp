@@ -68,17 +68,14 @@ bool utf8_valid(std::string_view text)
             i++;
             continue;
         }
-        std::size_t n = 0;
-        uint32_t cp = 0, min = 0;
-        if ((c & 0xe0) == 0xc0) {
-            n = 1, cp = c & 0x1f, min = 0x80;
-        } else if ((c & 0xf0) == 0xe0) {
-            n = 2, cp = c & 0x0f, min = 0x800;
-        } else if ((c & 0xf8) == 0xf0) {
-            n = 3, cp = c & 0x07, min = 0x10000;
-        } else {
+        // The lead byte tells how many continuation bytes follow; each length has a smallest code point,
+        // below which the sequence is an overlong form of a shorter one.
+        const std::size_t n = (c & 0xe0) == 0xc0 ? 1 : (c & 0xf0) == 0xe0 ? 2 : (c & 0xf8) == 0xf0 ? 3 : 0;
+        if (n == 0)
             return false;
-        }
+        constexpr uint32_t smallest[] = {0, 0x80, 0x800, 0x10000};
+        const uint32_t min = smallest[n];
+        uint32_t cp = c & (0x7fu >> (n + 1));
         if (text.size() - i <= n)
             return false;
         for (std::size_t k = 1; k <= n; k++) {

@@ -5,6 +5,7 @@ can't hold apart) stays inside tenant one's bucket or is refused with 400. One d
 
 import glob
 import os
+import re
 import shutil
 import socket
 import urllib.parse
@@ -170,6 +171,11 @@ def test_keys_a_file_tree_cannot_hold_apart_are_refused_and_nothing_is_stored(te
     assert (status, *error_of(body)) == (400, "InvalidURI", "Couldn't parse the specified URI.")
     # A folder key holds no data: a body with it is refused, not dropped; an empty one makes the folder.
     assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key="folder/", Body=b"data")) == (400, "InvalidArgument")
+    framed = signed(one, "PUT", "/b1/folder/", b"4\r\ndata\r\n0\r\n\r\n", payload_hash="UNSIGNED-PAYLOAD")
+    framed = re.sub(rb"Content-Length: \d+\r\n", b"Transfer-Encoding: chunked\r\n", framed)
+    assert b"Content-Length" not in framed  # a body of unknown length: known to hold data only once read
+    status, body = exchange(one, framed)
+    assert (status, error_of(body)[0]) == (400, "InvalidArgument"), body
     s3.put_object(Bucket=BUCKET, Key="empty-folder/", Body=b"")
     try:
         # Everything stored is what was stored before, byte for byte, plus the folder.
