@@ -22,7 +22,8 @@ static int join(char* out, std::size_t cap, std::initializer_list<std::string_vi
             out[0] = '\0';
             return -1;
         }
-        std::memcpy(out + len, p.data(), p.size());
+        if (!p.empty())  // an empty view may hold no pointer at all, which memcpy must not get
+            std::memcpy(out + len, p.data(), p.size());
         len += p.size();
     }
     out[len] = '\0';

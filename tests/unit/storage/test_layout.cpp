@@ -221,6 +221,10 @@ TEST(LayoutTreePath, NamesMapBelowTheTreeOrAreRefused)
         {"/t", std::string(ORBS3_PATH_AREA, 'k'), nullptr},
         {"", "a", nullptr},
     };
+    // A name the request did not carry at all is the tree itself, with no pointer behind it.
+    char root[ORBS3_PATH_AREA];
+    ASSERT_EQ(orbs3_tree_path("/t", std::string_view(), root), 0);
+    EXPECT_STREQ(root, "/t/");
     for (const row& r : rows) {
         char out[ORBS3_PATH_AREA] = "stale";
         const int rc = orbs3_tree_path(r.tree, r.key, out);
