@@ -49,7 +49,7 @@ def tenants():
     ports = [free_port(), free_port()]
     one = Tenant(box, ports[0], box.add_tenant("one", ports[0], "--user", "u1", "--group", "g1"), "u1")
     two = Tenant(box, ports[1], box.add_tenant("two", ports[1], "--user", "u2", "--group", "g2"), "u2")
-    box.start("-d")
+    daemon = box.start("-d")
     try:
         for p in ports:
             wait_port(p)
@@ -62,6 +62,8 @@ def tenants():
         for k in SECRETS:
             s3.put_object(Bucket=OTHER_BUCKET, Key=k, Body=b"not yours")
         yield one, two
+        # A stop in order, and no sanitizer report in the daemon's log.
+        daemon.stop()
     finally:
         box.cleanup()
 
