@@ -1,9 +1,10 @@
 // Request classification on arbitrary heads: a complete head is parsed as the connection parses it, the
 // vhost is resolved against a fixed service (domains "s3.example" and "localhost", so both addressing
 // styles occur), and the request is classified. Checked after: the action is unset or a name the front
-// end knows; bucket and object are NUL-terminated copies no longer than the url they come from, query
-// values no longer than the query; the bucket is one path segment (path style) or one host label
-// (virtual-host style), and a listing never asks for fewer than one key.
+// end knows; bucket and object are NUL-terminated copies no longer than what they come from, query
+// values no longer than the query; the key is the tail of the decoded path as sent; the bucket is one
+// path segment (path style) or one host label (virtual-host style), and a listing never asks for fewer
+// than one key.
 #include <syslog.h>
 
 #include <cstddef>
@@ -11,7 +12,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <algorithm>
 #include <span>
+#include <string>
 #include <string_view>
 
 #include "control/orbs3_service.h"
@@ -26,6 +29,25 @@
 namespace {
 
 constexpr std::size_t url_space = 4096;
+
+// The path of a request target up to its query or fragment, every %XX decoded.
+std::string decoded_path(std::string_view raw)
+{
+    raw = raw.substr(0, raw.find_first_of("?#"));
+    auto hex = [](char c) {
+        return c >= '0' && c <= '9' ? c - '0' : (c | 0x20) >= 'a' && (c | 0x20) <= 'f' ? (c | 0x20) - 'a' + 10 : -1;
+    };
+    std::string out;
+    for (std::size_t i = 0; i < raw.size(); i++) {
+        if (raw[i] == '%' && i + 2 < raw.size() && hex(raw[i + 1]) >= 0 && hex(raw[i + 2]) >= 0) {
+            out.push_back(static_cast<char>(hex(raw[i + 1]) * 16 + hex(raw[i + 2])));
+            i += 2;
+        } else {
+            out.push_back(raw[i]);
+        }
+    }
+    return out;
+}
 
 // Names the classification makes beside the rows of the parameter tables.
 constexpr std::string_view fixed_actions[] = {
@@ -120,8 +142,11 @@ void classify(const uint8_t* data, std::size_t size)
         return;
     CHECK(known_action(view(m.action)));
 
-    check_str(m.bucket, r->url.len);
-    check_str(m.object, r->url.len);
+    // The bucket comes from the Host value or the path as sent, the key from the path as sent: escapes
+    // decode to fewer bytes, nothing else is added.
+    const std::size_t sent = r->unparsed_uri.len;
+    check_str(m.bucket, std::max<std::size_t>(r->url.len, sent));
+    check_str(m.object, sent);
     // Query values decode to no more bytes than they were sent in.
     check_str(m.uploadId, r->args.len);
     check_str(m.prefix, r->args.len);
@@ -131,9 +156,12 @@ void classify(const uint8_t* data, std::size_t size)
         CHECK(bucket.find('.') == std::string_view::npos);
     else
         CHECK(bucket.find('/') == std::string_view::npos);
-    // Keys come from a normalised path: never an empty first segment.
-    CHECK(object.empty() || object[0] != '/');
-    CHECK(object.size() + bucket.size() <= r->url.len);
+    // The key is the tail of the path as sent, its escapes decoded and nothing resolved or folded: dot
+    // segments and "//" reach the key check instead of retargeting the request.
+    const std::string path = decoded_path(std::string_view(r->unparsed_uri.data, sent));
+    CHECK(std::string_view(path).ends_with(object));
+    if (r->host_style != ORBS3_HOST_STYLE_VIRTUAL)
+        CHECK(object.size() + bucket.size() <= path.size());
     if (view(m.action) == "ListObject")
         CHECK(m.max_keys >= 1);
 }

@@ -1,8 +1,8 @@
 // The copy source of CopyObject and UploadPartCopy: the input is the value of an x-amz-copy-source (first
 // byte even) or X-Copy-Source (odd) header of an otherwise fixed head, parsed as the connection parses
 // it. Checked after: a source that passes is a legal bucket name and a key every other request could
-// name (no "." or ".." component, no NUL, no leading "/", no server names), both NUL-terminated and no
-// longer than the header; encoding the key again and parsing that gives the same bucket and key.
+// name (no "." or ".." or empty component, no NUL, no leading "/", no server names), both NUL-terminated
+// and no longer than the header; encoding the key again and parsing that gives the same bucket and key.
 #include <syslog.h>
 
 #include <cstddef>
@@ -68,7 +68,7 @@ int parse(std::string_view name, std::string_view value, std::string* bucket, st
     const int rc = orbs3_parse_copy_source(r, pool.get(), &b, &k);
     if (rc != 0) {
         CHECK(rc == static_cast<int>(ORBS3_S3_INVALID_ARGUMENT) || rc == static_cast<int>(ORBS3_S3_KEY_TOO_LONG) ||
-              rc == static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+              rc == static_cast<int>(ORBS3_S3_INVALID_URI) || rc == static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
         return rc;
     }
     CHECK(b.data != nullptr && b.data[b.len] == '\0' && k.data != nullptr && k.data[k.len] == '\0');
@@ -93,7 +93,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         return 0;
     CHECK(!bucket.empty() && orbs3_check_bucketname(bucket) == 0);
     CHECK(!key.empty() && orbs3_object_key_status(key) == 0);
-    CHECK(key.find('\0') == std::string::npos && key.front() != '/');
+    CHECK(key.find('\0') == std::string::npos && key.front() != '/' && key.find("//") == std::string::npos);
 
     // The same source as a client encodes it names the same object.
     static char area[16384];

@@ -2,18 +2,22 @@
 // decoded, and the document written for what was read, with and without URL encoding. Checked: a read
 // query is refused only with a message, a page size within its bounds, a token that decodes is the one
 // this server would make for its entry, and an encoded text holds only the bytes that S3's encoding
-// leaves and decodes back to the text.
+// leaves and decodes back to the text. Every name the query carries (prefix, marker, start-after, the
+// token's entry) is mapped to a path below a tree as it is, or refused: never one that climbs out or
+// that the file system would fold into another name.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "fuzz_check.h"
 #include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
+#include "storage/orbs3_layout.h"
 #include "storage/orbs3_list_object.h"
 
 namespace {
@@ -50,6 +54,34 @@ void check_encoding(std::string_view text)
     CHECK(url_decode(enc) == text);
 }
 
+// The path of `name` below the tree "/t" is "/t/<name>" byte for byte, and resolving its components as
+// the kernel does ("" and "." stay, ".." climbs) changes nothing: it names that very file, inside the tree
+// (the empty name: the tree itself).
+void check_mapped(std::string_view name)
+{
+    char out[ORBS3_PATH_AREA];
+    if (orbs3_tree_path("/t", name, out) != 0) {
+        CHECK(out[0] == '\0');
+        return;
+    }
+    const std::string path(out);
+    CHECK(path == "/t/" + std::string(name));
+    std::vector<std::string_view> kept;
+    std::string_view rest = std::string_view(path).substr(1);
+    if (rest.ends_with('/'))
+        rest.remove_suffix(1);  // a directory: the final "/" names the same file
+    for (;;) {
+        const std::size_t slash = rest.find('/');
+        const std::string_view part = rest.substr(0, slash);
+        CHECK(!part.empty() && part != "." && part != ".." && part.find('\0') == std::string_view::npos);
+        kept.push_back(part);
+        if (slash == std::string_view::npos)
+            break;
+        rest.remove_prefix(slash + 1);
+    }
+    CHECK(kept.size() >= (name.empty() ? 1u : 2u) && kept[0] == "t");  // "" names the tree itself
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
@@ -68,6 +100,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     std::string entry;
     if (p.continuation && orbs3_list_token_decode(*p.continuation, &entry))
         CHECK(orbs3_list_token_encode(entry) == *p.continuation);
+    check_mapped(p.prefix);
+    check_mapped(p.prefix.substr(0, p.prefix.rfind('/') + 1));
+    check_mapped(entry);
+    for (const auto& name : {p.marker, p.start_after})
+        if (name)
+            check_mapped(*name);
     check_encoding(p.prefix);
     check_encoding(p.delimiter);
     if (p.marker)

@@ -14,6 +14,7 @@
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_sign_parts.h"
+#include "s3/orbs3_s3_signature.h"
 
 namespace {
 
@@ -72,6 +73,21 @@ int32_t read_int(const char* s)
 }
 
 // ---- the form list ----
+
+int32_t orbs3_s3_part_number(std::string_view text)
+{
+    // S3 numbers parts 1 to 10000; "1.5", "+1", " 1" or "0x1" name no part, where atoi would find one.
+    constexpr int32_t max_part = 10000;
+    if (text.empty() || text.size() > 5)
+        return -1;
+    int32_t n = 0;
+    for (char c : text) {
+        if (c < '0' || c > '9')
+            return -1;
+        n = n * 10 + (c - '0');
+    }
+    return n >= 1 && n <= max_part ? n : -1;
+}
 
 template <typename T>
 T* field_at(orbs3_http_request_t* r, const orbs3_form_t* row)
@@ -159,7 +175,14 @@ int orbs3_form_process_part_number_marker(orbs3_http_request_t* r, const cgiForm
 
 int orbs3_form_process_part_number(orbs3_http_request_t* r, const cgiFormEntry* form, const orbs3_form_t* row)
 {
-    return form_number(r, form, row, 0);
+    char value[FORM_VALUE_AREA];
+    const int rc = cgiFormString(form, row->key, value, sizeof value);
+    int32_t* field = field_at<int32_t>(r, row);
+    if (rc == cgiFormNotFound)
+        *field = 0;
+    else
+        *field = rc == cgiFormSuccess ? orbs3_s3_part_number(value) : -1;
+    return 0;
 }
 
 int orbs3_form_process_position(orbs3_http_request_t* r, const cgiFormEntry* form, const orbs3_form_t* row)
@@ -309,12 +332,22 @@ std::string_view host_value(const orbs3_http_request_t* r)
     return r->headers_in.host != nullptr ? view(r->headers_in.host->value) : std::string_view();
 }
 
-// url without the Host value in front: the normalised path, no query.
+// The path as the client sent it, without the query, its escapes decoded and nothing else changed. The
+// HTTP engine's normalised path resolves dot segments and folds "//": "/b1/../x" would become the bucket
+// "x" and "/b1/a//b" the key "a/b". Here a key is what the client named, dot segments and empty
+// components included, and the key check refuses those. Empty when the pool runs out.
 std::string_view uri_of(const orbs3_http_request_t* r)
 {
-    const std::string_view url = view(r->url);
-    const std::size_t h = host_value(r).size();
-    return h <= url.size() ? url.substr(h) : std::string_view();
+    std::string_view raw = view(r->unparsed_uri);
+    raw = raw.substr(0, raw.find_first_of("?#"));
+    auto* text = static_cast<char*>(orbs3_pnalloc(r->pool, raw.size() + 1));
+    if (text == nullptr)
+        return {};
+    if (!raw.empty())
+        std::memcpy(text, raw.data(), raw.size());
+    const std::size_t len = orbs3_uri_decode(text, raw.size());
+    text[len] = '\0';
+    return {text, len};
 }
 
 // Path style: the first segment is the bucket. `/bucket` and `/bucket/` are bucket level, anything

@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <string_view>
 
 #include "http/orbs3_http_request.h"
 
@@ -12,6 +13,11 @@ struct cgiFormEntry;
 
 // The listener's request handler. Fills r->req_msg; always 0, since `action` tells all.
 int orbs3_parse_req_msg(orbs3_http_request_t* r);
+
+// The part a partNumber value names: 1 .. 10000 written in decimal digits only (leading zeros allowed),
+// else -1. Classification stores it in r->req_msg.part_number: 0 when the query has no partNumber, -1
+// when it has one that names no part, so that every action taking a part number refuses the same values.
+[[nodiscard]] int32_t orbs3_s3_part_number(std::string_view text);
 
 // Sets r->req_msg.action to a copy of `name` in the request's pool. -1 for a null argument or when the
 // pool is out of memory (the action stays as it was).

@@ -38,6 +38,7 @@ inline constexpr uint32_t ORBS3_S3_INVALID_BUCKET_NAME = 0xc000023;
 inline constexpr uint32_t ORBS3_S3_INVALID_PART = 0xc000029;
 inline constexpr uint32_t ORBS3_S3_INVALID_PART_ORDER = 0xc000030;
 inline constexpr uint32_t ORBS3_S3_INVALID_REQUEST = 0xc000034;
+inline constexpr uint32_t ORBS3_S3_INVALID_URI = 0xc000048;
 inline constexpr uint32_t ORBS3_S3_MALFORMED_XML = 0xc000052;
 inline constexpr uint32_t ORBS3_S3_MAX_MESSAGE_LENGTH_EXCEEDED = 0xc000053;
 inline constexpr uint32_t ORBS3_S3_MISSING_CONTENT_LENGTH = 0xc000058;

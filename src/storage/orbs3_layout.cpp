@@ -22,7 +22,8 @@ static int join(char* out, std::size_t cap, std::initializer_list<std::string_vi
             out[0] = '\0';
             return -1;
         }
-        std::memcpy(out + len, p.data(), p.size());
+        if (!p.empty())  // an empty view may hold no pointer at all, which memcpy must not get
+            std::memcpy(out + len, p.data(), p.size());
         len += p.size();
     }
     out[len] = '\0';
@@ -47,15 +48,18 @@ static bool safe_component(std::string_view c)
 }
 
 // The structural part of the key check, independent of the configured limits: a key that passes stays
-// inside its bucket's tree and names no other key's file.
+// inside its bucket's tree and names no other key's file. Every component is a real name: not empty (the
+// file system folds "a//b" into "a/b" and "/a" into "a", so such a key would share another key's file),
+// not "." or "..". Only the last component may be empty, after the "/" of a directory object.
 static bool safe_key(std::string_view key)
 {
-    if (key.empty() || key.front() == '/' || key.find('\0') != std::string_view::npos)
+    if (key.empty() || key.find('\0') != std::string_view::npos)
         return false;
     std::size_t start = 0;
-    while (start <= key.size()) {
+    while (start < key.size()) {
         std::size_t end = std::min(key.find('/', start), key.size());
-        if (is_dot_name(key.substr(start, end - start)))
+        std::string_view c = key.substr(start, end - start);
+        if (c.empty() || is_dot_name(c))
             return false;
         start = end + 1;
     }
@@ -171,6 +175,25 @@ int orbs3_bucket_init_path(const orbs3_vhost_t* vhost, const orbs3_user_t* /*use
     return 0;
 }
 
+int orbs3_tree_path(std::string_view tree, std::string_view key, char* out)
+{
+    out[0] = '\0';
+    // An unset tree would put the key at the file system's root.
+    if (tree.empty() || (!key.empty() && !safe_key(key)))
+        return -1;
+    if (join(out, ORBS3_PATH_AREA, {tree, "/", key}) != 0)
+        return -1;
+    // The key's components are names, none of them "." or "..": what was joined can only lie below the
+    // tree. Said again on the result, so that a change to the check above can't open a way out unseen.
+    const std::string_view path(out);
+    if (!path.starts_with(tree) || path[tree.size()] != '/' || path.find("/../") != std::string_view::npos ||
+        path.ends_with("/..")) {
+        out[0] = '\0';
+        return -1;
+    }
+    return 0;
+}
+
 int orbs3_get_object_path(const orbs3_bucket_t* bucket, std::string_view key, char* data, char* meta,
                           char* version, char* recycle)
 {
@@ -178,15 +201,14 @@ int orbs3_get_object_path(const orbs3_bucket_t* bucket, std::string_view key, ch
     for (char* o : outs)
         if (o != nullptr)
             o[0] = '\0';
-    if (bucket == nullptr || !safe_key(key))
+    if (bucket == nullptr || key.empty())
         return -1;
     const orbs3_str_t* const dirs[] = {&bucket->data_dir, &bucket->meta_dir, &bucket->version_dir,
                                        &bucket->recycle_dir};
     for (int i = 0; i < 4; i++) {
         if (outs[i] == nullptr)
             continue;
-        // An unset directory would put the key at the file system's root.
-        if (dirs[i]->len == 0 || join(outs[i], ORBS3_PATH_AREA, {view(*dirs[i]), "/", key}) != 0) {
+        if (orbs3_tree_path(view(*dirs[i]), key, outs[i]) != 0) {
             for (char* o : outs)
                 if (o != nullptr)
                     o[0] = '\0';
@@ -279,10 +301,8 @@ int orbs3_check_objectname(std::string_view key)
 
 int orbs3_check_key_conflict(const orbs3_bucket_t* bucket, std::string_view key)
 {
-    if (bucket == nullptr || bucket->data_dir.len == 0 || !safe_key(key))
-        return -1;
     char area[ORBS3_PATH_AREA];
-    if (join(area, sizeof(area), {view(bucket->data_dir), "/", key}) != 0)
+    if (bucket == nullptr || key.empty() || orbs3_tree_path(view(bucket->data_dir), key, area) != 0)
         return -1;
 
     struct stat st;

@@ -3,9 +3,9 @@
 // storage engine invents a path.
 //
 // A key's "/" is a real directory. Every name that reaches a path is checked here first: a "." or ".."
-// component, a NUL byte or a leading "/" would let a key leave its bucket's tree or alias another key,
-// so such names are refused before any path is built. Paths live in fixed areas of ORBS3_PATH_AREA
-// bytes; a path that would not fit is refused (-1), never cut.
+// component, a NUL byte or an empty component (a leading "/", "a//b") would let a key leave its bucket's
+// tree or alias another key, so such names are refused before any path is built. Paths live in fixed
+// areas of ORBS3_PATH_AREA bytes; a path that would not fit is refused (-1), never cut.
 #pragma once
 
 #include <sys/types.h>
@@ -70,6 +70,14 @@ void orbs3_reload_path();
 [[nodiscard]] int orbs3_bucket_init_path(const orbs3_vhost_t* vhost, const orbs3_user_t* user,
                                          orbs3_bucket_t* bucket, std::string_view name);
 
+// The one place a name from a request becomes a path: "<tree>/<key>" into `out` (ORBS3_PATH_AREA bytes),
+// `tree` being one of a bucket's directories. `key` is empty (the tree itself), a key, or a key prefix
+// ending in "/". Refused (-1, `out` emptied) unless every component of the key is a real name: no empty
+// component ("a//b", "/a"; only the last may be empty, after a final "/"), no "." or "..", no NUL; and
+// the path must fit and lie below the tree. Keys, prefixes, markers and tokens reach open, stat and
+// opendir only through here. 0 otherwise.
+[[nodiscard]] int orbs3_tree_path(std::string_view tree, std::string_view key, char* out);
+
 // Writes "<dir>/<key>" of the bucket's data, meta, version and recycle directories into four caller areas
 // of ORBS3_PATH_AREA bytes; a null area is skipped. -1 for an unsafe key or a path that does not fit
 // (the areas then hold empty strings), else 0.
@@ -95,7 +103,7 @@ void orbs3_reload_path();
 
 // 0 when the key is legal: at most objectpathlen bytes and less than ORBS3_PATH_AREA, at most
 // objectdirnum "/", every component at most objectmaxlen bytes and less than ORBS3_NAME_AREA; no NUL,
-// no "." or ".." component, no leading "/". Empty inner components ("a//b") pass: mkdir_p folds them.
+// no "." or ".." component, no empty component (a leading "/", "a//b"), as orbs3_tree_path has it.
 // -1 otherwise.
 [[nodiscard]] int orbs3_check_objectname(std::string_view key);
 

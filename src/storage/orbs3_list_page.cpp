@@ -92,8 +92,7 @@ public:
             }
             if (f.marker) {
                 f.marker = false;
-                std::string path = root_ + "/" + f.prefix + std::string(ORBS3_DIR_MARKER);
-                if (take(f.prefix, path, key, rec))
+                if (take(f.prefix, f.prefix + std::string(ORBS3_DIR_MARKER), key, rec))
                     return 1;
                 continue;
             }
@@ -111,8 +110,7 @@ public:
             }
             if (!bound_.passes(k) || !std::string_view(k).starts_with(prefix_))
                 continue;
-            std::string path = root_ + "/" + k;
-            if (take(k, path, key, rec))
+            if (take(k, k, key, rec))
                 return 1;
         }
         return 0;
@@ -134,12 +132,15 @@ private:
     // A directory whose keys start with `p` holds keys of the prefix, or the prefix lies inside it.
     bool compatible(std::string_view p) const { return p.starts_with(prefix_) || prefix_.starts_with(p); }
 
-    // The record at `path` as the object `k`, when it parses and is past the bound.
-    bool take(const std::string& k, const std::string& path, std::string* key, object_ptr* rec)
+    // The record at `rel` in the tree as the object `k`, when it parses and is past the bound.
+    bool take(const std::string& k, const std::string& rel, std::string* key, object_ptr* rec)
     {
         if (k.empty() || !bound_.passes(k) || !std::string_view(k).starts_with(prefix_))
             return false;
-        object_ptr o(orbs3_create_object_from_file(path.c_str()));
+        char path[ORBS3_PATH_AREA];
+        if (orbs3_tree_path(root_, rel, path) != 0)
+            return false;
+        object_ptr o(orbs3_create_object_from_file(path));
         if (!o)
             return false;
         *key = k;
@@ -158,12 +159,16 @@ private:
         f.sorted = end;
     }
 
-    // Reads the directory of key prefix `p` onto the stack. -1 with errno when it can't be opened.
+    // Reads the directory of key prefix `p` onto the stack. -1 with errno when it can't be opened. A
+    // prefix no key can start with ("../", "a//", "/") names no directory: nothing is pushed and the
+    // walk ends empty, as S3 lists such a prefix.
     int push(const std::string& p)
     {
-        std::string path = root_ + "/" + p;
+        char path[ORBS3_PATH_AREA];
+        if (orbs3_tree_path(root_, p, path) != 0)
+            return 0;
         // Only directories of the tree itself are entered, never one a link points to.
-        int fd = open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+        int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
         if (fd < 0)
             return -1;
         neo_dir_ptr dir(fdopendir(fd));

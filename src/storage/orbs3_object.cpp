@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cinttypes>
 #include <cstdio>
@@ -29,10 +30,10 @@ std::string_view view(const orbs3_str_t& s)
     return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
 }
 
-// "<bucket>/<key>", cut to the area: it only names what was asked for.
+// "<bucket>/<key>", or "<bucket>" for an empty key, cut to the area: it only names what was asked for.
 void set_resource(orbs3_http_request_t* r, std::string_view bucket, std::string_view key)
 {
-    std::string_view parts[] = {bucket, "/", key};
+    std::string_view parts[] = {bucket, key.empty() ? "" : "/", key};
     std::size_t len = 0;
     for (std::string_view p : parts) {
         std::size_t n = std::min(p.size(), sizeof r->resp.resource - 1 - len);
@@ -56,35 +57,91 @@ int64_t threshold_bytes(const orbs3_str_t& text)
     return static_cast<int64_t>(kb << 10);
 }
 
-// A key the trees can hold as it is: within the configured lengths, no component that walks out of the
-// bucket or takes a name of the server's own (records in the making, directory records): such a key
-// would overwrite or expose what the server keeps beside the objects.
-int key_status(std::string_view key)
+// Whether `text` is well-formed UTF-8: no stray continuation byte, no overlong form, no surrogate, nothing
+// above U+10FFFF. S3 keys are Unicode; a key that is not can't be echoed in a listing document.
+bool utf8_valid(std::string_view text)
 {
-    if (orbs3_check_objectname(key) == 0) {
-        std::size_t start = 0;
-        while (start <= key.size()) {
-            std::size_t end = key.find('/', start);
-            if (end == std::string_view::npos)
-                end = key.size();
-            if (key.substr(start, end - start).starts_with(ORBS3_RESERVED_PREFIX))
-                return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
-            start = end + 1;
+    std::size_t i = 0;
+    while (i < text.size()) {
+        const auto c = static_cast<unsigned char>(text[i]);
+        if (c < 0x80) {
+            i++;
+            continue;
         }
-        return 0;
+        // The lead byte tells how many continuation bytes follow; each length has a smallest code point,
+        // below which the sequence is an overlong form of a shorter one.
+        const std::size_t n = (c & 0xe0) == 0xc0 ? 1 : (c & 0xf0) == 0xe0 ? 2 : (c & 0xf8) == 0xf0 ? 3 : 0;
+        if (n == 0)
+            return false;
+        constexpr uint32_t smallest[] = {0, 0x80, 0x800, 0x10000};
+        const uint32_t min = smallest[n];
+        uint32_t cp = c & (0x7fu >> (n + 1));
+        if (text.size() - i <= n)
+            return false;
+        for (std::size_t k = 1; k <= n; k++) {
+            const auto cc = static_cast<unsigned char>(text[i + k]);
+            if ((cc & 0xc0) != 0x80)
+                return false;
+            cp = (cp << 6) | (cc & 0x3f);
+        }
+        if (cp < min || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff))
+            return false;
+        i += n + 1;
     }
-    // Refused names either do not fit (too long, too deep) or are unsafe as paths.
-    bool unsafe = key.empty() || key.front() == '/' || key.find('\0') != std::string_view::npos;
+    return true;
+}
+
+// The control bytes an XML 1.0 document can't hold in any form, not even as a character reference: a key
+// holding one could be stored but never listed.
+bool xml_forbidden(char byte)
+{
+    const auto c = static_cast<unsigned char>(byte);
+    return c < 0x20 && c != '\t' && c != '\n' && c != '\r';
+}
+
+// A key the trees can hold as it is, as the client sent it: within the configured lengths, every
+// component a real name (the file system would fold "a//b" into "a/b" and "/a" into "a", and "." and ".."
+// walk out of place), no component taking a name of the server's own (records in the making, directory
+// records), and listable. Each refusal says which of these the key broke.
+int key_status(std::string_view key, const char** message)
+{
+    auto refuse = [message](uint32_t code, const char* text) {
+        if (message != nullptr)
+            *message = text;
+        return static_cast<int>(code);
+    };
+    if (key.empty())
+        return refuse(ORBS3_S3_INVALID_ARGUMENT, "The object key is empty.");
+    if (!utf8_valid(key))
+        return refuse(ORBS3_S3_INVALID_URI, nullptr);  // S3's own text for a key that is not UTF-8
+    if (std::any_of(key.begin(), key.end(), xml_forbidden))
+        return refuse(ORBS3_S3_INVALID_ARGUMENT,
+                      "Object keys holding control characters other than tab, line feed and carriage return "
+                      "are not accepted: a listing could not carry them.");
+    if (key.front() == '/')
+        return refuse(ORBS3_S3_INVALID_ARGUMENT,
+                      "Object keys starting with \"/\" are not accepted: objects are files, and \"/a\" would be "
+                      "the file of \"a\".");
     std::size_t start = 0;
-    while (!unsafe && start <= key.size()) {
-        std::size_t end = key.find('/', start);
-        if (end == std::string_view::npos)
-            end = key.size();
-        std::string_view part = key.substr(start, end - start);
-        unsafe = part == "." || part == "..";
+    while (start < key.size()) {
+        std::size_t end = std::min(key.find('/', start), key.size());
+        const std::string_view part = key.substr(start, end - start);
+        if (part.empty())
+            return refuse(ORBS3_S3_INVALID_ARGUMENT,
+                          "Object keys with an empty path segment (\"//\") are not accepted: objects are files, and "
+                          "\"a//b\" would be the file of \"a/b\".");
+        if (part == "." || part == "..")
+            return refuse(ORBS3_S3_INVALID_ARGUMENT,
+                          "Object keys with a \".\" or \"..\" path segment are not accepted.");
+        if (part.starts_with(ORBS3_RESERVED_PREFIX))
+            return refuse(ORBS3_S3_INVALID_ARGUMENT,
+                          "Object key path segments starting with \".orbs3-\" are reserved for the server.");
         start = end + 1;
     }
-    return static_cast<int>(unsafe ? ORBS3_S3_INVALID_ARGUMENT : ORBS3_S3_KEY_TOO_LONG);
+    // The structure is sound: what is left to refuse is length and depth.
+    if (orbs3_check_objectname(key) != 0)
+        return refuse(ORBS3_S3_KEY_TOO_LONG, nullptr);
+    return 0;
 }
 
 struct object_free {
@@ -99,9 +156,9 @@ bool pool_set(orbs3_pool_t* pool, orbs3_str_t* s, std::string_view text)
 
 }  // namespace
 
-int orbs3_object_key_status(std::string_view key)
+int orbs3_object_key_status(std::string_view key, const char** message)
 {
-    return key_status(key);
+    return key_status(key, message);
 }
 
 int orbs3_object_dir_marker_path(const char* meta_path, char out[ORBS3_PATH_AREA])
@@ -162,8 +219,12 @@ int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_
         return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
     if (orbs3_check_bucketname(bucket) != 0)
         return static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME);
-    if (int st = key_status(*key); st != 0)
+    if (int st = key_status(*key, &r->resp.message); st != 0) {
+        // An error document can't carry what a listing can't: such a key is left out of it.
+        if (!utf8_valid(*key) || std::any_of(key->begin(), key->end(), xml_forbidden))
+            set_resource(r, bucket, {});
         return st;
+    }
     orbs3_bucket_t* b = orbs3_get_bucket(r->vhost, r->user, bucket);
     if (b == nullptr)
         return static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET);

@@ -27,10 +27,12 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
 [[nodiscard]] int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out,
                                               std::string_view* key);
 
-// 0 when `key` can be an object's key: legal as a path (orbs3_check_objectname) and no component starting
-// with ORBS3_RESERVED_PREFIX, which names the server's own files. Else InvalidArgument (unsafe, empty,
-// reserved) or KeyTooLong.
-[[nodiscard]] int orbs3_object_key_status(std::string_view key);
+// 0 when `key` can be an object's key, as sent: legal as a path (orbs3_check_objectname: no empty, "."
+// or ".." component, no leading "/"), no component starting with ORBS3_RESERVED_PREFIX, which names the
+// server's own files, well-formed UTF-8 and free of the control bytes XML can't carry. Else InvalidURI
+// (not UTF-8), InvalidArgument (the rest) or KeyTooLong, with *message (when given) set to the reason
+// for the client, or null for the code's own text.
+[[nodiscard]] int orbs3_object_key_status(std::string_view key, const char** message = nullptr);
 
 // The record of the directory object whose meta path (ending in "/") is `meta_path`: ORBS3_DIR_MARKER in
 // that directory. 0, or -1 when it does not fit `out`.

@@ -299,7 +299,8 @@ int orbs3_del_object_dirs(const orbs3_bucket_t* bucket, std::string_view dir)
     if (!orbs3_get_deling_object_dirs(bucket, dir))
         return 0;
     char meta[ORBS3_PATH_AREA], data[ORBS3_PATH_AREA];
-    if (!join(meta, view(bucket->meta_dir), dir) || !join(data, view(bucket->data_dir), dir))
+    if (orbs3_tree_path(view(bucket->meta_dir), dir, meta) != 0 ||
+        orbs3_tree_path(view(bucket->data_dir), dir, data) != 0)
         return 0;
     if (!prune_pair(meta, data, 0))
         return 0;
@@ -318,7 +319,8 @@ void orbs3_remove_emptied_dirs(const orbs3_bucket_t* bucket, std::string_view ke
             return;
         }
         char meta[ORBS3_PATH_AREA], data[ORBS3_PATH_AREA];
-        if (!join(meta, view(bucket->meta_dir), dir) || !join(data, view(bucket->data_dir), dir))
+        if (orbs3_tree_path(view(bucket->meta_dir), dir, meta) != 0 ||
+            orbs3_tree_path(view(bucket->data_dir), dir, data) != 0)
             return;
         if (rmdir(meta) != 0 && errno != ENOENT)
             return;

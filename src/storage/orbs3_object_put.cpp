@@ -105,8 +105,8 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
 }
 
 // A key ending in "/": directories in the data and meta trees, and the directory object's record in its
-// meta directory under ORBS3_DIR_MARKER, which listings, HEAD and GET know it by. It holds no bytes: a
-// body that comes with it is read and dropped, and its ETag is that of empty content.
+// meta directory under ORBS3_DIR_MARKER, which listings, HEAD and GET know it by. It holds no bytes, and
+// its ETag is that of empty content.
 int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::string_view key)
 {
     static constexpr const char* kEmptyEtag = "d41d8cd98f00b204e9800998ecf8427e";
@@ -151,9 +151,22 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
                                                                                                                 : -1;
 }
 
-// The same once a body that came with it has been read.
+// A key ending in "/" is a directory, which holds no bytes: data sent with it is refused, never dropped
+// while the client believes it stored.
+int refuse_directory_body(orbs3_http_request_t* r)
+{
+    r->resp.message = "An object key ending in \"/\" names a folder, which holds no data: send it with an "
+                      "empty body, or store the data under a key that does not end in \"/\".";
+    return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+}
+
+// The same once a body that came with it has been read: a body of unknown length counts as empty only
+// when nothing came.
 int put_directory_object_after_drain(orbs3_http_request_t* r)
 {
+    int64_t length = -1;
+    if (orbs3_object_body_length(r, &length) == 0 && length < 0 && r->file != nullptr && r->file->size > 0)
+        return refuse_directory_body(r);
     orbs3_bucket_t* b = nullptr;
     std::string_view key;
     int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_WRITE, &b, &key);
@@ -201,6 +214,8 @@ int orbs3_put_object(orbs3_http_request_t* r)
         return rc;
 
     if (key.back() == '/') {
+        if (length > 0)
+            return orbs3_s3_drain_then(r, refuse_directory_body);
         if (orbs3_http_has_body(r) && !orbs3_http_body_consumed(r))
             return orbs3_s3_drain_then(r, put_directory_object_after_drain);
         return put_directory_object(r, raw, key);

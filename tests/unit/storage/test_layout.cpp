@@ -185,11 +185,57 @@ TEST_F(Layout, HostileKeysRefusedAndHarmlessDotsAccepted)
     } rows[] = {
         {".", -1},     {"..", -1},      {"a/../b", -1}, {"a/./b", -1}, {"../x", -1},
         {"a/..", -1},  {"a/../", -1},   {"x\0y"s, -1},  {"\0"s, -1},   {"/a", -1},
-        {"//", -1},    {"/", -1},       {"//a", -1},    {"", -1},      {"a//b", 0},
-        {"a/b/", 0},   {"..a", 0},      {"a..", 0},     {".../b", 0},  {".hidden", 0},
+        {"//", -1},    {"/", -1},       {"//a", -1},    {"", -1},      {"a//b", -1},
+        {"a//", -1},   {"a/b//", -1},   {"a/b/", 0},    {"..a", 0},    {"a..", 0},
+        {".../b", 0},  {".hidden", 0},
     };
     for (const row& r : rows)
         EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+}
+
+// Whatever a request names, the path stays below the tree it was joined to, or is refused.
+TEST(LayoutTreePath, NamesMapBelowTheTreeOrAreRefused)
+{
+    struct row {
+        std::string tree;
+        std::string key;
+        const char* want;  // null: refused
+    } rows[] = {
+        {"/t", "", "/t/"},
+        {"/t", "a", "/t/a"},
+        {"/t", "a/b/", "/t/a/b/"},
+        {"/t", "..a/b..", "/t/..a/b.."},
+        {"/t", "../x", nullptr},
+        {"/t", "a/../../x", nullptr},
+        {"/t", "../../../../../g2/meta/u/object/b/", nullptr},
+        {"/t", "..", nullptr},
+        {"/t", "a/..", nullptr},
+        {"/t", ".", nullptr},
+        {"/t", "./", nullptr},
+        {"/t", "a/./b", nullptr},
+        {"/t", "/etc/passwd", nullptr},
+        {"/t", "/", nullptr},
+        {"/t", "a//b", nullptr},
+        {"/t", "a//", nullptr},
+        {"/t", "a\0/../x"s, nullptr},
+        {"/t", std::string(ORBS3_PATH_AREA, 'k'), nullptr},
+        {"", "a", nullptr},
+    };
+    // A name the request did not carry at all is the tree itself, with no pointer behind it.
+    char root[ORBS3_PATH_AREA];
+    ASSERT_EQ(orbs3_tree_path("/t", std::string_view(), root), 0);
+    EXPECT_STREQ(root, "/t/");
+    for (const row& r : rows) {
+        char out[ORBS3_PATH_AREA] = "stale";
+        const int rc = orbs3_tree_path(r.tree, r.key, out);
+        if (r.want == nullptr) {
+            EXPECT_EQ(rc, -1) << r.key;
+            EXPECT_STREQ(out, "") << r.key;
+        } else {
+            EXPECT_EQ(rc, 0) << r.key;
+            EXPECT_STREQ(out, r.want) << r.key;
+        }
+    }
 }
 
 TEST_F(Layout, RootsAndBucketPathsFollowTheTreeLayout)
@@ -374,7 +420,7 @@ TEST_F(Layout, KeyConflictBetweenFileAndDirectoryBothWays)
         {"d/", 0},                             // a directory object over a directory
         {"d/e/f", 0},                          // overwrite
         {"a", 0},
-        {"d//e/f", 0},                         // the folded slashes name the same file
+        {"d//e/f", -1},                        // would be d/e/f's file under another name
         {"new/x/y", 0},
         {"../a", -1},
     };

@@ -367,6 +367,35 @@ TEST(ListPage, DirectoryObjectsSortBeforeTheirContentsAndShowOnlyWithTheirRecord
     EXPECT_EQ(p.rows, want);
 }
 
+// Prefixes and resume points are keys, never paths: one that climbs out of the bucket's tree, or that no
+// key can start with, lists nothing, and a resume point only ever orders.
+TEST(ListPage, NamesThatLeaveTheTreeListNothingOfWhatLiesOutside)
+{
+    temp_dir dir;
+    const std::string root = dir.path + "/b1";
+    meta_tree(root).put("k");
+    meta_tree(root).put("d/x");
+    meta_tree other(dir.path + "/b2");
+    other.put("secret");
+    other.put("s/x");
+    struct query {
+        std::string prefix, delim, after;
+    } queries[] = {
+        {"../b2/", "", ""},   {"../b2/s/", "", ""}, {"../", "/", ""},  {"../b2/../b2/", "", ""},
+        {"d/../../b2/", "", ""}, {"./", "", ""},      {"/", "/", ""},   {"d//", "", ""},
+        {"../../../../../../../../etc/", "/", ""},
+    };
+    for (const query& q : queries) {
+        page_result p = run_page(root, q.prefix, q.delim, q.after, 1000, {"d/x", "k"});
+        EXPECT_TRUE(p.rows.empty()) << q.prefix << " " << (p.rows.empty() ? "" : p.rows[0].text);
+    }
+    // Resume points beside the tree's keys order like any text.
+    std::vector<row> all = {{false, "d/x"}, {false, "k"}};
+    EXPECT_EQ(run_page(root, "", "", "../b2/", 1000, {"d/x", "k"}).rows, all);
+    const std::vector<row> behind = {{false, "k"}};
+    EXPECT_EQ(run_page(root, "", "", "d/x/../", 1000, {"d/x", "k"}).rows, behind);
+}
+
 TEST(ListToken, RoundTripsAnyEntryAndRefusesWhatItNeverMade)
 {
     for (std::string entry : {std::string("a"), std::string("ab"), std::string("abc"), std::string("x/y z+\xff\x01"),

@@ -3,8 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <string>
+
+#include "core/orbs3_config.h"
 
 #include "control/orbs3_service.h"
+#include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_bucket.h"
 #include "storage/orbs3_record.h"
 
@@ -55,6 +59,61 @@ TEST(Object, ComputedEtagOfADirectoryObject)
     EXPECT_STREQ(etag, "0609bbd1a622874d2ab46e75f9f5e00a");  // md5 of "a/b/:0:"
     Compute_file_md5("a/b/", 1, "", etag);
     EXPECT_STRNE(etag, "0609bbd1a622874d2ab46e75f9f5e00a");
+}
+
+// Every key a plain file can't hold apart from another key, or a listing can't carry, is refused with its
+// own reason; anything else is taken as sent.
+TEST(Object, KeysAreTakenAsSentOrRefusedWithTheirReason)
+{
+    using namespace std::string_literals;
+    const int saved[] = {orbs3_conf.objectmaxlen, orbs3_conf.objectpathlen, orbs3_conf.objectdirnum};
+    orbs3_conf.objectmaxlen = 127;
+    orbs3_conf.objectpathlen = 1023;
+    orbs3_conf.objectdirnum = 10;
+    constexpr auto arg = ORBS3_S3_INVALID_ARGUMENT;
+    struct row {
+        std::string key;
+        uint32_t code;          // 0: taken
+        const char* reason;     // a text the message holds; null: the code's own text
+    } rows[] = {
+        {"a", 0, nullptr},
+        {"a/b/", 0, nullptr},
+        {"tab\tnl\ncr\r", 0, nullptr},
+        {"caf\xc3\xa9 \xf0\x9f\x98\x80+%&<", 0, nullptr},
+        {"a\x7f", 0, nullptr},
+        {"..a/b..", 0, nullptr},
+        {"", arg, "empty"},
+        {"/a", arg, "starting with"},
+        {"//", arg, "starting with"},
+        {"a//b", arg, "empty path segment"},
+        {"a/b//", arg, "empty path segment"},
+        {"a/./b", arg, "\".\""},
+        {"..", arg, "\"..\""},
+        {"a/..", arg, "\"..\""},
+        {"\x01", arg, "control characters"},
+        {"a/\x1f", arg, "control characters"},
+        {"a\0b"s, arg, "control characters"},
+        {"a/.orbs3-dir", arg, "reserved"},
+        {"\xff", ORBS3_S3_INVALID_URI, nullptr},
+        {"\xc0\xaf", ORBS3_S3_INVALID_URI, nullptr},          // an overlong "/"
+        {"\xed\xa0\x80", ORBS3_S3_INVALID_URI, nullptr},     // a surrogate
+        {"\xf4\x90\x80\x80", ORBS3_S3_INVALID_URI, nullptr}, // above U+10FFFF
+        {"\xe6\x97", ORBS3_S3_INVALID_URI, nullptr},          // cut short
+        {std::string(128, 'k'), ORBS3_S3_KEY_TOO_LONG, nullptr},
+    };
+    for (const row& r : rows) {
+        const char* message = nullptr;
+        EXPECT_EQ(orbs3_object_key_status(r.key, &message), static_cast<int>(r.code)) << r.key;
+        if (r.reason == nullptr) {
+            EXPECT_EQ(message, nullptr) << r.key;
+        } else {
+            ASSERT_NE(message, nullptr) << r.key;
+            EXPECT_NE(std::string(message).find(r.reason), std::string::npos) << r.key << ": " << message;
+        }
+    }
+    orbs3_conf.objectmaxlen = saved[0];
+    orbs3_conf.objectpathlen = saved[1];
+    orbs3_conf.objectdirnum = saved[2];
 }
 
 }  // namespace
