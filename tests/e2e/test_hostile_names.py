@@ -19,8 +19,8 @@ from orbmux_harness import SLOWDOWN, Sandbox, free_port, s3_error, wait_port
 from test_delete_copy import signed
 
 NS = "{http://s3.amazonaws.com/doc/2006-03-01/}"
-BUCKET = "b1"
-OTHER_BUCKET = "b2"
+BUCKET = "bkt1"
+OTHER_BUCKET = "bkt2"
 KEYS = ["k", "d/x", "d/y/z"]
 SECRETS = ["secret.txt", "s/inner"]
 
@@ -137,7 +137,7 @@ def test_dot_segments_in_the_path_are_refused_and_retarget_nothing(tenants):
     s3 = client(one)
     # (Escaped dots, "%2e", reach the same key check: the classifier's unit test shows they decode to
     # the same key; a client signs them as sent, which this test's signer can't match.)
-    paths = ["/b1/../x", "/b1/..", "/b1/./k", "/b1/d/../k", "/b1/d/./x", "/./x", "/b1/.", "/b1/../b1/k"]
+    paths = ["/bkt1/../x", "/bkt1/..", "/bkt1/./k", "/bkt1/d/../k", "/bkt1/d/./x", "/./x", "/bkt1/.", "/bkt1/../bkt1/k"]
     for method in ("PUT", "GET", "DELETE"):
         for path in paths:
             status, body = exchange(one, signed(one, method, path, b"retargeted" if method == "PUT" else b""))
@@ -166,14 +166,14 @@ def test_keys_a_file_tree_cannot_hold_apart_are_refused_and_nothing_is_stored(te
     got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": k} for k in ["/k", "d//x", "d/./x"]]})
     assert got.get("Deleted", []) == [] and len(got["Errors"]) == 3
     # The message says why.
-    status, body = exchange(one, signed(one, "PUT", "/b1/d//x", b"other"))
+    status, body = exchange(one, signed(one, "PUT", "/bkt1/d//x", b"other"))
     assert status == 400 and "//" in error_of(body)[1]
     # A key that is not UTF-8: S3's own answer.
-    status, body = exchange(one, signed(one, "PUT", "/b1/%FF%FEk", b"other"))
+    status, body = exchange(one, signed(one, "PUT", "/bkt1/%FF%FEk", b"other"))
     assert (status, *error_of(body)) == (400, "InvalidURI", "Couldn't parse the specified URI.")
     # A folder key holds no data: a body with it is refused, not dropped; an empty one makes the folder.
     assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key="folder/", Body=b"data")) == (400, "InvalidArgument")
-    framed = signed(one, "PUT", "/b1/folder/", b"4\r\ndata\r\n0\r\n\r\n", payload_hash="UNSIGNED-PAYLOAD")
+    framed = signed(one, "PUT", "/bkt1/folder/", b"4\r\ndata\r\n0\r\n\r\n", payload_hash="UNSIGNED-PAYLOAD")
     framed = re.sub(rb"Content-Length: \d+\r\n", b"Transfer-Encoding: chunked\r\n", framed)
     assert b"Content-Length" not in framed  # a body of unknown length: known to hold data only once read
     status, body = exchange(one, framed)
