@@ -7,16 +7,14 @@ import glob
 import os
 import re
 import shutil
-import socket
 import urllib.parse
 import xml.etree.ElementTree as ET
 
-import boto3  # Debian's python3-boto3
 import pytest
-from botocore.config import Config
 
-from orbmux_harness import SLOWDOWN, Sandbox, free_port, s3_error, wait_port
-from test_delete_copy import signed
+from orbmux_harness import Sandbox, free_port, s3_error, wait_port
+from test_delete_copy import client, signed
+from test_delete_copy import exchange as raw_exchange
 
 NS = "{http://s3.amazonaws.com/doc/2006-03-01/}"
 BUCKET = "bkt1"
@@ -33,14 +31,6 @@ class Tenant:
         found = glob.glob(self.box.path(f"cluster/**/meta/{self.user}/object/{bucket}"), recursive=True)
         assert len(found) == 1, found
         return found[0]
-
-
-def client(t):
-    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
-                        aws_access_key_id=t.info["access_key"], aws_secret_access_key=t.info["secret_key"],
-                        config=Config(signature_version="s3v4", s3={"addressing_style": "path"},
-                                      retries={"max_attempts": 1, "mode": "standard"},
-                                      connect_timeout=5, read_timeout=30 * SLOWDOWN))
 
 
 @pytest.fixture(scope="module")
@@ -70,13 +60,8 @@ def tenants():
 
 def exchange(t, data):
     """(status, body) of one raw request on its own connection."""
-    with socket.create_connection(("127.0.0.1", t.port), timeout=30 * SLOWDOWN) as s:
-        s.sendall(data)
-        got = b""
-        while chunk := s.recv(65536):
-            got += chunk
-    head, _, body = got.partition(b"\r\n\r\n")
-    return int(head.split(b" ", 2)[1]), body
+    status, reply = raw_exchange(t, data)
+    return status, reply.partition(b"\r\n\r\n")[2]
 
 
 def error_of(body):
