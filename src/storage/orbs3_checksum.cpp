@@ -41,42 +41,23 @@ bool equal_fold(std::string_view s, std::string_view lower)
     return true;
 }
 
-constexpr uint32_t crc32c_poly = 0x82f63b78;
-
 // Slicing by 8: table k advances a byte through k further zero bytes, so eight table lookups consume
-// eight input bytes with no dependency between them.
-using crc32c_tables = std::array<std::array<uint32_t, 256>, 8>;
-
-constexpr crc32c_tables crc32c_make_tables()
-{
-    crc32c_tables t{};
-    for (uint32_t i = 0; i < 256; i++) {
-        uint32_t c = i;
-        for (int k = 0; k < 8; k++)
-            c = (c & 1) ? (c >> 1) ^ crc32c_poly : (c >> 1);
-        t[0][i] = c;
-    }
-    for (std::size_t k = 1; k < 8; k++)
-        for (uint32_t i = 0; i < 256; i++)
-            t[k][i] = (t[k - 1][i] >> 8) ^ t[0][t[k - 1][i] & 0xff];
-    return t;
-}
-
-alignas(64) constexpr crc32c_tables crc32c_table = crc32c_make_tables();
-static_assert(crc32c_table[0][1] == 0xf26b8303 && crc32c_table[0][255] == 0xad7d5351);
-
+// eight input bytes with no dependency between them. For the 64-bit CRC eight bytes fill the whole
+// register at each step.
+constexpr uint32_t crc32c_poly = 0x82f63b78;
 constexpr uint64_t crc64nvme_poly = 0x9a6c9329ac4bc9b5;
 
-// The same slicing for the 64-bit CRC: eight bytes fill the whole register at each step.
-using crc64_tables = std::array<std::array<uint64_t, 256>, 8>;
+template <typename T>
+using slice_tables = std::array<std::array<T, 256>, 8>;
 
-constexpr crc64_tables crc64_make_tables()
+template <typename T>
+constexpr slice_tables<T> make_slice_tables(T reflected_poly)
 {
-    crc64_tables t{};
-    for (uint64_t i = 0; i < 256; i++) {
-        uint64_t c = i;
+    slice_tables<T> t{};
+    for (T i = 0; i < 256; i++) {
+        T c = i;
         for (int k = 0; k < 8; k++)
-            c = (c & 1) ? (c >> 1) ^ crc64nvme_poly : (c >> 1);
+            c = (c & 1) ? (c >> 1) ^ reflected_poly : (c >> 1);
         t[0][i] = c;
     }
     for (std::size_t k = 1; k < 8; k++)
@@ -85,7 +66,11 @@ constexpr crc64_tables crc64_make_tables()
     return t;
 }
 
-alignas(64) constexpr crc64_tables crc64_table = crc64_make_tables();
+using crc32c_tables = slice_tables<uint32_t>;
+using crc64_tables = slice_tables<uint64_t>;
+alignas(64) constexpr crc32c_tables crc32c_table = make_slice_tables<uint32_t>(crc32c_poly);
+static_assert(crc32c_table[0][1] == 0xf26b8303 && crc32c_table[0][255] == 0xad7d5351);
+alignas(64) constexpr crc64_tables crc64_table = make_slice_tables<uint64_t>(crc64nvme_poly);
 
 uint64_t load64le(const uint8_t* p)
 {
