@@ -299,6 +299,16 @@ int orbs3_check_objectname(std::string_view key)
     return 0;
 }
 
+bool orbs3_object_key_fits(const orbs3_bucket_t* bucket, std::string_view key)
+{
+    if (bucket == nullptr)
+        return false;
+    const std::size_t deepest = std::max({bucket->data_dir.len, bucket->meta_dir.len, bucket->version_dir.len,
+                                          bucket->recycle_dir.len});
+    // "<dir>/<key>", its terminator and the reserve.
+    return deepest + 1 + key.size() + ORBS3_KEY_PATH_RESERVE < ORBS3_PATH_AREA;
+}
+
 int orbs3_check_key_conflict(const orbs3_bucket_t* bucket, std::string_view key)
 {
     char area[ORBS3_PATH_AREA];

@@ -21,6 +21,9 @@ struct orbs3_user_t;
 
 inline constexpr std::size_t ORBS3_PATH_AREA = 1024;  // every derived path, with its terminator
 inline constexpr std::size_t ORBS3_NAME_AREA = 256;   // a bucket name or a key component, with its terminator
+// Bytes a key's path must leave free in its area for the names the server makes beside or below it:
+// temporary files, the recycle stamp, a multipart upload's staging directory and the temporary parts in it.
+inline constexpr std::size_t ORBS3_KEY_PATH_RESERVE = 96;
 
 // Mode of every directory of the trees. Deliberately without search bits: the daemon runs as root, which
 // passes directories regardless, and nobody else is meant to walk the tenant's trees.
@@ -109,6 +112,12 @@ void orbs3_reload_path();
 
 // The number of "/" in `str`.
 [[nodiscard]] int orbs3_check_dir_num(std::string_view str);
+
+// Whether every path the server makes for `key` in the bucket's four trees fits its area: the key's path
+// in the deepest of them with ORBS3_KEY_PATH_RESERVE bytes to spare. A key that passes
+// orbs3_check_objectname can still be too long for a bucket whose trees lie deep; a write refuses it
+// before anything is made.
+[[nodiscard]] bool orbs3_object_key_fits(const orbs3_bucket_t* bucket, std::string_view key);
 
 // Whether `key` can be stored in the bucket's data tree without a file and a directory fighting for one
 // name: walks the key's prefixes with lstat. 0 when it can; ORBS3_KEY_CONFLICT_FILE when an existing

@@ -46,6 +46,12 @@ constexpr std::size_t kCopyBuffer = 256 * 1024;  // the one buffer of a copy tha
 constexpr std::size_t kRecordMax = 64 * 1024;    // an upload record with 2 KiB of metadata is far below
 constexpr std::string_view kClaimSuffix = ".claimed";
 constexpr std::string_view kPartRecordSuffix = ".etag";
+// The deepest name an upload makes for its key: a temporary part in the staging directory,
+// "<data path>.orbs3-<id>/.orbs3-tmp-<uuid>" with the key's last component moved behind the id. Keys are
+// taken only with that much room to spare.
+static_assert(ORBS3_RESERVED_PREFIX.size() + ORBS3_UUID_HEX_LEN + 1 + ORBS3_RECORD_TMP_PREFIX.size() +
+                  ORBS3_UUID_HEX_LEN <=
+              ORBS3_KEY_PATH_RESERVE);
 
 struct bucket_free {
     void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }

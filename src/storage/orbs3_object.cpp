@@ -238,6 +238,12 @@ int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_
         orbs3_free_bucket(b);
         return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
     }
+    // A write makes the key's paths and names beside them: a key whose paths would not fit is refused
+    // before anything is made, whichever write it is.
+    if (object_code == ORBS3_ACCESS_WRITE && !orbs3_object_key_fits(b, *key)) {
+        orbs3_free_bucket(b);
+        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+    }
     *out = b;
     return 0;
 }

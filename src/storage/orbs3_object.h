@@ -22,7 +22,8 @@ struct orbs3_object_t;
 void Compute_file_md5(std::string_view name, int64_t size, std::string_view last_modified, char out[33]);
 
 // The checks every object action starts with: bucket and key present and legal, the bucket's record
-// read, the access chain run with the object code. 0 with *out set (its paths filled; the caller frees
+// read, the access chain run with the object code, and for a write (ORBS3_ACCESS_WRITE) the key's paths
+// fitting (orbs3_object_key_fits, else KeyTooLong). 0 with *out set (its paths filled; the caller frees
 // it), or a status with r->resp.resource "<bucket>/<key>". `key` gets the key.
 [[nodiscard]] int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out,
                                               std::string_view* key);

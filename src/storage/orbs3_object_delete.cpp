@@ -221,7 +221,32 @@ int destroy_tree(const char* meta, const char* data, counts_t* counts, int depth
     return rc;
 }
 
-// Destroys `key` of the bucket, a directory key with everything below it. 0, or a status.
+// The directory object `key` ("a/b/"), and nothing below it: its record goes now, counted; the directory
+// goes once nothing is below it, now or with the last key below it. A directory without a record is only
+// marked. 0, or a status.
+int delete_directory_object(const orbs3_bucket_t* b, std::string_view key, counts_t* counts)
+{
+    orbs3_object_path_t path;
+    if (orbs3_make_object_path(b, key, "", &path) != 0)
+        return status(ORBS3_S3_KEY_TOO_LONG);
+    char marker[ORBS3_PATH_AREA];
+    if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
+        return status(ORBS3_S3_KEY_TOO_LONG);
+    if (unlink(marker) == 0)
+        counts->objects++;
+    else if (errno != ENOENT && errno != ENOTDIR)
+        return status(ORBS3_S3_INTERNAL_ERROR);
+    const std::string_view dir = key.substr(0, key.size() - 1);
+    if (orbs3_access_file(path.meta_path) == 0 || orbs3_access_file(path.data_path) == 0) {
+        orbs3_mark_deling_object_dir(b, dir);
+        if (orbs3_del_object_dirs(b, dir) == 1)
+            orbs3_remove_emptied_dirs(b, key);
+    }
+    return 0;
+}
+
+// Destroys `key` of the bucket, a directory key with everything below it (the immediate delete's
+// meaning of a directory key). 0, or a status.
 int destroy_key(const orbs3_bucket_t* bucket, std::string_view key, counts_t* counts)
 {
     orbs3_object_path_t path;
@@ -352,27 +377,12 @@ int orbs3_delete_object_msg(orbs3_http_request_t* r)
     const orbs3_bucket_t* b = bucket.get();
 
     if (key.back() == '/') {
-        // A directory object: its record goes now; the directory goes once nothing is below it, now or
-        // with the last key below it.
-        orbs3_object_path_t path;
-        if (orbs3_make_object_path(b, key, "", &path) != 0)
-            return status(ORBS3_S3_KEY_TOO_LONG);
-        char marker[ORBS3_PATH_AREA];
-        int n = std::snprintf(marker, sizeof marker, "%s%.*s", path.meta_path,
-                              static_cast<int>(ORBS3_DIR_MARKER.size()), ORBS3_DIR_MARKER.data());
-        if (n < 0 || static_cast<std::size_t>(n) >= sizeof marker)
-            return status(ORBS3_S3_KEY_TOO_LONG);
-        if (unlink(marker) == 0) {
-            orbs3_object_count_in_bucket(b, -1, 0);
-            r->vhost->object_count.fetch_sub(1);
-        } else if (errno != ENOENT && errno != ENOTDIR) {
-            return status(ORBS3_S3_INTERNAL_ERROR);
-        }
-        const std::string_view dir = key.substr(0, key.size() - 1);
-        if (orbs3_access_file(path.meta_path) == 0 || orbs3_access_file(path.data_path) == 0) {
-            orbs3_mark_deling_object_dir(b, dir);
-            if (orbs3_del_object_dirs(b, dir) == 1)
-                orbs3_remove_emptied_dirs(b, key);
+        counts_t counts;
+        if (int st = delete_directory_object(b, key, &counts); st != 0)
+            return st;
+        if (counts.objects != 0) {
+            orbs3_object_count_in_bucket(b, -counts.objects, 0);
+            r->vhost->object_count.fetch_sub(counts.objects);
         }
     } else {
         int64_t size = 0;
@@ -401,8 +411,8 @@ int orbs3_delete_object_vorne(orbs3_http_request_t* r)
         return status(ORBS3_S3_KEY_TOO_LONG);
     if (orbs3_access_file(path.meta_path) != 0 && orbs3_access_file(path.data_path) != 0)
         return status(ORBS3_S3_NO_SUCH_KEY);
-    // A directory key destroys everything below it, as a batch delete of that key does: one meaning for
-    // one key, whichever road it takes.
+    // A directory key destroys everything below it: this action is orbmux's own, and asked for by name.
+    // A batch delete names keys, and takes only those.
     counts_t counts;
     rc = destroy_key(raw, key, &counts);
     if (counts.objects != 0)
@@ -447,14 +457,16 @@ int orbs3_delete_objects(orbs3_http_request_t* r)
     const bool quiet = parse_del_objects_quiet(doc);
 
     // A key that is not there counts as deleted, as S3 has it: the batch says what is no longer in the
-    // bucket. Only keys that can't be keys, or that could not be removed, are errors.
+    // bucket. Only keys that can't be keys, or that could not be removed, are errors. A directory key
+    // names its directory object alone: the keys below it stay, as they do for DeleteObject.
     counts_t counts;
     neo_list_head_t *pos, *next;
     list_for_each_safe(pos, next, &keys) {
         auto* k = list_entry(pos, orbs3_del_key_t, link);
         const std::string_view key = view(k->key);
         list_del(&k->link);
-        bool ok = !key.empty() && orbs3_object_key_status(key) == 0 && destroy_key(raw, key, &counts) == 0;
+        bool ok = !key.empty() && orbs3_object_key_status(key) == 0 &&
+                  (key.back() == '/' ? delete_directory_object(raw, key, &counts) : destroy_key(raw, key, &counts)) == 0;
         if (ok)
             list_add_tail(&k->link, &deleted);
         else

@@ -255,7 +255,10 @@ def test_bucket_statistics_follow_puts_deletes_and_copies(tenant):
     assert bucket_stat(tenant, b) == (2, 20)
     assert exchange(tenant, signed(tenant, "POST", f"/{b}/c?append&position=10", b"zzzzz"))[0] == 200
     assert bucket_stat(tenant, b) == (2, 25)
+    # A directory key of a batch names no object here: d/b stays, and counts.
     s3.delete_objects(Bucket=b, Delete={"Objects": [{"Key": "c"}, {"Key": "d/"}, {"Key": "gone"}]})
+    assert bucket_stat(tenant, b) == (1, 10)
+    s3.delete_objects(Bucket=b, Delete={"Objects": [{"Key": "d/b"}]})
     assert bucket_stat(tenant, b) == (0, 0)
     # Nothing is left behind that would keep the bucket from being deleted.
     s3.delete_bucket(Bucket=b)
@@ -285,24 +288,9 @@ def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
     assert not [f for _, _, files in os.walk(tenant.recycle("batch")) for f in files]
     assert sorted(os.listdir(tenant.data("batch"))) == ["9"]
 
-    # A directory key takes everything below it.
-    for k in ("rec/a", "rec/b/c", "rec/b/d/e"):
-        s3.put_object(Bucket=BUCKET, Key=k, Body=b"x")
-    got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "rec/"}, {"Key": keys[999]}]})
-    assert sorted(d["Key"] for d in got["Deleted"]) == sorted(["rec/", keys[999]])
-    assert not os.path.exists(tenant.data("rec")) and not os.path.exists(tenant.meta("rec"))
+    got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": keys[999]}]})
+    assert [d["Key"] for d in got["Deleted"]] == [keys[999]]
     assert not os.path.exists(tenant.data("batch"))
-
-    # An upload in progress below a deleted directory is the server's, not a key: it can still complete.
-    up = s3.create_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin")["UploadId"]
-    part = s3.upload_part(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up, PartNumber=1, Body=b"p" * 1000)
-    s3.put_object(Bucket=BUCKET, Key="rec2/small", Body=b"s")
-    got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "rec2/"}]})
-    assert [d["Key"] for d in got["Deleted"]] == ["rec2/"]
-    assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="rec2/small"))[0] == 404
-    s3.complete_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up,
-                                 MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": part["ETag"]}]})
-    assert read(s3, "rec2/big.bin") == b"p" * 1000
 
     # A document whose Content-MD5 does not match is refused, and deletes nothing.
     s3.put_object(Bucket=BUCKET, Key="guarded", Body=b"g")
@@ -322,6 +310,31 @@ def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
     assert s3_error(lambda: s3.delete_objects(Bucket=BUCKET, Delete={"Objects": too_many})) == (400, "MalformedXML")
 
 
+def test_a_batch_directory_key_deletes_its_directory_object_alone(tenant):
+    s3 = client(tenant)
+    below = ["x/a", "x/b", "x/sub/c"]
+    for k in below:
+        s3.put_object(Bucket=BUCKET, Key=k, Body=k.encode())
+    put_directory(tenant, "x/")
+    marker = os.path.join(tenant.meta("x"), ".orbs3-dir")
+    assert os.path.exists(marker)
+    # First with the directory object x/ there, then without it: x/ goes (or was never there), nothing
+    # below it does, and the reply says x/ is deleted either way, as S3 does for any key.
+    for objects_gone in (1, 0):
+        before = bucket_stat(tenant, BUCKET)
+        got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "x/"}]})
+        assert [d["Key"] for d in got["Deleted"]] == ["x/"] and not got.get("Errors"), got
+        assert not os.path.exists(marker)
+        assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="x/"))[0] == 404
+        for k in below:
+            assert read(s3, k) == k.encode(), k
+        assert bucket_stat(tenant, BUCKET) == (before[0] - objects_gone, before[1])
+    # The keys below go when they are named, and their directory with the last of them.
+    got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": k} for k in below]})
+    assert sorted(d["Key"] for d in got["Deleted"]) == below
+    assert not os.path.exists(tenant.data("x")) and not os.path.exists(tenant.meta("x"))
+
+
 # ---- the immediate delete ----
 
 def test_vorne_destroys_at_once_and_knows_missing_keys(tenant):
@@ -334,6 +347,22 @@ def test_vorne_destroys_at_once_and_knows_missing_keys(tenant):
     assert not os.path.exists(tenant.data("now"))
     status, reply = exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/now/gone.bin?vorne"))
     assert status == 404 and b"<Code>NoSuchKey</Code>" in reply
+
+    # A directory key, asked for by this action, takes everything below it.
+    for k in ("rec/a", "rec/b/c", "rec/b/d/e"):
+        s3.put_object(Bucket=BUCKET, Key=k, Body=b"x")
+    assert exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/rec/?vorne"))[0] == 204
+    assert not os.path.exists(tenant.data("rec")) and not os.path.exists(tenant.meta("rec"))
+
+    # An upload in progress below a destroyed directory is the server's, not a key: it can still complete.
+    up = s3.create_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin")["UploadId"]
+    part = s3.upload_part(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up, PartNumber=1, Body=b"p" * 1000)
+    s3.put_object(Bucket=BUCKET, Key="rec2/small", Body=b"s")
+    assert exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/rec2/?vorne"))[0] == 204
+    assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="rec2/small"))[0] == 404
+    s3.complete_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up,
+                                 MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": part["ETag"]}]})
+    assert read(s3, "rec2/big.bin") == b"p" * 1000
 
 
 # ---- CopyObject ----
@@ -460,7 +489,7 @@ def test_a_one_gib_copy_runs_in_bounded_memory(tenant):
     assert got["CopyObjectResult"]["ETag"] == f'"{zeros.hexdigest()}"'
     assert os.path.getsize(tenant.data("big/copy.bin")) == size
     assert peak[0] - before < 64 * 1024 and after - before < 64 * 1024, (before, peak[0], after)
-    s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "big/"}]})
+    s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "big/sparse.bin"}, {"Key": "big/copy.bin"}]})
     assert not os.path.exists(tenant.data("big"))
 
 
@@ -618,7 +647,7 @@ def test_delete_objects_deletes_exactly_the_keys_it_names(tenant):
 def test_aws_cli_removes_keys_with_blanks_under_a_prefix_only(tenant, tmp_path, needs_listing):
     s3 = client(tenant)
     # No key with a leading blank here: cut at its blank it names the prefix's directory, whose delete
-    # takes all below it and would hide every other wrong delete.
+    # once took all below it and would have hidden every other wrong delete.
     inside = put_keys(s3, "cli-blanks/in/", [k for k in BLANK_KEYS if not k.startswith(" ")])
     outside = put_keys(s3, "cli-blanks/", ["in side", "in", "a b", " leading", "with"])
     aws = ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{tenant.port}", "--region", "us-east-1"]

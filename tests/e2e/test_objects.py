@@ -282,6 +282,70 @@ def test_directory_objects_and_missing_keys(tenant):
     assert s3.get_object(Bucket=BUCKET, Key="file-here")["Body"].read() == b"x"
 
 
+# A key is a path: orbmux takes it when its path in the bucket's deepest tree (meta) leaves 96 bytes of
+# the 1023 a path may have for the names the server makes beside it.
+KEY_PATH_RESERVE = 96
+
+
+def long_key(length, lead):
+    """A key of `length` bytes starting with `lead`, in components of 100 bytes (objectmaxlen is 127)."""
+    key = "".join("/" if i % 101 == 100 else "k" for i in range(length))
+    return lead + key[len(lead):-1] + "z"
+
+
+def test_the_longest_key_that_fits_works_for_every_write_and_a_longer_one_is_refused(tenant):
+    s3 = client(tenant)
+    longest = 1023 - len(os.path.join(tenant.root, "meta", USER, "object", BUCKET)) - 1 - KEY_PATH_RESERVE
+    s3.put_object(Bucket=BUCKET, Key="long/source", Body=b"copied")
+
+    def put(key):
+        s3.put_object(Bucket=BUCKET, Key=key, Body=b"put")
+        return b"put"
+
+    def copy(key):
+        s3.copy_object(Bucket=BUCKET, Key=key, CopySource={"Bucket": BUCKET, "Key": "long/source"})
+        return b"copied"
+
+    def multipart(key):
+        up = s3.create_multipart_upload(Bucket=BUCKET, Key=key)["UploadId"]
+        etag = s3.upload_part(Bucket=BUCKET, Key=key, UploadId=up, PartNumber=1, Body=b"part")["ETag"]
+        s3.complete_multipart_upload(Bucket=BUCKET, Key=key, UploadId=up,
+                                     MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": etag}]})
+        return b"part"
+
+    def append(key):
+        # position 0 makes the object; a second append grows it.
+        for position, body in ((0, b"app"), (3, b"end")):
+            head = signed_head(tenant, "POST", f"/{BUCKET}/{key}?append&position={position}",
+                               hashlib.sha256(body).hexdigest())
+            got = exchange(tenant, (head + f"Content-Length: {len(body)}\r\nConnection: close\r\n\r\n").encode()
+                           + body)
+            if not got.startswith(b"HTTP/1.1 200 "):
+                m = re.search(rb"<Code>([^<]*)</Code>", got)
+                raise ClientError({"Error": {"Code": m.group(1).decode() if m else ""},
+                                   "ResponseMetadata": {"HTTPStatusCode": int(got.split(b" ", 2)[1])}}, "Append")
+        return b"append"
+
+    def stored():
+        """Every directory and file of the data and meta trees."""
+        return sorted(os.path.join(base, f) for top in ("data", "meta") for base, dirs, files in
+                      os.walk(os.path.join(tenant.root, top)) for f in dirs + files)
+
+    for lead, write in (("p", put), ("c", copy), ("m", multipart), ("a", append)):
+        key = long_key(longest, lead)
+        body = write(key)
+        assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == body, lead
+        with open(tenant.data_path(key), "rb") as f:
+            assert f.read() == body, lead
+        s3.delete_object(Bucket=BUCKET, Key=key)
+        before = stored()
+        # One byte more, and the longest key objectpathlen allows: refused, nothing made.
+        for length in (longest + 1, 1023):
+            assert s3_error(lambda: write(long_key(length, lead))) == (400, "KeyTooLongError"), (lead, length)
+        assert stored() == before, lead
+    assert not tenant.temp_files()
+
+
 def test_a_data_file_without_record_is_served(tenant):
     os.makedirs(os.path.dirname(tenant.data_path("placed/by-hand.css")), exist_ok=True)
     with open(tenant.data_path("placed/by-hand.css"), "wb") as f:
