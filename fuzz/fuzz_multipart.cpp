@@ -88,7 +88,7 @@ void copy_range(std::string_view text)
     const int64_t size = static_cast<int64_t>(raw >> 1);
     std::string value(text.substr(8));
     int64_t first = -1, len = -1;
-    if (orbs3_multipart_parse_copy_range(value, size, &first, &len)) {
+    if (orbs3_multipart_parse_copy_range(value, size, &first, &len) == 0) {
         CHECK(first >= 0 && len >= 1);
         CHECK(first < size && len <= size - first);
     }
