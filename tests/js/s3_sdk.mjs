@@ -22,7 +22,7 @@ const s3 = new S3Client({
   credentials: { accessKeyId: process.env.AWS_ACCESS_KEY_ID, secretAccessKey: process.env.AWS_SECRET_ACCESS_KEY },
 });
 
-// Deterministic bytes that no two offsets repeat within a part, so a misplaced range or part shows.
+// Deterministic pseudo-random bytes, a different stream for each seed, so a misplaced range or part shows.
 function bytes(size, seed) {
   const out = Buffer.alloc(size);
   let x = seed >>> 0 || 1;
@@ -32,6 +32,8 @@ function bytes(size, seed) {
   }
   return out;
 }
+// CRC-32 as x-amz-checksum-crc32 carries it (base64 of the four bytes, big-endian): the expected values
+// are computed here, not taken from the SDK under test.
 const CRC_TABLE = Array.from({ length: 256 }, (_, n) => {
   let c = n;
   for (let k = 0; k < 8; k++) c = c & 1 ? 0xedb88320 ^ (c >>> 1) : c >>> 1;
