@@ -1,4 +1,5 @@
 // The multipart handlers. What an upload is on disk, and why, is told in orbs3_multipart.h.
+#include "event/orbs3_fd.h"
 #include "storage/orbs3_multipart.h"
 
 #include <dirent.h>
@@ -58,18 +59,6 @@ struct bucket_free {
 };
 using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_free>;
 
-struct fd_owner {
-    int fd = -1;
-    explicit fd_owner(int f) : fd(f) {}
-    ~fd_owner()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    fd_owner(const fd_owner&) = delete;
-    fd_owner& operator=(const fd_owner&) = delete;
-};
-
 int status(uint32_t s)
 {
     return static_cast<int>(s);
@@ -91,12 +80,12 @@ std::string now_stamp()
 bool read_small_file(const char* path, std::string* out, std::size_t max = kRecordMax)
 {
     out->clear();
-    fd_owner f(open(path, O_RDONLY | O_CLOEXEC));
-    if (f.fd < 0)
+    orbs3_fd f(open(path, O_RDONLY | O_CLOEXEC));
+    if (f.get() < 0)
         return false;
     char buf[4096];
     for (;;) {
-        ssize_t n = read(f.fd, buf, sizeof buf);
+        ssize_t n = read(f.get(), buf, sizeof buf);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -281,11 +270,11 @@ int load_part(const char* staging, int number, orbs3_multipart_part_t* part)
                            kPartRecordSuffix.data());
     if (n1 < 0 || n2 < 0 || static_cast<std::size_t>(n2) >= sizeof rec)
         return -1;
-    fd_owner f(open(data, O_RDONLY | O_CLOEXEC));
-    if (f.fd < 0)
+    orbs3_fd f(open(data, O_RDONLY | O_CLOEXEC));
+    if (f.get() < 0)
         return errno == ENOENT ? 1 : -1;
     struct stat st;
-    if (fstat(f.fd, &st) != 0 || !S_ISREG(st.st_mode))
+    if (fstat(f.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return -1;
     std::string text;
     if (read_small_file(rec, &text) && orbs3_multipart_parse_part(text, part) == 0 &&
@@ -298,7 +287,7 @@ int load_part(const char* staging, int number, orbs3_multipart_part_t* part)
     part->size = st.st_size;
     part->ino = st.st_ino;
     part->modified = now_stamp();
-    if (md5_of_file(f.fd, part->md5) != 0)
+    if (md5_of_file(f.get(), part->md5) != 0)
         return -1;
     ipd_log(LOG_INFO, "part record %s made again from its bytes", rec);
     std::string fresh = orbs3_multipart_render_part(*part);
@@ -400,8 +389,8 @@ int copy_bytes(int in, int out, int64_t offset, int64_t len)
 
 int fsync_path(const char* path)
 {
-    fd_owner f(open(path, O_WRONLY | O_CLOEXEC));
-    return f.fd >= 0 && fsync(f.fd) == 0 ? 0 : -1;
+    orbs3_fd f(open(path, O_WRONLY | O_CLOEXEC));
+    return f.get() >= 0 && fsync(f.get()) == 0 ? 0 : -1;
 }
 
 // A part whose bytes are whole in the temporary file `tmp` goes into place: the file flushed and renamed
@@ -531,9 +520,9 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
     char src_path[ORBS3_PATH_AREA];
     if (orbs3_get_object_path(src.get(), view(sk), src_path, nullptr, nullptr, nullptr) != 0)
         return status(ORBS3_S3_NO_SUCH_KEY);
-    fd_owner in(open(src_path, O_RDONLY | O_CLOEXEC));
+    orbs3_fd in(open(src_path, O_RDONLY | O_CLOEXEC));
     struct stat st;
-    if (in.fd < 0 || fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode))
+    if (in.get() < 0 || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return status(ORBS3_S3_NO_SUCH_KEY);
     int64_t first = 0, len = st.st_size;
     std::string_view range;
@@ -549,8 +538,8 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return status(ORBS3_S3_ENTITY_TOO_LARGE);
 
     char tmp[ORBS3_PATH_AREA];
-    fd_owner out(make_temp(ctx->staging, tmp, sizeof tmp));
-    if (out.fd < 0)
+    orbs3_fd out(make_temp(ctx->staging, tmp, sizeof tmp));
+    if (out.get() < 0)
         return errno == ENOENT ? status(ORBS3_S3_NO_SUCH_UPLOAD) : status(ORBS3_S3_INTERNAL_ERROR);
     neo_md5_t md5;
     std::unique_ptr<uint8_t[]> buf(new (std::nothrow) uint8_t[kCopyBuffer]);
@@ -560,7 +549,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
     const orbs3_checksum_alg alg = orbs3_checksum_alg_of_word(ctx->up.checksum_algorithm);
     ok = ok && (alg == orbs3_checksum_alg::none || orbs3_checksum_init(&checksum, alg) == 0);
     for (int64_t at = first, left = len; ok && left > 0;) {
-        ssize_t n = pread(in.fd, buf.get(), static_cast<std::size_t>(std::min<int64_t>(left, kCopyBuffer)), at);
+        ssize_t n = pread(in.get(), buf.get(), static_cast<std::size_t>(std::min<int64_t>(left, kCopyBuffer)), at);
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0) {
@@ -570,7 +559,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         (void)neo_md5_update(&md5, buf.get(), static_cast<std::size_t>(n));
         orbs3_checksum_update(&checksum, buf.get(), static_cast<std::size_t>(n));
         for (ssize_t done = 0; ok && done < n;) {
-            ssize_t w = write(out.fd, buf.get() + done, static_cast<std::size_t>(n - done));
+            ssize_t w = write(out.get(), buf.get() + done, static_cast<std::size_t>(n - done));
             if (w < 0 && errno == EINTR)
                 continue;
             ok = w > 0;
@@ -608,8 +597,8 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
 int assemble(const char* staging, const char* data_dir, const std::vector<const orbs3_multipart_part_t*>& parts,
              char tmp[ORBS3_PATH_AREA], int64_t* total)
 {
-    fd_owner out(make_temp(data_dir, tmp, ORBS3_PATH_AREA));
-    if (out.fd < 0) {
+    orbs3_fd out(make_temp(data_dir, tmp, ORBS3_PATH_AREA));
+    if (out.get() < 0) {
         ipd_log(LOG_ERR, "temporary file in %s: %s", data_dir, std::strerror(errno));
         return status(ORBS3_S3_INTERNAL_ERROR);
     }
@@ -617,15 +606,15 @@ int assemble(const char* staging, const char* data_dir, const std::vector<const 
     for (const orbs3_multipart_part_t* p : parts) {
         char path[ORBS3_PATH_AREA];
         std::snprintf(path, sizeof path, "%s/%d", staging, p->number);
-        fd_owner in(open(path, O_RDONLY | O_CLOEXEC));
-        if (in.fd < 0 || copy_bytes(in.fd, out.fd, 0, p->size) != 0) {
+        orbs3_fd in(open(path, O_RDONLY | O_CLOEXEC));
+        if (in.get() < 0 || copy_bytes(in.get(), out.get(), 0, p->size) != 0) {
             ipd_log(LOG_ERR, "part %s not copied: %s", path, std::strerror(errno));
             unlink(tmp);
             return status(ORBS3_S3_INTERNAL_ERROR);
         }
         *total += p->size;
     }
-    if (fsync(out.fd) != 0) {
+    if (fsync(out.get()) != 0) {
         ipd_log(LOG_ERR, "fsync %s failed: %s", tmp, std::strerror(errno));
         unlink(tmp);
         return status(ORBS3_S3_INTERNAL_ERROR);

@@ -14,6 +14,7 @@
 #include <memory>
 #include <string_view>
 
+#include "event/orbs3_fd.h"
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
@@ -51,15 +52,6 @@ struct object_free {
     void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
 };
 using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
-struct fd_owner {
-    int fd = -1;
-    ~fd_owner()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
 
 struct append_state_t {
     orbs3_object_body_t body;  // the body in its temporary file; removed when the request ends
@@ -169,12 +161,12 @@ int append_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
 {
     auto* st = static_cast<append_state_t*>(body->owner);
     const int64_t len = body->file.size;
-    fd_owner in{open(body->file.path, O_RDONLY | O_CLOEXEC)};
-    fd_owner out{open(st->path.data_path, O_RDWR | O_NOFOLLOW | O_CLOEXEC)};
+    orbs3_fd in{open(body->file.path, O_RDONLY | O_CLOEXEC)};
+    orbs3_fd out{open(st->path.data_path, O_RDWR | O_NOFOLLOW | O_CLOEXEC)};
     struct stat now {};
-    if (out.fd < 0 || fstat(out.fd, &now) != 0 || !S_ISREG(now.st_mode))
+    if (out.get() < 0 || fstat(out.get(), &now) != 0 || !S_ISREG(now.st_mode))
         return status(ORBS3_S3_NO_SUCH_KEY);  // deleted while its body came
-    if (in.fd < 0)
+    if (in.get() < 0)
         return status(ORBS3_S3_INTERNAL_ERROR);
     const int64_t old_size = now.st_size;
     const int64_t at = std::min(st->position, old_size);
@@ -182,10 +174,10 @@ int append_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
     auto* buf = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, kAppendBuffer));
     if (buf == nullptr)
         return status(ORBS3_S3_INTERNAL_ERROR);
-    if (place_bytes(in.fd, out.fd, at, len, buf) != 0 || fsync(out.fd) != 0) {
+    if (place_bytes(in.get(), out.get(), at, len, buf) != 0 || fsync(out.get()) != 0) {
         ipd_log(LOG_ERR, "append to %s failed: %s", st->path.data_path, std::strerror(errno));
         // The object keeps its length: what was written behind its old end is cut off again.
-        if (ftruncate(out.fd, old_size) != 0)
+        if (ftruncate(out.get(), old_size) != 0)
             ipd_log(LOG_ERR, "%s not cut back to %lld bytes: %s", st->path.data_path,
                     static_cast<long long>(old_size), std::strerror(errno));
         return status(ORBS3_S3_INTERNAL_ERROR);
@@ -194,7 +186,7 @@ int append_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
     char stamp[64];
     get_gmt_meta_time(stamp, sizeof stamp);
     char etag[33];
-    if (new_size > kDigestWholeUpTo || digest_file(out.fd, new_size, buf, etag) != 0)
+    if (new_size > kDigestWholeUpTo || digest_file(out.get(), new_size, buf, etag) != 0)
         Compute_file_md5(st->key, len, stamp, etag);
     orbs3_object_meta_t meta;
     if (st->record)

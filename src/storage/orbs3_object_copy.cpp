@@ -1,3 +1,4 @@
+#include "event/orbs3_fd.h"
 #include "storage/orbs3_object_copy.h"
 
 #include <fcntl.h>
@@ -116,15 +117,6 @@ struct object_free {
 };
 using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
 using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
-
-struct fd_owner {
-    int fd = -1;
-    ~fd_owner()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-};
 
 // The temporary file of a copy, removed unless the copy was committed.
 struct temp_file {
@@ -304,9 +296,9 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     orbs3_object_path_t from, to;
     if (orbs3_make_object_path(src.get(), skey, "", &from) != 0 || orbs3_make_object_path(dst.get(), key, "", &to) != 0)
         return status(ORBS3_S3_KEY_TOO_LONG);
-    fd_owner in{open(from.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
+    orbs3_fd in{open(from.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC)};
     struct stat st {};
-    if (in.fd < 0 || fstat(in.fd, &st) != 0 || !S_ISREG(st.st_mode))
+    if (in.get() < 0 || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
         return status(ORBS3_S3_NO_SUCH_KEY);
     const int64_t size = st.st_size;
 
@@ -373,15 +365,16 @@ int orbs3_copy_object(orbs3_http_request_t* r)
         // The bytes go into a temporary file beside the destination and replace it by a rename once they
         // are on disk: a reader sees the old object or the copy, never a part.
         temp_file tmp;
-        fd_owner out;
-        if ((rc = make_temp(key, to.data_path, &tmp, &out.fd)) != 0)
+        int made = -1;
+        if ((rc = make_temp(key, to.data_path, &tmp, &made)) != 0)
             return rc;
+        orbs3_fd out(made);
         neo_md5_t md5;
         const bool digest = etag[0] == '\0';
         auto* buf = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, kCopyBuffer));
         if (buf == nullptr || (digest && neo_md5_init(&md5) != 0))
             return status(ORBS3_S3_INTERNAL_ERROR);
-        if (copy_bytes(in.fd, out.fd, size, digest ? &md5 : nullptr, buf) != 0 || fsync(out.fd) != 0) {
+        if (copy_bytes(in.get(), out.get(), size, digest ? &md5 : nullptr, buf) != 0 || fsync(out.get()) != 0) {
             ipd_log(LOG_ERR, "copy of %s to %s failed: %s", from.data_path, tmp.path, std::strerror(errno));
             return status(ORBS3_S3_INTERNAL_ERROR);
         }
@@ -403,7 +396,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
         if (buf == nullptr || neo_md5_init(&md5) != 0)
             return status(ORBS3_S3_INTERNAL_ERROR);
         for (int64_t at = 0; at < size;) {
-            ssize_t n = pread(in.fd, buf, static_cast<std::size_t>(std::min<int64_t>(size - at, kCopyBuffer)), at);
+            ssize_t n = pread(in.get(), buf, static_cast<std::size_t>(std::min<int64_t>(size - at, kCopyBuffer)), at);
             if (n <= 0)
                 return status(ORBS3_S3_INTERNAL_ERROR);
             (void)neo_md5_update(&md5, buf, static_cast<std::size_t>(n));

@@ -15,6 +15,7 @@
 #include <optional>
 #include <string>
 
+#include "event/orbs3_fd.h"
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
@@ -46,21 +47,6 @@ struct object_free {
     void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
 };
 using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
-struct fd_closer {
-    int fd = -1;
-    ~fd_closer()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    int release()
-    {
-        int f = fd;
-        fd = -1;
-        return f;
-    }
-};
 
 // Last-Modified in the form HTTP gives it, "Sun, 06 Nov 1994 08:49:37 GMT", whatever the locale.
 void http_date(time_t t, char* out, std::size_t room)
@@ -287,7 +273,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
         return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
 
-    fd_closer file;
+    orbs3_fd file;
     struct stat st {};
     int64_t size = 0;
     object_ptr rec;
@@ -302,8 +288,8 @@ int orbs3_get_object(orbs3_http_request_t* r)
             return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
         rec->size = 0;
     } else {
-        file.fd = open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-        if (file.fd < 0 || fstat(file.fd, &st) != 0 || !S_ISREG(st.st_mode))
+        file.reset(open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
+        if (file.get() < 0 || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode))
             return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
         size = st.st_size;
         // The record counts only when it describes this file: a record that lags behind a commit in
@@ -398,7 +384,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
             return -1;
         int64_t got = 0;
         while (got < length) {
-            ssize_t n = pread(file.fd, bytes + got, static_cast<std::size_t>(length - got), offset + got);
+            ssize_t n = pread(file.get(), bytes + got, static_cast<std::size_t>(length - got), offset + got);
             if (n < 0 && errno == EINTR)
                 continue;
             // The head is not out yet: a file that gives less than it said fails before a byte is sent.
