@@ -415,14 +415,21 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
                                                  r->resp.connection, r->resp.origin));
 }
 
-int orbs3_get_bucket_location(orbs3_http_request_t* r)
+// The bucket exists and the requester may list it: 0, or the status that says why not.
+static int check_listable(orbs3_http_request_t* r)
 {
     static constexpr int list = ORBS3_ACCESS_LIST;
     orbs3_bucket_t* raw = nullptr;
     int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
-    if (rc != 0)
+    if (rc == 0)
+        orbs3_free_bucket(raw);
+    return rc;
+}
+
+int orbs3_get_bucket_location(orbs3_http_request_t* r)
+{
+    if (int rc = check_listable(r); rc != 0)
         return rc;
-    orbs3_free_bucket(raw);
     neo_cstr_ptr doc(make_bucket_location_xml());
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, bucket_name(r));
@@ -538,11 +545,7 @@ int orbs3_put_bucket_rename(orbs3_http_request_t* r)
 
 int orbs3_head_bucket(orbs3_http_request_t* r)
 {
-    static constexpr int list = ORBS3_ACCESS_LIST;
-    orbs3_bucket_t* raw = nullptr;
-    int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
-    if (rc != 0)
+    if (int rc = check_listable(r); rc != 0)
         return rc;
-    orbs3_free_bucket(raw);
     return sent(orbs3_http_send_list_objects_msg(r->connection, 200, "", r->resp.connection, r->resp.origin));
 }
