@@ -13,13 +13,6 @@
 
 namespace {
 
-std::string_view str_view(const orbs3_str_t& s)
-{
-    if (s.data == nullptr)
-        return {};
-    return {s.data, static_cast<std::size_t>(s.len)};
-}
-
 // The peer's IPv4 address in network order. A peer on an IPv6 socket counts as IPv4 only when its address
 // is an IPv4-mapped one (a dual-stack listener); any other IPv6 peer has no address the lists can name.
 bool peer_ipv4(const orbs3_peer_t* peer, uint32_t* out)
@@ -40,7 +33,7 @@ bool peer_ipv4(const orbs3_peer_t* peer, uint32_t* out)
 uint32_t rule_ipv4(const orbs3_rule_addr_t* a)
 {
     char text[INET6_ADDRSTRLEN] = "";
-    std::string_view v = str_view(a->addr);
+    std::string_view v = orbs3_str_view(a->addr);
     if (v.size() >= sizeof text)
         return 0;
     std::memcpy(text, v.data(), v.size());
@@ -79,7 +72,7 @@ const orbs3_bucket_rule_t* first_rule_with_user(const neo_list_head_t* list, std
         for (const neo_list_head_t* u = rule->users.next; u != &rule->users; u = u->next) {
             const auto* ru = static_cast<const orbs3_rule_user_t*>(
                 orbs3_list_node(const_cast<neo_list_head_t*>(u))->data);
-            if (ru != nullptr && str_view(ru->userid) == userid)
+            if (ru != nullptr && orbs3_str_view(ru->userid) == userid)
                 return rule;
         }
     }
@@ -148,7 +141,7 @@ int check_authority(const Rec* rec, const orbs3_peer_t* peer, const orbs3_user_t
         allowed = 0;
         if (user == nullptr)
             return 1;
-        const auto* rule = first_rule_with_user(&rec->authak_list, str_view(user->UserId));
+        const auto* rule = first_rule_with_user(&rec->authak_list, orbs3_str_view(user->UserId));
         if (rule != nullptr)
             grant_by_rule(rule, bucket_code, object_code, &allowed);
     }
@@ -185,10 +178,10 @@ int orbmux_check_admin(const orbs3_user_t* admin, const orbs3_user_t* user)
     if (admin == nullptr || user == nullptr)
         return -1;
     // An administrator without a key would equal every ordinary user, whose record has no key id either.
-    const std::string_view key = str_view(admin->accesskeyid);
+    const std::string_view key = orbs3_str_view(admin->accesskeyid);
     if (key.empty())
         return -1;
-    return str_view(user->accesskeyid) == key ? 0 : -1;
+    return orbs3_str_view(user->accesskeyid) == key ? 0 : -1;
 }
 
 int orbmux_check_service_rec_blacklist(const orbs3_service_rec_t* rec, const orbs3_peer_t* peer)

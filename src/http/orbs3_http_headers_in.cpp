@@ -25,11 +25,6 @@ T* field_at(orbs3_http_request_t* r, std::size_t offset)
     return reinterpret_cast<T*>(reinterpret_cast<char*>(&r->headers_in) + offset);
 }
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return {s.data, s.len};
-}
-
 bool value_holds(const orbs3_header_t* h, std::string_view word)
 {
     return h->value.len != 0 &&
@@ -344,7 +339,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
     // The value as sent, in the case sent, up to the first ':'.
     std::string_view host;
     if (r->headers_in.host != nullptr) {
-        host = view(r->headers_in.host->value);
+        host = orbs3_str_view(r->headers_in.host->value);
         host = host.substr(0, host.find(':'));
     }
 
@@ -354,7 +349,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
     list_for_each(pos, &orbs3_service->vhosts)
     {
         orbs3_vhost_t* vh = vhost_at(pos);
-        if (vh->domain.len != 0 && view(vh->domain) == host) {
+        if (vh->domain.len != 0 && orbs3_str_view(vh->domain) == host) {
             r->vhost = vh;
             r->host_style = ORBS3_HOST_STYLE_PATH;
             return 0;
@@ -363,7 +358,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
     list_for_each(pos, &orbs3_service->vhosts)
     {
         orbs3_vhost_t* vh = vhost_at(pos);
-        if (vh->domain.len != 0 && host.find(view(vh->domain)) != std::string_view::npos) {
+        if (vh->domain.len != 0 && host.find(orbs3_str_view(vh->domain)) != std::string_view::npos) {
             r->vhost = vh;
             r->host_style = ORBS3_HOST_STYLE_VIRTUAL;
             return 0;

@@ -11,6 +11,7 @@
 #include <memory>
 #include <memory_resource>
 #include <new>
+#include <string_view>
 #include <type_traits>
 #include <utility>
 
@@ -140,6 +141,11 @@ void neo_strdup(orbs3_str_t* str, const char* text, std::size_t max);
 void neo_strfree(orbs3_str_t* str);
 // The text, or "" for a null record or an empty one; never null.
 const char* neo_getstr(const orbs3_str_t* str);
+// The text as a view; empty for a record that holds none.
+inline std::string_view orbs3_str_view(const orbs3_str_t& s)
+{
+    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
+}
 // str becomes a NUL-terminated copy of `len` bytes of `text` in the pool; 0, or -1 (str unchanged) when
 // the pool is out of memory.
 [[nodiscard]] int orbs3_pstr_set(orbs3_pool_t* pool, orbs3_str_t* str, const char* text, std::size_t len);

@@ -29,11 +29,6 @@ constexpr std::size_t POST_TOKEN_MAX = 127;
 constexpr int32_t DEFAULT_MAX_KEYS = 1000;
 constexpr int32_t DEFAULT_LIST_TYPE = 2;
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data != nullptr ? std::string_view(s.data, s.len) : std::string_view();
-}
-
 // A NUL-terminated copy in the request's pool. -1 when the pool is out of memory.
 int set_str(orbs3_pool_t* pool, orbs3_str_t* dst, std::string_view text)
 {
@@ -280,7 +275,7 @@ struct query_t {
 // Copies args, parses the form and, with `fill`, runs the form list. -1 when memory runs out.
 int load_query(orbs3_http_request_t* r, query_t* q, bool fill)
 {
-    const std::string_view args = view(r->args);
+    const std::string_view args = orbs3_str_view(r->args);
     q->copy.reset(static_cast<char*>(std::malloc(args.size() + 1)));
     if (q->copy == nullptr)
         return -1;
@@ -329,7 +324,7 @@ struct target_t {
 
 std::string_view host_value(const orbs3_http_request_t* r)
 {
-    return r->headers_in.host != nullptr ? view(r->headers_in.host->value) : std::string_view();
+    return r->headers_in.host != nullptr ? orbs3_str_view(r->headers_in.host->value) : std::string_view();
 }
 
 // The path as the client sent it, without the query, its escapes decoded and nothing else changed. The
@@ -338,7 +333,7 @@ std::string_view host_value(const orbs3_http_request_t* r)
 // components included, and the key check refuses those. Empty when the pool runs out.
 std::string_view uri_of(const orbs3_http_request_t* r)
 {
-    std::string_view raw = view(r->unparsed_uri);
+    std::string_view raw = orbs3_str_view(r->unparsed_uri);
     raw = raw.substr(0, raw.find_first_of("?#"));
     auto* text = static_cast<char*>(orbs3_pnalloc(r->pool, raw.size() + 1));
     if (text == nullptr)
@@ -378,7 +373,7 @@ target_t virtual_style_target(const orbs3_http_request_t* r, bool service_test)
 {
     const std::string_view host = host_value(r);
     if (service_test && r->vhost != nullptr) {
-        const std::string_view domain = view(r->vhost->domain);
+        const std::string_view domain = orbs3_str_view(r->vhost->domain);
         if (host.substr(0, domain.size()) == domain)
             return {level::service, {}, {}};
     }

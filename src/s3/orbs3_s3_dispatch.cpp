@@ -137,11 +137,6 @@ namespace {
 
 using std::string_view;
 
-string_view view(const orbs3_str_t& s)
-{
-    return s.data != nullptr ? string_view(s.data, s.len) : string_view();
-}
-
 // Bounded copy into a fixed field; false (and an empty field) when the text does not fit.
 bool copy_field(char* dest, std::size_t size, string_view text)
 {
@@ -206,8 +201,8 @@ int admit_and_run(orbs3_http_request_t* r);
 int body_failure_status(int rc)
 {
     switch (rc) {
-    case ORBS3_HTTP_BODY_TOO_LARGE: return static_cast<int>(ORBS3_S3_MAX_MESSAGE_LENGTH_EXCEEDED);
-    case ORBS3_HTTP_BODY_INVALID: return static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
+    case ORBS3_HTTP_BODY_TOO_LARGE: return ORBS3_S3_MAX_MESSAGE_LENGTH_EXCEEDED;
+    case ORBS3_HTTP_BODY_INVALID: return ORBS3_S3_INCOMPLETE_BODY;
     default: return rc;
     }
 }
@@ -218,19 +213,19 @@ int admit_and_run(orbs3_http_request_t* r)
     char key[ORBS3_ACCESS_KEY_ID_LEN];
     int found = orbs3_s3_request_access_key(r, key);
     if (found == ORBS3_AUTH_NONE)
-        return static_cast<int>(ORBS3_S3_INVALID_ACCESS_KEY_ID);
+        return ORBS3_S3_INVALID_ACCESS_KEY_ID;
     if (found != 0)
-        return static_cast<int>(ORBS3_S3_AUTH_HEADER_MALFORMED);
+        return ORBS3_S3_AUTH_HEADER_MALFORMED;
     orbs3_vhost_t* vh = r->vhost;
     orbs3_user_t* user = orbs3_check_accesskeyid_exist(&vh->admin, key, vh);
     if (user == nullptr)
-        return static_cast<int>(ORBS3_S3_INVALID_ACCESS_KEY_ID);
+        return ORBS3_S3_INVALID_ACCESS_KEY_ID;
     r->user = user;
 
     if (orbs3_conf.verify_signatures) {
         const char* secret = orbs3_s3_user_secret(user, key);
         if (secret == nullptr)
-            return static_cast<int>(ORBS3_S3_INVALID_ACCESS_KEY_ID);
+            return ORBS3_S3_INVALID_ACCESS_KEY_ID;
         const char* message = nullptr;
         uint32_t status = orbs3_s3_authenticate(r, secret, std::time(nullptr), &message);
         if (status != 0) {
@@ -244,21 +239,21 @@ int admit_and_run(orbs3_http_request_t* r)
         r->event->handler != orbs3_upload_part_object) {
         r->resp.message = "Payloads signed chunk by chunk are not accepted yet; send the body with a plain "
                           "payload hash.";
-        return static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED);
+        return ORBS3_S3_NOT_IMPLEMENTED;
     }
 
     if (user != &vh->admin && orbmux_check_service_blacklist != nullptr &&
         orbmux_check_service_blacklist(vh, r->connection->peer) != 0) {
         copy_field(r->resp.resource, sizeof r->resp.resource, "/");
-        return static_cast<int>(ORBS3_S3_ACCESS_DENIED);
+        return ORBS3_S3_ACCESS_DENIED;
     }
 
     // An Origin other than the Host asks for a CORS line in every reply, errors included. One longer than
     // the field is not echoed at all: a cut origin would name another site.
     const orbs3_header_t* origin = r->headers_in.origin;
     const orbs3_header_t* host = r->headers_in.host;
-    if (origin != nullptr && origin->value.len != 0 && (host == nullptr || view(host->value) != view(origin->value)))
-        (void)copy_field(r->resp.origin, sizeof r->resp.origin, view(origin->value));
+    if (origin != nullptr && origin->value.len != 0 && (host == nullptr || orbs3_str_view(host->value) != orbs3_str_view(origin->value)))
+        (void)copy_field(r->resp.origin, sizeof r->resp.origin, orbs3_str_view(origin->value));
 
     return r->event->handler(r);
 }
@@ -278,13 +273,13 @@ const char* orbs3_s3_user_secret(const orbs3_user_t* user, string_view key_id)
 {
     if (user == nullptr)
         return nullptr;
-    if (user->accesskeyid.len != 0 && view(user->accesskeyid) == key_id)
+    if (user->accesskeyid.len != 0 && orbs3_str_view(user->accesskeyid) == key_id)
         return user->accesskeysecret.data;
     neo_list_head_t* pos;
     list_for_each(pos, &user->keys)
     {
         auto* k = static_cast<orbs3_accesskey_t*>(orbs3_list_node(pos)->data);
-        if (k != nullptr && view(k->AccessKeyId) == key_id)
+        if (k != nullptr && orbs3_str_view(k->AccessKeyId) == key_id)
             return k->AccessKeySecret.data;
     }
     return nullptr;
@@ -338,9 +333,9 @@ int orbs3_events_process(orbs3_http_request_t* r)
         copy_field(r->resp.connection, sizeof r->resp.connection, "close");
 
     // 2, 3
-    const orbs3_s3_event_t* ev = orbs3_s3_find_event(view(r->req_msg.action));
+    const orbs3_s3_event_t* ev = orbs3_s3_find_event(orbs3_str_view(r->req_msg.action));
     if (ev == nullptr)
-        return orbs3_s3_send_error(r, static_cast<int>(ORBS3_S3_OPERATION_NOT_SUPPORTED));
+        return orbs3_s3_send_error(r, ORBS3_S3_OPERATION_NOT_SUPPORTED);
     r->event = ev;
 
     // 4: a document is read whole before anyone looks at it.

@@ -493,11 +493,6 @@ std::string orbs3_list_url_encode(std::string_view text)
 
 namespace {
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 // An element with the whole text: keys and tokens are never cut, unlike the capped texts of records.
 mxml_node_t* new_text_view(mxml_node_t* parent, const char* name, std::string_view text)
 {
@@ -542,24 +537,24 @@ char* make_list_objects_xml(const orbs3_list_doc_t* doc)
             if (ent->is_dir)
                 continue;
             mxml_node_t* c = mxmlNewElement(root, "Contents");
-            new_text_view(c, "Key", key_text(view(ent->key)));
-            new_text_view(c, "LastModified", view(ent->last_modified));
+            new_text_view(c, "Key", key_text(orbs3_str_view(ent->key)));
+            new_text_view(c, "LastModified", orbs3_str_view(ent->last_modified));
             std::string etag = "\"";
-            etag += view(ent->etag);
+            etag += orbs3_str_view(ent->etag);
             etag += '"';
             new_text_view(c, "ETag", etag);
             mxmlNewTextf(mxmlNewElement(c, "Size"), 0, "%" PRIu64, ent->size);
             if (!doc->v2 || doc->fetch_owner) {
                 mxml_node_t* owner = mxmlNewElement(c, "Owner");
-                new_text_view(owner, "ID", view(ent->owner_id));
-                new_text_view(owner, "DisplayName", view(ent->owner_display_name));
+                new_text_view(owner, "ID", orbs3_str_view(ent->owner_id));
+                new_text_view(owner, "DisplayName", orbs3_str_view(ent->owner_display_name));
             }
             mxmlNewText(mxmlNewElement(c, "StorageClass"), 0, "STANDARD");
         }
         list_for_each(pos, doc->list) {
             auto* ent = list_entry(pos, orbs3_list_entry_t, link);
             if (ent->is_dir)
-                new_text_view(mxmlNewElement(root, "CommonPrefixes"), "Prefix", key_text(view(ent->key)));
+                new_text_view(mxmlNewElement(root, "CommonPrefixes"), "Prefix", key_text(orbs3_str_view(ent->key)));
         }
     }
     if (doc->truncated && doc->v2)

@@ -20,7 +20,7 @@ int not_implemented_status(orbs3_http_request_t* r)
     std::snprintf(r->resp.resource, sizeof r->resp.resource, "%.*s%s%.*s", static_cast<int>(m.bucket.len),
                   m.bucket.data != nullptr ? m.bucket.data : "", m.object.len != 0 ? "/" : "",
                   static_cast<int>(m.object.len), m.object.data != nullptr ? m.object.data : "");
-    return static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED);
+    return ORBS3_S3_NOT_IMPLEMENTED;
 }
 
 void drain_again(orbs3_event_t* ev);
@@ -37,7 +37,7 @@ int drain_pass(orbs3_http_request_t* r)
     orbs3_upload_file_t* file = r->file;
     file->fd = open(file->path, O_WRONLY | O_CLOEXEC);
     if (file->fd < 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     int rc = orbs3_http_write_body_into_file(r, file);
     if (rc == ORBS3_AGAIN) {
         if (orbs3_http_wait_read(r->connection, drain_again) != 0) {
@@ -54,7 +54,7 @@ int drain_pass(orbs3_http_request_t* r)
         return ORBS3_HTTP_CLOSED;
     }
     if (rc == ORBS3_HTTP_BODY_INVALID)
-        return static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
+        return ORBS3_S3_INCOMPLETE_BODY;
     ipd_log(LOG_INFO, "%.*s %.*s: body of %lld bytes, md5 %s", static_cast<int>(r->req_msg.action.len),
             r->req_msg.action.data, static_cast<int>(r->uri.len), r->uri.data, static_cast<long long>(file->size),
             file->etag);
@@ -92,12 +92,12 @@ int orbs3_s3_drain_then(orbs3_http_request_t* r, orbs3_s3_handler_pt then)
         return then != nullptr ? then(r) : not_implemented_status(r);
     auto* after = pool_new<drain_then_t>(r->pool);
     if (after == nullptr)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     after->then = then;
     r->op_state = after;
     auto* file = pool_new<orbs3_upload_file_t>(r->pool);
     if (file == nullptr || neo_md5_init(&file->md5) != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     file->fd = -1;
     std::snprintf(file->path, sizeof file->path, "%s", "/dev/null");
     r->file = file;

@@ -38,14 +38,9 @@ struct bucket_free {
 };
 using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_free>;
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 std::string_view bucket_name(const orbs3_http_request_t* r)
 {
-    return view(r->req_msg.bucket);
+    return orbs3_str_view(r->req_msg.bucket);
 }
 
 // The Resource of an error document; a longer text is cut, it only names what was asked for.
@@ -143,25 +138,25 @@ bool orbs3_bucket_name_creatable(std::string_view name)
 int orbs3_claim_bucket_name(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
 {
     const char* data_dir = neo_getstr(&bucket->data_dir);
-    std::string_view name = view(bucket->name);
+    std::string_view name = orbs3_str_view(bucket->name);
     // The owner's directory may be new; the bucket's own directory is made exclusively: of two requests
     // for one name under one owner, the second finds it.
     std::string owner_dir(data_dir);
     owner_dir.resize(owner_dir.rfind('/'));
     if (neo_mkdir_p(owner_dir.c_str(), ORBS3_DIR_MODE) != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     if (mkdir(data_dir, ORBS3_DIR_MODE) != 0) {
         if (errno == EEXIST)
-            return static_cast<int>(ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU);
+            return ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU;
         ipd_log(LOG_ERR, "mkdir %s failed: %s", data_dir, std::strerror(errno));
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     // Every owner that takes a name makes its directory before it looks, so whoever looks second sees
     // the first. Among owners taking one name at once the one that sorts first keeps it: the others give
     // way at once, and it waits until they have. An owner that already has its record keeps the name
     // whatever its own name. A holder that neither gives way nor writes its record (a crash) holds the
     // name until its directory is removed.
-    const std::string_view owner = view(bucket->owner_name);
+    const std::string_view owner = orbs3_str_view(bucket->owner_name);
     int state = -1;
     for (int waited_ms = 0; waited_ms <= kClaimWaitMs; waited_ms++) {
         state = orbs3_bucket_claim_state(vhost, name, owner);
@@ -237,7 +232,7 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
     if (orbs3_check_bucket_exist(vh, r->user, name) == 0) {
         // The owner's own bucket is told apart, so that a client can take it as already made.
         bucket_ptr held(orbs3_get_bucket(vh, r->user, name));
-        const bool mine = held && view(held->owner_name) == view(r->user->DisPlayName);
+        const bool mine = held && orbs3_str_view(held->owner_name) == orbs3_str_view(r->user->DisPlayName);
         return fail(r, mine ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU : ORBS3_S3_BUCKET_ALREADY_EXISTS, name);
     }
 
@@ -251,8 +246,8 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
     int n = std::snprintf(endpoint, sizeof endpoint, "%.*s.%s/", static_cast<int>(name.size()), name.data(),
                           neo_getstr(&vh->domain));
     orbs3_pool_t* pool = b->pool;
-    std::string_view owner = view(r->user->DisPlayName);
-    std::string_view owner_id = view(r->user->UserId);
+    std::string_view owner = orbs3_str_view(r->user->DisPlayName);
+    std::string_view owner_id = orbs3_str_view(r->user->UserId);
     if (n < 0 || static_cast<std::size_t>(n) >= sizeof endpoint ||
         orbs3_pstr_set(pool, &b->name, name.data(), name.size()) != 0 ||
         orbs3_pstr_set(pool, &b->created_date, stamp, std::strlen(stamp)) != 0 ||
@@ -336,7 +331,7 @@ bool query_value(const cgiFormEntry* form, const char* key, std::string* out, bo
 // 0, or ORBS3_S3_INVALID_ARGUMENT with r->resp.message set.
 int read_bucket_page_query(orbs3_http_request_t* r, bucket_page_query* q)
 {
-    std::string args(view(r->args));
+    std::string args(orbs3_str_view(r->args));
     if (args.empty())
         return 0;
     orbs3_cgi_form form(cgiParseGetFormInput(args.c_str()));
@@ -353,7 +348,7 @@ int read_bucket_page_query(orbs3_http_request_t* r, bucket_page_query* q)
         }
         if (!digits || v < 1 || v > 10000) {
             r->resp.message = "Argument max-buckets must be an integer between 1 and 10000.";
-            return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+            return ORBS3_S3_INVALID_ARGUMENT;
         }
         q->max = v;
     }
@@ -363,7 +358,7 @@ int read_bucket_page_query(orbs3_http_request_t* r, bucket_page_query* q)
     // An empty token is the first page.
     if (q->has_token && !q->token.empty() && (cut || !orbs3_list_token_decode(q->token, &q->after))) {
         r->resp.message = "The continuation token provided is incorrect";
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     }
     return 0;
 }
@@ -388,16 +383,16 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
     neo_list_head_t* pos;
     list_for_each(pos, &list) {
         auto* b = list_entry(pos, orbs3_bucket_t, link);
-        std::string_view name = view(b->name);
+        std::string_view name = orbs3_str_view(b->name);
         if (name.starts_with(q.prefix) && name > std::string_view(q.after))
             chosen.push_back(b);
     }
     std::sort(chosen.begin(), chosen.end(),
-              [](const orbs3_bucket_t* a, const orbs3_bucket_t* b) { return view(a->name) < view(b->name); });
+              [](const orbs3_bucket_t* a, const orbs3_bucket_t* b) { return orbs3_str_view(a->name) < orbs3_str_view(b->name); });
     std::string next;
     if (q.max != 0 && chosen.size() > q.max) {
         chosen.resize(q.max);
-        next = orbs3_list_token_encode(view(chosen.back()->name));
+        next = orbs3_list_token_encode(orbs3_str_view(chosen.back()->name));
     }
     neo_list_head_t page;
     INIT_LIST_HEAD(&page);
@@ -524,7 +519,7 @@ int orbs3_put_bucket_rename(orbs3_http_request_t* r)
 {
     std::string_view new_name = bucket_name(r);
     const orbs3_header_t* src = r->headers_in.x_copy_source;
-    std::string_view old_name = src != nullptr ? view(src->value) : std::string_view();
+    std::string_view old_name = src != nullptr ? orbs3_str_view(src->value) : std::string_view();
     if (!legal_bucket_name(new_name) || !legal_bucket_name(old_name))
         return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, new_name);
     bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, old_name));

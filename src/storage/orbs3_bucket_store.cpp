@@ -24,11 +24,6 @@
 
 namespace {
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 // The parts one after the other into `out`; -1 (and `out` empty) when they don't fit `cap` bytes.
 int join(char* out, std::size_t cap, std::initializer_list<std::string_view> parts)
 {
@@ -69,7 +64,7 @@ bool is_dir_at(DIR* d, const char* rel)
 neo_dir_ptr open_data_root(const orbs3_vhost_t* vhost)
 {
     char root[ORBS3_PATH_AREA];
-    if (join(root, sizeof(root), {view(vhost->data_root)}) != 0)
+    if (join(root, sizeof(root), {orbs3_str_view(vhost->data_root)}) != 0)
         return nullptr;
     neo_dir_ptr d(opendir(root));
     if (!d)
@@ -139,7 +134,7 @@ bool hinted_owner_holds(const orbs3_vhost_t* vhost, std::string_view name, char*
         return false;
     char path[ORBS3_PATH_AREA];
     struct stat st;
-    return join(path, sizeof path, {view(vhost->data_root), "/", owner, "/", name}) == 0 &&
+    return join(path, sizeof path, {orbs3_str_view(vhost->data_root), "/", owner, "/", name}) == 0 &&
            lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
@@ -159,7 +154,7 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
         return -1;
     char owner[ORBS3_NAME_AREA];
     if (hinted_owner_holds(vhost, name, owner))
-        return join(out, ORBS3_PATH_AREA, {view(vhost->meta_root), "/", owner, "/bucket/", name});
+        return join(out, ORBS3_PATH_AREA, {orbs3_str_view(vhost->meta_root), "/", owner, "/bucket/", name});
     neo_dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
@@ -170,7 +165,7 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
         // The data directory is what marks a name as taken (it is made before the record is written).
         if (join(rel, sizeof(rel), {e->d_name, "/", name}) != 0 || !is_dir_at(d.get(), rel))
             continue;
-        if (join(out, ORBS3_PATH_AREA, {view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0)
+        if (join(out, ORBS3_PATH_AREA, {orbs3_str_view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0)
             continue;
         remember_owner(vhost, name, e->d_name);
         return 0;
@@ -202,7 +197,7 @@ int orbs3_bucket_init(orbs3_vhost_t* vhost)
     INIT_LIST_HEAD(&vhost->bucket_list);
     vhost->bucket_count = 0;
     char root[ORBS3_PATH_AREA];
-    if (vhost->meta_root.len == 0 || join(root, sizeof(root), {view(vhost->meta_root)}) != 0)
+    if (vhost->meta_root.len == 0 || join(root, sizeof(root), {orbs3_str_view(vhost->meta_root)}) != 0)
         return -1;
     neo_dir_ptr d(opendir(root));
     if (!d) {
@@ -270,7 +265,7 @@ int orbs3_load_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* user,
 {
     if (user == nullptr)
         return -1;
-    return orbs3_load_user_bucket_list(list, vhost, user, view(user->DisPlayName));
+    return orbs3_load_user_bucket_list(list, vhost, user, orbs3_str_view(user->DisPlayName));
 }
 
 int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhost, const orbs3_user_t* /*user*/,
@@ -280,7 +275,7 @@ int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhos
         return -1;
     char owner_dir[ORBS3_PATH_AREA];
     if (vhost->data_root.len == 0 || vhost->meta_root.len == 0 ||
-        join(owner_dir, sizeof(owner_dir), {view(vhost->data_root), "/", owner}) != 0)
+        join(owner_dir, sizeof(owner_dir), {orbs3_str_view(vhost->data_root), "/", owner}) != 0)
         return -1;
     neo_dir_ptr d(opendir(owner_dir));
     if (!d)
@@ -292,7 +287,7 @@ int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhos
         // The owner's own record, not a lookup over all owners: it is one read instead of a scan of the
         // data root per bucket, and a name that two owners hold after a race shows under each owner with
         // that owner's record.
-        if (join(path, sizeof(path), {view(vhost->meta_root), "/", owner, "/bucket/", e->d_name}) != 0)
+        if (join(path, sizeof(path), {orbs3_str_view(vhost->meta_root), "/", owner, "/bucket/", e->d_name}) != 0)
             break;
         orbs3_bucket_t* b = read_bucket_file(path);
         if (b == nullptr)
@@ -350,7 +345,7 @@ int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, 
         // A holder with its record has the bucket; one that sorts before us is taking it and we give way.
         if (owner > std::string_view(e->d_name))
             return ORBS3_CLAIM_YIELD;
-        if (join(record, sizeof(record), {view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0 ||
+        if (join(record, sizeof(record), {orbs3_str_view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0 ||
             access(record, F_OK) == 0)
             return ORBS3_CLAIM_YIELD;
         state = ORBS3_CLAIM_WAIT;

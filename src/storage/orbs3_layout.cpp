@@ -30,11 +30,6 @@ static int join(char* out, std::size_t cap, std::initializer_list<std::string_vi
     return 0;
 }
 
-static std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 static bool is_dot_name(std::string_view c)
 {
     return c == "." || c == "..";
@@ -78,7 +73,7 @@ static void make_roots(const orbs3_vhost_t* vh)
     // Failures are left to the first request that needs the directory: another node may be racing us.
     (void)mkdir_p(vh->data_root.data, ORBS3_DIR_MODE);
     for (std::string_view sub : {"/bucket", "/object"})
-        if (join(area, sizeof(area), {view(vh->meta_root), sub}) == 0)
+        if (join(area, sizeof(area), {orbs3_str_view(vh->meta_root), sub}) == 0)
             (void)mkdir_p(area, ORBS3_DIR_MODE);
     (void)mkdir_p(vh->version_root.data, ORBS3_DIR_MODE);
     (void)mkdir_p(vh->recycle_root.data, ORBS3_DIR_MODE);
@@ -102,7 +97,7 @@ int orbs3_init_path(orbs3_vhost_t* vhost)
     for (const root& r : roots) {
         char area[ORBS3_PATH_AREA];
         neo_strfree(r.field);
-        if (join(area, sizeof(area), {view(vhost->cluster_path), "/", view(vhost->group_path), r.tail}) != 0) {
+        if (join(area, sizeof(area), {orbs3_str_view(vhost->cluster_path), "/", orbs3_str_view(vhost->group_path), r.tail}) != 0) {
             ipd_log(LOG_ERR, "vhost %s: root path too long", neo_getstr(&vhost->id));
             rc = -1;
             continue;
@@ -144,22 +139,22 @@ int orbs3_bucket_init_path(const orbs3_vhost_t* vhost, const orbs3_user_t* /*use
 {
     if (vhost == nullptr || bucket == nullptr || bucket->pool == nullptr)
         return -1;
-    std::string_view owner = view(bucket->owner_name);
+    std::string_view owner = orbs3_str_view(bucket->owner_name);
     if (!safe_component(name) || name.size() >= ORBS3_NAME_AREA || !safe_component(owner) ||
         owner.size() >= ORBS3_NAME_AREA)
         return -1;
 
     char data_dir[ORBS3_PATH_AREA], meta_file[ORBS3_PATH_AREA], meta_dir[ORBS3_PATH_AREA];
     char version_dir[ORBS3_PATH_AREA], recycle_dir[ORBS3_PATH_AREA];
-    const std::string_view meta_root = view(vhost->meta_root);
+    const std::string_view meta_root = orbs3_str_view(vhost->meta_root);
     if (vhost->data_root.len == 0 || meta_root.empty() || vhost->version_root.len == 0 ||
         vhost->recycle_root.len == 0)
         return -1;
-    if (join(data_dir, ORBS3_PATH_AREA, {view(vhost->data_root), "/", owner, "/", name}) != 0 ||
+    if (join(data_dir, ORBS3_PATH_AREA, {orbs3_str_view(vhost->data_root), "/", owner, "/", name}) != 0 ||
         join(meta_file, ORBS3_PATH_AREA, {meta_root, "/", owner, "/bucket/"}) != 0 ||
         join(meta_dir, ORBS3_PATH_AREA, {meta_root, "/", owner, "/object/", name}) != 0 ||
-        join(version_dir, ORBS3_PATH_AREA, {view(vhost->version_root), "/", owner, "/", name}) != 0 ||
-        join(recycle_dir, ORBS3_PATH_AREA, {view(vhost->recycle_root), "/", owner, "/", name}) != 0)
+        join(version_dir, ORBS3_PATH_AREA, {orbs3_str_view(vhost->version_root), "/", owner, "/", name}) != 0 ||
+        join(recycle_dir, ORBS3_PATH_AREA, {orbs3_str_view(vhost->recycle_root), "/", owner, "/", name}) != 0)
         return -1;
 
     std::size_t dir_len = std::strlen(meta_file);
@@ -208,7 +203,7 @@ int orbs3_get_object_path(const orbs3_bucket_t* bucket, std::string_view key, ch
     for (int i = 0; i < 4; i++) {
         if (outs[i] == nullptr)
             continue;
-        if (orbs3_tree_path(view(*dirs[i]), key, outs[i]) != 0) {
+        if (orbs3_tree_path(orbs3_str_view(*dirs[i]), key, outs[i]) != 0) {
             for (char* o : outs)
                 if (o != nullptr)
                     o[0] = '\0';
@@ -243,10 +238,10 @@ int orbs3_make_object_path(const orbs3_bucket_t* bucket, std::string_view key, s
 int orbs3_make_dir_by_object_path(const char* path)
 {
     if (path == nullptr)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     char area[ORBS3_PATH_AREA];
     if (join(area, sizeof(area), {path}) != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     // A path ending in "/" is a directory object: everything in front of its last "/" is all of it.
     char* slash = std::strrchr(area, '/');
     if (slash == nullptr || slash == area)
@@ -254,7 +249,7 @@ int orbs3_make_dir_by_object_path(const char* path)
     *slash = '\0';
     if (mkdir_p(area, ORBS3_DIR_MODE) != 0) {
         ipd_log(LOG_ERR, "mkdir %s failed: %s", area, std::strerror(errno));
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     return 0;
 }
@@ -312,7 +307,7 @@ bool orbs3_object_key_fits(const orbs3_bucket_t* bucket, std::string_view key)
 int orbs3_check_key_conflict(const orbs3_bucket_t* bucket, std::string_view key)
 {
     char area[ORBS3_PATH_AREA];
-    if (bucket == nullptr || key.empty() || orbs3_tree_path(view(bucket->data_dir), key, area) != 0)
+    if (bucket == nullptr || key.empty() || orbs3_tree_path(orbs3_str_view(bucket->data_dir), key, area) != 0)
         return -1;
 
     struct stat st;

@@ -26,11 +26,6 @@ int b64_value(char c)
     return c == '\0' || at == nullptr ? -1 : static_cast<int>(at - kB64);
 }
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 const cgiFormEntry* find(const cgiFormEntry* form, const char* key)
 {
     for (const cgiFormEntry* e = form; e != nullptr; e = e->next) {
@@ -52,7 +47,7 @@ std::optional<std::string_view> value(const cgiFormEntry* form, const char* key)
 
 int fail(orbs3_http_request_t* r, uint32_t status)
 {
-    std::string_view name = view(r->req_msg.bucket);
+    std::string_view name = orbs3_str_view(r->req_msg.bucket);
     std::size_t n = std::min(name.size(), sizeof r->resp.resource - 1);
     std::memcpy(r->resp.resource, name.data(), n);
     r->resp.resource[n] = '\0';
@@ -69,7 +64,7 @@ int orbs3_list_params_from_query(const cgiFormEntry* form, orbs3_list_params_t* 
 {
     auto refuse = [message](const char* text) {
         *message = text;
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     };
     if (auto t = value(form, "list-type"); t && !t->empty()) {
         if (*t == "2")
@@ -158,7 +153,7 @@ int orbs3_list_object(orbs3_http_request_t* r)
         return rc;
     std::unique_ptr<orbs3_bucket_t, bucket_free> bucket(raw);
 
-    std::string args(view(r->args));
+    std::string args(orbs3_str_view(r->args));
     orbs3_cgi_form form(args.empty() ? nullptr : cgiParseGetFormInput(args.c_str()));
     if (!args.empty() && !form)
         return fail(r, ORBS3_S3_INTERNAL_ERROR);
@@ -191,7 +186,7 @@ int orbs3_list_object(orbs3_http_request_t* r)
         return fail(r, ORBS3_S3_INTERNAL_ERROR);
 
     orbs3_list_doc_t doc;
-    doc.bucket = view(r->req_msg.bucket);
+    doc.bucket = orbs3_str_view(r->req_msg.bucket);
     doc.prefix = p.prefix;
     doc.delimiter = p.delimiter;
     doc.v2 = p.v2;

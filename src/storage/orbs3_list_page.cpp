@@ -25,11 +25,6 @@ struct object_free {
 };
 using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 // The lower bound of a walk: keys up to `key` are behind it, and with `whole` also every key that starts
 // with `key` (a common prefix already given out covers all of them).
 struct bound_t {
@@ -287,9 +282,9 @@ int orbs3_list_page(const char* meta_dir, const orbs3_list_query_t* query, orbs3
             walk.raise(cp, true);
         } else {
             const orbs3_object_t* o = rec.get();
-            if (!pool_copy(pool, &e->key, key) || !pool_copy(pool, &e->last_modified, view(o->last_modified)) ||
-                !pool_copy(pool, &e->etag, view(o->etag)) || !pool_copy(pool, &e->owner_id, view(o->owner_id)) ||
-                !pool_copy(pool, &e->owner_display_name, view(o->owner_display_name)))
+            if (!pool_copy(pool, &e->key, key) || !pool_copy(pool, &e->last_modified, orbs3_str_view(o->last_modified)) ||
+                !pool_copy(pool, &e->etag, orbs3_str_view(o->etag)) || !pool_copy(pool, &e->owner_id, orbs3_str_view(o->owner_id)) ||
+                !pool_copy(pool, &e->owner_display_name, orbs3_str_view(o->owner_display_name)))
                 return -1;
             e->size = o->size;
             walk.raise(key, false);
@@ -299,6 +294,6 @@ int orbs3_list_page(const char* meta_dir, const orbs3_list_query_t* query, orbs3
         last = e;
     }
     if (page->truncated && last != nullptr)
-        page->next = view(last->key);
+        page->next = orbs3_str_view(last->key);
     return 0;
 }

@@ -64,11 +64,6 @@ int status(uint32_t s)
     return static_cast<int>(s);
 }
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 std::string now_stamp()
 {
     char stamp[64];
@@ -200,7 +195,7 @@ int open_upload(orbs3_http_request_t* r, int object_code, upload_ctx* ctx, bool 
     if (rc != 0)
         return rc;
     ctx->bucket.reset(raw);
-    const std::string_view id = view(r->req_msg.uploadId);
+    const std::string_view id = orbs3_str_view(r->req_msg.uploadId);
     if (!orbs3_multipart_valid_id(id))
         return status(ORBS3_S3_NO_SUCH_UPLOAD);
     ctx->index_path = index_dir_of(raw) + "/" + std::string(id);
@@ -508,17 +503,17 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
     orbs3_str_t sb{}, sk{};
     if (int rc = orbs3_parse_copy_source(r, r->pool, &sb, &sk); rc != 0)
         return rc;
-    bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, view(sb)));
+    bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, orbs3_str_view(sb)));
     if (!src)
         return status(ORBS3_S3_NO_SUCH_BUCKET);
     int read_code = ORBS3_ACCESS_READ;
     if (orbs3_access_check_chain(r->vhost, r->user, src.get(), r->connection->peer, nullptr, &read_code,
                                  orbs3_access_chain_t::full) != 0)
         return status(ORBS3_S3_ACCESS_DENIED);
-    if (orbs3_bucket_init_path(r->vhost, r->user, src.get(), view(sb)) != 0)
+    if (orbs3_bucket_init_path(r->vhost, r->user, src.get(), orbs3_str_view(sb)) != 0)
         return status(ORBS3_S3_INTERNAL_ERROR);
     char src_path[ORBS3_PATH_AREA];
-    if (orbs3_get_object_path(src.get(), view(sk), src_path, nullptr, nullptr, nullptr) != 0)
+    if (orbs3_get_object_path(src.get(), orbs3_str_view(sk), src_path, nullptr, nullptr, nullptr) != 0)
         return status(ORBS3_S3_NO_SUCH_KEY);
     orbs3_fd in(open(src_path, O_RDONLY | O_CLOEXEC));
     struct stat st;
@@ -628,7 +623,7 @@ int send_complete_result(orbs3_http_request_t* r, const orbs3_bucket_t* b, std::
 {
     std::string doc = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                       "<CompleteMultipartUploadResult xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">";
-    std::string_view host = r->headers_in.host != nullptr ? view(r->headers_in.host->value) : std::string_view();
+    std::string_view host = r->headers_in.host != nullptr ? orbs3_str_view(r->headers_in.host->value) : std::string_view();
     xml_elem(&doc, "Location",
              "http://" + std::string(host) + "/" + std::string(neo_getstr(&b->name)) + "/" + std::string(key));
     xml_elem(&doc, "Bucket", neo_getstr(&b->name));
@@ -657,12 +652,12 @@ int answer_completed(orbs3_http_request_t* r, const upload_ctx& ctx, std::string
     std::unique_ptr<orbs3_object_t, void (*)(orbs3_object_t*)> rec(orbs3_create_object_from_file(path.meta_path),
                                                                     orbs3_free_object);
     const orbs3_object_before_t now = orbs3_object_before_commit(path.data_path);
-    if (!rec || view(rec->upload_id) != id || view(rec->etag) != etag || !now.existed ||
+    if (!rec || orbs3_str_view(rec->upload_id) != id || orbs3_str_view(rec->etag) != etag || !now.existed ||
         now.size != static_cast<int64_t>(rec->size))
         return status(ORBS3_S3_NO_SUCH_UPLOAD);
     ipd_log(LOG_INFO, "upload %.*s: Complete sent again, answered with its result", static_cast<int>(id.size()),
             id.data());
-    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag, view(rec->checksum_algorithm), view(rec->checksum));
+    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag, orbs3_str_view(rec->checksum_algorithm), orbs3_str_view(rec->checksum));
 }
 
 // The staging directory and the claimed record go; the index directory too once it is empty (so that an
@@ -769,8 +764,8 @@ int orbs3_create_multipart_upload_object(orbs3_http_request_t* r)
     orbs3_get_uuid_ex(id);
     up.key = key;
     up.upload_id = id;
-    up.initiator_id = view(r->user->UserId);
-    up.initiator_name = view(r->user->DisPlayName);
+    up.initiator_id = orbs3_str_view(r->user->UserId);
+    up.initiator_name = orbs3_str_view(r->user->DisPlayName);
     up.created = now_stamp();
     up.content_type = meta.content_type;
     up.cache_control = meta.cache_control;
@@ -929,16 +924,16 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         list_for_each(pos, &list)
         {
             auto* p = list_entry(pos, orbs3_part_t, link);
-            req.push_back({p->part_number, view(p->etag),
+            req.push_back({p->part_number, orbs3_str_view(p->etag),
                            p->checksum_algorithm != nullptr ? std::string_view(p->checksum_algorithm)
                                                             : std::string_view(),
-                           view(p->checksum)});
+                           orbs3_str_view(p->checksum)});
         }
         return req.empty() ? status(ORBS3_S3_MALFORMED_XML) : 0;
     };
     upload_ctx ctx;
     if (int rc = open_upload(r, ORBS3_ACCESS_WRITE, &ctx, true); rc != 0) {
-        const std::string_view id = view(r->req_msg.uploadId);
+        const std::string_view id = orbs3_str_view(r->req_msg.uploadId);
         if (rc != status(ORBS3_S3_NO_SUCH_UPLOAD) || !ctx.bucket || !orbs3_multipart_valid_id(id) ||
             read_document() != 0)
             return rc;
@@ -1074,7 +1069,7 @@ int orbs3_list_multipart_uploads(orbs3_http_request_t* r)
         return rc;
     bucket_ptr b(raw);
 
-    std::string args(view(r->args));
+    std::string args(orbs3_str_view(r->args));
     orbs3_cgi_form form(args.empty() ? nullptr : cgiParseGetFormInput(args.c_str()));
     auto param = [&](const char* name) {
         std::string v(ORBS3_PATH_AREA, '\0');

@@ -293,16 +293,16 @@ int orbs3_multipart_check_complete(const std::vector<orbs3_multipart_request_par
 {
     *bad = 0;
     if (req.empty())
-        return static_cast<int>(ORBS3_S3_MALFORMED_XML);
+        return ORBS3_S3_MALFORMED_XML;
     // Order first, as S3 does: a document out of order is refused whatever its parts are.
     for (std::size_t i = 0; i < req.size(); i++) {
         if (req[i].number < 1 || req[i].number > ORBS3_MULTIPART_MAX_PART) {
             *bad = i;
-            return static_cast<int>(ORBS3_S3_INVALID_PART);
+            return ORBS3_S3_INVALID_PART;
         }
         if (i > 0 && req[i].number <= req[i - 1].number) {
             *bad = i;
-            return static_cast<int>(ORBS3_S3_INVALID_PART_ORDER);
+            return ORBS3_S3_INVALID_PART_ORDER;
         }
     }
     std::size_t at = 0;
@@ -312,11 +312,11 @@ int orbs3_multipart_check_complete(const std::vector<orbs3_multipart_request_par
         if (at == stored.size() || stored[at].number != req[i].number || !etag_matches(req[i].etag, stored[at].md5) ||
             !checksum_matches(req[i], stored[at])) {
             *bad = i;
-            return static_cast<int>(ORBS3_S3_INVALID_PART);
+            return ORBS3_S3_INVALID_PART;
         }
         if (i + 1 < req.size() && stored[at].size < min_part) {
             *bad = i;
-            return static_cast<int>(ORBS3_S3_ENTITY_TOO_SMALL);
+            return ORBS3_S3_ENTITY_TOO_SMALL;
         }
     }
     return 0;
@@ -437,14 +437,14 @@ int orbs3_multipart_parse_copy_range(std::string_view v, int64_t size, int64_t* 
         return true;
     };
     if (!v.starts_with("bytes="))
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     v.remove_prefix(6);
     std::size_t dash = v.find('-');
     int64_t a = 0, b = 0;
     if (dash == std::string_view::npos || !offset(v.substr(0, dash), &a) || !offset(v.substr(dash + 1), &b) || a > b)
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     if (b >= size)
-        return static_cast<int>(ORBS3_S3_INVALID_RANGE);
+        return ORBS3_S3_INVALID_RANGE;
     *first = a;
     *len = b - a + 1;
     return 0;

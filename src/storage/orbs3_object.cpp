@@ -25,11 +25,6 @@
 
 namespace {
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 // "<bucket>/<key>", or "<bucket>" for an empty key, cut to the area: it only names what was asked for.
 void set_resource(orbs3_http_request_t* r, std::string_view bucket, std::string_view key)
 {
@@ -210,15 +205,15 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
 int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out, std::string_view* key)
 {
     *out = nullptr;
-    const std::string_view bucket = view(r->req_msg.bucket);
-    *key = view(r->req_msg.object);
+    const std::string_view bucket = orbs3_str_view(r->req_msg.bucket);
+    *key = orbs3_str_view(r->req_msg.object);
     set_resource(r, bucket, *key);
     if (bucket.empty())
-        return static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME);
+        return ORBS3_S3_INVALID_BUCKET_NAME;
     if (key->empty())
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     if (orbs3_check_bucketname(bucket) != 0)
-        return static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME);
+        return ORBS3_S3_INVALID_BUCKET_NAME;
     if (int st = key_status(*key, &r->resp.message); st != 0) {
         // An error document can't carry what a listing can't: such a key is left out of it.
         if (!utf8_valid(*key) || std::any_of(key->begin(), key->end(), xml_forbidden))
@@ -227,22 +222,22 @@ int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_
     }
     orbs3_bucket_t* b = orbs3_get_bucket(r->vhost, r->user, bucket);
     if (b == nullptr)
-        return static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET);
+        return ORBS3_S3_NO_SUCH_BUCKET;
     if (orbs3_access_check_chain(r->vhost, r->user, b, r->connection->peer, nullptr, &object_code,
                                  orbs3_access_chain_t::full) != 0) {
         orbs3_free_bucket(b);
         std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
-        return static_cast<int>(ORBS3_S3_ACCESS_DENIED);
+        return ORBS3_S3_ACCESS_DENIED;
     }
     if (orbs3_bucket_init_path(r->vhost, r->user, b, bucket) != 0) {
         orbs3_free_bucket(b);
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     // A write makes the key's paths and names beside them: a key whose paths would not fit is refused
     // before anything is made, whichever write it is.
     if (object_code == ORBS3_ACCESS_WRITE && !orbs3_object_key_fits(b, *key)) {
         orbs3_free_bucket(b);
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     }
     *out = b;
     return 0;
@@ -257,7 +252,7 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
         if (h.lowcase_key == nullptr || too_large)
             return;
         const std::string_view name(h.lowcase_key, h.key.len);
-        const std::string_view value = orbs3_sign_trim(view(h.value));
+        const std::string_view value = orbs3_sign_trim(orbs3_str_view(h.value));
         std::string_view* standard = name == "content-type"          ? &meta->content_type
                                      : name == "cache-control"       ? &meta->cache_control
                                      : name == "content-disposition" ? &meta->content_disposition
@@ -282,7 +277,7 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
         meta->n++;
     });
     if (too_large)
-        return static_cast<int>(ORBS3_S3_METADATA_TOO_LARGE);
+        return ORBS3_S3_METADATA_TOO_LARGE;
     // "aws-chunked" names the framing of this upload, not the content: it is not kept, whether a client
     // puts it before the content's own coding or behind it.
     std::string_view enc = meta->content_encoding;
@@ -316,8 +311,8 @@ int orbs3_object_write_record(const orbs3_http_request_t* r, std::string_view ke
     std::snprintf(o->path, sizeof o->path, "%s", data_path);
     std::snprintf(o->fpath, sizeof o->fpath, "%s", meta_path);
     bool ok = pool_set(pool, &o->name, key) && pool_set(pool, &o->etag, etag) &&
-              pool_set(pool, &o->last_modified, stamp) && pool_set(pool, &o->owner_id, view(r->user->UserId)) &&
-              pool_set(pool, &o->owner_display_name, view(r->user->DisPlayName)) &&
+              pool_set(pool, &o->last_modified, stamp) && pool_set(pool, &o->owner_id, orbs3_str_view(r->user->UserId)) &&
+              pool_set(pool, &o->owner_display_name, orbs3_str_view(r->user->DisPlayName)) &&
               pool_set(pool, &o->content_type, meta->content_type) &&
               pool_set(pool, &o->cache_control, meta->cache_control) &&
               pool_set(pool, &o->content_disposition, meta->content_disposition) &&

@@ -43,11 +43,6 @@ constexpr int status(uint32_t code)
     return static_cast<int>(code);
 }
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 struct object_free {
     void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
 };
@@ -140,18 +135,18 @@ int digest_file(int fd, int64_t size, uint8_t* buf, char out[33])
 // longer holds and is dropped.
 void meta_of(const orbs3_object_t* rec, orbs3_object_meta_t* meta)
 {
-    meta->content_type = view(rec->content_type);
-    meta->cache_control = view(rec->cache_control);
-    meta->content_disposition = view(rec->content_disposition);
-    meta->content_encoding = view(rec->content_encoding);
-    meta->expires = view(rec->expires);
+    meta->content_type = orbs3_str_view(rec->content_type);
+    meta->cache_control = orbs3_str_view(rec->cache_control);
+    meta->content_disposition = orbs3_str_view(rec->content_disposition);
+    meta->content_encoding = orbs3_str_view(rec->content_encoding);
+    meta->expires = orbs3_str_view(rec->expires);
     neo_list_head_t* pos;
     list_for_each(pos, const_cast<neo_list_head_t*>(&rec->meta)) {
         if (meta->n == ORBS3_OBJECT_META_MAX)
             break;
         auto* tag = static_cast<const orbs3_tag_t*>(list_entry(pos, orbs3_list_node_t, list)->data);
-        meta->keys[meta->n] = view(tag->key);
-        meta->values[meta->n] = view(tag->value);
+        meta->keys[meta->n] = orbs3_str_view(tag->key);
+        meta->values[meta->n] = orbs3_str_view(tag->value);
         meta->n++;
     }
 }

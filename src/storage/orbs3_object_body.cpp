@@ -142,7 +142,7 @@ int store(orbs3_object_body_t* st, const uint8_t* p, std::size_t n)
 {
     orbs3_upload_file_t* file = &st->file;
     if (st->limit >= 0 && file->size + static_cast<int64_t>(n) > st->limit)
-        return static_cast<int>(ORBS3_S3_ENTITY_TOO_LARGE);
+        return ORBS3_S3_ENTITY_TOO_LARGE;
     if (st->digest == nullptr) {
         (void)neo_md5_update(&file->md5, p, n);
         if (st->checksum.alg != orbs3_checksum_alg::none)
@@ -158,7 +158,7 @@ int store(orbs3_object_body_t* st, const uint8_t* p, std::size_t n)
             continue;
         if (w <= 0) {
             ipd_log(LOG_ERR, "write %s failed: %s", file->path, std::strerror(errno));
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
         }
         p += w;
         n -= static_cast<std::size_t>(w);
@@ -179,12 +179,12 @@ int decode_and_store(orbs3_object_body_t* st, std::size_t n)
                 return status;
         }
         if (rc == ORBS3_AWS_CHUNKED_BAD_SIGNATURE)
-            return static_cast<int>(ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
+            return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
         if (rc < 0)
-            return static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
+            return ORBS3_S3_INCOMPLETE_BODY;
         // Bytes behind the framing's end are no part of an object.
         if (rc == ORBS3_AWS_CHUNKED_DONE)
-            return at == n ? 0 : static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
+            return at == n ? 0 : ORBS3_S3_INCOMPLETE_BODY;
         if (at == n)
             return 0;
     }
@@ -200,17 +200,17 @@ int check_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
     std::string_view name, value;
     if (st->chunked && orbs3_aws_chunked_checksum(&st->aws, &name, &value)) {
         if (orbs3_checksum_alg_of_header(name) != st->checksum.alg)
-            return static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+            return ORBS3_S3_INVALID_REQUEST;
         sent = value;
     }
     if (orbs3_checksum_final_base64(&st->checksum, st->checksum_value, sizeof st->checksum_value) == 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     if (sent.empty())
-        return st->checksum_own ? 0 : static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+        return st->checksum_own ? 0 : ORBS3_S3_INVALID_REQUEST;
     if (sent == st->checksum_value)
         return 0;
     r->resp.message = orbs3_checksum_mismatch_message(st->checksum.alg);
-    return static_cast<int>(ORBS3_S3_CHECKSUM_MISMATCH);
+    return ORBS3_S3_CHECKSUM_MISMATCH;
 }
 
 // One pass of the body: from the socket into the temporary file until the socket runs dry or the body
@@ -223,7 +223,7 @@ int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
     if (file->fd < 0) {
         const int err = errno;
         ipd_log(LOG_ERR, "open %s failed: %s", file->path, std::strerror(err));
-        return err == ENOENT ? st->vanished : static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return err == ENOENT ? st->vanished : ORBS3_S3_INTERNAL_ERROR;
     }
     for (;;) {
         if (st->digest != nullptr) {
@@ -258,7 +258,7 @@ int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
             return ORBS3_AGAIN;
         }
         if (n == ORBS3_HTTP_BODY_INVALID)
-            return static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
+            return ORBS3_S3_INCOMPLETE_BODY;
         if (n != 0) {
             // The client went away or the socket failed: nobody to answer, nothing committed.
             ipd_log(LOG_INFO, "%s %.*s: body ended after %lld bytes, nothing stored", st->action,
@@ -272,21 +272,21 @@ int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
     if (st->digest != nullptr)
         st->digest->drain();
     if (neo_md5_final(st->md5, &file->md5) != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     *neo_hex(file->etag, st->md5, sizeof st->md5) = '\0';
     if (st->want_md5 && std::memcmp(st->md5, st->md5_expected, sizeof st->md5) != 0)
-        return static_cast<int>(ORBS3_S3_BAD_DIGEST);
+        return ORBS3_S3_BAD_DIGEST;
     if (st->chunked && st->aws.result != ORBS3_AWS_CHUNKED_DONE)
-        return static_cast<int>(ORBS3_S3_INCOMPLETE_BODY);
+        return ORBS3_S3_INCOMPLETE_BODY;
     if (int status = check_checksum(r, st); status != 0)
         return status;
     if (st->sha256) {
         uint8_t sha[32];
         unsigned len = 0;
         if (EVP_DigestFinal_ex(st->sha256.get(), sha, &len) != 1 || len != sizeof sha)
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
         if (std::memcmp(sha, st->sha256_expected, sizeof sha) != 0)
-            return static_cast<int>(ORBS3_S3_SHA256_MISMATCH);
+            return ORBS3_S3_SHA256_MISMATCH;
     }
     return st->done(r, st);
 }
@@ -342,11 +342,11 @@ int init_aws_chunked(orbs3_http_request_t* r, orbs3_object_body_t* st)
     if (mode < 0) {
         r->resp.message = "This payload signing method is not supported; send the body with a plain payload hash "
                           "or as STREAMING-AWS4-HMAC-SHA256-PAYLOAD or STREAMING-UNSIGNED-PAYLOAD-TRAILER.";
-        return static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED);
+        return ORBS3_S3_NOT_IMPLEMENTED;
     }
     int64_t decoded = -1;
     if (orbs3_sign_find_header(r, "x-amz-decoded-content-length", &value) && !orbs3_parse_length(value, &decoded))
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     (void)orbs3_sign_find_header(r, "x-amz-trailer", &announced);
     uint8_t key[ORBS3_SHA256_LEN] = {};
     std::string_view seed, scope;
@@ -357,21 +357,21 @@ int init_aws_chunked(orbs3_http_request_t* r, orbs3_object_body_t* st)
         seed = auth_field(auth, "Signature=");
         std::size_t slash = credential.find('/');
         if (slash == std::string_view::npos || !orbs3_sign_find_header(r, "x-amz-date", &date))
-            return static_cast<int>(ORBS3_S3_AUTH_HEADER_MALFORMED);
+            return ORBS3_S3_AUTH_HEADER_MALFORMED;
         scope = credential.substr(slash + 1);
         char key_id[ORBS3_ACCESS_KEY_ID_LEN];
         std::string_view id = credential.substr(0, slash);
         if (id.size() >= sizeof key_id)
-            return static_cast<int>(ORBS3_S3_AUTH_HEADER_MALFORMED);
+            return ORBS3_S3_AUTH_HEADER_MALFORMED;
         const char* secret = orbs3_s3_user_secret(r->user, id);
         if (secret == nullptr || orbs3_get_signkey(ORBS3_SIGN_AWS4, secret, scope, key) != 0)
-            return static_cast<int>(ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
+            return ORBS3_S3_SIGNATURE_DOES_NOT_MATCH;
     } else {
         // Nobody checks signatures on this node: the chunks' signatures are framing only.
         mode &= ~static_cast<int>(ORBS3_AWS_CHUNKED_SIGNED);
     }
     if (orbs3_aws_chunked_init(&st->aws, static_cast<unsigned>(mode), key, seed, date, scope, decoded, announced) != 0)
-        return static_cast<int>(ORBS3_S3_AUTH_HEADER_MALFORMED);
+        return ORBS3_S3_AUTH_HEADER_MALFORMED;
     st->chunked = true;
     return 0;
 }
@@ -386,7 +386,7 @@ int init_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
                                  orbs3_checksum_alg::sha1, orbs3_checksum_alg::sha256}) {
         if (orbs3_sign_find_header(r, orbs3_checksum_header_name(a), &value)) {
             if (alg != orbs3_checksum_alg::none || value.empty() || value.size() > ORBS3_CHECKSUM_BASE64_MAX)
-                return static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+                return ORBS3_S3_INVALID_REQUEST;
             alg = a;
             std::memcpy(st->checksum_sent, value.data(), value.size());
             st->checksum_sent[value.size()] = '\0';
@@ -396,7 +396,7 @@ int init_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
         alg = orbs3_checksum_alg_of_header(value);
     if (alg == orbs3_checksum_alg::none)
         return 0;
-    return orbs3_checksum_init(&st->checksum, alg) == 0 ? 0 : static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    return orbs3_checksum_init(&st->checksum, alg) == 0 ? 0 : ORBS3_S3_INTERNAL_ERROR;
 }
 
 }  // namespace
@@ -444,7 +444,7 @@ int orbs3_object_body_length(orbs3_http_request_t* r, int64_t* length)
     std::string_view value;
     *length = r->content_length;
     if (orbs3_sign_find_header(r, "x-amz-decoded-content-length", &value) && !orbs3_parse_length(value, length))
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     return 0;
 }
 
@@ -453,14 +453,14 @@ int orbs3_object_body_prepare(orbs3_http_request_t* r, orbs3_object_body_t* body
     std::string_view value;
     if (orbs3_sign_find_header(r, "content-md5", &value)) {
         if (!orbs3_parse_content_md5(value, body->md5_expected))
-            return static_cast<int>(ORBS3_S3_INVALID_DIGEST);
+            return ORBS3_S3_INVALID_DIGEST;
         body->want_md5 = true;
     }
     if (orbs3_sign_find_header(r, "x-amz-content-sha256", &value) &&
         orbs3_parse_sha256_hex(value, body->sha256_expected)) {
         body->sha256 = evp_md_ctx_new();
         if (!body->sha256 || EVP_DigestInit_ex(body->sha256.get(), EVP_sha256(), nullptr) != 1)
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
     }
     if (orbs3_s3_streaming_payload(r)) {
         if (int rc = init_aws_chunked(r, body); rc != 0)
@@ -475,7 +475,7 @@ int orbs3_object_body_start(orbs3_http_request_t* r, orbs3_object_body_t* st)
     if (st->chunked)
         st->out = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, kBodyBuffer));
     if (st->buf == nullptr || (st->chunked && st->out == nullptr) || neo_md5_init(&st->file.md5) != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     // A large plain body: its digests go to a thread of their own. Without one, they stay here.
     if (!st->chunked && r->content_length >= kDigestThreadFrom) {
         auto* second = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, kBodyBuffer));

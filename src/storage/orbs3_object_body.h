@@ -35,7 +35,7 @@ struct orbs3_object_body_t {
     void* owner = nullptr;  // the caller's own state, for the completion
     const char* action = "";  // for log lines
     // What to answer when the temporary file is gone between two passes (its directory was removed).
-    int vanished = static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+    int vanished = ORBS3_S3_INTERNAL_ERROR;
 
     // What the request asks to be verified.
     bool want_md5 = false;

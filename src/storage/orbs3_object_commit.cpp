@@ -78,11 +78,11 @@ int orbs3_object_check_conditions(const orbs3_conditional_t* c, const char* data
     case ORBS3_WRITE_CONDITION_PROCEED:
         return 0;
     case ORBS3_WRITE_CONDITION_NO_SUCH_KEY:
-        return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+        return ORBS3_S3_NO_SUCH_KEY;
     case ORBS3_WRITE_CONDITION_NOT_IMPLEMENTED:
-        return static_cast<int>(ORBS3_S3_NOT_IMPLEMENTED);
+        return ORBS3_S3_NOT_IMPLEMENTED;
     default:
-        return static_cast<int>(ORBS3_S3_PRECONDITION_FAILED);
+        return ORBS3_S3_PRECONDITION_FAILED;
     }
 }
 
@@ -100,16 +100,16 @@ int orbs3_object_commit_file(const orbs3_conditional_t* c, const char* tmp, cons
             return 0;
         }
         if (errno == EEXIST)
-            return static_cast<int>(ORBS3_S3_PRECONDITION_FAILED);
+            return ORBS3_S3_PRECONDITION_FAILED;
         // A file system without hard links: the check above, under the lock, stands for the link.
         if (errno != EPERM && errno != EOPNOTSUPP && errno != EMLINK) {
             ipd_log(LOG_ERR, "link %s to %s failed: %s", tmp, data_path, std::strerror(errno));
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
         }
     }
     if (rename(tmp, data_path) != 0) {
         ipd_log(LOG_ERR, "rename %s to %s failed: %s", tmp, data_path, std::strerror(errno));
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     return 0;
 }

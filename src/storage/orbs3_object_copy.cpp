@@ -107,11 +107,6 @@ constexpr std::size_t kCopyBuffer = 256 * 1024;
 // the two.
 constexpr int kMakeTries = 4;
 
-std::string_view sview(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 struct object_free {
     void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
 };
@@ -196,21 +191,21 @@ int copy_bytes(int in, int out, int64_t size, neo_md5_t* md5, uint8_t* buf)
 // The object's metadata as the source record has it, as views into the record.
 void meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_t* meta)
 {
-    meta->content_type = sview(rec->content_type);
-    meta->cache_control = sview(rec->cache_control);
-    meta->content_disposition = sview(rec->content_disposition);
-    meta->content_encoding = sview(rec->content_encoding);
-    meta->expires = sview(rec->expires);
-    meta->checksum_algorithm = sview(rec->checksum_algorithm);
-    meta->checksum = sview(rec->checksum);
+    meta->content_type = orbs3_str_view(rec->content_type);
+    meta->cache_control = orbs3_str_view(rec->cache_control);
+    meta->content_disposition = orbs3_str_view(rec->content_disposition);
+    meta->content_encoding = orbs3_str_view(rec->content_encoding);
+    meta->expires = orbs3_str_view(rec->expires);
+    meta->checksum_algorithm = orbs3_str_view(rec->checksum_algorithm);
+    meta->checksum = orbs3_str_view(rec->checksum);
     neo_list_head_t* pos;
     list_for_each(pos, const_cast<neo_list_head_t*>(&rec->meta)) {
         if (meta->n == ORBS3_OBJECT_META_MAX)
             break;
         auto* node = list_entry(pos, orbs3_list_node_t, list);
         auto* tag = static_cast<const orbs3_tag_t*>(node->data);
-        meta->keys[meta->n] = sview(tag->key);
-        meta->values[meta->n] = sview(tag->value);
+        meta->keys[meta->n] = orbs3_str_view(tag->key);
+        meta->values[meta->n] = orbs3_str_view(tag->value);
         meta->n++;
     }
 }
@@ -277,11 +272,11 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     // A directory key holds no bytes to copy, and a copy makes no directory objects.
     if (key.back() == '/')
         return status(ORBS3_S3_INVALID_ARGUMENT);
-    const std::string_view skey = sview(src_key);
+    const std::string_view skey = orbs3_str_view(src_key);
     if (skey.back() == '/')
         return status(ORBS3_S3_NO_SUCH_KEY);
 
-    bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, sview(src_name)), &orbs3_free_bucket);
+    bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, orbs3_str_view(src_name)), &orbs3_free_bucket);
     if (!src)
         return status(ORBS3_S3_NO_SUCH_BUCKET);
     int copy_code = ORBS3_ACCESS_COPY;
@@ -290,7 +285,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
         std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
         return status(ORBS3_S3_ACCESS_DENIED);
     }
-    if (orbs3_bucket_init_path(r->vhost, r->user, src.get(), sview(src_name)) != 0)
+    if (orbs3_bucket_init_path(r->vhost, r->user, src.get(), orbs3_str_view(src_name)) != 0)
         return status(ORBS3_S3_INTERNAL_ERROR);
 
     orbs3_object_path_t from, to;
@@ -310,7 +305,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     char etag[ORBS3_REC_ETAG_CAP + 1] = "";
     if (rec && rec->etag.len != 0 && rec->etag.len <= ORBS3_REC_ETAG_CAP)
         std::snprintf(etag, sizeof etag, "%s", neo_getstr(&rec->etag));
-    time_t mtime = rec ? stamp_time(sview(rec->last_modified)) : -1;
+    time_t mtime = rec ? stamp_time(orbs3_str_view(rec->last_modified)) : -1;
     if (mtime < 0)
         mtime = st.st_mtime;
     {
@@ -345,8 +340,8 @@ int orbs3_copy_object(orbs3_http_request_t* r)
             return rc;
         // The content's checksum stays true whatever else is replaced.
         if (rec) {
-            meta.checksum_algorithm = sview(rec->checksum_algorithm);
-            meta.checksum = sview(rec->checksum);
+            meta.checksum_algorithm = orbs3_str_view(rec->checksum_algorithm);
+            meta.checksum = orbs3_str_view(rec->checksum);
         }
     } else if (rec) {
         meta_from_record(rec.get(), &meta);

@@ -50,11 +50,6 @@ neo_list_head_t delobjectdir = {&delobjectdir, &delobjectdir};
 // Directory walks are bounded: keys hold at most objectdirnum "/", and anything deeper is not ours.
 constexpr int kMaxDepth = 64;
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 constexpr int status(uint32_t code)
 {
     return static_cast<int>(code);
@@ -77,7 +72,7 @@ orbs3_del_dir_t* find_mark(std::string_view bucket, std::string_view dir)
     neo_list_head_t* pos;
     list_for_each(pos, &delobjectdir) {
         auto* e = list_entry(pos, orbs3_del_dir_t, link);
-        if (view(e->bucket) == bucket && view(e->dir) == dir)
+        if (orbs3_str_view(e->bucket) == bucket && orbs3_str_view(e->dir) == dir)
             return e;
     }
     return nullptr;
@@ -268,7 +263,7 @@ int destroy_key(const orbs3_bucket_t* bucket, std::string_view key, counts_t* co
     int rc = destroy_tree(m, d, counts, 0);
     const std::string_view dir = key.substr(0, key.size() - 1);
     if (prune_pair(m, d, 0))
-        unmark(view(bucket->meta_dir), dir);
+        unmark(orbs3_str_view(bucket->meta_dir), dir);
     orbs3_remove_emptied_dirs(bucket, key);
     return rc == 0 ? 0 : status(ORBS3_S3_INTERNAL_ERROR);
 }
@@ -293,7 +288,7 @@ using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>
 
 void orbs3_mark_deling_object_dir(const orbs3_bucket_t* bucket, std::string_view dir)
 {
-    const std::string_view b = view(bucket->meta_dir);
+    const std::string_view b = orbs3_str_view(bucket->meta_dir);
     std::lock_guard<std::mutex> hold(delobjectdir_lock);
     if (find_mark(b, dir) != nullptr)
         return;
@@ -316,7 +311,7 @@ bool orbs3_get_deling_object_dirs(const orbs3_bucket_t* bucket, std::string_view
     if (dir.empty())
         return false;
     std::lock_guard<std::mutex> hold(delobjectdir_lock);
-    return find_mark(view(bucket->meta_dir), dir) != nullptr;
+    return find_mark(orbs3_str_view(bucket->meta_dir), dir) != nullptr;
 }
 
 int orbs3_del_object_dirs(const orbs3_bucket_t* bucket, std::string_view dir)
@@ -324,12 +319,12 @@ int orbs3_del_object_dirs(const orbs3_bucket_t* bucket, std::string_view dir)
     if (!orbs3_get_deling_object_dirs(bucket, dir))
         return 0;
     char meta[ORBS3_PATH_AREA], data[ORBS3_PATH_AREA];
-    if (orbs3_tree_path(view(bucket->meta_dir), dir, meta) != 0 ||
-        orbs3_tree_path(view(bucket->data_dir), dir, data) != 0)
+    if (orbs3_tree_path(orbs3_str_view(bucket->meta_dir), dir, meta) != 0 ||
+        orbs3_tree_path(orbs3_str_view(bucket->data_dir), dir, data) != 0)
         return 0;
     if (!prune_pair(meta, data, 0))
         return 0;
-    unmark(view(bucket->meta_dir), dir);
+    unmark(orbs3_str_view(bucket->meta_dir), dir);
     return 1;
 }
 
@@ -344,8 +339,8 @@ void orbs3_remove_emptied_dirs(const orbs3_bucket_t* bucket, std::string_view ke
             return;
         }
         char meta[ORBS3_PATH_AREA], data[ORBS3_PATH_AREA];
-        if (orbs3_tree_path(view(bucket->meta_dir), dir, meta) != 0 ||
-            orbs3_tree_path(view(bucket->data_dir), dir, data) != 0)
+        if (orbs3_tree_path(orbs3_str_view(bucket->meta_dir), dir, meta) != 0 ||
+            orbs3_tree_path(orbs3_str_view(bucket->data_dir), dir, data) != 0)
             return;
         if (rmdir(meta) != 0 && errno != ENOENT)
             return;
@@ -358,8 +353,8 @@ void orbs3_remove_emptied_dirs(const orbs3_bucket_t* bucket, std::string_view ke
 
 int orbs3_delete_object_msg(orbs3_http_request_t* r)
 {
-    const std::string_view name = view(r->req_msg.bucket);
-    const std::string_view key = view(r->req_msg.object);
+    const std::string_view name = orbs3_str_view(r->req_msg.bucket);
+    const std::string_view key = orbs3_str_view(r->req_msg.object);
     set_resource(r, key);
     if (name.empty() || orbs3_check_bucketname(name) != 0)
         return status(ORBS3_S3_INVALID_BUCKET_NAME);
@@ -463,7 +458,7 @@ int orbs3_delete_objects(orbs3_http_request_t* r)
     neo_list_head_t *pos, *next;
     list_for_each_safe(pos, next, &keys) {
         auto* k = list_entry(pos, orbs3_del_key_t, link);
-        const std::string_view key = view(k->key);
+        const std::string_view key = orbs3_str_view(k->key);
         list_del(&k->link);
         bool ok = !key.empty() && orbs3_object_key_status(key) == 0 &&
                   (key.back() == '/' ? delete_directory_object(raw, key, &counts) : destroy_key(raw, key, &counts)) == 0;

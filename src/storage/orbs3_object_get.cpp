@@ -38,11 +38,6 @@ namespace {
 // Objects up to this size go out with their head in one write; larger ones by sendfile.
 constexpr int64_t kInlineBody = 64 * 1024;
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string_view() : std::string_view(s.data, s.len);
-}
-
 struct object_free {
     void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
 };
@@ -98,7 +93,7 @@ struct reply_choices_t {
 // not stand in a header (a control byte would end the header line and start another).
 int read_reply_choices(orbs3_http_request_t* r, reply_choices_t* out)
 {
-    std::string args(view(r->args));
+    std::string args(orbs3_str_view(r->args));
     if (args.find("response-") == std::string::npos)
         return 0;
     orbs3_cgi_form form(cgiParseGetFormInput(args.c_str()));
@@ -112,12 +107,12 @@ int read_reply_choices(orbs3_http_request_t* r, reply_choices_t* out)
             for (unsigned char ch : v) {
                 if (ch < 0x20 || ch == 0x7f) {
                     r->resp.message = "Header values may not hold control characters.";
-                    return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+                    return ORBS3_S3_INVALID_ARGUMENT;
                 }
             }
             if (v.size() > ORBS3_REC_HEADER_CAP) {
                 r->resp.message = "A response header value is too long.";
-                return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+                return ORBS3_S3_INVALID_ARGUMENT;
             }
             out->value[i].emplace(v);
         }
@@ -145,7 +140,7 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
              orbs3_http_set_response_headers(r, "Last-Modified", o.modified) |
              orbs3_http_set_response_headers(r, "Accept-Ranges", "bytes");
     const orbs3_object_t* rec = o.record;
-    std::string_view type = rec != nullptr ? view(rec->content_type) : std::string_view();
+    std::string_view type = rec != nullptr ? orbs3_str_view(rec->content_type) : std::string_view();
     // Only a data file without a record, or a record written before every upload stated its type, is
     // typed by its name; S3's type for bytes of no known kind is "binary/octet-stream".
     if (type.empty()) {
@@ -169,7 +164,7 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
         if (const auto& chosen = choices.value[h.choice])
             rc |= add(r, h.name, *chosen);
         else if (h.stored->len != 0)
-            rc |= add(r, h.name, view(*h.stored));
+            rc |= add(r, h.name, orbs3_str_view(*h.stored));
     }
     if (rec == nullptr)
         return rc;
@@ -178,7 +173,7 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
     std::string_view mode;
     if (!o.checksum.empty() && orbs3_sign_find_header(r, "x-amz-checksum-mode", &mode) &&
         orbs3_sign_iequals(mode, "ENABLED")) {
-        std::string_view name = orbs3_checksum_header_name(orbs3_checksum_alg_of_word(view(rec->checksum_algorithm)));
+        std::string_view name = orbs3_checksum_header_name(orbs3_checksum_alg_of_word(orbs3_str_view(rec->checksum_algorithm)));
         if (!name.empty()) {
             char text[64];
             std::snprintf(text, sizeof text, "%.*s", static_cast<int>(name.size()), name.data());
@@ -194,7 +189,7 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
             const auto* m = static_cast<const orbs3_tag_t*>(orbs3_list_node(pos)->data);
             char name[ORBS3_REC_META_CAP + 16];
             std::snprintf(name, sizeof name, "x-amz-meta-%.*s", static_cast<int>(m->key.len), m->key.data);
-            rc |= add(r, name, view(m->value));
+            rc |= add(r, name, orbs3_str_view(m->value));
         }
     }
     return rc;
@@ -207,7 +202,7 @@ int send_invalid_range(orbs3_http_request_t* r, int64_t size)
     (void)orbs3_http_content_range(range, sizeof range, nullptr, size);
     char* doc = make_s3_error_resp_xml_ex(ORBS3_S3_INVALID_RANGE, r->resp.resource, r->resp.request_id, nullptr);
     if (doc == nullptr)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     std::unique_ptr<char, decltype(&__free__)> owned(doc, &__free__);
     const bool head = r->method == ORBS3_HTTP_HEAD;
     char length[24];
@@ -234,22 +229,22 @@ int select_part(orbs3_http_request_t* r, const orbs3_object_t* rec, int64_t size
     const int part = r->req_msg.part_number;
     if (part < 1 || part > ORBS3_MULTIPART_MAX_PART) {
         r->resp.message = "Part number must be an integer between 1 and 10000, inclusive.";
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
     }
     if (has_range) {
         r->resp.message = "Cannot specify both Range header and partNumber query parameter";
-        return static_cast<int>(ORBS3_S3_INVALID_REQUEST);
+        return ORBS3_S3_INVALID_REQUEST;
     }
     int64_t offset = 0, length = size;
     int count = 1;
     const int found = rec != nullptr && rec->parts.len != 0
-                          ? orbs3_multipart_find_part(view(rec->parts), size, part, &offset, &length, &count)
+                          ? orbs3_multipart_find_part(orbs3_str_view(rec->parts), size, part, &offset, &length, &count)
                           : -1;
     if (found == 1 || (found < 0 && part != 1))
-        return static_cast<int>(ORBS3_S3_INVALID_PART_NUMBER);
+        return ORBS3_S3_INVALID_PART_NUMBER;
     if (found == 0) {
         std::snprintf(parts_count, 16, "%d", count);
-        o->checksum = orbs3_multipart_nth_word(view(rec->part_checksums), part);
+        o->checksum = orbs3_multipart_nth_word(orbs3_str_view(rec->part_checksums), part);
         o->whole = false;
     }
     *range = {offset, offset + length - 1};
@@ -271,7 +266,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
         return rc;
     orbs3_object_path_t path;
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
 
     orbs3_fd file;
     struct stat st {};
@@ -282,15 +277,15 @@ int orbs3_get_object(orbs3_http_request_t* r)
         // has no record and is no object.
         char marker[ORBS3_PATH_AREA];
         if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
-            return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+            return ORBS3_S3_KEY_TOO_LONG;
         rec.reset(orbs3_create_object_from_file(marker));
         if (!rec)
-            return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+            return ORBS3_S3_NO_SUCH_KEY;
         rec->size = 0;
     } else {
         file.reset(open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
         if (file.get() < 0 || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode))
-            return static_cast<int>(ORBS3_S3_NO_SUCH_KEY);
+            return ORBS3_S3_NO_SUCH_KEY;
         size = st.st_size;
         // The record counts only when it describes this file: a record that lags behind a commit in
         // progress would give another object's ETag.
@@ -300,7 +295,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
     }
     object_view_t o{};
     o.record = rec.get();
-    o.mtime = rec ? meta_time(view(rec->last_modified)) : -1;
+    o.mtime = rec ? meta_time(orbs3_str_view(rec->last_modified)) : -1;
     if (o.mtime < 0)
         o.mtime = st.st_mtime;
     http_date(o.mtime, o.modified, sizeof o.modified);
@@ -327,7 +322,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
         cond.if_unmodified_since = v;
     int verdict = orbs3_http_conditional_result(&cond, o.etag_bare, o.mtime);
     if (verdict == ORBS3_CONDITIONAL_PRECONDITION_FAILED)
-        return static_cast<int>(ORBS3_S3_PRECONDITION_FAILED);
+        return ORBS3_S3_PRECONDITION_FAILED;
     if (verdict == ORBS3_CONDITIONAL_NOT_MODIFIED) {
         r->headers_out.status_line = {std::strlen("304 Not Modified"), const_cast<char*>("304 Not Modified")};
         if ((orbs3_http_set_response_headers(r, "ETag", o.etag) |
@@ -341,7 +336,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
     int ranged = ORBS3_RANGE_NONE;
     const bool has_range = orbs3_sign_find_header(r, "range", &v);
     if (rec)
-        o.checksum = view(rec->checksum);
+        o.checksum = orbs3_str_view(rec->checksum);
     char parts_count[16] = "";
     if (const int part = r->req_msg.part_number; part != 0) {
         if (int st = select_part(r, rec.get(), size, has_range, &range, &o, parts_count); st != 0)
@@ -389,7 +384,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
                 continue;
             // The head is not out yet: a file that gives less than it said fails before a byte is sent.
             if (n <= 0)
-                return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+                return ORBS3_S3_INTERNAL_ERROR;
             got += n;
         }
         return orbs3_http_send_headers_body(r, bytes, static_cast<std::size_t>(length)) == 0 ? 0 : -1;

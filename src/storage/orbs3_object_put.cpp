@@ -69,7 +69,7 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
         ipd_log(LOG_ERR, "fsync %s failed: %s", tmp, std::strerror(errno));
         if (fd >= 0)
             close(fd);
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     close(fd);
     orbs3_object_before_t before;
@@ -78,7 +78,7 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
         orbs3_commit_lock_t lock;
         if (orbs3_commit_lock(st->final_path, &lock) != 0) {
             ipd_log(LOG_ERR, "commit lock for %s: %s", st->final_path, std::strerror(errno));
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
         }
         if (int rc = orbs3_object_commit_file(&st->cond, tmp, st->final_path, st->meta_path, &before); rc != 0)
             return rc;
@@ -112,10 +112,10 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
     static constexpr const char* kEmptyEtag = "d41d8cd98f00b204e9800998ecf8427e";
     orbs3_object_path_t path;
     if (orbs3_make_object_path(bucket, key, "", &path) != 0)
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     char marker[ORBS3_PATH_AREA];
     if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     orbs3_object_meta_t meta;
     if (int rc = orbs3_object_meta_from_request(r, &meta); rc != 0)
         return rc;
@@ -124,13 +124,13 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
         return static_cast<int>(rc == ORBS3_KEY_CONFLICT_FILE ? ORBS3_S3_KEY_CONFLICT : ORBS3_S3_INTERNAL_ERROR);
     if (neo_mkdir_p(path.data_path, ORBS3_DIR_MODE) != 0 || neo_mkdir_p(path.meta_path, ORBS3_DIR_MODE) != 0 ||
         (bucket->versioning.status == 1 && neo_mkdir_p(path.version_path, ORBS3_DIR_MODE) != 0))
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     bool fresh = false;
     {
         // The directory object is its record: the conditions judge that, under the lock of its directory.
         orbs3_commit_lock_t lock;
         if (orbs3_commit_lock(marker, &lock) != 0)
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
         const orbs3_conditional_t cond = orbs3_write_conditions(r);
         if (int rc = orbs3_object_check_conditions(&cond, marker, marker); rc != 0)
             return rc;
@@ -138,7 +138,7 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
         char stamp[64];
         get_gmt_meta_time(stamp, sizeof stamp);
         if (orbs3_object_write_record(r, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
-            return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
     }
     // Writing the record again over an existing directory object adds no object.
     if (fresh) {
@@ -157,7 +157,7 @@ int refuse_directory_body(orbs3_http_request_t* r)
 {
     r->resp.message = "An object key ending in \"/\" names a folder, which holds no data: send it with an "
                       "empty body, or store the data under a key that does not end in \"/\".";
-    return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    return ORBS3_S3_INVALID_ARGUMENT;
 }
 
 // The same once a body that came with it has been read: a body of unknown length counts as empty only
@@ -189,7 +189,7 @@ int orbs3_put_object(orbs3_http_request_t* r)
     auto* st = pool_new<put_state_t>(r->pool);
     if (st == nullptr) {
         orbs3_free_bucket(raw);
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     st->bucket = raw;
     st->key = key;
@@ -197,13 +197,13 @@ int orbs3_put_object(orbs3_http_request_t* r)
 
     // Without a length and without chunked framing the end of the body can't be known.
     if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)
-        return static_cast<int>(ORBS3_S3_MISSING_CONTENT_LENGTH);
+        return ORBS3_S3_MISSING_CONTENT_LENGTH;
     // The length of the object: for an aws-chunked body the decoded length, which is checked as it decodes.
     int64_t length = -1;
     if (rc = orbs3_object_body_length(r, &length); rc != 0)
         return rc;
     if (length >= 0 && orbs3_check_object_size(r->vhost, raw, length) != 0)
-        return static_cast<int>(ORBS3_S3_ENTITY_TOO_LARGE);
+        return ORBS3_S3_ENTITY_TOO_LARGE;
     st->body.limit = orbs3_object_size_limit(r->vhost, raw);
 
     rc = orbs3_object_body_prepare(r, &st->body);
@@ -223,19 +223,19 @@ int orbs3_put_object(orbs3_http_request_t* r)
 
     rc = orbs3_check_key_conflict(raw, key);
     if (rc == ORBS3_KEY_CONFLICT_FILE || rc == ORBS3_KEY_CONFLICT_DIR)
-        return static_cast<int>(ORBS3_S3_KEY_CONFLICT);
+        return ORBS3_S3_KEY_CONFLICT;
     if (rc != 0)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
 
     orbs3_object_path_t path;
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     // A write whose condition fails now is refused before its body is read; the commit checks again.
     if (rc = orbs3_object_check_conditions(&st->cond, path.data_path, path.meta_path); rc != 0)
         return rc;
     if (orbs3_make_dir_by_name(key, path.data_path) != 0 || orbs3_make_dir_by_name(key, path.recycle_path) != 0 ||
         (raw->versioning.status == 1 && orbs3_make_dir_by_name(key, path.version_path) != 0))
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     std::snprintf(st->final_path, sizeof st->final_path, "%s", path.data_path);
     std::snprintf(st->meta_path, sizeof st->meta_path, "%s", path.meta_path);
 
@@ -249,7 +249,7 @@ int orbs3_put_object(orbs3_http_request_t* r)
                           ORBS3_RECORD_TMP_PREFIX.data(), uuid);
     if (n < 0 || static_cast<std::size_t>(n) >= sizeof st->body.file.path) {
         st->body.file.path[0] = '\0';
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     }
     // A delete that empties the key's directory removes it; one that runs between the mkdir above and
     // this open takes the directory away under it, and the directory is made again.
@@ -262,7 +262,7 @@ int orbs3_put_object(orbs3_http_request_t* r)
     if (fd < 0) {
         ipd_log(LOG_ERR, "create %s failed: %s", st->body.file.path, std::strerror(errno));
         st->body.file.path[0] = '\0';
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     close(fd);
     st->body.done = commit;

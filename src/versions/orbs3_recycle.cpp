@@ -88,7 +88,7 @@ int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_vie
     *size = 0;
     orbs3_object_path_t path;
     if (key.empty() || key.back() == '/' || orbs3_make_object_path(bucket, key, "", &path) != 0)
-        return static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+        return ORBS3_S3_INVALID_ARGUMENT;
 
     // The inode seen now is the content this delete takes away; a PUT that commits meanwhile brings
     // another, which is left alone.
@@ -112,7 +112,7 @@ int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_vie
     if (orbs3_recycle_path(bucket, key, stamp, recycle, sizeof recycle) != 0) {
         stamp_of(data.st_mtime, stamp, sizeof stamp);
         if (orbs3_recycle_path(bucket, key, stamp, recycle, sizeof recycle) != 0)
-            return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+            return ORBS3_S3_KEY_TOO_LONG;
     }
 
     // The record steps aside first: from here on no listing names the object, and the move below can
@@ -120,11 +120,11 @@ int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_vie
     char hidden[ORBS3_PATH_AREA] = "";
     bool had_record = false;
     if (!hidden_name(path.meta_path, hidden, sizeof hidden))
-        return static_cast<int>(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     if (rename(path.meta_path, hidden) == 0)
         had_record = true;
     else if (errno != ENOENT)
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
 
     auto put_back = [&] {
         if (had_record && rename(hidden, path.meta_path) != 0)
@@ -140,7 +140,7 @@ int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_vie
     if (rc != 0) {
         ipd_log(LOG_ERR, "%s not moved to %s: %s", path.data_path, recycle, std::strerror(errno));
         put_back();
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     struct stat moved {};
     if (stat(recycle, &moved) != 0 || moved.st_ino != data.st_ino || moved.st_dev != data.st_dev) {
@@ -157,7 +157,7 @@ int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_vie
         ipd_log(LOG_ERR, "%s not unlinked after its move to %s: %s", path.data_path, recycle, std::strerror(errno));
         (void)unlink(recycle);
         put_back();
-        return static_cast<int>(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
     if (had_record)
         (void)unlink(hidden);
