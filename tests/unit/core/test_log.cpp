@@ -16,25 +16,13 @@
 
 #include "core/orbs3_log.h"
 #include "core/orbs3_process.h"
+#include "temp_dir.h"
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir()
-    {
-        char tmpl[] = "/tmp/orbmux-log-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string file(const std::string& name) const { return path + "/" + name; }
+struct TempDir : unit_test::temp_dir {
+    std::string file(const std::string& name) const { return (*this)(name); }
 };
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 void write_size(const std::string& path, off_t size)
 {
@@ -126,13 +114,13 @@ TEST(Log, DebugFileOnlyWhenSwitchedOnAndRecreatedAfterRemoval)
 
     ASSERT_EQ(unlink(path.c_str()), 0);
     ipd_debug("second %d", 2);
-    std::string text = slurp(path);
+    std::string text = unit_test::read_file(path);
     std::regex line(R"(\d{4}\.\d\d\.\d\d-\d\d:\d\d:\d\d tid\[\d+\]: second 2\n)");
     EXPECT_TRUE(std::regex_match(text, line)) << text;
 
     // An over-long trace is cut but still ends with its newline.
     ipd_debug("%s", std::string(5000, 'y').c_str());
-    text = slurp(path);
+    text = unit_test::read_file(path);
     EXPECT_EQ(text.back(), '\n');
     EXPECT_LE(text.size(), 2048u) << "each line is at most 1024 bytes";
     ipd_log_debug_close();
@@ -156,8 +144,8 @@ TEST(Log, RotationBySizeAndGenerations)
         std::ofstream(live) << "gen" << i;
         restorelog(live.c_str());
     }
-    EXPECT_EQ(slurp(live + ".1"), "gen4");
-    EXPECT_EQ(slurp(live + ".4"), "gen1");
+    EXPECT_EQ(unit_test::read_file(live + ".1"), "gen4");
+    EXPECT_EQ(unit_test::read_file(live + ".4"), "gen1");
     EXPECT_NE(access((live + ".5").c_str(), F_OK), 0);
 }
 
@@ -177,7 +165,7 @@ TEST(Log, RotationByAgeMeasuresAgainstFirstGeneration)
     struct timeval aged[2] = {{1000000 + 604801, 0}, {1000000 + 604801, 0}};
     ASSERT_EQ(utimes(live.c_str(), aged), 0);
     EXPECT_EQ(checktimestamp(live.c_str()), 0);
-    EXPECT_EQ(slurp(live + ".2"), "old");
+    EXPECT_EQ(unit_test::read_file(live + ".2"), "old");
 }
 
 TEST(Log, UsageTextIsBuiltFromTheOptionString)
