@@ -31,10 +31,8 @@ void write_size(const std::string& path, off_t size)
 }
 
 // Waits for a forked child and tells whether it was found asleep on a lock. The child has one thread, so a
-// futex wait there can only be for a lock some other thread of the parent held at fork, which nobody in
-// the child will ever release: it is ended at once. A child that is only slow (a loaded machine, or a
-// serial console taking seconds per line when there is no syslog daemon) is waited for; its alarm is
-// the last resort for a child stuck some other way.
+// futex wait there is for a lock another thread of the parent held at fork: it is ended at once. A child
+// that is only slow is waited for; its alarm is the last resort.
 bool child_stuck_on_a_lock(pid_t pid)
 {
     for (;;) {
@@ -201,11 +199,8 @@ TEST(Log, GmtimeAgreesWithTheLibrary)
 // stamps once, and one found waiting on a lock is counted.
 TEST(Log, ChildForkedWhileAnotherThreadLogsCanLog)
 {
-    // With no syslog daemon listening, the daemon's options send every line to the console instead. Where
-    // that is a slow serial line, a thread logging without pause keeps a processor busy in the serial
-    // driver for seconds and delays the children, while the console path holds no lock that fork does
-    // not already look after: the noise here goes to syslog alone, and the daemon's options come back
-    // at the end.
+    // The noise goes to syslog alone: without a syslog daemon the daemon's options send it to the console,
+    // which may be a slow serial line that would delay the children. The options come back at the end.
     openlog("orbmux-test", LOG_PID, LOG_USER);
     std::atomic<bool> stop{false};
     std::thread noisy([&stop] {

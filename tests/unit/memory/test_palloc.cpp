@@ -269,67 +269,50 @@ TEST(Palloc, PmemalignIsAlignedAndFreeable)
     EXPECT_EQ(orbs3_pfree(pool.get(), p), 0);
 }
 
-TEST(Palloc, DestroyRunsCleanupsNewestFirst)
+TEST(Palloc, CleanupsRunNewestFirstAndOnceWhetherResetOrDestroyed)
 {
-    std::vector<int> order;
     struct item {
         std::vector<int>* order;
         int id;
     };
-    orbs3_pool_t* pool = orbs3_create_mem_block(512);
-    ASSERT_NE(pool, nullptr);
-    for (int i = 0; i < 5; i++) {
-        orbs3_pool_cleanup_t* c = orbs3_pool_cleanup_add(pool, sizeof(item));
-        ASSERT_NE(c, nullptr);
-        EXPECT_EQ(c->handler, nullptr);
-        EXPECT_EQ(pool->cleanup, c);
-        ASSERT_NE(c->data, nullptr);
-        *static_cast<item*>(c->data) = {&order, i};
-        if (i != 2)  // a record without handler is passed over
-            c->handler = [](void* d) {
-                auto* it = static_cast<item*>(d);
-                it->order->push_back(it->id);
-            };
+    for (bool reset_first : {false, true}) {
+        SCOPED_TRACE(reset_first ? "reset, then destroy" : "destroy");
+        std::vector<int> order;
+        orbs3_pool_t* pool = orbs3_create_mem_block(1024);
+        ASSERT_NE(pool, nullptr);
+        for (int i = 0; i < 5; i++) {
+            orbs3_pool_cleanup_t* c = orbs3_pool_cleanup_add(pool, sizeof(item));
+            ASSERT_NE(c, nullptr);
+            EXPECT_EQ(c->handler, nullptr);
+            ASSERT_NE(c->data, nullptr);
+            *static_cast<item*>(c->data) = {&order, i};
+            if (i != 2)  // a record without handler is passed over
+                c->handler = [](void* d) {
+                    auto* it = static_cast<item*>(d);
+                    it->order->push_back(it->id);
+                };
+        }
+        orbs3_pool_cleanup_t* bare = orbs3_pool_cleanup_add(pool, 0);
+        ASSERT_NE(bare, nullptr);
+        EXPECT_EQ(bare->data, nullptr);
+        // The cleanups see several blocks and large allocations still alive; LeakSanitizer sees any large
+        // allocation a reset leaves behind.
+        for (int i = 0; i < 50; i++)
+            ASSERT_NE(orbs3_palloc(pool, 300 + i * 40), nullptr);
+        EXPECT_TRUE(order.empty());
+        if (reset_first) {
+            EXPECT_EQ(orbs3_reset_pool(pool), pool);
+            EXPECT_EQ(order, (std::vector<int>{4, 3, 1, 0}));
+            EXPECT_EQ(pool->cleanup, nullptr);
+            EXPECT_EQ(pool->large, nullptr);
+            EXPECT_EQ(pool->current, pool);
+            // The pool is usable again, and a destroy does not run the dropped cleanups a second time.
+            ASSERT_NE(orbs3_palloc(pool, 100), nullptr);
+            ASSERT_NE(orbs3_palloc(pool, 3000), nullptr);
+        }
+        orbs3_destroy_pool(pool);
+        EXPECT_EQ(order, (std::vector<int>{4, 3, 1, 0}));
     }
-    orbs3_pool_cleanup_t* bare = orbs3_pool_cleanup_add(pool, 0);
-    ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(bare->data, nullptr);
-    // Enough allocations that the cleanups see several blocks and large allocations still alive.
-    for (int i = 0; i < 50; i++)
-        ASSERT_NE(orbs3_palloc(pool, 300 + i * 40), nullptr);
-    EXPECT_TRUE(order.empty());
-    orbs3_destroy_pool(pool);
-    EXPECT_EQ(order, (std::vector<int>{4, 3, 1, 0}));
-}
-
-TEST(Palloc, ResetRunsCleanupsOnceAndFreesLarge)
-{
-    int runs = 0;
-    orbs3_pool_ptr pool(orbs3_create_mem_block(1024));
-    ASSERT_NE(pool, nullptr);
-    orbs3_pool_cleanup_t* c = orbs3_pool_cleanup_add(pool.get(), 0);
-    ASSERT_NE(c, nullptr);
-    c->data = &runs;
-    c->handler = [](void* d) { ++*static_cast<int*>(d); };
-    for (int i = 0; i < 10; i++)
-        ASSERT_NE(orbs3_palloc(pool.get(), 2000), nullptr);  // large: LeakSanitizer sees any left behind
-    for (int i = 0; i < 30; i++)
-        ASSERT_NE(orbs3_palloc(pool.get(), 500), nullptr);
-
-    EXPECT_EQ(orbs3_reset_pool(pool.get()), pool.get());
-    EXPECT_EQ(runs, 1);
-    EXPECT_EQ(pool->cleanup, nullptr);
-    EXPECT_EQ(pool->large, nullptr);
-    EXPECT_EQ(pool->current, pool.get());
-    if (!orbs3_pool_debug) {
-        EXPECT_EQ(pool->last, reinterpret_cast<uint8_t*>(pool.get()) + 64);
-    }
-
-    // The pool is usable again, and a destroy does not run the dropped cleanup a second time.
-    ASSERT_NE(orbs3_palloc(pool.get(), 100), nullptr);
-    ASSERT_NE(orbs3_palloc(pool.get(), 3000), nullptr);
-    pool.reset();
-    EXPECT_EQ(runs, 1);
 }
 
 TEST(Palloc, RunCleanupFileClosesOnceOnly)
