@@ -3,6 +3,8 @@
 
 #include <stdlib.h>
 
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -18,17 +20,20 @@ namespace unit_test {
 struct temp_dir {
     std::filesystem::path path;
 
+    // Without its directory a test would write below "/" instead: the run ends at once.
     temp_dir()
     {
         char tmpl[] = "/tmp/orbs3_test_XXXXXX";
-        if (mkdtemp(tmpl) != nullptr)
-            path = tmpl;
+        if (mkdtemp(tmpl) == nullptr) {
+            std::perror("mkdtemp");
+            std::abort();
+        }
+        path = tmpl;
     }
     ~temp_dir()
     {
         std::error_code ec;
-        if (!path.empty())
-            std::filesystem::remove_all(path, ec);
+        std::filesystem::remove_all(path, ec);
     }
     temp_dir(const temp_dir&) = delete;
     temp_dir& operator=(const temp_dir&) = delete;
