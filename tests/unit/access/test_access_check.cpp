@@ -99,6 +99,36 @@ void set_all(orbs3_rule_perm_t* p)
         f = 1;
 }
 
+// A rule for the host `addr` on the address list of a bucket or service record, which is put in force.
+template <typename Rec>
+orbs3_bucket_rule_t* addr_rule(RuleSet& rs, Rec* b, const char* addr, uint32_t mask = 32)
+{
+    b->authaddr_status = 1;
+    orbs3_bucket_rule_t* r = rs.rule(&b->authaddr_list);
+    rs.addr(r, addr, mask);
+    return r;
+}
+
+// A rule for the user `id` (named `name`) on the user list of a bucket or service record, put in force.
+template <typename Rec>
+orbs3_bucket_rule_t* user_rule(RuleSet& rs, Rec* b, const char* id, const char* name = "alice")
+{
+    b->authak_status = 1;
+    orbs3_bucket_rule_t* r = rs.rule(&b->authak_list);
+    rs.user(r, id, name);
+    return r;
+}
+
+// Moves a list head with its entries to `to`.
+void move_list(neo_list_head_t* from, neo_list_head_t* to)
+{
+    if (list_empty(from))
+        return;
+    *to = *from;
+    to->next->prev = to;
+    to->prev->next = to;
+}
+
 }  // namespace
 
 TEST(AccessCheck, AdminMatchesOnlyTheAdministratorsKey)
@@ -255,9 +285,7 @@ TEST(AccessCheck, EachPermissionCodeReadsItsOwnFlag)
             RuleSet rs;
             orbs3_service_rec_t rec;
             init_lists(&rec);
-            rec.authak_status = 1;
-            orbs3_bucket_rule_t* r = rs.rule(&rec.authak_list);
-            rs.user(r, "u1", "alice");
+            orbs3_bucket_rule_t* r = user_rule(rs, &rec, "u1");
             (group == 0 ? r->bucket : r->object).flag[code - 1] = 1;
             orbs3_user_t user = make_user(rs, "u1", "");
             for (int asked = 1; asked <= 13; asked++) {
@@ -283,6 +311,8 @@ TEST(AccessCheck, AuthorityListsGrantOnlyThroughTheFirstMatchingRule)
     const int list = ORBS3_ACCESS_LIST;
     const int write = ORBS3_ACCESS_WRITE;
     const orbs3_peer_t peer = peer4("10.0.0.5");
+    using RS = RuleSet;
+    using B = orbs3_bucket_t;
 
     struct Case {
         const char* what;
@@ -294,126 +324,62 @@ TEST(AccessCheck, AuthorityListsGrantOnlyThroughTheFirstMatchingRule)
         int want;
     };
     const Case cases[] = {
-        {"nothing in force", [](RuleSet&, orbs3_bucket_t*) {}, false, false, &list, nullptr, 0},
+        {"nothing in force", [](RS&, B*) {}, false, false, &list, nullptr, 0},
         {"address rule with the flag",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             auto* r = rs.rule(&b->authaddr_list);
-             rs.addr(r, "10.0.0.5", 32);
-             r->bucket.flag[ORBS3_PERM_LIST] = 1;
-         },
-         true, true, &list, nullptr, 0},
+         [](RS& rs, B* b) { addr_rule(rs, b, "10.0.0.5")->bucket.flag[ORBS3_PERM_LIST] = 1; }, true, true, &list,
+         nullptr, 0},
         {"first address rule lacks the flag, a later one has it",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             auto* r1 = rs.rule(&b->authaddr_list);
-             rs.addr(r1, "10.0.0.5", 32);
-             r1->object.flag[ORBS3_PERM_LIST] = 1;
-             auto* r2 = rs.rule(&b->authaddr_list);
-             rs.addr(r2, "10.0.0.5", 32);
-             set_all(&r2->bucket);
+         [](RS& rs, B* b) {
+             addr_rule(rs, b, "10.0.0.5")->object.flag[ORBS3_PERM_LIST] = 1;
+             set_all(&addr_rule(rs, b, "10.0.0.5")->bucket);
          },
          true, true, &list, nullptr, 1},
         {"address rule compares whole hosts, not networks",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             auto* r = rs.rule(&b->authaddr_list);
-             rs.addr(r, "10.0.0.0", 24);
-             set_all(&r->bucket);
-         },
-         true, true, &list, nullptr, 1},
-        {"address list in force without a peer",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             auto* r = rs.rule(&b->authaddr_list);
-             rs.addr(r, "10.0.0.5", 32);
-             set_all(&r->bucket);
-         },
+         [](RS& rs, B* b) { set_all(&addr_rule(rs, b, "10.0.0.0", 24)->bucket); }, true, true, &list, nullptr, 1},
+        {"address list in force without a peer", [](RS& rs, B* b) { set_all(&addr_rule(rs, b, "10.0.0.5")->bucket); },
          false, true, &list, nullptr, 1},
         {"user rule by id with the object flag",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authak_status = 1;
-             auto* r = rs.rule(&b->authak_list);
-             rs.user(r, "other", "bob");
+         [](RS& rs, B* b) {
+             auto* r = user_rule(rs, b, "other", "bob");
              rs.user(r, "u1", "alice");
              r->object.flag[ORBS3_PERM_WRITE] = 1;
          },
          true, true, nullptr, &write, 0},
         {"user rule naming the requester's id only as a name",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authak_status = 1;
-             auto* r = rs.rule(&b->authak_list);
-             rs.user(r, "someone", "u1");
-             set_all(&r->object);
-         },
-         true, true, nullptr, &write, 1},
+         [](RS& rs, B* b) { set_all(&user_rule(rs, b, "someone", "u1")->object); }, true, true, nullptr, &write, 1},
         {"user rule id that is a prefix of the requester's",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authak_status = 1;
-             auto* r = rs.rule(&b->authak_list);
-             rs.user(r, "u", "alice");
-             set_all(&r->object);
-         },
-         true, true, nullptr, &write, 1},
-        {"empty user list in force",
-         [](RuleSet&, orbs3_bucket_t* b) { b->authak_status = 1; }, true, true, &list, nullptr, 1},
-        {"user list in force without a requester",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authak_status = 1;
-             auto* r = rs.rule(&b->authak_list);
-             rs.user(r, "u1", "alice");
-             set_all(&r->bucket);
-         },
+         [](RS& rs, B* b) { set_all(&user_rule(rs, b, "u")->object); }, true, true, nullptr, &write, 1},
+        {"empty user list in force", [](RS&, B* b) { b->authak_status = 1; }, true, true, &list, nullptr, 1},
+        {"user list in force without a requester", [](RS& rs, B* b) { set_all(&user_rule(rs, b, "u1")->bucket); },
          true, false, &list, nullptr, 1},
         {"both in force, address grants, user does not",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             b->authak_status = 1;
-             auto* ra = rs.rule(&b->authaddr_list);
-             rs.addr(ra, "10.0.0.5", 32);
-             set_all(&ra->bucket);
-             auto* ru = rs.rule(&b->authak_list);
-             rs.user(ru, "u1", "alice");
+         [](RS& rs, B* b) {
+             set_all(&addr_rule(rs, b, "10.0.0.5")->bucket);
+             user_rule(rs, b, "u1");
          },
          true, true, &list, nullptr, 1},
         {"both in force, both grant",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             b->authak_status = 1;
-             auto* ra = rs.rule(&b->authaddr_list);
-             rs.addr(ra, "10.0.0.5", 32);
-             ra->bucket.flag[ORBS3_PERM_LIST] = 1;
-             auto* ru = rs.rule(&b->authak_list);
-             rs.user(ru, "u1", "alice");
-             ru->bucket.flag[ORBS3_PERM_LIST] = 1;
+         [](RS& rs, B* b) {
+             addr_rule(rs, b, "10.0.0.5")->bucket.flag[ORBS3_PERM_LIST] = 1;
+             user_rule(rs, b, "u1")->bucket.flag[ORBS3_PERM_LIST] = 1;
          },
          true, true, &list, nullptr, 0},
         {"both in force, user grants, address does not",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authaddr_status = 1;
-             b->authak_status = 1;
-             auto* ra = rs.rule(&b->authaddr_list);
-             rs.addr(ra, "10.0.0.6", 32);
-             set_all(&ra->bucket);
-             auto* ru = rs.rule(&b->authak_list);
-             rs.user(ru, "u1", "alice");
-             set_all(&ru->bucket);
+         [](RS& rs, B* b) {
+             set_all(&addr_rule(rs, b, "10.0.0.6")->bucket);
+             set_all(&user_rule(rs, b, "u1")->bucket);
          },
          true, true, &list, nullptr, 1},
         {"rule with status 0 still grants",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authak_status = 1;
-             auto* r = rs.rule(&b->authak_list);
+         [](RS& rs, B* b) {
+             auto* r = user_rule(rs, b, "u1");
              r->status = 0;
-             rs.user(r, "u1", "alice");
              r->bucket.flag[ORBS3_PERM_LIST] = 1;
          },
          true, true, &list, nullptr, 0},
         {"no code asked grants nothing",
-         [](RuleSet& rs, orbs3_bucket_t* b) {
-             b->authak_status = 1;
-             auto* r = rs.rule(&b->authak_list);
-             rs.user(r, "u1", "alice");
+         [](RS& rs, B* b) {
+             auto* r = user_rule(rs, b, "u1");
              set_all(&r->bucket);
              set_all(&r->object);
          },
@@ -433,16 +399,8 @@ TEST(AccessCheck, AuthorityListsGrantOnlyThroughTheFirstMatchingRule)
         init_lists(&rec);
         rec.authaddr_status = bucket.authaddr_status;
         rec.authak_status = bucket.authak_status;
-        if (!list_empty(&bucket.authaddr_list)) {
-            rec.authaddr_list = bucket.authaddr_list;
-            rec.authaddr_list.next->prev = &rec.authaddr_list;
-            rec.authaddr_list.prev->next = &rec.authaddr_list;
-        }
-        if (!list_empty(&bucket.authak_list)) {
-            rec.authak_list = bucket.authak_list;
-            rec.authak_list.next->prev = &rec.authak_list;
-            rec.authak_list.prev->next = &rec.authak_list;
-        }
+        move_list(&bucket.authaddr_list, &rec.authaddr_list);
+        move_list(&bucket.authak_list, &rec.authak_list);
         EXPECT_EQ(orbmux_check_service_authority(&rec, p, u, c.bucket_code, c.object_code), c.want)
             << "service: " << c.what;
     }
@@ -478,9 +436,14 @@ struct Tenant {
 
 TEST(AccessCheck, ChainStepsDependOnTheAction)
 {
-    const int bc = ORBS3_ACCESS_QUOTA;
+    const int quota = ORBS3_ACCESS_QUOTA;
+    const int create = ORBS3_ACCESS_CREATE;
     const orbs3_peer_t peer = peer4("10.0.0.5");
-
+    using chain_t = orbs3_access_chain_t;
+    // 0 when the chain lets `user` do `code` on `bucket` (null: an action without bucket).
+    auto check = [&](Tenant& t, const orbs3_user_t& user, orbs3_bucket_t* bucket, const int& code, chain_t kind) {
+        return orbs3_access_check_chain(t.vh, &user, bucket, &peer, &code, nullptr, kind);
+    };
     {
         // The administrator passes every chain while every list refuses the peer.
         Tenant t;
@@ -491,60 +454,38 @@ TEST(AccessCheck, ChainStepsDependOnTheAction)
         t.rec.authaddr_status = t.bucket.authaddr_status = 1;
         orbs3_user_t admin = make_user(t.rs, "adminid", "AKADMIN");
         orbs3_user_t user = make_user(t.rs, "u1", "");
-        for (auto chain : {orbs3_access_chain_t::full, orbs3_access_chain_t::no_bucket,
-                           orbs3_access_chain_t::blacklist_only}) {
-            EXPECT_EQ(orbs3_access_check_chain(t.vh, &admin, &t.bucket, &peer, &bc, nullptr, chain), 0);
-            EXPECT_NE(orbs3_access_check_chain(t.vh, &user, &t.bucket, &peer, &bc, nullptr, chain), 0);
+        for (auto kind : {chain_t::full, chain_t::no_bucket, chain_t::blacklist_only}) {
+            EXPECT_EQ(check(t, admin, &t.bucket, quota, kind), 0);
+            EXPECT_NE(check(t, user, &t.bucket, quota, kind), 0);
         }
-        EXPECT_EQ(orbs3_access_check_chain(t.vh, &admin, nullptr, nullptr, nullptr, nullptr,
-                                           orbs3_access_chain_t::full),
-                  0);
+        EXPECT_EQ(orbs3_access_check_chain(t.vh, &admin, nullptr, nullptr, nullptr, nullptr, chain_t::full), 0);
     }
     {
         // Authority refusing, address lists silent: only the chains that ask authority refuse.
         Tenant t;
         t.bucket.authak_status = 1;
         orbs3_user_t user = make_user(t.rs, "u1", "");
-        EXPECT_EQ(orbs3_access_check_chain(t.vh, &user, &t.bucket, &peer, &bc, nullptr,
-                                           orbs3_access_chain_t::blacklist_only),
-                  0);
-        EXPECT_NE(orbs3_access_check_chain(t.vh, &user, &t.bucket, &peer, &bc, nullptr, orbs3_access_chain_t::full),
-                  0);
+        EXPECT_EQ(check(t, user, &t.bucket, quota, chain_t::blacklist_only), 0);
+        EXPECT_NE(check(t, user, &t.bucket, quota, chain_t::full), 0);
         // PutBucket has no bucket: the service's authority alone decides.
-        const int create = ORBS3_ACCESS_CREATE;
-        EXPECT_EQ(orbs3_access_check_chain(t.vh, &user, nullptr, &peer, &create, nullptr,
-                                           orbs3_access_chain_t::no_bucket),
-                  0);
-        t.rec.authak_status = 1;
-        auto* r = t.rs.rule(&t.rec.authak_list);
-        t.rs.user(r, "u1", "alice");
-        EXPECT_NE(orbs3_access_check_chain(t.vh, &user, nullptr, &peer, &create, nullptr,
-                                           orbs3_access_chain_t::no_bucket),
-                  0);
+        EXPECT_EQ(check(t, user, nullptr, create, chain_t::no_bucket), 0);
+        auto* r = user_rule(t.rs, &t.rec, "u1");
+        EXPECT_NE(check(t, user, nullptr, create, chain_t::no_bucket), 0);
         r->bucket.flag[ORBS3_PERM_CREATE] = 1;
-        EXPECT_EQ(orbs3_access_check_chain(t.vh, &user, nullptr, &peer, &create, nullptr,
-                                           orbs3_access_chain_t::no_bucket),
-                  0);
+        EXPECT_EQ(check(t, user, nullptr, create, chain_t::no_bucket), 0);
     }
     {
         // The bucket narrows what the service grants, never widens it.
         Tenant t;
         orbs3_user_t user = make_user(t.rs, "u1", "");
-        t.rec.authak_status = 1;
-        auto* rs = t.rs.rule(&t.rec.authak_list);
-        t.rs.user(rs, "u1", "alice");
+        auto* rs = user_rule(t.rs, &t.rec, "u1");
         rs->bucket.flag[ORBS3_PERM_QUOTA] = 1;
-        t.bucket.authak_status = 1;
-        auto* rb = t.rs.rule(&t.bucket.authak_list);
-        t.rs.user(rb, "u1", "alice");
-        EXPECT_NE(orbs3_access_check_chain(t.vh, &user, &t.bucket, &peer, &bc, nullptr, orbs3_access_chain_t::full),
-                  0);
+        auto* rb = user_rule(t.rs, &t.bucket, "u1");
+        EXPECT_NE(check(t, user, &t.bucket, quota, chain_t::full), 0);
         rb->bucket.flag[ORBS3_PERM_QUOTA] = 1;
-        EXPECT_EQ(orbs3_access_check_chain(t.vh, &user, &t.bucket, &peer, &bc, nullptr, orbs3_access_chain_t::full),
-                  0);
+        EXPECT_EQ(check(t, user, &t.bucket, quota, chain_t::full), 0);
         rs->bucket.flag[ORBS3_PERM_QUOTA] = 0;
-        EXPECT_NE(orbs3_access_check_chain(t.vh, &user, &t.bucket, &peer, &bc, nullptr, orbs3_access_chain_t::full),
-                  0);
+        EXPECT_NE(check(t, user, &t.bucket, quota, chain_t::full), 0);
     }
 }
 

@@ -1,13 +1,9 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <optional>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -16,45 +12,22 @@
 #include "core/orbs3_config.h"
 #include "core/orbs3_prefix.h"
 #include "memory/orbs3_palloc.h"
+#include "temp_dir.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using unit_test::read_file;
+using unit_test::write_file;
 
-// Points the daemon's paths at a fresh directory with an empty etc/orbmux, and puts the old prefix back.
+// The daemon's paths under a fresh directory with an empty etc/orbmux.
 class ConfigFiles : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        if (const char* old = std::getenv("ORBMUX_PREFIX"))
-            old_prefix_ = old;
-        char tmpl[] = "/tmp/orbs3_config_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        fs::create_directories(dir_ / "etc/orbmux");
-        setenv("ORBMUX_PREFIX", dir_.c_str(), 1);
-        orbs3_prefix_reload();
-    }
-    void TearDown() override
-    {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-        if (old_prefix_)
-            setenv("ORBMUX_PREFIX", old_prefix_->c_str(), 1);
-        else
-            unsetenv("ORBMUX_PREFIX");
-        orbs3_prefix_reload();
-    }
-    void write(const char* name, const std::string& text) { std::ofstream(dir_ / "etc/orbmux" / name) << text; }
-    std::string read(const char* name)
-    {
-        std::stringstream ss;
-        ss << std::ifstream(dir_ / "etc/orbmux" / name).rdbuf();
-        return ss.str();
-    }
+    void write(const char* name, const std::string& text) { write_file(dir_ / "etc/orbmux" / name, text); }
+    std::string read(const char* name) { return read_file(dir_ / "etc/orbmux" / name); }
 
-    fs::path dir_;
-    std::optional<std::string> old_prefix_;
+    unit_test::prefix_sandbox sandbox;
+    const fs::path dir_ = sandbox.path;
 };
 
 using CacheFiles = std::vector<std::pair<uint64_t, std::string>>;

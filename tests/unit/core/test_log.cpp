@@ -16,25 +16,13 @@
 
 #include "core/orbs3_log.h"
 #include "core/orbs3_process.h"
+#include "temp_dir.h"
 
 namespace {
 
-struct TempDir {
-    std::string path;
-    TempDir()
-    {
-        char tmpl[] = "/tmp/orbmux-log-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~TempDir() { std::system(("rm -rf '" + path + "'").c_str()); }
-    std::string file(const std::string& name) const { return path + "/" + name; }
+struct TempDir : unit_test::temp_dir {
+    std::string file(const std::string& name) const { return (*this)(name); }
 };
-
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 void write_size(const std::string& path, off_t size)
 {
@@ -43,10 +31,8 @@ void write_size(const std::string& path, off_t size)
 }
 
 // Waits for a forked child and tells whether it was found asleep on a lock. The child has one thread, so a
-// futex wait there can only be for a lock some other thread of the parent held at fork, which nobody in
-// the child will ever release: it is ended at once. A child that is only slow (a loaded machine, or a
-// serial console taking seconds per line when there is no syslog daemon) is waited for; its alarm is
-// the last resort for a child stuck some other way.
+// futex wait there is for a lock another thread of the parent held at fork: it is ended at once. A child
+// that is only slow is waited for; its alarm is the last resort.
 bool child_stuck_on_a_lock(pid_t pid)
 {
     for (;;) {
@@ -126,13 +112,13 @@ TEST(Log, DebugFileOnlyWhenSwitchedOnAndRecreatedAfterRemoval)
 
     ASSERT_EQ(unlink(path.c_str()), 0);
     ipd_debug("second %d", 2);
-    std::string text = slurp(path);
+    std::string text = unit_test::read_file(path);
     std::regex line(R"(\d{4}\.\d\d\.\d\d-\d\d:\d\d:\d\d tid\[\d+\]: second 2\n)");
     EXPECT_TRUE(std::regex_match(text, line)) << text;
 
     // An over-long trace is cut but still ends with its newline.
     ipd_debug("%s", std::string(5000, 'y').c_str());
-    text = slurp(path);
+    text = unit_test::read_file(path);
     EXPECT_EQ(text.back(), '\n');
     EXPECT_LE(text.size(), 2048u) << "each line is at most 1024 bytes";
     ipd_log_debug_close();
@@ -156,8 +142,8 @@ TEST(Log, RotationBySizeAndGenerations)
         std::ofstream(live) << "gen" << i;
         restorelog(live.c_str());
     }
-    EXPECT_EQ(slurp(live + ".1"), "gen4");
-    EXPECT_EQ(slurp(live + ".4"), "gen1");
+    EXPECT_EQ(unit_test::read_file(live + ".1"), "gen4");
+    EXPECT_EQ(unit_test::read_file(live + ".4"), "gen1");
     EXPECT_NE(access((live + ".5").c_str(), F_OK), 0);
 }
 
@@ -177,7 +163,7 @@ TEST(Log, RotationByAgeMeasuresAgainstFirstGeneration)
     struct timeval aged[2] = {{1000000 + 604801, 0}, {1000000 + 604801, 0}};
     ASSERT_EQ(utimes(live.c_str(), aged), 0);
     EXPECT_EQ(checktimestamp(live.c_str()), 0);
-    EXPECT_EQ(slurp(live + ".2"), "old");
+    EXPECT_EQ(unit_test::read_file(live + ".2"), "old");
 }
 
 TEST(Log, UsageTextIsBuiltFromTheOptionString)
@@ -213,11 +199,8 @@ TEST(Log, GmtimeAgreesWithTheLibrary)
 // stamps once, and one found waiting on a lock is counted.
 TEST(Log, ChildForkedWhileAnotherThreadLogsCanLog)
 {
-    // With no syslog daemon listening, the daemon's options send every line to the console instead. Where
-    // that is a slow serial line, a thread logging without pause keeps a processor busy in the serial
-    // driver for seconds and delays the children, while the console path holds no lock that fork does
-    // not already look after: the noise here goes to syslog alone, and the daemon's options come back
-    // at the end.
+    // The noise goes to syslog alone: without a syslog daemon the daemon's options send it to the console,
+    // which may be a slow serial line that would delay the children. The options come back at the end.
     openlog("orbmux-test", LOG_PID, LOG_USER);
     std::atomic<bool> stop{false};
     std::thread noisy([&stop] {

@@ -106,25 +106,31 @@ struct calls {
     int exit = 0;
 };
 
-calls* calls_of(orbs3_connection_t* c)
-{
-    return static_cast<calls*>(c->data);
-}
+// A connection on `fd` in the epoll set `ep` whose handlers count their calls in `got`; closed with it.
+struct counted_conn {
+    calls got;
+    orbs3_connection_t* c = orbs3_create_connection(sysconfig.conn_pool_size);
 
-void count_read(orbs3_event_t* ev)
-{
-    calls_of(static_cast<orbs3_connection_t*>(ev->data))->read++;
-}
-
-void count_write(orbs3_event_t* ev)
-{
-    calls_of(static_cast<orbs3_connection_t*>(ev->data))->write++;
-}
-
-void count_exit(orbs3_connection_t* c)
-{
-    calls_of(c)->exit++;
-}
+    counted_conn(orbs3_fd& fd, int ep)
+    {
+        if (c == nullptr)
+            return;
+        c->fd = fd.release();
+        c->epfd = ep;
+        c->data = &got;
+        c->read->handler = [](orbs3_event_t* ev) { of(ev)->read++; };
+        c->write->handler = [](orbs3_event_t* ev) { of(ev)->write++; };
+        c->exit_handler = [](orbs3_connection_t* conn) { static_cast<calls*>(conn->data)->exit++; };
+    }
+    ~counted_conn()
+    {
+        if (c != nullptr)
+            orbs3_close_connection(c);
+    }
+    counted_conn(const counted_conn&) = delete;
+    counted_conn& operator=(const counted_conn&) = delete;
+    static calls* of(orbs3_event_t* ev) { return static_cast<calls*>(static_cast<orbs3_connection_t*>(ev->data)->data); }
+};
 
 TEST(ConnectionEpoll, PassDispatchesByReadinessAndEndsConnectionsOnErrorOrHangUp)
 {
@@ -149,15 +155,9 @@ TEST(ConnectionEpoll, PassDispatchesByReadinessAndEndsConnectionsOnErrorOrHangUp
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
         pair_fds p = make_pair();
-        calls got;
-        orbs3_connection_t* c = orbs3_create_connection(sysconfig.conn_pool_size);
+        counted_conn cc(p.ours, ep.get());
+        orbs3_connection_t* c = cc.c;
         ASSERT_NE(c, nullptr);
-        c->fd = p.ours.release();
-        c->epfd = ep.get();
-        c->data = &got;
-        c->read->handler = count_read;
-        c->write->handler = count_write;
-        c->exit_handler = count_exit;
         switch (r.how) {
         case setup::data:
             ASSERT_EQ(write(p.peer.get(), "x", 1), 1);
@@ -178,11 +178,9 @@ TEST(ConnectionEpoll, PassDispatchesByReadinessAndEndsConnectionsOnErrorOrHangUp
         }
         ASSERT_EQ(orbs3_epoll_ctl(ep.get(), EPOLL_CTL_ADD, c->fd, r.events, c), 0);
         EXPECT_EQ(orbs3_epoll_events_manage(ep.get()), 0);
-        EXPECT_EQ(got.read, r.want.read);
-        EXPECT_EQ(got.write, r.want.write);
-        EXPECT_EQ(got.exit, r.want.exit);
-        c->data = nullptr;
-        orbs3_close_connection(c);
+        EXPECT_EQ(cc.got.read, r.want.read);
+        EXPECT_EQ(cc.got.write, r.want.write);
+        EXPECT_EQ(cc.got.exit, r.want.exit);
     }
 
     // An event whose data is null is skipped; the pass goes on to the next one.
@@ -193,13 +191,10 @@ TEST(ConnectionEpoll, PassDispatchesByReadinessAndEndsConnectionsOnErrorOrHangUp
     raw.data.ptr = nullptr;
     ASSERT_EQ(epoll_ctl(ep.get(), EPOLL_CTL_ADD, skipped.ours.get(), &raw), 0);
     ASSERT_EQ(write(skipped.peer.get(), "x", 1), 1);
-    calls got;
-    orbs3_connection_t* c = orbs3_create_connection(sysconfig.conn_pool_size);
+    counted_conn cc(served.ours, ep.get());
+    orbs3_connection_t* c = cc.c;
     ASSERT_NE(c, nullptr);
-    c->fd = served.ours.release();
-    c->epfd = ep.get();
-    c->data = &got;
-    c->read->handler = count_read;
+    const calls& got = cc.got;
     ASSERT_EQ(orbs3_epoll_r_add_conn(c->fd, ep.get(), c), 0);
     ASSERT_EQ(write(served.peer.get(), "x", 1), 1);
     EXPECT_EQ(orbs3_epoll_events_manage(ep.get()), 0);
@@ -216,8 +211,6 @@ TEST(ConnectionEpoll, PassDispatchesByReadinessAndEndsConnectionsOnErrorOrHangUp
     ASSERT_EQ(orbs3_epoll_r_mod_conn(c->fd, ep.get(), c), 0);
     EXPECT_EQ(orbs3_epoll_events_manage(ep.get()), 0);
     EXPECT_EQ(got.read, 2) << "re-armed with data still waiting";
-    c->data = nullptr;
-    orbs3_close_connection(c);
 }
 
 int g_notified = 0;

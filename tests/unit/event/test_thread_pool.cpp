@@ -95,6 +95,17 @@ bool signal_in(uint64_t mask, int sig)
     return (mask >> (sig - 1)) & 1;
 }
 
+// A started pool on the heap, freed by the test only after a clean stop: a failed test must not leave
+// threads on a dead frame.
+neo_thread_pool_t* heap_pool(const char* name, int threads, int64_t max_queue)
+{
+    auto* pool = new neo_thread_pool_t{};
+    pool->name = name;
+    pool->threads = threads;
+    pool->max_queue = max_queue;
+    return neo_thread_pool_init(pool) == 0 ? pool : nullptr;
+}
+
 // A pool whose threads can be held busy, so that a test decides what is waiting.
 class GatedPool : public ::testing::Test {
 protected:
@@ -150,12 +161,8 @@ protected:
 TEST(ThreadPool, RunsEveryQueuedTaskExactlyOnce)
 {
     constexpr int kTasks = 10000;
-    // On the heap and freed only after a clean stop: a failed test must not leave threads on a dead frame.
-    auto* pool = new neo_thread_pool_t{};
-    pool->name = "count";
-    pool->threads = 4;
-    pool->max_queue = 64;  // small, so that posting meets a full queue and retries
-    ASSERT_EQ(neo_thread_pool_init(pool), 0);
+    neo_thread_pool_t* pool = heap_pool("count", 4, 64);  // a small queue: posting meets it full and retries
+    ASSERT_NE(pool, nullptr);
 
     tally t(kTasks);
     int refused = 0;
@@ -227,12 +234,8 @@ TEST(ThreadPool, DestroyRunsQueuedTasksThenNoPoolThreadRemains)
 {
     constexpr int kThreads = 4;
     constexpr int kTasks = 1000;
-    // On the heap and freed only after a clean stop: a failed test must not leave threads on a dead frame.
-    auto* pool = new neo_thread_pool_t{};
-    pool->name = "stop";
-    pool->threads = kThreads;
-    pool->max_queue = kTasks;  // the queue may be full when destroy posts its stop tasks
-    ASSERT_EQ(neo_thread_pool_init(pool), 0);
+    neo_thread_pool_t* pool = heap_pool("stop", kThreads, kTasks);  // full when destroy posts its stop tasks
+    ASSERT_NE(pool, nullptr);
 
     std::vector<int> ids;
     ASSERT_TRUE(wait_until([&] {

@@ -71,9 +71,4 @@ inline ::testing::AssertionResult valid(const neo_rbtree_t& tree, std::size_t co
     return ::testing::AssertionSuccess();
 }
 
-inline std::size_t size(const neo_rbtree_node_t* n, const neo_rbtree_node_t* sentinel)
-{
-    return n == sentinel ? 0 : 1 + size(n->left, sentinel) + size(n->right, sentinel);
-}
-
 }  // namespace rbtree_check

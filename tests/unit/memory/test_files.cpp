@@ -3,42 +3,24 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstdio>
 #include <filesystem>
 #include <string>
 
 #include "memory/neo_files.h"
 #include "memory/neo_string.h"
+#include "temp_dir.h"
 
-namespace fs = std::filesystem;
+using namespace unit_test;
 
 namespace {
 
 class Files : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/orbs3_files_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        root_ = tmpl;
-    }
-    void TearDown() override
-    {
-        std::error_code ec;
-        fs::remove_all(root_, ec);
-    }
+    std::string path(const std::string& rel) const { return dir(rel); }
+    void touch(const std::string& rel, const std::string& text = "x") const { write_file(path(rel), text); }
 
-    std::string path(const std::string& rel) const { return root_ + "/" + rel; }
-
-    void touch(const std::string& rel) const
-    {
-        FILE* f = std::fopen(path(rel).c_str(), "w");
-        ASSERT_NE(f, nullptr) << rel;
-        std::fputs("x", f);
-        std::fclose(f);
-    }
-
-    std::string root_;
+    temp_dir dir;
+    const std::string root_ = dir.path.string();
 };
 
 bool is_dir(const std::string& p)
@@ -209,6 +191,50 @@ TEST_F(Files, RmdirRemovesFilesKeepsTheTreeAndFollowsNoLink)
     // A file given as the path is removed like one found in the walk.
     EXPECT_EQ(neo_rmdir(path("f").c_str()), 0);
     EXPECT_FALSE(exists(path("f")));
+}
+
+TEST_F(Files, RemoveTreeRemovesNestedFilesAndEmptyDirectories)
+{
+    ASSERT_EQ(mkdir_p(path("top/a/b/c").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir_p(path("top/empty").c_str(), 0755), 0);
+    ASSERT_EQ(mkdir_p(path("top/a/also-empty").c_str(), 0755), 0);
+    for (const char* f : {"top/f", "top/a/g", "top/a/b/c/deep", "top/.hidden"})
+        touch(f);
+    // Mode 0600 directories, as the storage trees make them, are walked too.
+    ASSERT_EQ(chmod(path("top/a/b").c_str(), 0600), 0);
+
+    EXPECT_EQ(neo_remove_tree(path("top").c_str()), 0);
+    EXPECT_FALSE(exists(path("top")));
+    EXPECT_TRUE(is_dir(root_));
+
+    // A plain file is removed as itself; what is already gone is no error.
+    touch("file");
+    EXPECT_EQ(neo_remove_tree(path("file").c_str()), 0);
+    EXPECT_FALSE(exists(path("file")));
+    EXPECT_EQ(neo_remove_tree(path("file").c_str()), 0);
+    EXPECT_EQ(neo_remove_tree(path("never/there").c_str()), 0);
+    EXPECT_EQ(neo_remove_tree(nullptr), -1);
+}
+
+TEST_F(Files, RemoveTreeRemovesLinksNeverFollowsThem)
+{
+    touch("outside/keep", "precious");
+    touch("outside/inner/keep2");
+    ASSERT_EQ(mkdir_p(path("top/sub").c_str(), 0755), 0);
+    ASSERT_EQ(symlink(path("outside").c_str(), path("top/dirlink").c_str()), 0);
+    ASSERT_EQ(symlink(path("outside/keep").c_str(), path("top/sub/filelink").c_str()), 0);
+    ASSERT_EQ(symlink(path("dangling-target").c_str(), path("top/dangling").c_str()), 0);
+
+    EXPECT_EQ(neo_remove_tree(path("top").c_str()), 0);
+    EXPECT_FALSE(exists(path("top")));
+    EXPECT_TRUE(exists(path("outside/inner/keep2")));
+    EXPECT_EQ(read_file(path("outside/keep")), "precious");
+
+    // A link given as the tree itself goes, its target stays.
+    ASSERT_EQ(symlink(path("outside").c_str(), path("toplink").c_str()), 0);
+    EXPECT_EQ(neo_remove_tree(path("toplink").c_str()), 0);
+    EXPECT_FALSE(exists(path("toplink")));
+    EXPECT_TRUE(exists(path("outside/inner/keep2")));
 }
 
 TEST(ExitHelpersDeathTest, WriteTheirLineAndExitWithTheStatus)

@@ -30,30 +30,18 @@ std::vector<int> backward(neo_list_head_t* head)
 
 }  // namespace
 
-TEST(LinkedList, EmptyWhenNewAndAfterDeletingTheOnlyNode)
+TEST(LinkedList, AddTailAppendsAddPrependsAndDeleteUnlinksFromAnyPlace)
 {
     neo_list_head_t head;
     INIT_LIST_HEAD(&head);
     EXPECT_TRUE(list_empty(&head));
-
-    rec r{1, {}};
-    list_add_tail(&r.link, &head);
-    EXPECT_FALSE(list_empty(&head));
-    EXPECT_EQ(head.next, &r.link);
-    EXPECT_EQ(head.prev, &r.link);
-
-    list_del(&r.link);
-    EXPECT_TRUE(list_empty(&head));
-    EXPECT_EQ(head.prev, &head);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(r.link.next), 0x100100u);
-    EXPECT_EQ(reinterpret_cast<std::uintptr_t>(r.link.prev), 0x200200u);
-}
-
-TEST(LinkedList, AddTailAppendsAddPrependsAndLinksStayConsistent)
-{
-    neo_list_head_t head;
-    INIT_LIST_HEAD(&head);
     rec r[5] = {{0, {}}, {1, {}}, {2, {}}, {3, {}}, {4, {}}};
+
+    list_add_tail(&r[1].link, &head);
+    EXPECT_FALSE(list_empty(&head));
+    list_del(&r[1].link);
+    EXPECT_TRUE(list_empty(&head)) << "deleting the only node";
+    EXPECT_EQ(head.prev, &head);
 
     list_add_tail(&r[1].link, &head);
     list_add_tail(&r[2].link, &head);
@@ -81,7 +69,7 @@ TEST(LinkedList, SafeWalksAllowRemovingTheCurrentNode)
         list_add_tail(&nodes[i].list, &head);
     }
 
-    // Remove the even records while walking; the removed node's links are poisoned at once.
+    // Remove the even records while walking; a removed node's links are poisoned at once.
     neo_list_head_t *pos, *n;
     list_for_each_safe(pos, n, &head) {
         if (*static_cast<int*>(orbs3_list_node(pos)->data) % 2 == 0)

@@ -118,7 +118,6 @@ TEST(Palloc, MaxIsBlockSizeLessHeadCappedBelowPage)
     ASSERT_NE(p, nullptr);
     EXPECT_EQ(a->large, nullptr);
     if (!orbs3_pool_debug) {
-        EXPECT_EQ(p, reinterpret_cast<uint8_t*>(a.get()) + 64);
         EXPECT_EQ(a->last, a->end);
         EXPECT_EQ(a->next, nullptr);
     }
@@ -133,55 +132,34 @@ TEST(Palloc, MaxIsBlockSizeLessHeadCappedBelowPage)
     EXPECT_EQ(orbs3_create_mem_block(63), nullptr);
 }
 
-TEST(Palloc, ReleaseLayoutOfBlocks)
+TEST(Palloc, RoomLeftInABlockIsUsedToItsLastByte)
 {
     if (orbs3_pool_debug)
         GTEST_SKIP() << "debug pools keep no blocks";
 
+    // An exact fit of the remaining room is still served in place.
     orbs3_pool_ptr pool(orbs3_create_mem_block(1024));
     ASSERT_NE(pool, nullptr);
-    auto* base = reinterpret_cast<uint8_t*>(pool.get());
-    EXPECT_TRUE(aligned(base, 16));
-    EXPECT_EQ(pool->last, base + 64);
-    EXPECT_EQ(pool->end, base + 1024);
-    EXPECT_EQ(pool->current, pool.get());
-
-    // Text then a record: the record is realigned to 8.
-    auto* t = static_cast<uint8_t*>(orbs3_pnalloc(pool.get(), 3));
-    EXPECT_EQ(t, base + 64);
-    auto* r = static_cast<uint8_t*>(orbs3_palloc(pool.get(), 1));
-    EXPECT_EQ(r, base + 72);
-    EXPECT_EQ(pool->last, base + 73);
-
-    // Fill the first block; the next request opens a second block, served 32 bytes behind its start.
-    std::size_t rest = static_cast<std::size_t>(pool->end - pool->last);
-    ASSERT_NE(orbs3_pnalloc(pool.get(), rest), nullptr);
-    auto* m = static_cast<uint8_t*>(orbs3_palloc(pool.get(), 100));
+    ASSERT_NE(orbs3_pnalloc(pool.get(), static_cast<std::size_t>(pool->end - pool->last)), nullptr);
+    EXPECT_EQ(pool->last, pool->end);
+    EXPECT_EQ(pool->next, nullptr);
+    // The next request opens a second block of the same size.
+    ASSERT_NE(orbs3_palloc(pool.get(), 100), nullptr);
     ASSERT_NE(pool->next, nullptr);
-    auto* blk = reinterpret_cast<uint8_t*>(pool->next);
-    EXPECT_TRUE(aligned(blk, 16));
-    EXPECT_EQ(m, blk + 32);
-    EXPECT_EQ(pool->next->last, blk + 132);
-    EXPECT_EQ(pool->next->end, blk + 1024);
-
-    // An exact fit of the remaining room is still served in place.
-    std::size_t left = static_cast<std::size_t>(pool->next->end - pool->next->last);
-    auto* x = static_cast<uint8_t*>(orbs3_pnalloc(pool.get(), left));
-    EXPECT_EQ(x, blk + 132);
-    EXPECT_EQ(pool->next->next, nullptr);
+    EXPECT_TRUE(aligned(pool->next, ORBS3_POOL_ALIGNMENT));
+    EXPECT_EQ(pool->next->end - reinterpret_cast<uint8_t*>(pool->next), 1024);
 
     // Ten bytes left at an odd offset: after realignment only eight remain, too few for 10 aligned bytes,
     // yet enough for 10 bytes of text.
     orbs3_pool_ptr odd(orbs3_create_mem_block(1024));
     ASSERT_NE(odd, nullptr);
-    auto* obase = reinterpret_cast<uint8_t*>(odd.get());
-    ASSERT_NE(orbs3_pnalloc(odd.get(), 1024 - 64 - 10), nullptr);
-    ASSERT_EQ(odd->last, odd->end - 10);
+    ASSERT_NE(orbs3_pnalloc(odd.get(), static_cast<std::size_t>(odd->end - odd->last) - 10), nullptr);
+    ASSERT_NE(reinterpret_cast<uintptr_t>(odd->last) % ORBS3_ALIGNMENT, 0u);
     auto* al = static_cast<uint8_t*>(orbs3_palloc(odd.get(), 10));
     ASSERT_NE(odd->next, nullptr);
-    EXPECT_EQ(al, reinterpret_cast<uint8_t*>(odd->next) + 32);
+    EXPECT_EQ(block_of(odd.get(), al, 10), odd->next);
     EXPECT_EQ(odd->last, odd->end - 10);
-    EXPECT_EQ(orbs3_pnalloc(odd.get(), 10), obase + 1014);
+    EXPECT_EQ(orbs3_pnalloc(odd.get(), 10), odd->end - 10);
     EXPECT_EQ(odd->last, odd->end);
 }
 
@@ -291,67 +269,50 @@ TEST(Palloc, PmemalignIsAlignedAndFreeable)
     EXPECT_EQ(orbs3_pfree(pool.get(), p), 0);
 }
 
-TEST(Palloc, DestroyRunsCleanupsNewestFirst)
+TEST(Palloc, CleanupsRunNewestFirstAndOnceWhetherResetOrDestroyed)
 {
-    std::vector<int> order;
     struct item {
         std::vector<int>* order;
         int id;
     };
-    orbs3_pool_t* pool = orbs3_create_mem_block(512);
-    ASSERT_NE(pool, nullptr);
-    for (int i = 0; i < 5; i++) {
-        orbs3_pool_cleanup_t* c = orbs3_pool_cleanup_add(pool, sizeof(item));
-        ASSERT_NE(c, nullptr);
-        EXPECT_EQ(c->handler, nullptr);
-        EXPECT_EQ(pool->cleanup, c);
-        ASSERT_NE(c->data, nullptr);
-        *static_cast<item*>(c->data) = {&order, i};
-        if (i != 2)  // a record without handler is passed over
-            c->handler = [](void* d) {
-                auto* it = static_cast<item*>(d);
-                it->order->push_back(it->id);
-            };
+    for (bool reset_first : {false, true}) {
+        SCOPED_TRACE(reset_first ? "reset, then destroy" : "destroy");
+        std::vector<int> order;
+        orbs3_pool_t* pool = orbs3_create_mem_block(1024);
+        ASSERT_NE(pool, nullptr);
+        for (int i = 0; i < 5; i++) {
+            orbs3_pool_cleanup_t* c = orbs3_pool_cleanup_add(pool, sizeof(item));
+            ASSERT_NE(c, nullptr);
+            EXPECT_EQ(c->handler, nullptr);
+            ASSERT_NE(c->data, nullptr);
+            *static_cast<item*>(c->data) = {&order, i};
+            if (i != 2)  // a record without handler is passed over
+                c->handler = [](void* d) {
+                    auto* it = static_cast<item*>(d);
+                    it->order->push_back(it->id);
+                };
+        }
+        orbs3_pool_cleanup_t* bare = orbs3_pool_cleanup_add(pool, 0);
+        ASSERT_NE(bare, nullptr);
+        EXPECT_EQ(bare->data, nullptr);
+        // The cleanups see several blocks and large allocations still alive; LeakSanitizer sees any large
+        // allocation a reset leaves behind.
+        for (int i = 0; i < 50; i++)
+            ASSERT_NE(orbs3_palloc(pool, 300 + i * 40), nullptr);
+        EXPECT_TRUE(order.empty());
+        if (reset_first) {
+            EXPECT_EQ(orbs3_reset_pool(pool), pool);
+            EXPECT_EQ(order, (std::vector<int>{4, 3, 1, 0}));
+            EXPECT_EQ(pool->cleanup, nullptr);
+            EXPECT_EQ(pool->large, nullptr);
+            EXPECT_EQ(pool->current, pool);
+            // The pool is usable again, and a destroy does not run the dropped cleanups a second time.
+            ASSERT_NE(orbs3_palloc(pool, 100), nullptr);
+            ASSERT_NE(orbs3_palloc(pool, 3000), nullptr);
+        }
+        orbs3_destroy_pool(pool);
+        EXPECT_EQ(order, (std::vector<int>{4, 3, 1, 0}));
     }
-    orbs3_pool_cleanup_t* bare = orbs3_pool_cleanup_add(pool, 0);
-    ASSERT_NE(bare, nullptr);
-    EXPECT_EQ(bare->data, nullptr);
-    // Enough allocations that the cleanups see several blocks and large allocations still alive.
-    for (int i = 0; i < 50; i++)
-        ASSERT_NE(orbs3_palloc(pool, 300 + i * 40), nullptr);
-    EXPECT_TRUE(order.empty());
-    orbs3_destroy_pool(pool);
-    EXPECT_EQ(order, (std::vector<int>{4, 3, 1, 0}));
-}
-
-TEST(Palloc, ResetRunsCleanupsOnceAndFreesLarge)
-{
-    int runs = 0;
-    orbs3_pool_ptr pool(orbs3_create_mem_block(1024));
-    ASSERT_NE(pool, nullptr);
-    orbs3_pool_cleanup_t* c = orbs3_pool_cleanup_add(pool.get(), 0);
-    ASSERT_NE(c, nullptr);
-    c->data = &runs;
-    c->handler = [](void* d) { ++*static_cast<int*>(d); };
-    for (int i = 0; i < 10; i++)
-        ASSERT_NE(orbs3_palloc(pool.get(), 2000), nullptr);  // large: LeakSanitizer sees any left behind
-    for (int i = 0; i < 30; i++)
-        ASSERT_NE(orbs3_palloc(pool.get(), 500), nullptr);
-
-    EXPECT_EQ(orbs3_reset_pool(pool.get()), pool.get());
-    EXPECT_EQ(runs, 1);
-    EXPECT_EQ(pool->cleanup, nullptr);
-    EXPECT_EQ(pool->large, nullptr);
-    EXPECT_EQ(pool->current, pool.get());
-    if (!orbs3_pool_debug) {
-        EXPECT_EQ(pool->last, reinterpret_cast<uint8_t*>(pool.get()) + 64);
-    }
-
-    // The pool is usable again, and a destroy does not run the dropped cleanup a second time.
-    ASSERT_NE(orbs3_palloc(pool.get(), 100), nullptr);
-    ASSERT_NE(orbs3_palloc(pool.get(), 3000), nullptr);
-    pool.reset();
-    EXPECT_EQ(runs, 1);
 }
 
 TEST(Palloc, RunCleanupFileClosesOnceOnly)

@@ -115,39 +115,6 @@ TEST(RbTree, RandomInsertDeleteKeepsInvariantsAndOrder)
     }
 }
 
-TEST(RbTree, EqualKeysAllStayAndMinIsOneOfTheSmallest)
-{
-    std::vector<item> items(200);
-    tree_fixture t(neo_rbtree_insert_value);
-    for (std::size_t i = 0; i < items.size(); i++) {
-        // Mostly one key, with a few smaller ones arriving late.
-        items[i].key = (i % 50 == 49) ? 3 : 7;
-        t.insert(items[i]);
-    }
-    std::vector<neo_rbtree_node_t*> order;
-    ASSERT_TRUE(rbtree_check::valid(t.tree, items.size(), true, &order));
-    EXPECT_EQ(neo_rbtree_min(t.tree.root, t.tree.sentinel)->key, 3u);
-    EXPECT_TRUE(ordered_by_key_then_arrival(order));
-
-    // Removing the minimum repeatedly gives every node back, smallest keys first, equal keys by arrival.
-    std::vector<uint64_t> seen;
-    uint64_t last_key = 0;
-    uint64_t last_seq = 0;
-    while (!neo_rbtree_empty(&t.tree)) {
-        item* m = of(neo_rbtree_min(t.tree.root, t.tree.sentinel));
-        if (!seen.empty() && m->key == last_key) {
-            EXPECT_GT(m->seq, last_seq);
-        }
-        last_key = m->key;
-        last_seq = m->seq;
-        seen.push_back(m->key);
-        t.remove(*m);
-        ASSERT_TRUE(rbtree_check::valid(t.tree, items.size() - seen.size(), true));
-    }
-    ASSERT_EQ(seen.size(), items.size());
-    EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
-}
-
 TEST(RbTree, TimerInsertKeepsArrivalOrderWhateverTheKeys)
 {
     std::mt19937_64 rng(42);

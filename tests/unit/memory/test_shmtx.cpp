@@ -134,8 +134,14 @@ void guarded_increment(shared_t* s, orbs3_shmtx_t* mtx, uint64_t* counter)
 
 struct Shmtx : ::testing::Test {
     pid_t saved_pid = orbs3_pid;
+    SharedMap map;
+    shared_t* s = map.get();
     // As in a worker: the lock value is the master's pid, inherited by every process.
-    void SetUp() override { orbs3_pid = getpid(); }
+    void SetUp() override
+    {
+        orbs3_pid = getpid();
+        ASSERT_NE(s, nullptr);
+    }
     void TearDown() override { orbs3_pid = saved_pid; }
 };
 
@@ -143,9 +149,6 @@ struct Shmtx : ::testing::Test {
 
 TEST_F(Shmtx, TrylockTakesOnlyAFreeWordAndNeverWaits)
 {
-    SharedMap map;
-    shared_t* s = map.get();
-    ASSERT_NE(s, nullptr);
     ASSERT_EQ(orbs3_shmtx_create(&s->mtx, s->words, "test"), 0);
     ASSERT_EQ(s->mtx.semaphore, 1u);
     EXPECT_EQ(s->mtx.spin, ORBS3_SHMTX_SPIN);
@@ -187,9 +190,6 @@ TEST_F(Shmtx, TrylockTakesOnlyAFreeWordAndNeverWaits)
 
 TEST_F(Shmtx, UnlockWakesOneSleeperPerCall)
 {
-    SharedMap map;
-    shared_t* s = map.get();
-    ASSERT_NE(s, nullptr);
     ASSERT_EQ(orbs3_shmtx_create(&s->mtx, s->words, "test"), 0);
     ASSERT_EQ(s->mtx.semaphore, 1u);
 
@@ -232,9 +232,6 @@ TEST_F(Shmtx, UnlockWakesOneSleeperPerCall)
 
 TEST_F(Shmtx, WithoutSemaphoreThreadsStillExclude)
 {
-    SharedMap map;
-    shared_t* s = map.get();
-    ASSERT_NE(s, nullptr);
     s->mtx.spin = ORBS3_SHMTX_NO_SEMAPHORE;
     ASSERT_EQ(orbs3_shmtx_create(&s->mtx, s->words, "test"), 0);
     EXPECT_EQ(s->mtx.semaphore, 0u);
@@ -262,7 +259,6 @@ TEST_F(Shmtx, WithoutSemaphoreThreadsStillExclude)
 // same mutex, and the pool's accounting must come out as it went in.
 TEST_F(Shmtx, PoolMutexContendedByProcessesAndThreadsLosesNoUpdate)
 {
-
     constexpr int kThreads = 3;  // in each process
     constexpr int kEach = 50000;
     constexpr uint64_t kZone = 256 * 1024;

@@ -18,17 +18,6 @@ using WorkspaceDeathTest = ws_fixture;
 
 }  // namespace
 
-TEST_F(Workspace, InitSetsBoundsAndClearsTheRest)
-{
-    EXPECT_EQ(ws.s, space);
-    EXPECT_EQ(ws.f, space);
-    EXPECT_EQ(ws.e, space + sizeof(space));
-    EXPECT_EQ(ws.r, nullptr);
-    EXPECT_EQ(ws.overflow, 0u);
-    EXPECT_STREQ(ws.id, "test");
-    EXPECT_EQ(ws_free(&ws), sizeof(space));
-}
-
 TEST_F(Workspace, AllocRoundsUpToEightAndOverflowLeavesFrontAlone)
 {
     struct step {

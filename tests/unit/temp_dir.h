@@ -1,0 +1,81 @@
+// Scratch directories and whole-file helpers for tests that work on real files.
+#pragma once
+
+#include <stdlib.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "core/orbs3_prefix.h"
+
+namespace unit_test {
+
+// A fresh directory under /tmp, removed with everything in it when the test ends.
+struct temp_dir {
+    std::filesystem::path path;
+
+    // Without its directory a test would write below "/" instead: the run ends at once.
+    temp_dir()
+    {
+        char tmpl[] = "/tmp/orbs3_test_XXXXXX";
+        if (mkdtemp(tmpl) == nullptr) {
+            std::perror("mkdtemp");
+            std::abort();
+        }
+        path = tmpl;
+    }
+    ~temp_dir()
+    {
+        std::error_code ec;
+        std::filesystem::remove_all(path, ec);
+    }
+    temp_dir(const temp_dir&) = delete;
+    temp_dir& operator=(const temp_dir&) = delete;
+
+    // `rel` below the directory, as a string for the C interfaces.
+    std::string operator()(const std::string& rel) const { return (path / rel).string(); }
+};
+
+// The daemon's paths (ORBMUX_PREFIX) under a fresh directory; the old prefix comes back at the end.
+struct prefix_sandbox : temp_dir {
+    std::optional<std::string> old_prefix;
+
+    prefix_sandbox()
+    {
+        if (const char* old = getenv("ORBMUX_PREFIX"))
+            old_prefix = old;
+        setenv("ORBMUX_PREFIX", path.c_str(), 1);
+        orbs3_prefix_reload();
+    }
+    ~prefix_sandbox()
+    {
+        if (old_prefix)
+            setenv("ORBMUX_PREFIX", old_prefix->c_str(), 1);
+        else
+            unsetenv("ORBMUX_PREFIX");
+        orbs3_prefix_reload();
+    }
+};
+
+// Replaces the file with `text`, making its parent directories.
+inline void write_file(const std::filesystem::path& p, std::string_view text)
+{
+    std::error_code ec;
+    std::filesystem::create_directories(p.parent_path(), ec);
+    std::ofstream(p, std::ios::trunc | std::ios::binary).write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+// The whole file, or "" when it can't be read.
+inline std::string read_file(const std::filesystem::path& p)
+{
+    std::ifstream in(p, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+}  // namespace unit_test
