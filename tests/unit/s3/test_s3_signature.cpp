@@ -160,8 +160,11 @@ TEST(S3Signature, StreamingPayloadIsAnnouncedByItsSeedHeader)
 
 // ---- requests signed by botocore ----
 
+// Each vector gives its result; a vector that verifies fails with one signature character changed, and
+// with its hexadecimal signature in upper case (V2 signatures are base64, where case is part of the value).
 TEST(S3Signature, BotocoreSignedRequestsGiveTheirExpectedResult)
 {
+    int upper_checked = 0;
     for (const signature_vector_t& v : kSignatureVectors) {
         SCOPED_TRACE(v.name);
         parsed_request p(v.head, v.host_style);
@@ -182,37 +185,22 @@ TEST(S3Signature, BotocoreSignedRequestsGiveTheirExpectedResult)
         } else {
             EXPECT_EQ(orbs3_s3_request_access_key(p.r(), key), ORBS3_AUTH_MALFORMED);
         }
-    }
-}
-
-TEST(S3Signature, OneChangedSignatureCharacterFails)
-{
-    for (const signature_vector_t& v : kSignatureVectors) {
         if (v.expect != 0)
             continue;
-        SCOPED_TRACE(v.name);
-        EXPECT_EQ(authenticate(tampered(v.head, v.signature), v.secret, static_cast<time_t>(v.now), v.host_style),
+        const auto now = static_cast<time_t>(v.now);
+        EXPECT_EQ(authenticate(tampered(v.head, v.signature), v.secret, now, v.host_style),
                   ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
-    }
-}
-
-TEST(S3Signature, UpperCaseHexSignatureIsRefused)
-{
-    int checked = 0;
-    for (const signature_vector_t& v : kSignatureVectors) {
         std::string_view sig = v.signature;
-        if (v.expect != 0 || sig.size() != 64 || sig.find_first_of("abcdef") == std::string_view::npos)
-            continue;  // V2 signatures are base64, where case is part of the value anyway
-        SCOPED_TRACE(v.name);
-        std::string head = v.head;
-        std::size_t at = head.find(sig);
+        if (sig.size() != 64 || sig.find_first_of("abcdef") == std::string_view::npos)
+            continue;
+        std::string upper = v.head;
+        const std::size_t at = upper.find(sig);
         for (std::size_t i = 0; i < sig.size(); i++)
-            head[at + i] = static_cast<char>(std::toupper(static_cast<unsigned char>(head[at + i])));
-        EXPECT_EQ(authenticate(head, v.secret, static_cast<time_t>(v.now), v.host_style),
-                  ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
-        checked++;
+            upper[at + i] = static_cast<char>(std::toupper(static_cast<unsigned char>(upper[at + i])));
+        EXPECT_EQ(authenticate(upper, v.secret, now, v.host_style), ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
+        upper_checked++;
     }
-    EXPECT_GT(checked, 20);
+    EXPECT_GT(upper_checked, 20);
 }
 
 // ---- credentials that cannot be read ----
@@ -380,10 +368,6 @@ TEST(S3Signature, PresignedExpiryOutsideOneSecondToAWeekIsAMalformedQuery)
             EXPECT_EQ(message, nullptr);
         }
     }
-    const orbs3_s3_error_t* e = orbs3_s3_find_error(ORBS3_S3_AUTH_QUERY_MALFORMED);
-    ASSERT_NE(e, nullptr);
-    EXPECT_STREQ(e->name, "AuthorizationQueryParametersError");
-    EXPECT_EQ(e->http_status, 400u);
 }
 
 // Every request a client signed correctly, replayed with one header more. A header that steers the
