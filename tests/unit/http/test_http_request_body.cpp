@@ -17,6 +17,7 @@
 #include "http/orbs3_http_request.h"
 #include "http/orbs3_http_request_body.h"
 #include "memory/neo_md5.h"
+#include "socketpair_connection.h"
 
 namespace {
 
@@ -54,16 +55,7 @@ protected:
         sysconfig.http_header_in_size = 4096;
         sysconfig.http_work_space = 1024;
         sysconfig.request_pool_size = 32768;
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        peer_ = orbs3_fd(sv[1]);
-        c_ = orbs3_create_connection(8192);
         ASSERT_NE(c_, nullptr);
-        c_->fd = sv[0];
-        c_->epfd = -1;
-        c_->send = orbs3_send;
-        c_->recv = orbs3_recv;
-        orbs3_nonblocking(sv[0]);
         r_ = orbs3_http_create_request(c_);
         ASSERT_NE(r_, nullptr);
         c_->data = r_;
@@ -72,7 +64,6 @@ protected:
     void TearDown() override
     {
         orbs3_http_close_request(r_);
-        orbs3_close_connection(c_);
         sysconfig = saved_;
     }
 
@@ -87,15 +78,11 @@ protected:
         r_->headers_in.chunked = is_chunked;
     }
     void peer_send(const std::string& s) { ASSERT_EQ(write(peer_.get(), s.data(), s.size()), ssize_t(s.size())); }
+    // The peer blocks while the test writes to it, and stops blocking once the test reads.
     std::string peer_read()
     {
-        std::string out;
-        char buf[4096];
-        ssize_t n;
         fcntl(peer_.get(), F_SETFL, O_NONBLOCK);
-        while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
-            out.append(buf, static_cast<std::size_t>(n));
-        return out;
+        return conn_.drain();
     }
     std::string head_rest() const
     {
@@ -115,8 +102,9 @@ protected:
     }
 
     orbs3_sysconfig_t saved_;
-    orbs3_fd peer_;
-    orbs3_connection_t* c_ = nullptr;
+    unit_test::socketpair_connection conn_{false};
+    orbs3_connection_t* c_ = conn_.c;
+    orbs3_fd& peer_ = conn_.peer;
     orbs3_http_request_t* r_ = nullptr;
 };
 
