@@ -25,10 +25,9 @@
 #include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_classify.h"
 #include "fuzz_check.h"
+#include "fuzz_request.h"
 
 namespace {
-
-constexpr std::size_t url_space = 4096;
 
 // The path of a request target up to its query or fragment, every %XX decoded.
 std::string decoded_path(std::string_view raw)
@@ -78,11 +77,6 @@ bool known_action(std::string_view a)
     return false;
 }
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data ? std::string_view(s.data, s.len) : std::string_view();
-}
-
 void check_str(const orbs3_str_t& s, std::size_t bound)
 {
     if (s.data == nullptr) {
@@ -112,24 +106,8 @@ void setup_once()
 
 void classify(const uint8_t* data, std::size_t size)
 {
-    orbs3_pool_ptr pool(orbs3_create_mem_block(16384));
-    CHECK(pool);
-    auto* r = static_cast<orbs3_http_request_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_http_request_t)));
-    auto* in = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), size + 1));  // the spare zero byte
-    auto* url = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), url_space));
-    r->header_in = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-    r->url_buf = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-    CHECK(r && in && url && r->header_in && r->url_buf);
-    if (size != 0)
-        std::memcpy(in, data, size);
-    r->pool = pool.get();
-    r->content_length = -1;
-    r->header_in->start = r->header_in->pos = in;
-    r->header_in->last = in + size;
-    r->header_in->end = in + size + 1;
-    r->url_buf->start = r->url_buf->pos = r->url_buf->last = url;
-    r->url_buf->end = url + url_space;
-
+    request_in_pool q(data, size);
+    orbs3_http_request_t* r = q.r;
     if (parser_http_request_handler(r) != 0)
         return;
     (void)orbs3_find_virtual_server(r);
@@ -140,7 +118,7 @@ void classify(const uint8_t* data, std::size_t size)
     check_str(m.action, 64);
     if (m.action.len == 0)
         return;
-    CHECK(known_action(view(m.action)));
+    CHECK(known_action(orbs3_str_view(m.action)));
 
     // The bucket comes from the Host value or the path as sent, the key from the path as sent: escapes
     // decode to fewer bytes, nothing else is added.
@@ -150,8 +128,8 @@ void classify(const uint8_t* data, std::size_t size)
     // Query values decode to no more bytes than they were sent in.
     check_str(m.uploadId, r->args.len);
     check_str(m.prefix, r->args.len);
-    const std::string_view bucket = view(m.bucket);
-    const std::string_view object = view(m.object);
+    const std::string_view bucket = orbs3_str_view(m.bucket);
+    const std::string_view object = orbs3_str_view(m.object);
     if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL)
         CHECK(bucket.find('.') == std::string_view::npos);
     else
@@ -162,7 +140,7 @@ void classify(const uint8_t* data, std::size_t size)
     CHECK(std::string_view(path).ends_with(object));
     if (r->host_style != ORBS3_HOST_STYLE_VIRTUAL)
         CHECK(object.size() + bucket.size() <= path.size());
-    if (view(m.action) == "ListObject")
+    if (orbs3_str_view(m.action) == "ListObject")
         CHECK(m.max_keys >= 1);
 }
 

@@ -13,6 +13,7 @@
 
 #include "core/orbs3_config.h"
 #include "fuzz_check.h"
+#include "fuzz_request.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
 #include "memory/orbs3_palloc.h"
@@ -23,8 +24,6 @@
 #include "storage/orbs3_object_copy.h"
 
 namespace {
-
-constexpr std::size_t url_space = 4096;
 
 void setup_once()
 {
@@ -37,35 +36,16 @@ void setup_once()
     orbs3_conf.objectdirnum = 10;
 }
 
-std::string_view view(const orbs3_str_t& s)
-{
-    return s.data ? std::string_view(s.data, s.len) : std::string_view();
-}
-
 // rc, and the bucket and key as strings, of one head with the header `name: value`.
 int parse(std::string_view name, std::string_view value, std::string* bucket, std::string* key)
 {
     std::string head = "PUT /dst/k HTTP/1.1\r\nHost: h\r\n" + std::string(name) + ": " + std::string(value) + "\r\n\r\n";
-    orbs3_pool_ptr pool(orbs3_create_mem_block(16384));
-    CHECK(pool);
-    auto* r = static_cast<orbs3_http_request_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_http_request_t)));
-    auto* in = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), head.size() + 1));
-    auto* url = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), url_space));
-    r->header_in = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-    r->url_buf = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-    CHECK(r && in && url && r->header_in && r->url_buf);
-    std::memcpy(in, head.data(), head.size());
-    r->pool = pool.get();
-    r->content_length = -1;
-    r->header_in->start = r->header_in->pos = in;
-    r->header_in->last = in + head.size();
-    r->header_in->end = in + head.size() + 1;
-    r->url_buf->start = r->url_buf->pos = r->url_buf->last = url;
-    r->url_buf->end = url + url_space;
+    request_in_pool q(head.data(), head.size());
+    orbs3_http_request_t* r = q.r;
     if (parser_http_request_handler(r) != 0)
         return -1;
     orbs3_str_t b{}, k{};
-    const int rc = orbs3_parse_copy_source(r, pool.get(), &b, &k);
+    const int rc = orbs3_parse_copy_source(r, q.pool.get(), &b, &k);
     if (rc != 0) {
         CHECK(rc == static_cast<int>(ORBS3_S3_INVALID_ARGUMENT) || rc == static_cast<int>(ORBS3_S3_KEY_TOO_LONG) ||
               rc == static_cast<int>(ORBS3_S3_INVALID_URI) || rc == static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
@@ -73,8 +53,8 @@ int parse(std::string_view name, std::string_view value, std::string* bucket, st
     }
     CHECK(b.data != nullptr && b.data[b.len] == '\0' && k.data != nullptr && k.data[k.len] == '\0');
     CHECK(b.len + k.len < value.size());
-    *bucket = std::string(view(b));
-    *key = std::string(view(k));
+    *bucket = std::string(orbs3_str_view(b));
+    *key = std::string(orbs3_str_view(k));
     return 0;
 }
 

@@ -19,36 +19,9 @@
 #include "memory/orbs3_hash.h"
 #include "memory/orbs3_palloc.h"
 #include "fuzz_check.h"
+#include "fuzz_request.h"
 
 namespace {
-
-constexpr std::size_t url_space = 4096;
-
-struct request_in_pool {
-    orbs3_pool_ptr pool;
-    orbs3_http_request_t* r = nullptr;
-    uint8_t* in = nullptr;
-
-    request_in_pool(const uint8_t* data, std::size_t size) : pool(orbs3_create_mem_block(16384))
-    {
-        CHECK(pool);
-        r = static_cast<orbs3_http_request_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_http_request_t)));
-        in = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), size + 1));  // the spare zero byte
-        auto* url = static_cast<uint8_t*>(orbs3_pcalloc(pool.get(), url_space));
-        r->header_in = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-        r->url_buf = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-        CHECK(r && in && url && r->header_in && r->url_buf);
-        if (size != 0)
-            std::memcpy(in, data, size);
-        r->pool = pool.get();
-        r->content_length = -1;
-        r->header_in->start = r->header_in->pos = in;
-        r->header_in->last = in + size;
-        r->header_in->end = in + size + 1;
-        r->url_buf->start = r->url_buf->pos = r->url_buf->last = url;
-        r->url_buf->end = url + url_space;
-    }
-};
 
 bool inside(const char* p, uint64_t len, const uint8_t* start, std::size_t size)
 {

@@ -22,10 +22,7 @@ inline void ensure_headers_hash()
     ASSERT_TRUE(done);
 }
 
-inline std::string_view sv(const orbs3_str_t& s)
-{
-    return s.data ? std::string_view(s.data, s.len) : std::string_view();
-}
+inline constexpr auto& sv = orbs3_str_view;
 
 inline orbs3_buf_t* make_buf(orbs3_pool_t* pool, uint8_t* data, std::size_t size, std::size_t used)
 {

@@ -112,22 +112,6 @@ TEST(HttpHeadersIn, RepeatedHeadersThatDecideByTheLastOrCollectAll)
         EXPECT_EQ(sv(h[0]->value), "10.0.0.1");
         EXPECT_EQ(sv(h[1]->value), "10.0.0.2, 10.0.0.3");
     }
-    {   // The handlers without a table row, on the same field: all occurrences past the first slot, or
-        // the first one only.
-        parsed_head p("");
-        ASSERT_EQ(p.rc, 0);
-        orbs3_header_t one{}, two{}, three{};
-        const std::size_t arr = offsetof(orbs3_http_headers_in_t, x_forwarded_for);
-        for (orbs3_header_t* h : {&one, &two, &three})
-            ASSERT_EQ(orbs3_http_process_multi_header_lines(p.t.r, h, arr), 0);
-        const orbs3_array_t& a = p.t.r->headers_in.x_forwarded_for;
-        ASSERT_EQ(a.nelts, 3u);
-        EXPECT_EQ(static_cast<orbs3_header_t**>(a.elts)[2], &three);
-        const std::size_t field = offsetof(orbs3_http_headers_in_t, keep_alive);
-        ASSERT_EQ(orbs3_http_process_header_keep_alive(p.t.r, &one, field), 0);
-        ASSERT_EQ(orbs3_http_process_header_keep_alive(p.t.r, &two, field), 0);
-        EXPECT_EQ(p.t.r->headers_in.keep_alive, &one);
-    }
     {   // Cookie: every cookie of every Cookie header; the headers' keys are emptied.
         parsed_head p("Cookie: a=1; b=2\r\nCookie: ;;  c=3;flag\r\n");
         ASSERT_EQ(p.rc, 0);

@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "http/guarded_bytes.h"
+#include "feed.h"
 #include "http/orbs3_http_range.h"
 
 namespace {
@@ -28,8 +28,8 @@ void check_rows(const row* rows, std::size_t n)
         const row& r = rows[i];
         // The value ends right before an unreadable page: a read past it faults.
         std::string_view text(r.value);
-        guarded_bytes g(text);
-        std::string_view placed(reinterpret_cast<const char*>(g.data()), text.size());
+        feed::bytes in(text);
+        std::string_view placed(in.chars(), text.size());
         orbs3_byte_range_t out{-7, -7};
         int rc = orbs3_http_range_resolve(placed, r.size, &out);
         EXPECT_EQ(rc, r.want) << "'" << r.value << "' of " << r.size;

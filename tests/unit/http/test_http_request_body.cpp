@@ -17,6 +17,7 @@
 #include "http/orbs3_http_request.h"
 #include "http/orbs3_http_request_body.h"
 #include "memory/neo_md5.h"
+#include "socketpair_connection.h"
 
 namespace {
 
@@ -54,26 +55,24 @@ protected:
         sysconfig.http_header_in_size = 4096;
         sysconfig.http_work_space = 1024;
         sysconfig.request_pool_size = 32768;
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        peer_ = orbs3_fd(sv[1]);
-        c_ = orbs3_create_connection(8192);
         ASSERT_NE(c_, nullptr);
-        c_->fd = sv[0];
-        c_->epfd = -1;
-        c_->send = orbs3_send;
-        c_->recv = orbs3_recv;
-        orbs3_nonblocking(sv[0]);
-        r_ = orbs3_http_create_request(c_);
-        ASSERT_NE(r_, nullptr);
-        c_->data = r_;
-        r_->http_version = ORBS3_HTTP_VERSION_11;
+        new_request();
     }
     void TearDown() override
     {
         orbs3_http_close_request(r_);
-        orbs3_close_connection(c_);
         sysconfig = saved_;
+    }
+
+    // The next request on the connection, as a kept-alive connection gets it.
+    void new_request(uint32_t version = ORBS3_HTTP_VERSION_11)
+    {
+        if (r_ != nullptr)
+            orbs3_http_close_request(r_);
+        r_ = orbs3_http_create_request(c_);
+        ASSERT_NE(r_, nullptr);
+        c_->data = r_;
+        r_->http_version = version;
     }
 
     // The head buffer as the head reader leaves it: `surplus` behind a head that has been consumed.
@@ -87,15 +86,11 @@ protected:
         r_->headers_in.chunked = is_chunked;
     }
     void peer_send(const std::string& s) { ASSERT_EQ(write(peer_.get(), s.data(), s.size()), ssize_t(s.size())); }
+    // The peer blocks while the test writes to it, and stops blocking once the test reads.
     std::string peer_read()
     {
-        std::string out;
-        char buf[4096];
-        ssize_t n;
         fcntl(peer_.get(), F_SETFL, O_NONBLOCK);
-        while ((n = read(peer_.get(), buf, sizeof buf)) > 0)
-            out.append(buf, static_cast<std::size_t>(n));
-        return out;
+        return conn_.drain();
     }
     std::string head_rest() const
     {
@@ -115,8 +110,9 @@ protected:
     }
 
     orbs3_sysconfig_t saved_;
-    orbs3_fd peer_;
-    orbs3_connection_t* c_ = nullptr;
+    unit_test::socketpair_connection conn_{false};
+    orbs3_connection_t* c_ = conn_.c;
+    orbs3_fd& peer_ = conn_.peer;
     orbs3_http_request_t* r_ = nullptr;
 };
 
@@ -158,10 +154,7 @@ TEST_F(RequestBody, ChunkedBodyDecodesAtEverySplitAndNeverReadsPastItsEnd)
     const std::string next = "GET /after HTTP/1.1\r\n\r\n";
     for (std::size_t split = 0; split <= wire.size(); split++) {
         SCOPED_TRACE(split);
-        orbs3_http_close_request(r_);
-        r_ = orbs3_http_create_request(c_);
-        ASSERT_NE(r_, nullptr);
-        c_->data = r_;
+        new_request();
         // Part in the head buffer, the rest and a next request on the socket.
         with_head_surplus(wire.substr(0, split), -1, true);
         if (split < wire.size())
@@ -177,9 +170,7 @@ TEST_F(RequestBody, ChunkedBodyDecodesAtEverySplitAndNeverReadsPastItsEnd)
         EXPECT_EQ(std::string(rest), next);
     }
     // A malformed size line is refused.
-    orbs3_http_close_request(r_);
-    r_ = orbs3_http_create_request(c_);
-    c_->data = r_;
+    new_request();
     with_head_surplus("zz\r\n", -1, true);
     ssize_t rc;
     read_all(&rc);
@@ -191,9 +182,7 @@ TEST_F(RequestBody, DocumentRoadJoinsLinksAndRefusesDocumentsAboveTheBound)
     // Exactly one link, one byte more, and several links: the handler sees the whole document.
     for (std::size_t size : {std::size_t{1024}, std::size_t{1025}, std::size_t{5000}}) {
         SCOPED_TRACE(size);
-        orbs3_http_close_request(r_);
-        r_ = orbs3_http_create_request(c_);
-        c_->data = r_;
+        new_request();
         std::string doc(size, 'd');
         doc.back() = 'z';
         with_head_surplus(doc.substr(0, 100), static_cast<int64_t>(size));
@@ -205,9 +194,7 @@ TEST_F(RequestBody, DocumentRoadJoinsLinksAndRefusesDocumentsAboveTheBound)
         EXPECT_EQ(r_->request_body->chain_count, (size + 1023) / 1024);
     }
     // Announced above the bound: refused before a byte is read.
-    orbs3_http_close_request(r_);
-    r_ = orbs3_http_create_request(c_);
-    c_->data = r_;
+    new_request();
     with_head_surplus("", ORBS3_HTTP_DOCUMENT_MAX + 1);
     peer_send("xyz");
     EXPECT_EQ(orbs3_http_recv_request_body(c_->read), ORBS3_HTTP_BODY_TOO_LARGE);
@@ -282,9 +269,7 @@ TEST_F(RequestBody, FileRoadResumesAcrossPausesWithTheSameDigestAndFlagsAShortBo
     EXPECT_EQ(stored, body);
 
     // The peer goes away half way: the road says so instead of finishing.
-    orbs3_http_close_request(r_);
-    r_ = orbs3_http_create_request(c_);
-    c_->data = r_;
+    new_request();
     file = pool_new<orbs3_upload_file_t>(r_->pool);
     ASSERT_EQ(neo_md5_init(&file->md5), 0);
     with_head_surplus("", 100);
@@ -310,10 +295,7 @@ TEST_F(RequestBody, ContinueGoesOutOnceAndOnlyWhenTheSocketIsRead)
     EXPECT_EQ(read_all(&rc), "abc");
     EXPECT_EQ(peer_read(), "");
 
-    orbs3_http_close_request(r_);
-    r_ = orbs3_http_create_request(c_);
-    c_->data = r_;
-    r_->http_version = ORBS3_HTTP_VERSION_11;
+    new_request();
     r_->headers_in.expect = &expect;
     with_head_surplus("", 6);
     EXPECT_EQ(read_all(&rc), "");
@@ -327,10 +309,7 @@ TEST_F(RequestBody, ContinueGoesOutOnceAndOnlyWhenTheSocketIsRead)
     EXPECT_EQ(peer_read(), "");  // once only
 
     // HTTP/1.0 knows no interim replies.
-    orbs3_http_close_request(r_);
-    r_ = orbs3_http_create_request(c_);
-    c_->data = r_;
-    r_->http_version = ORBS3_HTTP_VERSION_10;
+    new_request(ORBS3_HTTP_VERSION_10);
     r_->headers_in.expect = &expect;
     with_head_surplus("", 2);
     read_all(&rc);

@@ -9,6 +9,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -19,6 +20,7 @@
 #include "event/orbs3_socket.h"
 #include "http/orbs3_http_request.h"
 #include "http/orbs3_http_response.h"
+#include "socketpair_connection.h"
 
 namespace {
 
@@ -61,17 +63,10 @@ protected:
         if (orbs3_cycle == nullptr) {
             ASSERT_EQ(orbs3_init_cycle(), 0);
         }
-        int sv[2];
-        ASSERT_EQ(socketpair(AF_UNIX, SOCK_STREAM, 0, sv), 0);
-        peer_ = orbs3_fd(sv[1]);
-        fcntl(sv[1], F_SETFL, O_NONBLOCK);
-        c_ = orbs3_create_connection(sysconfig.conn_pool_size);
+        conn_ = std::make_unique<unit_test::socketpair_connection>(true, sysconfig.conn_pool_size);
+        c_ = conn_->c;
         ASSERT_NE(c_, nullptr);
         EXPECT_EQ(c_->send_file_fd, -1);
-        c_->fd = sv[0];
-        c_->send = orbs3_send;
-        c_->recv = orbs3_recv;
-        orbs3_nonblocking(sv[0]);
         int small = 4096;
         setsockopt(c_->fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
 
@@ -85,10 +80,9 @@ protected:
     }
     void TearDown() override
     {
-        if (c_ != nullptr) {
+        if (c_ != nullptr)
             c_->ssl = nullptr;
-            orbs3_close_connection(c_);
-        }
+        conn_.reset();
         if (!path_.empty())
             unlink(path_.c_str());
     }
@@ -101,7 +95,7 @@ protected:
         char buf[32768];
         std::size_t got = 0;
         while (got < most) {
-            ssize_t n = read(peer_.get(), buf, std::min(sizeof buf, most - got));
+            ssize_t n = read(conn_->peer.get(), buf, std::min(sizeof buf, most - got));
             if (n <= 0)
                 break;
             out.append(buf, static_cast<std::size_t>(n));
@@ -111,8 +105,8 @@ protected:
     }
 
     static constexpr std::size_t kFileSize = 5u << 20;
-    orbs3_fd peer_;
-    orbs3_connection_t* c_ = nullptr;
+    std::unique_ptr<unit_test::socketpair_connection> conn_;
+    orbs3_connection_t* c_ = nullptr;  // closed by the test when it sets this to null
     std::string path_;
     std::string content_;
 };
@@ -262,7 +256,7 @@ TEST_F(SendFile, DescriptorIsOwnedOnEveryPath)
     ASSERT_EQ(orbs3_http_send_file(c_, fd, 0, static_cast<int64_t>(kFileSize)), 0);
     ASSERT_TRUE(fd_open(fd));
     orbs3_close_connection(c_);
-    c_ = nullptr;
+    c_ = conn_->c = nullptr;
     EXPECT_FALSE(fd_open(fd)) << "closed with the connection";
 }
 
@@ -334,7 +328,7 @@ TEST_F(SendFile, WriteWaitHasATimeLimitThatProgressRenews)
     neo_event_expire_timers();
     EXPECT_EQ(g_exit_calls, 1) << "dropped through its exit handler";
     if (g_exit_calls == 1)
-        c_ = nullptr;
+        c_ = conn_->c = nullptr;
     EXPECT_EQ(neo_event_find_timer(), -1);
 }
 

@@ -101,14 +101,16 @@ def literal(b):
     return "\n        ".join(out)
 
 
-def row(name, mode, content_sha256, announced, decoded_length, body, data, ck_name, ck_value):
+# The payload is not written out: the test makes it again from its size and salt.
+def row(name, mode, content_sha256, announced, decoded_length, body, data, salt, ck_name, ck_value):
+    assert data == payload(len(data), salt)
     return (
         "    {\"%s\", %s, \"%s\", \"%s\", %d,\n"
         "     std::string_view{\n        %s,\n        %d},\n"
-        "     std::string_view{\n        %s,\n        %d},\n"
+        "     %d, %d,\n"
         "     \"%s\", \"%s\"},\n"
-        % (name, mode, content_sha256, announced, decoded_length, literal(body), len(body), literal(data),
-           len(data), ck_name, ck_value))
+        % (name, mode, content_sha256, announced, decoded_length, literal(body), len(body), len(data), salt,
+           ck_name, ck_value))
 
 
 def main():
@@ -128,7 +130,7 @@ def main():
     assert h["Content-Encoding"] == "aws-chunked"
     body = request["body"].read()
     rows.append(row("botocore_one_chunk", "ORBS3_AWS_CHUNKED_TRAILER", "STREAMING-UNSIGNED-PAYLOAD-TRAILER",
-                    h["X-Amz-Trailer"], int(h["X-Amz-Decoded-Content-Length"]), body, data,
+                    h["X-Amz-Trailer"], int(h["X-Amz-Decoded-Content-Length"]), body, data, 1,
                     "x-amz-checksum-crc32", crc32_b64(data)))
 
     # The same writer with small chunks, as it frames a file read piece by piece.
@@ -136,38 +138,49 @@ def main():
     body = AwsChunkedWrapper(io.BytesIO(data), checksum_cls=Crc32Checksum, checksum_name="x-amz-checksum-crc32",
                              chunk_size=500).read()
     rows.append(row("botocore_three_chunks", "ORBS3_AWS_CHUNKED_TRAILER", "STREAMING-UNSIGNED-PAYLOAD-TRAILER",
-                    "x-amz-checksum-crc32", len(data), body, data, "x-amz-checksum-crc32", crc32_b64(data)))
+                    "x-amz-checksum-crc32", len(data), body, data, 7, "x-amz-checksum-crc32", crc32_b64(data)))
 
     # An empty object.
     body = AwsChunkedWrapper(io.BytesIO(b""), checksum_cls=Crc32Checksum,
                              checksum_name="x-amz-checksum-crc32").read()
     rows.append(row("botocore_empty", "ORBS3_AWS_CHUNKED_TRAILER", "STREAMING-UNSIGNED-PAYLOAD-TRAILER",
-                    "x-amz-checksum-crc32", 0, body, b"", "x-amz-checksum-crc32", crc32_b64(b"")))
+                    "x-amz-checksum-crc32", 0, body, b"", 0, "x-amz-checksum-crc32", crc32_b64(b"")))
 
     # Signed chunks with a signed trailer, as the Java and Go SDKs send over plain HTTP.
     data = payload(2500, 3)
     ck = crc32_b64(data)
     body = signed_body(data, 1024, [("x-amz-checksum-crc32", ck)])
     rows.append(row("signed_trailer", "ORBS3_AWS_CHUNKED_SIGNED | ORBS3_AWS_CHUNKED_TRAILER",
-                    "STREAMING-AWS4-HMAC-SHA256-PAYLOAD-TRAILER", "x-amz-checksum-crc32", len(data), body, data,
+                    "STREAMING-AWS4-HMAC-SHA256-PAYLOAD-TRAILER", "x-amz-checksum-crc32", len(data), body, data, 3,
                     "x-amz-checksum-crc32", ck))
 
     # Signed chunks without a trailer, chunk boundaries not on round sizes.
     data = payload(1500, 11)
     body = signed_body(data, 601)
     rows.append(row("signed_plain", "ORBS3_AWS_CHUNKED_SIGNED", "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", "",
-                    len(data), body, data, "", ""))
+                    len(data), body, data, 11, "", ""))
 
     print("// Written by make_aws_chunked_vectors.py; do not edit. Bodies framed by botocore's AwsChunkedWrapper")
     print("// and by a signer checked against the AWS example upload.")
     print("#pragma once")
     print()
+    print("#include <cstddef>")
     print("#include <cstdint>")
+    print("#include <string>")
     print("#include <string_view>")
     print()
     print('#include "s3/orbs3_s3_aws_chunked.h"')
     print()
     print("namespace aws_chunked_vectors {")
+    print()
+    print("// Bytes of every value, CR and LF among them, so framing bytes inside data are exercised.")
+    print("inline std::string payload(std::size_t n, unsigned salt)")
+    print("{")
+    print("    std::string out(n, '\\0');")
+    print("    for (std::size_t i = 0; i < n; i++)")
+    print("        out[i] = static_cast<char>((i * 131 + salt + (i >> 7)) & 0xFF);")
+    print("    return out;")
+    print("}")
     print()
     print('inline constexpr std::string_view kSecret = "%s";' % SECRET)
     print('inline constexpr std::string_view kDate = "%s";' % DATE)
@@ -181,7 +194,8 @@ def main():
     print("    std::string_view announced;  // x-amz-trailer")
     print("    int64_t decoded_length;")
     print("    std::string_view body;")
-    print("    std::string_view data;")
+    print("    std::size_t data_size;  // the payload is payload(data_size, data_salt)")
+    print("    unsigned data_salt;")
     print("    std::string_view checksum_name;")
     print("    std::string_view checksum_value;")
     print("};")

@@ -7,7 +7,6 @@
 
 #include "control/orbs3_service.h"
 #include "http/http_test_request.h"
-#include "memory/neo_list.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"
 #include "s3/orbs3_s3_signature.h"
@@ -160,8 +159,11 @@ TEST(S3Signature, StreamingPayloadIsAnnouncedByItsSeedHeader)
 
 // ---- requests signed by botocore ----
 
+// Each vector gives its result; a vector that verifies fails with one signature character changed, and
+// with its hexadecimal signature in upper case (V2 signatures are base64, where case is part of the value).
 TEST(S3Signature, BotocoreSignedRequestsGiveTheirExpectedResult)
 {
+    int upper_checked = 0;
     for (const signature_vector_t& v : kSignatureVectors) {
         SCOPED_TRACE(v.name);
         parsed_request p(v.head, v.host_style);
@@ -182,37 +184,22 @@ TEST(S3Signature, BotocoreSignedRequestsGiveTheirExpectedResult)
         } else {
             EXPECT_EQ(orbs3_s3_request_access_key(p.r(), key), ORBS3_AUTH_MALFORMED);
         }
-    }
-}
-
-TEST(S3Signature, OneChangedSignatureCharacterFails)
-{
-    for (const signature_vector_t& v : kSignatureVectors) {
         if (v.expect != 0)
             continue;
-        SCOPED_TRACE(v.name);
-        EXPECT_EQ(authenticate(tampered(v.head, v.signature), v.secret, static_cast<time_t>(v.now), v.host_style),
+        const auto now = static_cast<time_t>(v.now);
+        EXPECT_EQ(authenticate(tampered(v.head, v.signature), v.secret, now, v.host_style),
                   ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
-    }
-}
-
-TEST(S3Signature, UpperCaseHexSignatureIsRefused)
-{
-    int checked = 0;
-    for (const signature_vector_t& v : kSignatureVectors) {
         std::string_view sig = v.signature;
-        if (v.expect != 0 || sig.size() != 64 || sig.find_first_of("abcdef") == std::string_view::npos)
-            continue;  // V2 signatures are base64, where case is part of the value anyway
-        SCOPED_TRACE(v.name);
-        std::string head = v.head;
-        std::size_t at = head.find(sig);
+        if (sig.size() != 64 || sig.find_first_of("abcdef") == std::string_view::npos)
+            continue;
+        std::string upper = v.head;
+        const std::size_t at = upper.find(sig);
         for (std::size_t i = 0; i < sig.size(); i++)
-            head[at + i] = static_cast<char>(std::toupper(static_cast<unsigned char>(head[at + i])));
-        EXPECT_EQ(authenticate(head, v.secret, static_cast<time_t>(v.now), v.host_style),
-                  ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
-        checked++;
+            upper[at + i] = static_cast<char>(std::toupper(static_cast<unsigned char>(upper[at + i])));
+        EXPECT_EQ(authenticate(upper, v.secret, now, v.host_style), ORBS3_S3_SIGNATURE_DOES_NOT_MATCH);
+        upper_checked++;
     }
-    EXPECT_GT(checked, 20);
+    EXPECT_GT(upper_checked, 20);
 }
 
 // ---- credentials that cannot be read ----
@@ -270,10 +257,6 @@ TEST(S3Signature, AccessKeyIsFoundInHeaderOrQueryOrReportedMissingOrMalformed)
         EXPECT_EQ(orbs3_s3_request_access_key(p.r(), key), row.rc);
         if (row.key != nullptr) {
             EXPECT_STREQ(key, row.key);
-        }
-        if (row.authorization != nullptr && *row.authorization != '\0') {
-            char key2[ORBS3_ACCESS_KEY_ID_LEN];
-            EXPECT_EQ(orbs3_parse_accesskeyid(row.authorization, key2), row.rc == ORBS3_AUTH_FOUND ? 0 : 1);
         }
     }
 }
@@ -380,10 +363,6 @@ TEST(S3Signature, PresignedExpiryOutsideOneSecondToAWeekIsAMalformedQuery)
             EXPECT_EQ(message, nullptr);
         }
     }
-    const orbs3_s3_error_t* e = orbs3_s3_find_error(ORBS3_S3_AUTH_QUERY_MALFORMED);
-    ASSERT_NE(e, nullptr);
-    EXPECT_STREQ(e->name, "AuthorizationQueryParametersError");
-    EXPECT_EQ(e->http_status, 400u);
 }
 
 // Every request a client signed correctly, replayed with one header more. A header that steers the
@@ -586,90 +565,6 @@ TEST(S3Signature, DatesParseOnlyInTheirExactForms)
                             "Fri, 24 May 2013 00:00:00 UTC", "Fri, 24 May 2013 00:00:00 +0100", "Fri, 24 Mai 2013 00:00:00 GMT",
                             "Fri 24 May 2013 00:00:00 GMT", "", "Fri, 24 May 2013 0a:00:00 GMT"})
         EXPECT_FALSE(orbs3_sign_parse_date(bad, &t)) << bad;
-}
-
-// ---- the server's own form: the secret found in the user record ----
-
-// Signs a header request at the present time with the module's own signer, whose output the published
-// examples and the botocore vectors check.
-std::string signed_now(const char* key, const char* secret, const char* algorithm, int source)
-{
-    char iso[17];
-    time_t now = time(nullptr);
-    struct tm tm {};
-    gmtime_r(&now, &tm);
-    strftime(iso, sizeof iso, "%Y%m%dT%H%M%SZ", &tm);
-    std::string scope = std::string(iso, 8) + "/us-east-1/s3/aws4_request";
-    const char* payload_header = source == ORBS3_SIGN_AWS4 ? "x-amz-content-sha256" : "x-orb-content-sha256";
-    const char* date_header = source == ORBS3_SIGN_AWS4 ? "x-amz-date" : "Date";
-    std::string head = std::string("GET /b/o HTTP/1.1\r\nHost: h\r\n") + date_header + ": " + iso + "\r\n" +
-                       payload_header + ": " + kEmptyHash + "\r\n";
-    std::string auth = std::string(algorithm) + " Credential=" + key + "/" + scope +
-                       ", SignedHeaders=" + (source == ORBS3_SIGN_AWS4 ? "host;x-amz-content-sha256;x-amz-date"
-                                                                        : "date;host;x-orb-content-sha256");
-
-    parsed_request p(head + "\r\n");
-    EXPECT_EQ(p.rc, 0);
-    orbs3_sign_v4_t v;
-    v.source = source;
-    v.scope = scope;
-    const std::string signed_headers = auth.substr(auth.find("SignedHeaders=") + 14);
-    v.signed_headers = signed_headers;
-    v.date = iso;
-    v.payload = kEmptyHash;
-    orbs3_sign_query_t q;
-    orbs3_sign_area_t<ORBS3_SIGN_STRING_LEN> sts;
-    uint8_t k[ORBS3_SHA256_LEN];
-    char sig[ORBS3_SHA256_HEX_LEN + 1] = "";
-    EXPECT_EQ(orbs3_sign_parse_query(p.r(), &q), 0);
-    EXPECT_EQ(orbs3_get_signstr(&v, p.r(), &q, &sts.t), 0);
-    EXPECT_EQ(orbs3_get_signkey(source, secret, scope, k), 0);
-    EXPECT_EQ(orbs3_get_signature(k, sts.t.view(), sig), 0);
-    return head + "Authorization: " + auth + ", Signature=" + sig + "\r\n\r\n";
-}
-
-TEST(S3Signature, CheckSignatureUsesTheSecretOfTheNamedKey)
-{
-    char admin_id[] = "ADMINKEY";
-    char admin_secret[] = "admin-secret";
-    char id1[] = "USERKEY1";
-    char secret1[] = "user-secret-1";
-    char id2[] = "USERKEY2";
-    char secret2[] = "user-secret-2";
-    orbs3_user_t user{};
-    user.accesskeyid = {sizeof admin_id - 1, admin_id};
-    user.accesskeysecret = {sizeof admin_secret - 1, admin_secret};
-    INIT_LIST_HEAD(&user.keys);
-    orbs3_accesskey_t k1{{sizeof id1 - 1, id1}, {sizeof secret1 - 1, secret1}};
-    orbs3_accesskey_t k2{{sizeof id2 - 1, id2}, {sizeof secret2 - 1, secret2}};
-    orbs3_list_node_t n1{{}, &k1};
-    orbs3_list_node_t n2{{}, &k2};
-    list_add_tail(&n1.list, &user.keys);
-    list_add_tail(&n2.list, &user.keys);
-
-    struct row_t {
-        const char* key;
-        const char* secret;
-        const char* algorithm;
-        int source;
-        int result;
-    };
-    const row_t rows[] = {
-        {"ADMINKEY", "admin-secret", "AWS4-HMAC-SHA256", ORBS3_SIGN_AWS4, 0},
-        {"USERKEY2", "user-secret-2", "AWS4-HMAC-SHA256", ORBS3_SIGN_AWS4, 0},
-        {"USERKEY1", "user-secret-1", "OWS4-HMAC-SHA256", ORBS3_SIGN_OWS4, 0},
-        {"USERKEY1", "user-secret-2", "AWS4-HMAC-SHA256", ORBS3_SIGN_AWS4, 1},  // another key's secret
-        {"NOSUCHKEY", "user-secret-1", "AWS4-HMAC-SHA256", ORBS3_SIGN_AWS4, 1},
-    };
-    for (const row_t& row : rows) {
-        SCOPED_TRACE(row.key);
-        parsed_request p(signed_now(row.key, row.secret, row.algorithm, row.source));
-        ASSERT_EQ(p.rc, 0);
-        EXPECT_EQ(orbs3_check_signature(&user, p.r()), row.result);
-    }
-    // V2 is checked by orbs3_s3_authenticate only.
-    parsed_request v2("GET /b/o HTTP/1.1\r\nHost: h\r\nAuthorization: AWS ADMINKEY:x\r\n\r\n");
-    EXPECT_EQ(orbs3_check_signature(&user, v2.r()), 1);
 }
 
 }  // namespace
