@@ -24,28 +24,15 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
+using storage_test::bucket_ptr;
+using storage_test::read_file;
+using storage_test::str;
+using storage_test::write_file;
 
 namespace {
-
-std::string str(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string() : std::string(s.data, s.len);
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void write_file(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
 
 bool starts_with(const std::string& s, std::string_view prefix)
 {
@@ -69,11 +56,6 @@ orbs3_str_t pool_text(orbs3_pool_t* pool, std::string_view text)
     return {text.size(), p};
 }
 
-struct bucket_deleter {
-    void operator()(orbs3_bucket_t* b) const { orbs3_free_bucket(b); }
-};
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_deleter>;
-
 struct user_deleter {
     void operator()(orbs3_user_t* u) const { orbs3_free_user_data(u); }
 };
@@ -92,23 +74,15 @@ class BucketOps : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        saved_maxlen_ = orbs3_conf.bucketmaxlen;
-        orbs3_conf.bucketmaxlen = 63;
-        char tmpl[] = "/tmp/orbs3_bops_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        vh_ = orbs3_vhost_new();
         ASSERT_NE(vh_, nullptr);
-        neo_strdup(&vh_->cluster_path, dir_.c_str(), ORBS3_PATH_CAP);
-        neo_strdup(&vh_->group_path, "g", ORBS3_PATH_CAP);
         neo_strdup(&vh_->domain, "s3.example", ORBS3_NAME_CAP);
-        ASSERT_EQ(orbs3_init_path(vh_), 0);
-        data_ = str(vh_->data_root);
-        meta_ = str(vh_->meta_root);
-        version_ = str(vh_->version_root);
-        recycle_ = str(vh_->recycle_root);
+        ASSERT_EQ(tenant_.roots(), 0);
+        data_ = tenant_.data_root();
+        meta_ = tenant_.meta_root();
+        version_ = tenant_.version_root();
+        recycle_ = tenant_.recycle_root();
         // A loaded service record without lists in force.
-        vh_->service_rec = orbs3_get_service((dir_ + "/no-service-file").c_str());
+        vh_->service_rec = orbs3_get_service((tenant_.dir.path + "/no-service-file").c_str());
         ASSERT_NE(vh_->service_rec, nullptr);
 
         neo_strdup(&vh_->admin.UserId, "u-admin", ORBS3_NAME_CAP);
@@ -119,13 +93,6 @@ protected:
         bob_.reset(make_user("u-bob", "bob"));
         ASSERT_NE(alice_, nullptr);
         ASSERT_NE(bob_, nullptr);
-    }
-    void TearDown() override
-    {
-        orbs3_free_vhost_data(vh_);
-        orbs3_conf.bucketmaxlen = saved_maxlen_;
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
     }
 
     static orbs3_user_t* make_user(const char* id, const char* name)
@@ -218,9 +185,10 @@ protected:
         r->headers_in.x_copy_source = h;
     }
 
-    int saved_maxlen_ = 0;
-    std::string dir_, data_, meta_, version_, recycle_;
-    orbs3_vhost_t* vh_ = nullptr;
+    storage_test::conf_limits limits_{63};
+    storage_test::temp_tenant tenant_;
+    orbs3_vhost_t* vh_ = tenant_.vh;
+    std::string data_, meta_, version_, recycle_;
     user_ptr alice_, bob_;
 };
 

@@ -21,6 +21,12 @@
 
 #include "memory/neo_string.h"
 #include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
+
+using storage_test::read_file;
+using storage_test::str;
+using storage_test::temp_dir;
+using storage_test::write_file;
 
 namespace {
 
@@ -34,47 +40,6 @@ std::string golden(const char* name)
     return ss.str();
 }
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void spit(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-struct temp_dir {
-    std::string path;
-    temp_dir()
-    {
-        char tmpl[] = "/tmp/orbs3-record-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~temp_dir() { (void)std::system(("rm -rf '" + path + "'").c_str()); }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> out;
-        DIR* d = opendir(path.c_str());
-        while (dirent* e = readdir(d)) {
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-                out.emplace_back(e->d_name);
-        }
-        closedir(d);
-        return out;
-    }
-};
-
-std::string str(const orbs3_str_t& s)
-{
-    return std::string(neo_getstr(&s), s.len);
-}
-
-// Pool-backed setters for the records under test.
 void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
 {
     auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
@@ -359,7 +324,7 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
         bucket_ptr b(sample_bucket(), orbs3_free_bucket);
         const std::string path = dir.path + "/bucket.xml";
         ASSERT_EQ(orbs3_save_bucket(b.get(), path.c_str()), 0);
-        EXPECT_EQ(slurp(path), golden("bucket.xml"));
+        EXPECT_EQ(read_file(path), golden("bucket.xml"));
         bucket_ptr back(orbs3_create_bucket_from_file(path.c_str()), orbs3_free_bucket);
         ASSERT_NE(back, nullptr);
         expect_same_bucket(b.get(), back.get());
@@ -368,7 +333,7 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
         object_ptr o(sample_object(), orbs3_free_object);
         const std::string path = dir.path + "/object.xml";
         ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
-        EXPECT_EQ(slurp(path), golden("object.xml"));
+        EXPECT_EQ(read_file(path), golden("object.xml"));
         object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
         ASSERT_NE(back, nullptr);
         expect_same_object(o.get(), back.get());
@@ -378,7 +343,7 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
         service_ptr s(sample_service(), orbs3_free_service);
         const std::string path = dir.path + "/service";
         ASSERT_EQ(orbs3_save_service(s.get(), path.c_str()), 0);
-        EXPECT_EQ(slurp(path), golden("service.xml"));
+        EXPECT_EQ(read_file(path), golden("service.xml"));
         service_ptr back(orbs3_get_service(path.c_str()), orbs3_free_service);
         ASSERT_NE(back, nullptr);
         expect_same_service(s.get(), back.get());
@@ -481,7 +446,7 @@ TEST(Record, EveryTextReadsBackByteForByte)
         push(p, &o->meta, m);
         ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
         object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
-        ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << slurp(path);
+        ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << read_file(path);
         expect_same_object(o.get(), back.get());
         EXPECT_EQ(str(back->content_type), t);
         auto meta = items<orbs3_tag_t>(&back->meta);
@@ -799,7 +764,7 @@ TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
         ASSERT_FALSE(whole.empty());
         const std::size_t end = whole.rfind('>') + 1;  // only the final newline lies behind it
         for (std::size_t cut = 1; cut < whole.size(); ++cut) {
-            spit(path, whole.substr(0, cut));
+            write_file(path, whole.substr(0, cut));
             const bool read = k.read(path.c_str());
             if (cut < end)
                 EXPECT_FALSE(read) << k.golden << " cut at " << cut;
@@ -809,7 +774,7 @@ TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
     }
     mxmlSetErrorCallback(nullptr);
     // Nothing at all: no object, no bucket; an empty service file is a service without limits.
-    spit(path, "");
+    write_file(path, "");
     EXPECT_EQ(orbs3_create_object_from_file(path.c_str()), nullptr);
     EXPECT_EQ(orbs3_create_bucket_from_file(path.c_str()), nullptr);
     service_ptr s(orbs3_get_service(path.c_str()), orbs3_free_service);
@@ -877,5 +842,5 @@ TEST(Record, TemporaryNamesAreRecognisedAndFailedReplaceKeepsTheOld)
     auto names = dir.entries();
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (std::vector<std::string>{"rec", "sub"}));
-    EXPECT_EQ(slurp(path), "old");
+    EXPECT_EQ(read_file(path), "old");
 }
