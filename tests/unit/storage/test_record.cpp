@@ -15,6 +15,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <mxml.h>
@@ -232,83 +233,66 @@ void expect_same_rules(const neo_list_head_t* a, const neo_list_head_t* b)
     }
 }
 
+// The fields named are the same in a and b: counted strings compared as text, the rest by value.
+template <typename T, typename... F>
+void expect_same_fields(const T* a, const T* b, F... fields)
+{
+    auto same = [&](auto field) {
+        if constexpr (std::is_same_v<std::remove_cvref_t<decltype(a->*field)>, orbs3_str_t>)
+            EXPECT_EQ(str(a->*field), str(b->*field));
+        else
+            EXPECT_EQ(0, std::memcmp(&(a->*field), &(b->*field), sizeof(a->*field)));
+    };
+    (same(fields), ...);
+}
+
+// The four address and key lists and their switches, which buckets and the service both hold.
+template <typename T>
+void expect_same_lists(const T* a, const T* b)
+{
+    expect_same_rules(&a->whitelist, &b->whitelist);
+    expect_same_rules(&a->blacklist, &b->blacklist);
+    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
+    expect_same_rules(&a->authak_list, &b->authak_list);
+    expect_same_fields(a, b, &T::whitelist_status, &T::blacklist_status, &T::authaddr_status, &T::authak_status);
+}
+
 void expect_same_bucket(const orbs3_bucket_t* a, const orbs3_bucket_t* b)
 {
-    EXPECT_EQ(str(a->name), str(b->name));
-    EXPECT_EQ(str(a->alias), str(b->alias));
-    EXPECT_EQ(str(a->created_date), str(b->created_date));
-    EXPECT_EQ(str(a->extranet_endpoint), str(b->extranet_endpoint));
-    EXPECT_EQ(str(a->intranet_endpoint), str(b->intranet_endpoint));
-    EXPECT_EQ(str(a->owner_id), str(b->owner_id));
-    EXPECT_EQ(str(a->owner_name), str(b->owner_name));
-    EXPECT_EQ(a->acl, b->acl);
+    using B = orbs3_bucket_t;
+    expect_same_fields(a, b, &B::name, &B::alias, &B::created_date, &B::extranet_endpoint, &B::intranet_endpoint,
+                       &B::owner_id, &B::owner_name, &B::acl, &B::versioning, &B::stat, &B::quota, &B::recycle_days);
     auto la = items<char>(&a->lifecycle);
     auto lb = items<char>(&b->lifecycle);
     ASSERT_EQ(la.size(), lb.size());
     for (std::size_t i = 0; i < la.size(); ++i)
         EXPECT_STREQ(la[i], lb[i]);
-    EXPECT_EQ(a->versioning.status, b->versioning.status);
-    EXPECT_EQ(a->versioning.save_num, b->versioning.save_num);
-    expect_same_rules(&a->whitelist, &b->whitelist);
-    expect_same_rules(&a->blacklist, &b->blacklist);
-    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
-    expect_same_rules(&a->authak_list, &b->authak_list);
-    EXPECT_EQ(a->whitelist_status, b->whitelist_status);
-    EXPECT_EQ(a->blacklist_status, b->blacklist_status);
-    EXPECT_EQ(a->authaddr_status, b->authaddr_status);
-    EXPECT_EQ(a->authak_status, b->authak_status);
-    EXPECT_EQ(0, std::memcmp(&a->stat, &b->stat, sizeof(a->stat)));
-    EXPECT_EQ(0, std::memcmp(&a->quota, &b->quota, sizeof(a->quota)));
-    EXPECT_EQ(a->recycle_days, b->recycle_days);
+    expect_same_lists(a, b);
 }
 
 void expect_same_object(const orbs3_object_t* a, const orbs3_object_t* b)
 {
-    EXPECT_EQ(str(a->name), str(b->name));
-    EXPECT_EQ(str(a->last_modified), str(b->last_modified));
-    EXPECT_EQ(str(a->etag), str(b->etag));
-    EXPECT_EQ(a->size, b->size);
-    EXPECT_EQ(str(a->owner_id), str(b->owner_id));
-    EXPECT_EQ(str(a->owner_display_name), str(b->owner_display_name));
-    EXPECT_EQ(a->acl, b->acl);
-    EXPECT_EQ(a->lifecycle, b->lifecycle);
+    using O = orbs3_object_t;
+    expect_same_fields(a, b, &O::name, &O::last_modified, &O::etag, &O::size, &O::owner_id, &O::owner_display_name,
+                       &O::acl, &O::lifecycle);
     EXPECT_STREQ(a->path, b->path);
     EXPECT_STREQ(a->fpath, b->fpath);
     auto ta = items<orbs3_tag_t>(&a->tags);
     auto tb = items<orbs3_tag_t>(&b->tags);
     ASSERT_EQ(ta.size(), tb.size());
-    for (std::size_t i = 0; i < ta.size(); ++i) {
-        EXPECT_EQ(str(ta[i]->key), str(tb[i]->key));
-        EXPECT_EQ(str(ta[i]->value), str(tb[i]->value));
-    }
+    for (std::size_t i = 0; i < ta.size(); ++i)
+        expect_same_fields(ta[i], tb[i], &orbs3_tag_t::key, &orbs3_tag_t::value);
 }
 
 void expect_same_service(const orbs3_service_rec_t* a, const orbs3_service_rec_t* b)
 {
-    expect_same_rules(&a->whitelist, &b->whitelist);
-    expect_same_rules(&a->blacklist, &b->blacklist);
-    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
-    expect_same_rules(&a->authak_list, &b->authak_list);
-    EXPECT_EQ(a->whitelist_status, b->whitelist_status);
-    EXPECT_EQ(a->blacklist_status, b->blacklist_status);
-    EXPECT_EQ(a->authaddr_status, b->authaddr_status);
-    EXPECT_EQ(a->authak_status, b->authak_status);
-    EXPECT_EQ(str(a->quota.service_quota), str(b->quota.service_quota));
-    EXPECT_EQ(str(a->quota.bucket_quota), str(b->quota.bucket_quota));
-    EXPECT_EQ(str(a->quota.file_threshold), str(b->quota.file_threshold));
-    EXPECT_EQ(str(a->quota.segment_size), str(b->quota.segment_size));
-    EXPECT_EQ(a->quota.max_bucket, b->quota.max_bucket);
-    EXPECT_EQ(a->quota.max_object, b->quota.max_object);
-    EXPECT_EQ(a->quota.bucket_threshold, b->quota.bucket_threshold);
-    EXPECT_EQ(a->version_status, b->version_status);
-    EXPECT_EQ(a->save_num, b->save_num);
-    EXPECT_EQ(a->memory_size, b->memory_size);
-    EXPECT_EQ(a->file_size, b->file_size);
-    EXPECT_EQ(a->memory, b->memory);
-    EXPECT_EQ(a->aggregate, b->aggregate);
-    EXPECT_EQ(str(a->accelerate_path), str(b->accelerate_path));
-    EXPECT_EQ(str(a->low_frequency_path), str(b->low_frequency_path));
-    EXPECT_EQ(str(a->archiving_path), str(b->archiving_path));
+    using S = orbs3_service_rec_t;
+    expect_same_lists(a, b);
+    using Q = orbs3_service_quota_t;
+    expect_same_fields(&a->quota, &b->quota, &Q::service_quota, &Q::bucket_quota, &Q::file_threshold,
+                       &Q::segment_size, &Q::max_bucket, &Q::max_object, &Q::bucket_threshold);
+    expect_same_fields(a, b, &S::version_status, &S::save_num, &S::memory_size, &S::file_size, &S::memory,
+                       &S::aggregate, &S::accelerate_path, &S::low_frequency_path, &S::archiving_path);
 }
 
 using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
