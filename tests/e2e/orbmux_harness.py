@@ -421,7 +421,7 @@ class Tenant:
                 head += f"{k}: {v}\r\n"
         return head
 
-    def signed(self, method, path, body=b"", headers=None, payload_hash=None, who="user", close=True):
+    def signed(self, method, path, body=b"", headers=None, payload_hash=None, who="user", close=False):
         """A whole request signed with Signature Version 4, as bytes; the payload hash is the body's
         unless given. With `close` it asks for the connection to be closed after the reply."""
         import hashlib
@@ -445,9 +445,9 @@ class Tenant:
                 pass
             return got
 
-    def request(self, data):
-        """(status, whole reply) of a request that closes its connection after the reply."""
-        reply = self.exchange(data)
+    def request(self, method, path, body=b"", **kw):
+        """(status, whole reply) of a signed request on its own connection, closed after the reply."""
+        reply = self.exchange(self.signed(method, path, body, close=True, **kw))
         return status_of(reply), reply
 
     def one_reply(self, data, head_only=False, source="127.0.0.1"):

@@ -153,7 +153,7 @@ def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
 def test_names_that_are_not_safe_paths_are_refused_before_anything_is_made(tenant):
     before = tree_of(tenant)
     for path in ("/..", "/.", "/%2e%2e", "/a%2Fb", "/" + "x" * 300):
-        got = tenant.one_reply(tenant.signed("PUT", path, close=False))
+        got = tenant.one_reply(tenant.signed("PUT", path))
         assert b" 400 " in got.split(b"\r\n", 1)[0] or b" 403 " in got.split(b"\r\n", 1)[0], (path, got)
     assert tree_of(tenant) == before
 
@@ -279,7 +279,7 @@ def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
                 made.append(name)
             else:
                 # boto3 checks some names itself: send those raw.
-                got = tenant.one_reply(tenant.signed("PUT", "/" + name, close=False))
+                got = tenant.one_reply(tenant.signed("PUT", "/" + name))
                 assert got.startswith(b"HTTP/1.1 400 "), (name, got)
                 assert b"<Code>InvalidBucketName</Code>" in got, (name, got)
                 assert not os.path.exists(os.path.join(tenant.root, "data", USER, name)), name
@@ -290,11 +290,11 @@ def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
         record = open(os.path.join(tenant.root, "meta", USER, "bucket", made[0])).read()
         with open(os.path.join(tenant.root, "meta", USER, "bucket", old), "w") as f:
             f.write(record.replace(f'bucketname="{made[0]}"', f'bucketname="{old}"'))
-        got = tenant.one_reply(tenant.signed("PUT", f"/{old}/k", body=b"old", close=False))
+        got = tenant.one_reply(tenant.signed("PUT", f"/{old}/k", body=b"old"))
         assert got.startswith(b"HTTP/1.1 200 "), got
-        got = tenant.one_reply(tenant.signed("GET", f"/{old}/k", close=False))
+        got = tenant.one_reply(tenant.signed("GET", f"/{old}/k"))
         assert got.startswith(b"HTTP/1.1 200 ") and got.endswith(b"\r\n\r\nold"), got
-        assert tenant.one_reply(tenant.signed("DELETE", f"/{old}/k", close=False)).startswith(b"HTTP/1.1 204 ")
+        assert tenant.one_reply(tenant.signed("DELETE", f"/{old}/k")).startswith(b"HTTP/1.1 204 ")
     finally:
         # Taken away as it came, by hand: the worker never counted it.
         for rel in (f"data/{USER}/{old}", f"meta/{USER}/object/{old}", f"version/{USER}/{old}",
@@ -303,7 +303,7 @@ def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
         if os.path.exists(os.path.join(tenant.root, "meta", USER, "bucket", old)):
             os.unlink(os.path.join(tenant.root, "meta", USER, "bucket", old))
         for name in made:
-            tenant.one_reply(tenant.signed("DELETE", "/" + name, close=False))
+            tenant.one_reply(tenant.signed("DELETE", "/" + name))
 
 
 def test_get_bucket_location_is_the_empty_constraint(tenant):
@@ -318,7 +318,7 @@ def test_get_bucket_location_is_the_empty_constraint(tenant):
 
 
 def list_buckets_page(t, query):
-    got = t.one_reply(t.signed("GET", "/?" + query if query else "/", close=False))
+    got = t.one_reply(t.signed("GET", "/?" + query if query else "/"))
     status = int(got.split(b" ", 2)[1])
     doc = got.split(b"\r\n\r\n", 1)[1]
     return status, ET.fromstring(doc)
@@ -388,7 +388,7 @@ def test_every_error_document_names_the_request_id_of_its_reply(tenant):
         # boto3 takes RequestId from the document when there is one, else from the header.
         assert r["ResponseMetadata"]["RequestId"] == header, r
     # A wrong signature and an unknown key, raw.
-    bad = tenant.signed("GET", "/", close=False).replace(b"Signature=", b"Signature=0", 1)
+    bad = tenant.signed("GET", "/").replace(b"Signature=", b"Signature=0", 1)
     for data in (bad, b"GET / HTTP/1.1\r\nHost: x\r\nAuthorization: AWS nobody:sig\r\n\r\n"):
         got = tenant.one_reply(data)
         head = re.search(rb"\r\nx-amz-request-id: ([0-9a-f]{32})\r\n", got)
@@ -401,39 +401,39 @@ def test_every_error_document_names_the_request_id_of_its_reply(tenant):
 # ---- replies byte for byte ----
 
 def test_bucket_replies_byte_for_byte(tenant):
-    got = tenant.one_reply(tenant.signed("PUT", "/exact", close=False))
+    got = tenant.one_reply(tenant.signed("PUT", "/exact"))
     date = date_of(got)
     assert got == (b"HTTP/1.1 200 OK\r\nDate: " + date + b"\r\nLocation:/exact\r\nContent-Length:0\r\n"
                    b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
 
-    got = tenant.one_reply(tenant.signed("PUT", "/exact", close=False))
+    got = tenant.one_reply(tenant.signed("PUT", "/exact"))
     check_error_reply(got, b"409 Conflict", b"BucketAlreadyOwnedByYou",
                       b"The bucket you tried to create already exists, and you own it.", b"exact")
-    got = tenant.one_reply(tenant.signed("PUT", "/exact", who=RIVAL, close=False))
+    got = tenant.one_reply(tenant.signed("PUT", "/exact", who=RIVAL))
     check_error_reply(got, b"409 Conflict", b"BucketAlreadyExists",
                       b"The requested bucket name is not available. The bucket namespace is shared by all users of "
                       b"the system. Please select a different name and try again.", b"exact")
-    got = tenant.one_reply(tenant.signed("PUT", "/Not_Valid", close=False))
+    got = tenant.one_reply(tenant.signed("PUT", "/Not_Valid"))
     check_error_reply(got, b"400 Bad Request", b"InvalidBucketName", b"The specified bucket is not valid.",
                       b"Not_Valid")
-    got = tenant.one_reply(tenant.signed("GET", "/exact?location", close=False))
+    got = tenant.one_reply(tenant.signed("GET", "/exact?location"))
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
     assert got.split(b"\r\n\r\n", 1)[1] == (b'<?xml version="1.0" encoding="utf-8"?>\n'
                                               b'<LocationConstraint xmlns="http://s3.amazonaws.com/doc/2006-03-01/"/>\n'), got
     # HEAD errors carry the id in the head alone.
-    got = tenant.one_reply(tenant.signed("HEAD", "/no-such-bucket", close=False))
+    got = tenant.one_reply(tenant.signed("HEAD", "/no-such-bucket"))
     check_error_reply(got, b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist.",
                       b"no-such-bucket", head_only=True)
 
-    got = tenant.one_reply(tenant.signed("HEAD", "/exact", close=False))
+    got = tenant.one_reply(tenant.signed("HEAD", "/exact"))
     assert got.startswith(b"HTTP/1.1 200 OK\r\n") and got.endswith(b"\r\n\r\n"), got
 
-    got = tenant.one_reply(tenant.signed("DELETE", "/exact", close=False))
+    got = tenant.one_reply(tenant.signed("DELETE", "/exact"))
     date = date_of(got)
     assert got == (b"HTTP/1.1 204 No Content\r\nDate: " + date + b"\r\nContent-Length:0\r\n"
                    b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
 
-    got = tenant.one_reply(tenant.signed("DELETE", "/exact", close=False))
+    got = tenant.one_reply(tenant.signed("DELETE", "/exact"))
     check_error_reply(got, b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist.", b"exact")
 
 
@@ -441,7 +441,7 @@ def test_list_buckets_reply(tenant):
     s3 = tenant.client()
     s3.create_bucket(Bucket="listed")
     try:
-        got = tenant.one_reply(tenant.signed("GET", "/", close=False))
+        got = tenant.one_reply(tenant.signed("GET", "/"))
         head, doc = got.split(b"\r\n\r\n", 1)
         assert re.fullmatch(rb"HTTP/1.1 200 OK\r\nDate: [^\r]+ GMT\r\nConnection: keep-alive\r\nContent-Length:"
                             + str(len(doc)).encode() + rb"\r\nAccept-Ranges: bytes\r\n"
@@ -462,14 +462,14 @@ def test_list_buckets_reply(tenant):
 # ---- access ----
 
 def test_service_blacklist_bars_a_peer_but_not_the_administrator(tenant):
-    got = tenant.one_reply(tenant.signed("PUT", "/barred", close=False), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("PUT", "/barred"), source="127.0.0.2")
     check_error_reply(got, b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
-    got = tenant.one_reply(tenant.signed("GET", "/", who=RIVAL, close=False), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("GET", "/", who=RIVAL), source="127.0.0.2")
     check_error_reply(got, b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
     assert not os.path.exists(os.path.join(tenant.root, "data", USER, "barred"))
-    got = tenant.one_reply(tenant.signed("PUT", "/barred", who=ADMIN, close=False), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("PUT", "/barred", who=ADMIN), source="127.0.0.2")
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
-    got = tenant.one_reply(tenant.signed("DELETE", "/barred", who=ADMIN, close=False), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("DELETE", "/barred", who=ADMIN), source="127.0.0.2")
     assert got.startswith(b"HTTP/1.1 204 No Content\r\n"), got
 
 

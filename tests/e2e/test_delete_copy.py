@@ -163,7 +163,7 @@ def test_bucket_statistics_follow_puts_deletes_and_copies(tenant):
     s3.delete_object(Bucket=b, Key="a")
     s3.delete_object(Bucket=b, Key="a")
     assert bucket_stat(tenant, b) == (2, 20)
-    assert tenant.request(tenant.signed("POST", f"/{b}/c?append&position=10", b"zzzzz"))[0] == 200
+    assert tenant.request("POST", f"/{b}/c?append&position=10", b"zzzzz")[0] == 200
     assert bucket_stat(tenant, b) == (2, 25)
     # A directory key of a batch names no object here: d/b stays, and counts.
     s3.delete_objects(Bucket=b, Delete={"Objects": [{"Key": "c"}, {"Key": "d/"}, {"Key": "gone"}]})
@@ -207,12 +207,12 @@ def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
     doc = b"<Delete><Object><Key>guarded</Key></Object></Delete>"
     for md5_header, code in ((base64.b64encode(hashlib.md5(b"other").digest()).decode(), b"BadDigest"),
                              ("not base64", b"InvalidDigest")):
-        status, reply = tenant.request(tenant.signed("POST", f"/{BUCKET}?delete", doc,
-                                                       headers={"Content-MD5": md5_header}))
+        status, reply = tenant.request("POST", f"/{BUCKET}?delete", doc,
+                                       headers={"Content-MD5": md5_header})
         assert status == 400 and b"<Code>" + code + b"</Code>" in reply, reply
     assert read(s3, "guarded") == b"g"
-    status, reply = tenant.request(tenant.signed("POST", f"/{BUCKET}?delete", doc, headers={
-        "Content-MD5": base64.b64encode(hashlib.md5(doc).digest()).decode()}))
+    status, reply = tenant.request("POST", f"/{BUCKET}?delete", doc, headers={
+        "Content-MD5": base64.b64encode(hashlib.md5(doc).digest()).decode()})
     assert status == 200 and b"<Deleted>" in reply and b"<Key>guarded</Key>" in reply, reply
 
     # More than 1000 keys is refused whole.
@@ -250,25 +250,25 @@ def test_a_batch_directory_key_deletes_its_directory_object_alone(tenant):
 def test_vorne_destroys_at_once_and_knows_missing_keys(tenant):
     s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="now/gone.bin", Body=b"no bin for me")
-    status, _ = tenant.request(tenant.signed("DELETE", f"/{BUCKET}/now/gone.bin?vorne"))
+    status, _ = tenant.request("DELETE", f"/{BUCKET}/now/gone.bin?vorne")
     assert status == 204
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="now/gone.bin")) == (404, "NoSuchKey")
     assert not os.path.exists(tenant.recycle(BUCKET, "now")) or not os.listdir(tenant.recycle(BUCKET, "now"))
     assert not os.path.exists(tenant.data(BUCKET, "now"))
-    status, reply = tenant.request(tenant.signed("DELETE", f"/{BUCKET}/now/gone.bin?vorne"))
+    status, reply = tenant.request("DELETE", f"/{BUCKET}/now/gone.bin?vorne")
     assert status == 404 and b"<Code>NoSuchKey</Code>" in reply
 
     # A directory key, asked for by this action, takes everything below it.
     for k in ("rec/a", "rec/b/c", "rec/b/d/e"):
         s3.put_object(Bucket=BUCKET, Key=k, Body=b"x")
-    assert tenant.request(tenant.signed("DELETE", f"/{BUCKET}/rec/?vorne"))[0] == 204
+    assert tenant.request("DELETE", f"/{BUCKET}/rec/?vorne")[0] == 204
     assert not os.path.exists(tenant.data(BUCKET, "rec")) and not os.path.exists(tenant.meta(BUCKET, "rec"))
 
     # An upload in progress below a destroyed directory is the server's, not a key: it can still complete.
     up = s3.create_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin")["UploadId"]
     part = s3.upload_part(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up, PartNumber=1, Body=b"p" * 1000)
     s3.put_object(Bucket=BUCKET, Key="rec2/small", Body=b"s")
-    assert tenant.request(tenant.signed("DELETE", f"/{BUCKET}/rec2/?vorne"))[0] == 204
+    assert tenant.request("DELETE", f"/{BUCKET}/rec2/?vorne")[0] == 204
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="rec2/small"))[0] == 404
     s3.complete_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up,
                                  MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": part["ETag"]}]})
@@ -338,11 +338,11 @@ def test_copy_of_encoded_keys_and_the_older_copy_header(tenant):
         assert read(s3, f"enc-copy/{key}") == key.encode()
     # X-Copy-Source, percent-encoded, by a raw signed PUT.
     source = "/" + BUCKET + "/" + urllib.parse.quote("ünï/cødé €.txt")
-    status, reply = tenant.request(tenant.signed("PUT", f"/{BUCKET}/old-header.txt",
-                                                   headers={"X-Copy-Source": source}))
+    status, reply = tenant.request("PUT", f"/{BUCKET}/old-header.txt",
+                                   headers={"X-Copy-Source": source})
     assert status == 200 and b"<CopyObjectResult>" in reply and md5("ünï/cødé €.txt".encode()).encode() in reply
     assert read(s3, "old-header.txt") == "ünï/cødé €.txt".encode()
-    status, reply = tenant.request(tenant.signed("PUT", f"/{BUCKET}/bad", headers={"X-Copy-Source": "/b/%zz"}))
+    status, reply = tenant.request("PUT", f"/{BUCKET}/bad", headers={"X-Copy-Source": "/b/%zz"})
     assert status == 400 and b"<Code>InvalidArgument</Code>" in reply
 
 
@@ -406,7 +406,7 @@ def test_a_one_gib_copy_runs_in_bounded_memory(tenant):
 # ---- AppendObject ----
 
 def append(t, key, position, body, **kw):
-    return t.request(t.signed("POST", f"/{BUCKET}/{key}?append&position={position}", body, **kw))
+    return t.request("POST", f"/{BUCKET}/{key}?append&position={position}", body, **kw)
 
 
 def test_append_before_at_and_past_the_end(tenant):
@@ -446,7 +446,7 @@ def test_an_append_body_in_pieces_or_cut_short(tenant):
     # A body that arrives in several pieces, with pauses between them, is waited for.
     s3.put_object(Bucket=BUCKET, Key="log/slow.txt", Body=b"start:")
     body = os.urandom(300_000)
-    data = tenant.signed("POST", f"/{BUCKET}/log/slow.txt?append&position=6", body)
+    data = tenant.signed("POST", f"/{BUCKET}/log/slow.txt?append&position=6", body, close=True)
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=30 * SLOWDOWN) as s:
         for at in range(0, len(data), 100_000):
             s.sendall(data[at:at + 100_000])
@@ -458,7 +458,7 @@ def test_an_append_body_in_pieces_or_cut_short(tenant):
     # A client that stops in mid-body leaves the object as it was.
     s3.put_object(Bucket=BUCKET, Key="log/cut.txt", Body=b"whole")
     data = tenant.signed("POST", f"/{BUCKET}/log/cut.txt?append&position=5", b"x" * 100_000,
-                         payload_hash="UNSIGNED-PAYLOAD")
+                         payload_hash="UNSIGNED-PAYLOAD", close=True)
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=10) as s:
         s.sendall(data[:-50_000])
         time.sleep(0.3 * SLOWDOWN)

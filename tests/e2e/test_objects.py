@@ -99,8 +99,7 @@ def test_reply_headers_chosen_by_query_and_the_default_type(tenant):
     assert "ContentLanguage" not in plain and "Expires" not in plain
     # A value that would break the header line is refused.
     query = "response-content-type=a%0D%0AX-Injected%3A%201"
-    got = tenant.exchange((tenant.sign("GET", f"/{BUCKET}/hdr/doc?{query}",
-                                        hashlib.sha256(b"").hexdigest()) + "\r\n").encode(), quiet=2)
+    got = tenant.exchange(tenant.signed("GET", f"/{BUCKET}/hdr/doc?{query}"), quiet=2)
     assert got.startswith(b"HTTP/1.1 400 ") and b"X-Injected" not in got.split(b"\r\n\r\n")[0], got
 
 
@@ -115,13 +114,10 @@ def test_aws_chunked_is_no_content_encoding_and_metadata_keeps_its_bytes(tenant)
     # Non-ASCII metadata is what the uploader sent, byte for byte.
     value = "caf\u00e9 \u65e5\u672c \u00fc"
     body = b"meta"
-    head = tenant.sign("PUT", f"/{BUCKET}/meta/utf8", hashlib.sha256(body).hexdigest(),
-                       {"x-amz-meta-name": value})
-    got = tenant.exchange((head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body, quiet=2)
+    got = tenant.exchange(tenant.signed("PUT", f"/{BUCKET}/meta/utf8", body, {"x-amz-meta-name": value}), quiet=2)
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
     for method in ("GET", "HEAD"):
-        got = tenant.exchange((tenant.sign(method, f"/{BUCKET}/meta/utf8", hashlib.sha256(b"").hexdigest())
-                                + "\r\n").encode(), quiet=2)
+        got = tenant.exchange(tenant.signed(method, f"/{BUCKET}/meta/utf8"), quiet=2)
         assert b"\r\nx-amz-meta-name: " + value.encode() + b"\r\n" in got, got
 
 
@@ -153,9 +149,7 @@ def test_ranges_and_conditions(tenant):
 def test_ranged_get_and_head_replies_byte_for_byte(tenant):
     tenant.client().put_object(Bucket=BUCKET, Key="exact/a.html", Body=b"0123456789")
     etag = md5(b"0123456789").encode()
-    head = tenant.sign("GET", f"/{BUCKET}/exact/a.html", hashlib.sha256(b"").hexdigest(),
-                       {"Range": "bytes=0-0"})
-    got = tenant.exchange((head + "\r\n").encode(), quiet=2)
+    got = tenant.exchange(tenant.signed("GET", f"/{BUCKET}/exact/a.html", headers={"Range": "bytes=0-0"}), quiet=2)
     m = re.search(rb"Last-Modified: ([^\r]+)\r\n", got)
     assert m, got
     assert got == (b"HTTP/1.1 206 Partial Content\r\nConnection: Keep-alive\r\nContent-Range: bytes 0-0/10\r\n"
@@ -164,8 +158,7 @@ def test_ranged_get_and_head_replies_byte_for_byte(tenant):
     assert re.fullmatch(rb"(Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
                         rb"\d{4} \d\d:\d\d:\d\d GMT", m.group(1))
 
-    head = tenant.sign("HEAD", f"/{BUCKET}/exact/a.html", hashlib.sha256(b"").hexdigest())
-    got = tenant.exchange((head + "\r\n").encode(), quiet=2)
+    got = tenant.exchange(tenant.signed("HEAD", f"/{BUCKET}/exact/a.html"), quiet=2)
     assert got == (b"HTTP/1.1 200 OK\r\nConnection: Keep-alive\r\n"
                    b'ETag: "' + etag + b'"\r\nLast-Modified: ' + m.group(1) + b"\r\nAccept-Ranges: bytes\r\n"
                    b"Content-type: binary/octet-stream\r\nContent-Length: 10\r\n\r\n"), got
@@ -223,14 +216,11 @@ def test_the_longest_key_that_fits_works_for_every_write_and_a_longer_one_is_ref
     def append(key):
         # position 0 makes the object; a second append grows it.
         for position, body in ((0, b"app"), (3, b"end")):
-            head = tenant.sign("POST", f"/{BUCKET}/{key}?append&position={position}",
-                               hashlib.sha256(body).hexdigest())
-            got = tenant.exchange((head + f"Content-Length: {len(body)}\r\nConnection: close\r\n\r\n").encode()
-                           + body, quiet=2)
-            if not got.startswith(b"HTTP/1.1 200 "):
+            status, got = tenant.request("POST", f"/{BUCKET}/{key}?append&position={position}", body)
+            if status != 200:
                 m = re.search(rb"<Code>([^<]*)</Code>", got)
                 raise ClientError({"Error": {"Code": m.group(1).decode() if m else ""},
-                                   "ResponseMetadata": {"HTTPStatusCode": int(got.split(b" ", 2)[1])}}, "Append")
+                                   "ResponseMetadata": {"HTTPStatusCode": status}}, "Append")
         return b"append"
 
     def stored():
@@ -274,8 +264,8 @@ def test_wrong_digests_commit_nothing(tenant):
     assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key="guarded", Body=b"new content",
                                           ContentMD5="not base64")) == (400, "InvalidDigest")
     # The payload hash signed for one body, another body sent.
-    head = tenant.sign("PUT", f"/{BUCKET}/guarded", hashlib.sha256(b"new content").hexdigest())
-    got = tenant.exchange((head + "Content-Length: 11\r\n\r\n").encode() + b"NEW CONTENT", quiet=2)
+    got = tenant.exchange(tenant.signed("PUT", f"/{BUCKET}/guarded", b"NEW CONTENT",
+                                        payload_hash=hashlib.sha256(b"new content").hexdigest()), quiet=2)
     assert got.startswith(b"HTTP/1.1 400 Bad Request\r\n") and b"<Code>XAmzContentSHA256Mismatch</Code>" in got, got
     assert s3.get_object(Bucket=BUCKET, Key="guarded")["Body"].read() == b"old content"
     assert not tenant.temp_files()
@@ -597,8 +587,7 @@ def test_additional_checksums_are_verified_stored_and_given_back(tenant, algorit
     assert head[field], head
     # The same value sent wrong by hand is refused, and the stored object stays.
     wrong = {"x-amz-checksum-" + algorithm.lower(): head[field][:-4] + ("AAA=" if head[field][-4:] != "AAA=" else "BBB=")}
-    h = tenant.sign("PUT", f"/{BUCKET}/{key}", hashlib.sha256(b"other").hexdigest(), wrong)
-    got = tenant.exchange((h + "Content-Length: 5\r\n\r\n").encode() + b"other", quiet=2)
+    got = tenant.exchange(tenant.signed("PUT", f"/{BUCKET}/{key}", b"other", wrong), quiet=2)
     assert got.startswith(b"HTTP/1.1 400 Bad Request\r\n") and b"<Code>BadDigest</Code>" in got, got
     assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == data
 
