@@ -357,9 +357,9 @@ TEST_F(Layout, KeyDirectoriesMadeOnlyForKeysWithSlashes)
     EXPECT_FALSE(fs::exists(data + "/p/q/r"));
 
     touch(data + "/file");
-    EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+    EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), ORBS3_S3_INTERNAL_ERROR);
     EXPECT_EQ(orbs3_make_dir_by_object_path((data + "/file/x/y").c_str()),
-              static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+              ORBS3_S3_INTERNAL_ERROR);
 }
 
 TEST_F(Layout, KeyConflictBetweenFileAndDirectoryBothWays)

@@ -406,7 +406,7 @@ TEST(ListQuery, ReadsEveryParameterByVersionAndRefusesWhatS3Refuses)
         bool url;
         bool owner;
     };
-    const int bad = static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    const int bad = ORBS3_S3_INVALID_ARGUMENT;
     const std::string long_token(1500, 'A');
     const std::string long_query = "list-type=2&continuation-token=" + long_token;
     const want_t cases[] = {
