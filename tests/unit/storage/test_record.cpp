@@ -41,19 +41,22 @@ std::string golden(const char* name)
     return ss.str();
 }
 
-void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
-{
-    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
-    std::memcpy(d, v.data(), v.size());
-    s->data = d;
-    s->len = v.size();
-}
-
 void heap_set(orbs3_str_t* s, const std::string& v)
 {
     std::free(s->data);
     s->data = static_cast<char*>(std::calloc(1, v.size() + 1));
     std::memcpy(s->data, v.data(), v.size());
+    s->len = v.size();
+}
+
+// A text in the record's pool, or on the heap for the service record, which has none.
+void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
+{
+    if (pool == nullptr)
+        return heap_set(s, v);
+    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
+    std::memcpy(d, v.data(), v.size());
+    s->data = d;
     s->len = v.size();
 }
 
@@ -86,12 +89,8 @@ orbs3_bucket_rule_t* rule(orbs3_pool_t* pool, neo_list_head_t* list, const char*
 {
     auto* r = make<orbs3_bucket_rule_t>(pool);
     std::snprintf(r->id, sizeof(r->id), "%s", id);
-    if (name != nullptr) {
-        if (pool)
-            set(pool, &r->name, name);
-        else
-            heap_set(&r->name, name);
-    }
+    if (name != nullptr)
+        set(pool, &r->name, name);
     r->status = status;
     INIT_LIST_HEAD(&r->addrs);
     INIT_LIST_HEAD(&r->users);
@@ -102,10 +101,7 @@ orbs3_bucket_rule_t* rule(orbs3_pool_t* pool, neo_list_head_t* list, const char*
 void addr(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* a, uint32_t mask)
 {
     auto* x = make<orbs3_rule_addr_t>(pool);
-    if (pool)
-        set(pool, &x->addr, a);
-    else
-        heap_set(&x->addr, a);
+    set(pool, &x->addr, a);
     x->mask = mask;
     push(pool, &r->addrs, x);
 }
@@ -113,13 +109,8 @@ void addr(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* a, uint32_t ma
 void user(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* name, const char* id)
 {
     auto* u = make<orbs3_rule_user_t>(pool);
-    if (pool) {
-        set(pool, &u->name, name);
-        set(pool, &u->userid, id);
-    } else {
-        heap_set(&u->name, name);
-        heap_set(&u->userid, id);
-    }
+    set(pool, &u->name, name);
+    set(pool, &u->userid, id);
     push(pool, &r->users, u);
 }
 
