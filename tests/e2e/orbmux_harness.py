@@ -336,10 +336,29 @@ def rss_kib(pid):
     return 0
 
 
+def workers_of(master):
+    """Pids of the master's children that carry a worker's title."""
+    found = []
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open(f"/proc/{entry}/stat") as f:
+                ppid = int(f.read().rsplit(")", 1)[1].split()[1])
+            if ppid != master:
+                continue
+            with open(f"/proc/{entry}/cmdline", "rb") as f:
+                title = f.read().split(b"\0")[0]
+        except (OSError, IndexError, ValueError):
+            continue
+        if title.startswith(b"orbmux:http"):
+            found.append((int(entry), title))
+    return found
+
+
 def worker_pids(t):
     """The worker processes of tenant `t`'s daemon."""
-    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
-    return [int(p) for p in out.stdout.split()]
+    return [pid for pid, _ in workers_of(t.daemon.pid)]
 
 
 def status_of(reply):

@@ -20,8 +20,8 @@ import pytest
 from boto3.s3.transfer import TransferConfig
 from botocore.exceptions import ClientError
 
-from orbmux_harness import (DEFAULT_ORBMUX_CONF, SANITIZED, SLOWDOWN, run, s3_error, tenant_fixture, wait_for, wait_port,
-                             worker_pids)
+from orbmux_harness import (DEFAULT_ORBMUX_CONF, SANITIZED, SLOWDOWN, run, s3_error, tenant_fixture, wait_for,
+                             wait_port, worker_pids)
 from test_objects import checksum_b64, checksum_raw, conditional, extra_headers, signed_chunks
 
 USER = "mp-user"
