@@ -300,19 +300,25 @@ def s3_error(call):
     return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
 
 
-def tool_env(t, home):
-    """The environment of a command-line client (AWS CLI, s3cmd, rclone) acting as tenant `t`'s user."""
+def tool_env(t, home, keys=None):
+    """The environment of a command-line client (AWS CLI, s3cmd, rclone) acting as tenant `t`'s user, or
+    with the (access key, secret) pair given."""
+    ak, sk = keys or (t.info["access_key"], t.info["secret_key"])
     return {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8",
             "AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
-            "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": t.info["access_key"],
-            "AWS_SECRET_ACCESS_KEY": t.info["secret_key"], "AWS_DEFAULT_REGION": "us-east-1",
-            "AWS_MAX_ATTEMPTS": "1"}
+            "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": ak, "AWS_SECRET_ACCESS_KEY": sk,
+            "AWS_DEFAULT_REGION": "us-east-1", "AWS_MAX_ATTEMPTS": "1", "AWS_RETRY_MODE": "standard"}
 
 
-def run(argv, env):
+def run_tool(argv, env, timeout=300):
+    """Runs a client to its end, success or not: its CompletedProcess."""
+    return subprocess.run(argv, env=env, capture_output=True, text=True, timeout=timeout * SLOWDOWN)
+
+
+def run(argv, env, timeout=300):
     """Runs a client to its end; it must succeed. Its standard output."""
-    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
-    assert out.returncode == 0, (argv, out.stdout, out.stderr)
+    out = run_tool(argv, env, timeout)
+    assert out.returncode == 0, (argv, out.stdout[-2000:], out.stderr[-2000:])
     return out.stdout
 
 
@@ -330,7 +336,211 @@ def rss_kib(pid):
     return 0
 
 
+def workers_of(master):
+    """Pids of the master's children that carry a worker's title."""
+    found = []
+    for entry in os.listdir("/proc"):
+        if not entry.isdigit():
+            continue
+        try:
+            with open(f"/proc/{entry}/stat") as f:
+                ppid = int(f.read().rsplit(")", 1)[1].split()[1])
+            if ppid != master:
+                continue
+            with open(f"/proc/{entry}/cmdline", "rb") as f:
+                title = f.read().split(b"\0")[0]
+        except (OSError, IndexError, ValueError):
+            continue
+        if title.startswith(b"orbmux:http"):
+            found.append((int(entry), title))
+    return found
+
+
 def worker_pids(t):
     """The worker processes of tenant `t`'s daemon."""
-    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
-    return [int(p) for p in out.stdout.split()]
+    return [pid for pid, _ in workers_of(t.daemon.pid)]
+
+
+def status_of(reply):
+    """The status code of a raw reply."""
+    return int(reply.split(b" ", 2)[1])
+
+
+# ---- one tenant on its own daemon: the fixture the S3 modules share ----
+
+TMP_PREFIX = ".orbs3-tmp-"
+SANITIZED = os.environ.get("ORBMUX_SANITIZED", "").upper() in ("1", "ON", "TRUE", "YES")
+
+
+class Tenant:
+    """A tenant written by the provisioning tool, served on `port`, with the clients that talk to it:
+    boto3, requests signed by hand and sent raw, and the command-line tools' arguments and environment.
+    `who` names a key pair: "user", "admin", or an extra user by name."""
+
+    def __init__(self, box, daemon, port, info, root=None):
+        self.box, self.daemon, self.port, self.info = box, daemon, port, info
+        self.user = info["user"]
+        self.root = root or box.path(f"cluster/tenants/{info['name']}")
+        self.endpoint = f"http://127.0.0.1:{port}"
+
+    def keys(self, who="user"):
+        if who == "admin":
+            return self.info["admin_access_key"], self.info["admin_secret_key"]
+        for extra in self.info["extra_users"]:
+            if extra["name"] == who:
+                return extra["access_key"], extra["secret_key"]
+        assert who in ("user", self.user), who
+        return self.info["access_key"], self.info["secret_key"]
+
+    def client(self, sig="s3v4", who="user", style="path", endpoint=None, access_key=None, secret=None,
+               read_timeout=60):
+        import boto3  # Debian's python3-boto3
+        from botocore.config import Config
+        ak, sk = self.keys(who)
+        return boto3.client("s3", endpoint_url=endpoint or self.endpoint, region_name="us-east-1",
+                            aws_access_key_id=access_key or ak, aws_secret_access_key=secret or sk,
+                            config=Config(signature_version=sig, s3={"addressing_style": style},
+                                          retries={"max_attempts": 1, "mode": "standard"},
+                                          connect_timeout=5, read_timeout=read_timeout * SLOWDOWN,
+                                          max_pool_connections=16))
+
+    def data(self, bucket, key=""):
+        return os.path.join(self.root, "data", self.user, bucket, key)
+
+    def meta(self, bucket, key=""):
+        return os.path.join(self.root, "meta", self.user, "object", bucket, key)
+
+    def recycle(self, bucket, key=""):
+        return os.path.join(self.root, "recycle", self.user, bucket, key)
+
+    def temp_files(self):
+        """Every temporary file of the data and meta trees: a commit in the making, or one left behind."""
+        found = []
+        for top in ("data", "meta"):
+            for base, _, files in os.walk(os.path.join(self.root, top)):
+                found += [os.path.join(base, f) for f in files if f.startswith(TMP_PREFIX)]
+        return found
+
+    def sign(self, method, path, payload_hash, headers=None, who="user"):
+        """The head of a request signed with Signature Version 4 over the payload hash given, as a client
+        that streams its body signs, without Content-Length and the empty line."""
+        from botocore.auth import S3SigV4Auth
+        from botocore.awsrequest import AWSRequest
+        from botocore.credentials import Credentials
+
+        class PayloadAuth(S3SigV4Auth):
+            def payload(self, request):
+                return payload_hash
+
+        req = AWSRequest(method=method, url=self.endpoint + path, data=b"", headers=dict(headers or {}))
+        PayloadAuth(Credentials(*self.keys(who)), "s3", "us-east-1").add_auth(req)
+        head = f"{method} {path} HTTP/1.1\r\nHost: 127.0.0.1:{self.port}\r\n"
+        for k, v in req.prepare().headers.items():
+            if k.lower() not in ("host", "content-length"):
+                head += f"{k}: {v}\r\n"
+        return head
+
+    def signed(self, method, path, body=b"", headers=None, payload_hash=None, who="user", close=False):
+        """A whole request signed with Signature Version 4, as bytes; the payload hash is the body's
+        unless given. With `close` it asks for the connection to be closed after the reply."""
+        import hashlib
+        head = self.sign(method, path, payload_hash or hashlib.sha256(body).hexdigest(), headers, who)
+        head += f"Content-Length: {len(body)}\r\n" + ("Connection: close\r\n" if close else "")
+        return (head + "\r\n").encode() + body
+
+    def exchange(self, data, quiet=None, source="127.0.0.1"):
+        """Sends bytes on a new connection; returns everything the server wrote until it closed or, with
+        `quiet`, went quiet for that many seconds."""
+        with socket.create_connection(("127.0.0.1", self.port), timeout=30 * SLOWDOWN,
+                                      source_address=(source, 0)) as s:
+            s.sendall(data)
+            if quiet is not None:
+                s.settimeout(quiet * SLOWDOWN)
+            got = b""
+            try:
+                while chunk := s.recv(65536):
+                    got += chunk
+            except socket.timeout:
+                pass
+            return got
+
+    def request(self, method, path, body=b"", **kw):
+        """(status, whole reply) of a signed request on its own connection, closed after the reply."""
+        reply = self.exchange(self.signed(method, path, body, close=True, **kw))
+        return status_of(reply), reply
+
+    def one_reply(self, data, head_only=False, source="127.0.0.1"):
+        """Sends `data` on a new connection and returns the one reply, head and document, framed by its
+        Content-Length; nothing may follow it."""
+        with socket.create_connection(("127.0.0.1", self.port), timeout=10 * SLOWDOWN,
+                                      source_address=(source, 0)) as s:
+            s.sendall(data)
+            got = b""
+            while b"\r\n\r\n" not in got:
+                chunk = s.recv(65536)
+                assert chunk, f"connection closed after {got!r}"
+                got += chunk
+            end = got.index(b"\r\n\r\n") + 4
+            m = re.search(rb"\r\nContent-Length:\s*(\d+)\r\n", got[:end])
+            head_only = head_only or data.startswith(b"HEAD ")
+            size = end + (0 if head_only or m is None else int(m.group(1)))
+            while len(got) < size:
+                chunk = s.recv(65536)
+                assert chunk, f"connection closed after {got!r}"
+                got += chunk
+            assert len(got) == size, f"bytes behind the reply: {got[size:]!r}"
+            return got
+
+    def env(self, home, who="user", secret=None):
+        """The environment of a command-line client acting as `who`, with `secret` in place of its own."""
+        ak, sk = self.keys(who)
+        return tool_env(self, home, (ak, secret or sk))
+
+    def aws(self):
+        return ["/usr/bin/aws", "--endpoint-url", self.endpoint, "--region", "us-east-1"]
+
+    def s3cmd(self, v2=False, secret=None):
+        ak, sk = self.keys()
+        hostport = f"127.0.0.1:{self.port}"
+        return ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={ak}", f"--secret_key={secret or sk}",
+                f"--host={hostport}", f"--host-bucket={hostport}", "--no-ssl", "--region=us-east-1",
+                *(["--signature-v2"] if v2 else [])]
+
+    def rclone(self, home):
+        """The environment of rclone with a remote "om:" on this tenant."""
+        return {**self.env(home), "RCLONE_CONFIG": "/dev/null", "RCLONE_CONFIG_OM_TYPE": "s3",
+               "RCLONE_CONFIG_OM_PROVIDER": "Other", "RCLONE_CONFIG_OM_ENDPOINT": self.endpoint,
+               "RCLONE_CONFIG_OM_ACCESS_KEY_ID": self.info["access_key"],
+               "RCLONE_CONFIG_OM_SECRET_ACCESS_KEY": self.info["secret_key"],
+               "RCLONE_CONFIG_OM_REGION": "us-east-1"}
+
+
+def tenant_fixture(name, *tool_args, orbmux_conf=DEFAULT_ORBMUX_CONF, buckets=(), service=None, prepare=None):
+    """A module-scoped pytest fixture: one daemon serving one tenant `name` written with `tool_args`
+    (its service file holding `service` when given), the `buckets` created, `prepare(tenant)` run; it
+    yields the Tenant and at the end stops the daemon in order (no crash, no sanitizer report)."""
+    import pytest
+
+    @pytest.fixture(scope="module")
+    def tenant():
+        box = Sandbox(orbmux_conf=orbmux_conf)
+        port = free_port()
+        info = box.add_tenant(name, port, *tool_args)
+        if service is not None:
+            with open(os.path.join(os.path.dirname(info["user_file"]), info["id"]), "w") as f:
+                f.write(service)
+        daemon = box.start("-d")
+        try:
+            wait_port(port)
+            t = Tenant(box, daemon, port, info)
+            s3 = t.client()
+            for b in buckets:
+                s3.create_bucket(Bucket=b)
+            if prepare is not None:
+                prepare(t)
+            yield t
+            t.daemon.stop()
+        finally:
+            box.cleanup()
+
+    return tenant

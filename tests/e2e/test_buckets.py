@@ -15,21 +15,14 @@ Replies whose bytes the server fixes are compared byte for byte. One daemon serv
 import os
 import re
 import shutil
-import socket
-import subprocess
 import threading
 import urllib.parse
 import xml.etree.ElementTree as ET
 
-import boto3  # Debian's python3-boto3
 import pytest
-from botocore.auth import S3SigV4Auth
-from botocore.awsrequest import AWSRequest
-from botocore.config import Config
-from botocore.credentials import Credentials
 from botocore.exceptions import ClientError
 
-from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_port
+from orbmux_harness import run_tool, s3_error, tenant_fixture
 from test_worker import DATE, check_error_reply
 
 USER = "bk-user"
@@ -39,134 +32,45 @@ TREES = ("data", "meta", "version", "recycle")
 MAX_BUCKET = 30
 
 
-class Tenant:
-    def __init__(self, box, daemon, port, info):
-        self.box = box
-        self.daemon = daemon
-        self.port = port
-        self.info = info
-        self.root = box.path("cluster/tenants/bk")
-
-    def keys(self, who):
-        if who == ADMIN:
-            return self.info["admin_access_key"], self.info["admin_secret_key"]
-        if who == RIVAL:
-            extra = self.info["extra_users"][0]
-            return extra["access_key"], extra["secret_key"]
-        return self.info["access_key"], self.info["secret_key"]
-
-    def tree(self):
-        """Every path below the tenant's four roots, relative to its directory, directories with '/'."""
-        out = set()
-        for top in TREES:
-            for base, dirs, files in os.walk(os.path.join(self.root, top)):
-                rel = os.path.relpath(base, self.root)
-                out.add(rel + "/")
-                out.update(os.path.join(rel, f) for f in files)
-        return out
-
-    def bucket_paths(self, owner, name):
-        return {f"data/{owner}/{name}/", f"meta/{owner}/bucket/{name}", f"meta/{owner}/object/{name}/",
-                f"version/{owner}/{name}/", f"recycle/{owner}/{name}/"}
-
-    def record(self, owner, name):
-        return ET.parse(os.path.join(self.root, "meta", owner, "bucket", name)).getroot()
+def tree_of(t):
+    """Every path below the tenant's four roots, relative to its directory, directories with '/'."""
+    out = set()
+    for top in TREES:
+        for base, dirs, files in os.walk(os.path.join(t.root, top)):
+            rel = os.path.relpath(base, t.root)
+            out.add(rel + "/")
+            out.update(os.path.join(rel, f) for f in files)
+    return out
 
 
-@pytest.fixture(scope="module")
-def tenant():
-    box = Sandbox()
-    port = free_port()
-    info = box.add_tenant("bk", port, "--user", USER, "--extra-user", RIVAL)
-    # The tenant's service file: peers at 127.0.0.2 are barred (the administrator is above that), and a
-    # worker lets the tenant hold MAX_BUCKET buckets.
-    with open(os.path.join(os.path.dirname(info["user_file"]), info["id"]), "w") as f:
-        f.write('<?xml version="1.0" encoding="utf-8"?>\n<service blacklist_status="start">\n<blacklist>\n'
-                '<rule id="b1" name="barred" status="start"><addrs addr="127.0.0.2" mask="32" /></rule>\n'
-                f'</blacklist>\n<quota max_bucket="{MAX_BUCKET}" />\n</service>\n')
-    daemon = box.start("-d")
-    try:
-        wait_port(port)
-        yield Tenant(box, daemon, port, info)
-    finally:
-        box.cleanup()
+def bucket_paths(owner, name):
+    return {f"data/{owner}/{name}/", f"meta/{owner}/bucket/{name}", f"meta/{owner}/object/{name}/",
+            f"version/{owner}/{name}/", f"recycle/{owner}/{name}/"}
 
 
-def client(t, who=USER, sig="s3v4"):
-    ak, sk = t.keys(who)
-    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
-                        aws_access_key_id=ak, aws_secret_access_key=sk,
-                        config=Config(signature_version=sig, s3={"addressing_style": "path"},
-                                      retries={"max_attempts": 1, "mode": "standard"},
-                                      connect_timeout=5, read_timeout=10 * SLOWDOWN))
+def record(t, owner, name):
+    return ET.parse(os.path.join(t.root, "meta", owner, "bucket", name)).getroot()
 
 
-def s3_error(call):
-    """(HTTP status, Code) of the error a client call ends in."""
-    with pytest.raises(ClientError) as err:
-        call()
-    r = err.value.response
-    return r["ResponseMetadata"]["HTTPStatusCode"], r.get("Error", {}).get("Code")
+# The tenant's service file: peers at 127.0.0.2 are barred (the administrator is above that), and a worker
+# lets the tenant hold MAX_BUCKET buckets.
+tenant = tenant_fixture(
+    "bk", "--user", USER, "--extra-user", RIVAL,
+    service='<?xml version="1.0" encoding="utf-8"?>\n<service blacklist_status="start">\n<blacklist>\n'
+            '<rule id="b1" name="barred" status="start"><addrs addr="127.0.0.2" mask="32" /></rule>\n'
+            f'</blacklist>\n<quota max_bucket="{MAX_BUCKET}" />\n</service>\n')
 
 
 def names(listing):
     return sorted(b["Name"] for b in listing["Buckets"])
 
 
-def run_tool(argv, env, home):
-    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8", **env}
-    return subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
-
-
-def aws(t, home, *args, who=USER):
-    ak, sk = t.keys(who)
-    env = {"AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
-           "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": ak, "AWS_SECRET_ACCESS_KEY": sk,
-           "AWS_DEFAULT_REGION": "us-east-1", "AWS_MAX_ATTEMPTS": "1", "AWS_RETRY_MODE": "standard"}
-    return run_tool(["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1",
-                     *args], env, home)
+def aws(t, home, *args):
+    return run_tool(t.aws() + list(args), t.env(home))
 
 
 def s3cmd(t, home, *args, v2=False):
-    ak, sk = t.keys(USER)
-    hostport = f"127.0.0.1:{t.port}"
-    return run_tool(["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={ak}", f"--secret_key={sk}",
-                     f"--host={hostport}", f"--host-bucket={hostport}", "--no-ssl", "--region=us-east-1",
-                     *(["--signature-v2"] if v2 else []), *args], {}, home)
-
-
-def signed(t, method, path, body=b"", who=USER, headers=None):
-    """A request signed with Signature Version 4 as a client would send it, as bytes."""
-    ak, sk = t.keys(who)
-    url = f"http://127.0.0.1:{t.port}{path}"
-    req = AWSRequest(method=method, url=url, data=body, headers=dict(headers or {}))
-    S3SigV4Auth(Credentials(ak, sk), "s3", "us-east-1").add_auth(req)
-    prepared = req.prepare()
-    head = f"{method} {path} HTTP/1.1\r\nHost: 127.0.0.1:{t.port}\r\n"
-    for k, v in prepared.headers.items():
-        if k.lower() != "host":
-            head += f"{k}: {v}\r\n"
-    if body:
-        head += f"Content-Length: {len(body)}\r\n"
-    return head.encode() + b"\r\n" + body
-
-
-def one_reply(t, data, source="127.0.0.1"):
-    """Sends `data` on a new connection from `source` and returns the one reply, head and document."""
-    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN, source_address=(source, 0)) as s:
-        s.sendall(data)
-        got = b""
-        while b"\r\n\r\n" not in got:
-            chunk = s.recv(65536)
-            assert chunk, f"connection closed after {got!r}"
-            got += chunk
-        m = re.search(rb"Content-Length:\s*(\d+)", got)
-        want = got.index(b"\r\n\r\n") + 4 + (int(m.group(1)) if m and not data.startswith(b"HEAD") else 0)
-        while len(got) < want:
-            chunk = s.recv(65536)
-            assert chunk, f"connection closed after {got!r}"
-            got += chunk
-        return got
+    return run_tool(t.s3cmd(v2) + list(args), t.env(home))
 
 
 def date_of(reply):
@@ -179,12 +83,12 @@ def date_of(reply):
 
 def test_aws_cli_makes_lists_inspects_and_removes_a_bucket(tenant, tmp_path):
     home = str(tmp_path)
-    before = tenant.tree()
+    before = tree_of(tenant)
     out = aws(tenant, home, "s3", "mb", "s3://cli-bucket")
     assert out.returncode == 0 and "make_bucket: cli-bucket" in out.stdout, out.stderr
     owner_dirs = {f"{t}/{USER}/" for t in TREES} | {f"meta/{USER}/bucket/", f"meta/{USER}/object/"}
-    assert (tenant.tree() - before) - owner_dirs == tenant.bucket_paths(USER, "cli-bucket")
-    rec = tenant.record(USER, "cli-bucket")
+    assert (tree_of(tenant) - before) - owner_dirs == bucket_paths(USER, "cli-bucket")
+    rec = record(tenant, USER, "cli-bucket")
     assert rec.tag == "bucket" and rec.get("bucketname") == "cli-bucket" and rec.get("acl") == "1"
     assert rec.get("owner_name") == USER and rec.get("extranet_endpoint") == "cli-bucket./"
 
@@ -203,7 +107,7 @@ def test_aws_cli_makes_lists_inspects_and_removes_a_bucket(tenant, tmp_path):
 
     out = aws(tenant, home, "s3", "rb", "s3://cli-bucket")
     assert out.returncode == 0 and "remove_bucket: cli-bucket" in out.stdout, out.stderr
-    assert not tenant.tree() & tenant.bucket_paths(USER, "cli-bucket")
+    assert not tree_of(tenant) & bucket_paths(USER, "cli-bucket")
     out = aws(tenant, home, "s3", "rb", "s3://cli-bucket")
     assert out.returncode != 0 and "NoSuchBucket" in out.stderr, out.stderr
 
@@ -212,7 +116,7 @@ def test_aws_cli_makes_lists_inspects_and_removes_a_bucket(tenant, tmp_path):
 
 @pytest.mark.parametrize("sig", ["s3v4", "s3"])
 def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
-    s3 = client(tenant, sig=sig)
+    s3 = tenant.client(sig)
     name = f"boto-{'v4' if sig == 's3v4' else 'v2'}"
     created = s3.create_bucket(Bucket=name)
     assert created["ResponseMetadata"]["HTTPStatusCode"] == 200
@@ -227,14 +131,14 @@ def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
               "Grants": [{"Grantee": {"Type": "CanonicalUser", "ID": owner_id}, "Permission": p}
                          for p in ("READ", "WRITE")]}
     s3.put_bucket_acl(Bucket=name, AccessControlPolicy=policy)
-    assert tenant.record(USER, name).get("acl") == str(0x110)
+    assert record(tenant, USER, name).get("acl") == str(0x110)
     assert sorted(g["Permission"] for g in s3.get_bucket_acl(Bucket=name)["Grants"]) == ["READ", "WRITE"]
 
     # A body without a grant changes nothing.
     assert s3_error(lambda: s3.put_bucket_acl(Bucket=name, AccessControlPolicy={"Owner": {"ID": owner_id},
                                                                                  "Grants": []}))[1] in (
         "MissingRequestBodyError", "MalformedXML")
-    assert tenant.record(USER, name).get("acl") == str(0x110)
+    assert record(tenant, USER, name).get("acl") == str(0x110)
 
     assert s3_error(lambda: s3.create_bucket(Bucket=name)) == (409, "BucketAlreadyOwnedByYou")
     deleted = s3.delete_bucket(Bucket=name)
@@ -243,15 +147,15 @@ def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
     assert s3_error(lambda: s3.delete_bucket(Bucket=name)) == (404, "NoSuchBucket")
     assert s3_error(lambda: s3.get_bucket_acl(Bucket=name)) == (404, "NoSuchBucket")
     assert name not in names(s3.list_buckets())
-    assert not tenant.tree() & tenant.bucket_paths(USER, name)
+    assert not tree_of(tenant) & bucket_paths(USER, name)
 
 
 def test_names_that_are_not_safe_paths_are_refused_before_anything_is_made(tenant):
-    before = tenant.tree()
+    before = tree_of(tenant)
     for path in ("/..", "/.", "/%2e%2e", "/a%2Fb", "/" + "x" * 300):
-        got = one_reply(tenant, signed(tenant, "PUT", path))
+        got = tenant.one_reply(tenant.signed("PUT", path))
         assert b" 400 " in got.split(b"\r\n", 1)[0] or b" 403 " in got.split(b"\r\n", 1)[0], (path, got)
-    assert tenant.tree() == before
+    assert tree_of(tenant) == before
 
 
 # ---- s3cmd ----
@@ -264,16 +168,16 @@ def test_s3cmd_makes_lists_and_removes_a_bucket(tenant, tmp_path, v2):
     assert out.returncode == 0 and f"Bucket 's3://{name}/' created" in out.stdout, out
     out = s3cmd(tenant, home, "ls", v2=v2)
     assert out.returncode == 0 and f"s3://{name}" in out.stdout, out
-    assert tenant.bucket_paths(USER, name) <= tenant.tree()
+    assert bucket_paths(USER, name) <= tree_of(tenant)
     out = s3cmd(tenant, home, "rb", f"s3://{name}", v2=v2)
     assert out.returncode == 0 and f"Bucket 's3://{name}/' removed" in out.stdout, out
-    assert not tenant.tree() & tenant.bucket_paths(USER, name)
+    assert not tree_of(tenant) & bucket_paths(USER, name)
 
 
 # ---- owners ----
 
 def test_the_bucket_namespace_is_shared_by_the_owners_of_a_tenant(tenant):
-    user, rival, admin = client(tenant), client(tenant, RIVAL), client(tenant, ADMIN)
+    user, rival, admin = tenant.client(), tenant.client(who=RIVAL), tenant.client(who=ADMIN)
     user.create_bucket(Bucket="owned-by-user")
     rival.create_bucket(Bucket="owned-by-rival")
     try:
@@ -291,7 +195,7 @@ def test_the_bucket_namespace_is_shared_by_the_owners_of_a_tenant(tenant):
 
 
 def test_two_owners_racing_for_names_never_both_win(tenant):
-    clients = {USER: client(tenant), RIVAL: client(tenant, RIVAL)}
+    clients = {USER: tenant.client(), RIVAL: tenant.client(who=RIVAL)}
     rounds = 20
     results = {}
 
@@ -324,34 +228,34 @@ def test_two_owners_racing_for_names_never_both_win(tenant):
         holders = [o for o in clients if os.path.isdir(os.path.join(tenant.root, "data", o, name))]
         assert holders == ([winners[name]] if name in winners else []), (name, holders)
         assert name in winners, f"nobody kept {name}"
-        assert tenant.record(winners[name], name).get("bucketname") == name
+        assert record(tenant, winners[name], name).get("bucketname") == name
         clients[winners[name]].delete_bucket(Bucket=name)
 
 
 # ---- DeleteBucket ----
 
 def test_a_bucket_that_holds_objects_is_not_deleted(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.create_bucket(Bucket="full")
     data = os.path.join(tenant.root, "data", USER, "full")
     # Until PutObject exists, objects are placed in the tree by hand: a file, and a directory object.
     with open(os.path.join(data, "object.txt"), "w") as f:
         f.write("content")
     assert s3_error(lambda: s3.delete_bucket(Bucket="full")) == (409, "BucketNotEmpty")
-    assert tenant.bucket_paths(USER, "full") <= tenant.tree()
+    assert bucket_paths(USER, "full") <= tree_of(tenant)
     os.unlink(os.path.join(data, "object.txt"))
     os.mkdir(os.path.join(data, "folder"))
     assert s3_error(lambda: s3.delete_bucket(Bucket="full")) == (409, "BucketNotEmpty")
     os.rmdir(os.path.join(data, "folder"))
     # Old versions and recycled copies of an empty bucket go with it.
-    for tree in ("version", "recycle"):
-        os.makedirs(os.path.join(tenant.root, tree, USER, "full", "d"))
-        with open(os.path.join(tenant.root, tree, USER, "full", "d", "old"), "w") as f:
+    for top in ("version", "recycle"):
+        os.makedirs(os.path.join(tenant.root, top, USER, "full", "d"))
+        with open(os.path.join(tenant.root, top, USER, "full", "d", "old"), "w") as f:
             f.write("old")
     assert s3.delete_bucket(Bucket="full")["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert not any(p.startswith(tuple(f"{t}/{USER}/full" for t in ("data", "version", "recycle")))
                    or p.startswith(f"meta/{USER}/object/full") or p == f"meta/{USER}/bucket/full"
-                   for p in tenant.tree())
+                   for p in tree_of(tenant))
 
 
 # ---- S3's rules for names, paging, location ----
@@ -365,7 +269,7 @@ BUCKET_NAMES = [
 
 
 def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     made = []
     old = "Old_Style"
     try:
@@ -375,7 +279,7 @@ def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
                 made.append(name)
             else:
                 # boto3 checks some names itself: send those raw.
-                got = one_reply(tenant, signed(tenant, "PUT", "/" + name))
+                got = tenant.one_reply(tenant.signed("PUT", "/" + name))
                 assert got.startswith(b"HTTP/1.1 400 "), (name, got)
                 assert b"<Code>InvalidBucketName</Code>" in got, (name, got)
                 assert not os.path.exists(os.path.join(tenant.root, "data", USER, name)), name
@@ -386,11 +290,11 @@ def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
         record = open(os.path.join(tenant.root, "meta", USER, "bucket", made[0])).read()
         with open(os.path.join(tenant.root, "meta", USER, "bucket", old), "w") as f:
             f.write(record.replace(f'bucketname="{made[0]}"', f'bucketname="{old}"'))
-        got = one_reply(tenant, signed(tenant, "PUT", f"/{old}/k", body=b"old"))
+        got = tenant.one_reply(tenant.signed("PUT", f"/{old}/k", body=b"old"))
         assert got.startswith(b"HTTP/1.1 200 "), got
-        got = one_reply(tenant, signed(tenant, "GET", f"/{old}/k"))
+        got = tenant.one_reply(tenant.signed("GET", f"/{old}/k"))
         assert got.startswith(b"HTTP/1.1 200 ") and got.endswith(b"\r\n\r\nold"), got
-        assert one_reply(tenant, signed(tenant, "DELETE", f"/{old}/k")).startswith(b"HTTP/1.1 204 ")
+        assert tenant.one_reply(tenant.signed("DELETE", f"/{old}/k")).startswith(b"HTTP/1.1 204 ")
     finally:
         # Taken away as it came, by hand: the worker never counted it.
         for rel in (f"data/{USER}/{old}", f"meta/{USER}/object/{old}", f"version/{USER}/{old}",
@@ -399,14 +303,14 @@ def test_new_bucket_names_follow_s3_rules_and_old_names_stay_reachable(tenant):
         if os.path.exists(os.path.join(tenant.root, "meta", USER, "bucket", old)):
             os.unlink(os.path.join(tenant.root, "meta", USER, "bucket", old))
         for name in made:
-            one_reply(tenant, signed(tenant, "DELETE", "/" + name))
+            tenant.one_reply(tenant.signed("DELETE", "/" + name))
 
 
 def test_get_bucket_location_is_the_empty_constraint(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.create_bucket(Bucket="located")
     try:
-        for c in (s3, client(tenant, sig="s3")):
+        for c in (s3, tenant.client("s3")):
             assert c.get_bucket_location(Bucket="located")["LocationConstraint"] is None
         assert s3_error(lambda: s3.get_bucket_location(Bucket="no-such-bucket")) == (404, "NoSuchBucket")
     finally:
@@ -414,7 +318,7 @@ def test_get_bucket_location_is_the_empty_constraint(tenant):
 
 
 def list_buckets_page(t, query):
-    got = one_reply(t, signed(t, "GET", "/?" + query if query else "/"))
+    got = t.one_reply(t.signed("GET", "/?" + query if query else "/"))
     status = int(got.split(b" ", 2)[1])
     doc = got.split(b"\r\n\r\n", 1)[1]
     return status, ET.fromstring(doc)
@@ -422,7 +326,7 @@ def list_buckets_page(t, query):
 
 def test_list_buckets_pages_with_max_buckets_token_and_prefix(tenant):
     """Debian's boto3 knows no MaxBuckets: the pages are asked for by hand."""
-    s3 = client(tenant)
+    s3 = tenant.client()
     mine = [f"page-{c}" for c in "ecadb"] + ["other-1"]
     for name in mine:
         s3.create_bucket(Bucket=name)
@@ -463,7 +367,7 @@ def test_list_buckets_pages_with_max_buckets_token_and_prefix(tenant):
 
 
 def test_every_error_document_names_the_request_id_of_its_reply(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.create_bucket(Bucket="with-ids")
     s3.put_object(Bucket="with-ids", Key="k", Body=b"1")
     calls = [
@@ -473,7 +377,7 @@ def test_every_error_document_names_the_request_id_of_its_reply(tenant):
         lambda: s3.get_bucket_acl(Bucket="no-such-bucket"),
         lambda: s3.get_object(Bucket="no-such-bucket", Key="k"),
         lambda: s3.list_objects_v2(Bucket="no-such-bucket"),
-        lambda: client(tenant, sig="s3").delete_bucket(Bucket="no-such-bucket"),
+        lambda: tenant.client("s3").delete_bucket(Bucket="no-such-bucket"),
     ]
     for call in calls:
         with pytest.raises(ClientError) as err:
@@ -484,9 +388,9 @@ def test_every_error_document_names_the_request_id_of_its_reply(tenant):
         # boto3 takes RequestId from the document when there is one, else from the header.
         assert r["ResponseMetadata"]["RequestId"] == header, r
     # A wrong signature and an unknown key, raw.
-    bad = signed(tenant, "GET", "/").replace(b"Signature=", b"Signature=0", 1)
+    bad = tenant.signed("GET", "/").replace(b"Signature=", b"Signature=0", 1)
     for data in (bad, b"GET / HTTP/1.1\r\nHost: x\r\nAuthorization: AWS nobody:sig\r\n\r\n"):
-        got = one_reply(tenant, data)
+        got = tenant.one_reply(data)
         head = re.search(rb"\r\nx-amz-request-id: ([0-9a-f]{32})\r\n", got)
         doc = re.search(rb"<RequestId>([0-9a-f]{32})</RequestId>", got)
         assert head and doc and head.group(1) == doc.group(1), got
@@ -497,47 +401,47 @@ def test_every_error_document_names_the_request_id_of_its_reply(tenant):
 # ---- replies byte for byte ----
 
 def test_bucket_replies_byte_for_byte(tenant):
-    got = one_reply(tenant, signed(tenant, "PUT", "/exact"))
+    got = tenant.one_reply(tenant.signed("PUT", "/exact"))
     date = date_of(got)
     assert got == (b"HTTP/1.1 200 OK\r\nDate: " + date + b"\r\nLocation:/exact\r\nContent-Length:0\r\n"
                    b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
 
-    got = one_reply(tenant, signed(tenant, "PUT", "/exact"))
+    got = tenant.one_reply(tenant.signed("PUT", "/exact"))
     check_error_reply(got, b"409 Conflict", b"BucketAlreadyOwnedByYou",
                       b"The bucket you tried to create already exists, and you own it.", b"exact")
-    got = one_reply(tenant, signed(tenant, "PUT", "/exact", who=RIVAL))
+    got = tenant.one_reply(tenant.signed("PUT", "/exact", who=RIVAL))
     check_error_reply(got, b"409 Conflict", b"BucketAlreadyExists",
                       b"The requested bucket name is not available. The bucket namespace is shared by all users of "
                       b"the system. Please select a different name and try again.", b"exact")
-    got = one_reply(tenant, signed(tenant, "PUT", "/Not_Valid"))
+    got = tenant.one_reply(tenant.signed("PUT", "/Not_Valid"))
     check_error_reply(got, b"400 Bad Request", b"InvalidBucketName", b"The specified bucket is not valid.",
                       b"Not_Valid")
-    got = one_reply(tenant, signed(tenant, "GET", "/exact?location"))
+    got = tenant.one_reply(tenant.signed("GET", "/exact?location"))
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
     assert got.split(b"\r\n\r\n", 1)[1] == (b'<?xml version="1.0" encoding="utf-8"?>\n'
                                               b'<LocationConstraint xmlns="http://s3.amazonaws.com/doc/2006-03-01/"/>\n'), got
     # HEAD errors carry the id in the head alone.
-    got = one_reply(tenant, signed(tenant, "HEAD", "/no-such-bucket"))
+    got = tenant.one_reply(tenant.signed("HEAD", "/no-such-bucket"))
     check_error_reply(got, b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist.",
                       b"no-such-bucket", head_only=True)
 
-    got = one_reply(tenant, signed(tenant, "HEAD", "/exact"))
+    got = tenant.one_reply(tenant.signed("HEAD", "/exact"))
     assert got.startswith(b"HTTP/1.1 200 OK\r\n") and got.endswith(b"\r\n\r\n"), got
 
-    got = one_reply(tenant, signed(tenant, "DELETE", "/exact"))
+    got = tenant.one_reply(tenant.signed("DELETE", "/exact"))
     date = date_of(got)
     assert got == (b"HTTP/1.1 204 No Content\r\nDate: " + date + b"\r\nContent-Length:0\r\n"
                    b"Connection: keep-alive\r\nServer: KELVANE\r\n\r\n"), got
 
-    got = one_reply(tenant, signed(tenant, "DELETE", "/exact"))
+    got = tenant.one_reply(tenant.signed("DELETE", "/exact"))
     check_error_reply(got, b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist.", b"exact")
 
 
 def test_list_buckets_reply(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.create_bucket(Bucket="listed")
     try:
-        got = one_reply(tenant, signed(tenant, "GET", "/"))
+        got = tenant.one_reply(tenant.signed("GET", "/"))
         head, doc = got.split(b"\r\n\r\n", 1)
         assert re.fullmatch(rb"HTTP/1.1 200 OK\r\nDate: [^\r]+ GMT\r\nConnection: keep-alive\r\nContent-Length:"
                             + str(len(doc)).encode() + rb"\r\nAccept-Ranges: bytes\r\n"
@@ -558,21 +462,21 @@ def test_list_buckets_reply(tenant):
 # ---- access ----
 
 def test_service_blacklist_bars_a_peer_but_not_the_administrator(tenant):
-    got = one_reply(tenant, signed(tenant, "PUT", "/barred"), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("PUT", "/barred"), source="127.0.0.2")
     check_error_reply(got, b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
-    got = one_reply(tenant, signed(tenant, "GET", "/", who=RIVAL), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("GET", "/", who=RIVAL), source="127.0.0.2")
     check_error_reply(got, b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
     assert not os.path.exists(os.path.join(tenant.root, "data", USER, "barred"))
-    got = one_reply(tenant, signed(tenant, "PUT", "/barred", who=ADMIN), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("PUT", "/barred", who=ADMIN), source="127.0.0.2")
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
-    got = one_reply(tenant, signed(tenant, "DELETE", "/barred", who=ADMIN), source="127.0.0.2")
+    got = tenant.one_reply(tenant.signed("DELETE", "/barred", who=ADMIN), source="127.0.0.2")
     assert got.startswith(b"HTTP/1.1 204 No Content\r\n"), got
 
 
 def test_bucket_authority_list_decides_per_action(tenant):
     """A bucket whose address rule for this peer grants only listing: HEAD passes, the ACL and DeleteBucket
     are refused, and the administrator still deletes it."""
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.create_bucket(Bucket="guarded")
     path = os.path.join(tenant.root, "meta", USER, "bucket", "guarded")
     tree = ET.parse(path)
@@ -591,15 +495,15 @@ def test_bucket_authority_list_decides_per_action(tenant):
     assert s3.head_bucket(Bucket="guarded")["ResponseMetadata"]["HTTPStatusCode"] == 200
     assert s3_error(lambda: s3.get_bucket_acl(Bucket="guarded")) == (403, "AccessDenied")
     assert s3_error(lambda: s3.delete_bucket(Bucket="guarded")) == (403, "AccessDenied")
-    assert tenant.bucket_paths(USER, "guarded") <= tenant.tree()
-    client(tenant, ADMIN).delete_bucket(Bucket="guarded")
-    assert not tenant.tree() & tenant.bucket_paths(USER, "guarded")
+    assert bucket_paths(USER, "guarded") <= tree_of(tenant)
+    tenant.client(who=ADMIN).delete_bucket(Bucket="guarded")
+    assert not tree_of(tenant) & bucket_paths(USER, "guarded")
 
 
 def test_max_bucket_caps_the_buckets_of_the_tenant(tenant):
-    admin = client(tenant, ADMIN)
+    admin = tenant.client(who=ADMIN)
     existing = len(admin.list_buckets()["Buckets"])
-    s3 = client(tenant)
+    s3 = tenant.client()
     made = []
     try:
         for i in range(MAX_BUCKET - existing):

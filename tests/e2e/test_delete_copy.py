@@ -17,111 +17,21 @@ import urllib.parse
 from concurrent.futures import ThreadPoolExecutor
 from datetime import timedelta, timezone
 
-import boto3  # Debian's python3-boto3
 import pytest
-from botocore.auth import S3SigV4Auth
-from botocore.awsrequest import AWSRequest
-from botocore.config import Config
-from botocore.credentials import Credentials
 from botocore.exceptions import ClientError
 
-from orbmux_harness import (SLOWDOWN, Sandbox, free_port, md5, rss_kib, run, s3_error, tool_env, wait_port,
-                             worker_pids)
+from orbmux_harness import SANITIZED, SLOWDOWN, md5, rss_kib, run, s3_error, tenant_fixture, worker_pids
 
 USER = "dc-user"
 BUCKET = "delcopy"
 OTHER = "delcopy-other"
-SANITIZED = os.environ.get("ORBMUX_SANITIZED", "").upper() in ("1", "ON", "TRUE", "YES")
-TMP_PREFIX = ".orbs3-tmp-"
 
 
-class Tenant:
-    def __init__(self, box, daemon, port, info):
-        self.box = box
-        self.daemon = daemon
-        self.port = port
-        self.info = info
-        self.root = box.path("cluster/tenants/dc")
-
-    def data(self, key, bucket=BUCKET):
-        return os.path.join(self.root, "data", USER, bucket, key)
-
-    def meta(self, key, bucket=BUCKET):
-        return os.path.join(self.root, "meta", USER, "object", bucket, key)
-
-    def recycle(self, key, bucket=BUCKET):
-        return os.path.join(self.root, "recycle", USER, bucket, key)
-
-    def temp_files(self):
-        found = []
-        for top in ("data", "meta"):
-            for base, _, files in os.walk(os.path.join(self.root, top)):
-                found += [os.path.join(base, f) for f in files if f.startswith(TMP_PREFIX)]
-        return found
-
-
-@pytest.fixture(scope="module")
-def tenant():
-    box = Sandbox()
-    port = free_port()
-    info = box.add_tenant("dc", port, "--user", USER)
-    daemon = box.start("-d")
-    try:
-        wait_port(port)
-        t = Tenant(box, daemon, port, info)
-        s3 = client(t)
-        s3.create_bucket(Bucket=BUCKET)
-        s3.create_bucket(Bucket=OTHER)
-        yield t
-        # A stop in order, and no sanitizer report in the daemon's log.
-        t.daemon.stop()
-    finally:
-        box.cleanup()
-
-
-def client(t):
-    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
-                        aws_access_key_id=t.info["access_key"], aws_secret_access_key=t.info["secret_key"],
-                        config=Config(signature_version="s3v4", s3={"addressing_style": "path"},
-                                      retries={"max_attempts": 1, "mode": "standard"},
-                                      connect_timeout=5, read_timeout=60 * SLOWDOWN,
-                                      max_pool_connections=16))
+tenant = tenant_fixture("dc", "--user", USER, buckets=[BUCKET, OTHER])
 
 
 def read(s3, key, bucket=BUCKET):
     return s3.get_object(Bucket=bucket, Key=key)["Body"].read()
-
-
-class PayloadAuth(S3SigV4Auth):
-    def __init__(self, credentials, payload_hash):
-        super().__init__(credentials, "s3", "us-east-1")
-        self.payload_hash = payload_hash
-
-    def payload(self, request):
-        return self.payload_hash
-
-
-def signed(t, method, path, body=b"", headers=None, payload_hash=None):
-    """A whole request signed with Signature Version 4, as bytes; the payload hash is the body's unless
-    given."""
-    payload_hash = payload_hash or hashlib.sha256(body).hexdigest()
-    req = AWSRequest(method=method, url=f"http://127.0.0.1:{t.port}{path}", data=b"", headers=dict(headers or {}))
-    PayloadAuth(Credentials(t.info["access_key"], t.info["secret_key"]), payload_hash).add_auth(req)
-    head = f"{method} {path} HTTP/1.1\r\nHost: 127.0.0.1:{t.port}\r\n"
-    for k, v in req.prepare().headers.items():
-        if k.lower() not in ("host", "content-length"):
-            head += f"{k}: {v}\r\n"
-    return (head + f"Content-Length: {len(body)}\r\nConnection: close\r\n\r\n").encode() + body
-
-
-def exchange(t, data):
-    """(status, whole reply) of one request on its own connection."""
-    with socket.create_connection(("127.0.0.1", t.port), timeout=30 * SLOWDOWN) as s:
-        s.sendall(data)
-        got = b""
-        while chunk := s.recv(65536):
-            got += chunk
-    return int(got.split(b" ", 2)[1]), got
 
 
 def record_stamp(last_modified):
@@ -131,7 +41,7 @@ def record_stamp(last_modified):
 # ---- DeleteObject ----
 
 def test_delete_recycles_the_bytes_and_removes_emptied_directories(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="tree/keep.txt", Body=b"stays")
     s3.put_object(Bucket=BUCKET, Key="tree/deep/er/gone.txt", Body=b"to the bin")
     stamp = record_stamp(s3.head_object(Bucket=BUCKET, Key="tree/deep/er/gone.txt")["LastModified"])
@@ -139,12 +49,12 @@ def test_delete_recycles_the_bytes_and_removes_emptied_directories(tenant):
     assert s3.delete_object(Bucket=BUCKET, Key="tree/deep/er/gone.txt")["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="tree/deep/er/gone.txt")) == (404, "NoSuchKey")
     # The bytes lie in the recycle tree under the key and the time they were written.
-    with open(tenant.recycle(f"tree/deep/er/gone.txt..{stamp}"), "rb") as f:
+    with open(tenant.recycle(BUCKET, f"tree/deep/er/gone.txt..{stamp}"), "rb") as f:
         assert f.read() == b"to the bin"
     # The directories that held nothing else went, in both trees; the one with another key stayed.
-    for path in (tenant.data("tree/deep"), tenant.meta("tree/deep")):
+    for path in (tenant.data(BUCKET, "tree/deep"), tenant.meta(BUCKET, "tree/deep")):
         assert not os.path.exists(path), path
-    assert os.path.isdir(tenant.data("tree")) and os.path.isdir(tenant.meta("tree"))
+    assert os.path.isdir(tenant.data(BUCKET, "tree")) and os.path.isdir(tenant.meta(BUCKET, "tree"))
     assert read(s3, "tree/keep.txt") == b"stays"
 
     # Deleting again, or a key that never was, is no error: clients that retry are not told otherwise.
@@ -152,9 +62,9 @@ def test_delete_recycles_the_bytes_and_removes_emptied_directories(tenant):
         assert s3.delete_object(Bucket=BUCKET, Key=key)["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert read(s3, "tree/keep.txt") == b"stays"
     s3.delete_object(Bucket=BUCKET, Key="tree/keep.txt")
-    assert not os.path.exists(tenant.data("tree")) and not os.path.exists(tenant.meta("tree"))
+    assert not os.path.exists(tenant.data(BUCKET, "tree")) and not os.path.exists(tenant.meta(BUCKET, "tree"))
     # The bucket's own directories stay whatever is deleted.
-    assert os.path.isdir(tenant.data("")) and os.path.isdir(tenant.meta(""))
+    assert os.path.isdir(tenant.data(BUCKET, "")) and os.path.isdir(tenant.meta(BUCKET, ""))
     assert s3_error(lambda: s3.delete_object(Bucket="no-such-bucket", Key="k")) == (404, "NoSuchBucket")
     assert not tenant.temp_files()
 
@@ -164,7 +74,7 @@ def put_directory(t, key):
     # answers a PUT without a body at once, with no 100 Continue first, and botocore keeps that early
     # reply's status line for the next request on the connection: a PutObject that follows there reads
     # its own reply wrongly and waits out its read timeout. That is no part of what is tested here.
-    client(t).put_object(Bucket=BUCKET, Key=key, Body=b"")
+    t.client().put_object(Bucket=BUCKET, Key=key, Body=b"")
 
 
 def test_uploads_race_deletes_that_empty_their_directory(tenant):
@@ -174,7 +84,7 @@ def test_uploads_race_deletes_that_empty_their_directory(tenant):
     failures = []
 
     def churn(name, rounds=150):
-        s3 = client(tenant)
+        s3 = tenant.client()
         for i in range(rounds):
             key = f"race/shared/deeper/{name}-{i}"
             try:
@@ -188,16 +98,16 @@ def test_uploads_race_deletes_that_empty_their_directory(tenant):
     with ThreadPoolExecutor(4) as pool:
         list(pool.map(churn, ["a", "b", "c", "d"]))
     assert not failures, failures[:5]
-    assert not os.path.exists(tenant.data("race")) and not os.path.exists(tenant.meta("race"))
+    assert not os.path.exists(tenant.data(BUCKET, "race")) and not os.path.exists(tenant.meta(BUCKET, "race"))
     assert not tenant.temp_files()
 
 
 def test_directory_objects_go_with_their_last_key(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     put_directory(tenant, "empty/")
-    assert os.path.isdir(tenant.data("empty"))
+    assert os.path.isdir(tenant.data(BUCKET, "empty"))
     s3.delete_object(Bucket=BUCKET, Key="empty/")
-    assert not os.path.exists(tenant.data("empty")) and not os.path.exists(tenant.meta("empty"))
+    assert not os.path.exists(tenant.data(BUCKET, "empty")) and not os.path.exists(tenant.meta(BUCKET, "empty"))
 
     put_directory(tenant, "full/")
     s3.put_object(Bucket=BUCKET, Key="full/sub/a", Body=b"a")
@@ -205,22 +115,22 @@ def test_directory_objects_go_with_their_last_key(tenant):
     # Keys below it: the directory stays for them.
     assert s3.delete_object(Bucket=BUCKET, Key="full/")["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert read(s3, "full/sub/a") == b"a" and read(s3, "full/b") == b"b"
-    assert not os.path.exists(os.path.join(tenant.meta("full"), ".orbs3-dir"))
+    assert not os.path.exists(os.path.join(tenant.meta(BUCKET, "full"), ".orbs3-dir"))
     s3.delete_object(Bucket=BUCKET, Key="full/sub/a")
-    assert os.path.isdir(tenant.data("full")) and not os.path.exists(tenant.data("full/sub"))
+    assert os.path.isdir(tenant.data(BUCKET, "full")) and not os.path.exists(tenant.data(BUCKET, "full/sub"))
     # With its last key the deleted directory goes, from both trees.
     s3.delete_object(Bucket=BUCKET, Key="full/b")
-    assert not os.path.exists(tenant.data("full")) and not os.path.exists(tenant.meta("full"))
+    assert not os.path.exists(tenant.data(BUCKET, "full")) and not os.path.exists(tenant.meta(BUCKET, "full"))
 
     # A directory object that is not deleted stays when the keys below it go.
     put_directory(tenant, "kept/")
     s3.put_object(Bucket=BUCKET, Key="kept/x", Body=b"x")
-    marker = os.path.exists(os.path.join(tenant.meta("kept"), ".orbs3-dir"))
+    marker = os.path.exists(os.path.join(tenant.meta(BUCKET, "kept"), ".orbs3-dir"))
     s3.delete_object(Bucket=BUCKET, Key="kept/x")
     if marker:
-        assert os.path.isdir(tenant.data("kept")) and os.path.isdir(tenant.meta("kept"))
+        assert os.path.isdir(tenant.data(BUCKET, "kept")) and os.path.isdir(tenant.meta(BUCKET, "kept"))
     s3.delete_object(Bucket=BUCKET, Key="kept/")
-    assert not os.path.exists(tenant.data("kept")) and not os.path.exists(tenant.meta("kept"))
+    assert not os.path.exists(tenant.data(BUCKET, "kept")) and not os.path.exists(tenant.meta(BUCKET, "kept"))
 
 
 def bucket_stat(t, bucket):
@@ -232,7 +142,7 @@ def bucket_stat(t, bucket):
 
 
 def test_bucket_statistics_follow_puts_deletes_and_copies(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.create_bucket(Bucket="delcopy-stat")
     b = "delcopy-stat"
     s3.put_object(Bucket=b, Key="a", Body=b"x" * 100)
@@ -253,7 +163,7 @@ def test_bucket_statistics_follow_puts_deletes_and_copies(tenant):
     s3.delete_object(Bucket=b, Key="a")
     s3.delete_object(Bucket=b, Key="a")
     assert bucket_stat(tenant, b) == (2, 20)
-    assert exchange(tenant, signed(tenant, "POST", f"/{b}/c?append&position=10", b"zzzzz"))[0] == 200
+    assert tenant.request("POST", f"/{b}/c?append&position=10", b"zzzzz")[0] == 200
     assert bucket_stat(tenant, b) == (2, 25)
     # A directory key of a batch names no object here: d/b stays, and counts.
     s3.delete_objects(Bucket=b, Delete={"Objects": [{"Key": "c"}, {"Key": "d/"}, {"Key": "gone"}]})
@@ -267,7 +177,7 @@ def test_bucket_statistics_follow_puts_deletes_and_copies(tenant):
 # ---- DeleteObjects ----
 
 def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     keys = [f"batch/{i // 100}/k{i:04d}" for i in range(1000)]
     with ThreadPoolExecutor(8) as pool:
         list(pool.map(lambda k: s3.put_object(Bucket=BUCKET, Key=k, Body=k.encode()), keys))
@@ -283,26 +193,26 @@ def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
     assert [e["Key"] for e in got.get("Errors", [])] == ["batch/../escape"]
     assert read(s3, keys[999]) == keys[999].encode()
     for k in keys[:999:97]:
-        assert not os.path.exists(tenant.data(k)) and not os.path.exists(tenant.meta(k))
+        assert not os.path.exists(tenant.data(BUCKET, k)) and not os.path.exists(tenant.meta(BUCKET, k))
     # Nothing of a batch delete is recycled, and its emptied directories went.
-    assert not [f for _, _, files in os.walk(tenant.recycle("batch")) for f in files]
-    assert sorted(os.listdir(tenant.data("batch"))) == ["9"]
+    assert not [f for _, _, files in os.walk(tenant.recycle(BUCKET, "batch")) for f in files]
+    assert sorted(os.listdir(tenant.data(BUCKET, "batch"))) == ["9"]
 
     got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": keys[999]}]})
     assert [d["Key"] for d in got["Deleted"]] == [keys[999]]
-    assert not os.path.exists(tenant.data("batch"))
+    assert not os.path.exists(tenant.data(BUCKET, "batch"))
 
     # A document whose Content-MD5 does not match is refused, and deletes nothing.
     s3.put_object(Bucket=BUCKET, Key="guarded", Body=b"g")
     doc = b"<Delete><Object><Key>guarded</Key></Object></Delete>"
     for md5_header, code in ((base64.b64encode(hashlib.md5(b"other").digest()).decode(), b"BadDigest"),
                              ("not base64", b"InvalidDigest")):
-        status, reply = exchange(tenant, signed(tenant, "POST", f"/{BUCKET}?delete", doc,
-                                                headers={"Content-MD5": md5_header}))
+        status, reply = tenant.request("POST", f"/{BUCKET}?delete", doc,
+                                       headers={"Content-MD5": md5_header})
         assert status == 400 and b"<Code>" + code + b"</Code>" in reply, reply
     assert read(s3, "guarded") == b"g"
-    status, reply = exchange(tenant, signed(tenant, "POST", f"/{BUCKET}?delete", doc, headers={
-        "Content-MD5": base64.b64encode(hashlib.md5(doc).digest()).decode()}))
+    status, reply = tenant.request("POST", f"/{BUCKET}?delete", doc, headers={
+        "Content-MD5": base64.b64encode(hashlib.md5(doc).digest()).decode()})
     assert status == 200 and b"<Deleted>" in reply and b"<Key>guarded</Key>" in reply, reply
 
     # More than 1000 keys is refused whole.
@@ -311,12 +221,12 @@ def test_delete_objects_of_a_thousand_keys_quiet_and_not(tenant):
 
 
 def test_a_batch_directory_key_deletes_its_directory_object_alone(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     below = ["x/a", "x/b", "x/sub/c"]
     for k in below:
         s3.put_object(Bucket=BUCKET, Key=k, Body=k.encode())
     put_directory(tenant, "x/")
-    marker = os.path.join(tenant.meta("x"), ".orbs3-dir")
+    marker = os.path.join(tenant.meta(BUCKET, "x"), ".orbs3-dir")
     assert os.path.exists(marker)
     # First with the directory object x/ there, then without it: x/ goes (or was never there), nothing
     # below it does, and the reply says x/ is deleted either way, as S3 does for any key.
@@ -332,33 +242,33 @@ def test_a_batch_directory_key_deletes_its_directory_object_alone(tenant):
     # The keys below go when they are named, and their directory with the last of them.
     got = s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": k} for k in below]})
     assert sorted(d["Key"] for d in got["Deleted"]) == below
-    assert not os.path.exists(tenant.data("x")) and not os.path.exists(tenant.meta("x"))
+    assert not os.path.exists(tenant.data(BUCKET, "x")) and not os.path.exists(tenant.meta(BUCKET, "x"))
 
 
 # ---- the immediate delete ----
 
 def test_vorne_destroys_at_once_and_knows_missing_keys(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="now/gone.bin", Body=b"no bin for me")
-    status, _ = exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/now/gone.bin?vorne"))
+    status, _ = tenant.request("DELETE", f"/{BUCKET}/now/gone.bin?vorne")
     assert status == 204
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="now/gone.bin")) == (404, "NoSuchKey")
-    assert not os.path.exists(tenant.recycle("now")) or not os.listdir(tenant.recycle("now"))
-    assert not os.path.exists(tenant.data("now"))
-    status, reply = exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/now/gone.bin?vorne"))
+    assert not os.path.exists(tenant.recycle(BUCKET, "now")) or not os.listdir(tenant.recycle(BUCKET, "now"))
+    assert not os.path.exists(tenant.data(BUCKET, "now"))
+    status, reply = tenant.request("DELETE", f"/{BUCKET}/now/gone.bin?vorne")
     assert status == 404 and b"<Code>NoSuchKey</Code>" in reply
 
     # A directory key, asked for by this action, takes everything below it.
     for k in ("rec/a", "rec/b/c", "rec/b/d/e"):
         s3.put_object(Bucket=BUCKET, Key=k, Body=b"x")
-    assert exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/rec/?vorne"))[0] == 204
-    assert not os.path.exists(tenant.data("rec")) and not os.path.exists(tenant.meta("rec"))
+    assert tenant.request("DELETE", f"/{BUCKET}/rec/?vorne")[0] == 204
+    assert not os.path.exists(tenant.data(BUCKET, "rec")) and not os.path.exists(tenant.meta(BUCKET, "rec"))
 
     # An upload in progress below a destroyed directory is the server's, not a key: it can still complete.
     up = s3.create_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin")["UploadId"]
     part = s3.upload_part(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up, PartNumber=1, Body=b"p" * 1000)
     s3.put_object(Bucket=BUCKET, Key="rec2/small", Body=b"s")
-    assert exchange(tenant, signed(tenant, "DELETE", f"/{BUCKET}/rec2/?vorne"))[0] == 204
+    assert tenant.request("DELETE", f"/{BUCKET}/rec2/?vorne")[0] == 204
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key="rec2/small"))[0] == 404
     s3.complete_multipart_upload(Bucket=BUCKET, Key="rec2/big.bin", UploadId=up,
                                  MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": part["ETag"]}]})
@@ -368,7 +278,7 @@ def test_vorne_destroys_at_once_and_knows_missing_keys(tenant):
 # ---- CopyObject ----
 
 def test_copy_with_either_metadata_directive(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     body = os.urandom(300_000)
     s3.put_object(Bucket=BUCKET, Key="src/orig.bin", Body=body, ContentType="image/png",
                   Metadata={"colour": "blue"}, CacheControl="max-age=60")
@@ -390,7 +300,7 @@ def test_copy_with_either_metadata_directive(tenant):
 
 
 def test_copy_onto_itself_needs_new_metadata(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="self.txt", Body=b"myself", Metadata={"v": "1"})
     src = {"Bucket": BUCKET, "Key": "self.txt"}
     assert s3_error(lambda: s3.copy_object(Bucket=BUCKET, Key="self.txt", CopySource=src)) == (400, "InvalidRequest")
@@ -401,7 +311,7 @@ def test_copy_onto_itself_needs_new_metadata(tenant):
 
 
 def test_copy_across_buckets_over_existing_keys_and_into_new_directories(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="x/from.txt", Body=b"first")
     s3.put_object(Bucket=OTHER, Key="to.txt", Body=b"an older and longer content")
     s3.copy_object(Bucket=OTHER, Key="to.txt", CopySource={"Bucket": BUCKET, "Key": "x/from.txt"})
@@ -421,23 +331,23 @@ def test_copy_across_buckets_over_existing_keys_and_into_new_directories(tenant)
 
 
 def test_copy_of_encoded_keys_and_the_older_copy_header(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     for key in ("with space/and+plus.txt", "ünï/cødé €.txt", "q?uestion&amp=%.txt"):
         s3.put_object(Bucket=BUCKET, Key=key, Body=key.encode())
         s3.copy_object(Bucket=BUCKET, Key=f"enc-copy/{key}", CopySource={"Bucket": BUCKET, "Key": key})
         assert read(s3, f"enc-copy/{key}") == key.encode()
     # X-Copy-Source, percent-encoded, by a raw signed PUT.
     source = "/" + BUCKET + "/" + urllib.parse.quote("ünï/cødé €.txt")
-    status, reply = exchange(tenant, signed(tenant, "PUT", f"/{BUCKET}/old-header.txt",
-                                            headers={"X-Copy-Source": source}))
+    status, reply = tenant.request("PUT", f"/{BUCKET}/old-header.txt",
+                                   headers={"X-Copy-Source": source})
     assert status == 200 and b"<CopyObjectResult>" in reply and md5("ünï/cødé €.txt".encode()).encode() in reply
     assert read(s3, "old-header.txt") == "ünï/cødé €.txt".encode()
-    status, reply = exchange(tenant, signed(tenant, "PUT", f"/{BUCKET}/bad", headers={"X-Copy-Source": "/b/%zz"}))
+    status, reply = tenant.request("PUT", f"/{BUCKET}/bad", headers={"X-Copy-Source": "/b/%zz"})
     assert status == 400 and b"<Code>InvalidArgument</Code>" in reply
 
 
 def test_copy_conditions_on_the_source(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="cond.txt", Body=b"condition")
     etag = f'"{md5(b"condition")}"'
     modified = s3.head_object(Bucket=BUCKET, Key="cond.txt")["LastModified"]
@@ -458,8 +368,8 @@ def test_copy_conditions_on_the_source(tenant):
 def test_a_one_gib_copy_runs_in_bounded_memory(tenant):
     size = 1 << 30
     # A sparse file placed without a record: the copy reads it through its buffer to compute the ETag.
-    os.makedirs(os.path.dirname(tenant.data("big/sparse.bin")), exist_ok=True)
-    with open(tenant.data("big/sparse.bin"), "wb") as f:
+    os.makedirs(os.path.dirname(tenant.data(BUCKET, "big/sparse.bin")), exist_ok=True)
+    with open(tenant.data(BUCKET, "big/sparse.bin"), "wb") as f:
         f.truncate(size)
     zeros = hashlib.md5()
     block = bytes(1 << 20)
@@ -476,7 +386,7 @@ def test_a_one_gib_copy_runs_in_bounded_memory(tenant):
 
     sampler = threading.Thread(target=sample)
     sampler.start()
-    s3 = client(tenant)
+    s3 = tenant.client()
     started = time.monotonic()
     try:
         got = s3.copy_object(Bucket=BUCKET, Key="big/copy.bin", CopySource={"Bucket": BUCKET, "Key": "big/sparse.bin"})
@@ -487,20 +397,20 @@ def test_a_one_gib_copy_runs_in_bounded_memory(tenant):
     after = sum(rss_kib(p) for p in workers)
     print(f"worker RSS {before} KiB before, {peak[0]} KiB at most during, {after} KiB after a 1 GiB copy of {took:.1f} s")
     assert got["CopyObjectResult"]["ETag"] == f'"{zeros.hexdigest()}"'
-    assert os.path.getsize(tenant.data("big/copy.bin")) == size
+    assert os.path.getsize(tenant.data(BUCKET, "big/copy.bin")) == size
     assert peak[0] - before < 64 * 1024 and after - before < 64 * 1024, (before, peak[0], after)
     s3.delete_objects(Bucket=BUCKET, Delete={"Objects": [{"Key": "big/sparse.bin"}, {"Key": "big/copy.bin"}]})
-    assert not os.path.exists(tenant.data("big"))
+    assert not os.path.exists(tenant.data(BUCKET, "big"))
 
 
 # ---- AppendObject ----
 
 def append(t, key, position, body, **kw):
-    return exchange(t, signed(t, "POST", f"/{BUCKET}/{key}?append&position={position}", body, **kw))
+    return t.request("POST", f"/{BUCKET}/{key}?append&position={position}", body, **kw)
 
 
 def test_append_before_at_and_past_the_end(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="log/app.txt", Body=b"hello", ContentType="text/plain", Metadata={"a": "b"})
     status, reply = append(tenant, "log/app.txt", 5, b" world")
     assert status == 200, reply
@@ -532,11 +442,11 @@ def test_append_before_at_and_past_the_end(tenant):
 
 
 def test_an_append_body_in_pieces_or_cut_short(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     # A body that arrives in several pieces, with pauses between them, is waited for.
     s3.put_object(Bucket=BUCKET, Key="log/slow.txt", Body=b"start:")
     body = os.urandom(300_000)
-    data = signed(tenant, "POST", f"/{BUCKET}/log/slow.txt?append&position=6", body)
+    data = tenant.signed("POST", f"/{BUCKET}/log/slow.txt?append&position=6", body, close=True)
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=30 * SLOWDOWN) as s:
         for at in range(0, len(data), 100_000):
             s.sendall(data[at:at + 100_000])
@@ -547,8 +457,8 @@ def test_an_append_body_in_pieces_or_cut_short(tenant):
 
     # A client that stops in mid-body leaves the object as it was.
     s3.put_object(Bucket=BUCKET, Key="log/cut.txt", Body=b"whole")
-    data = signed(tenant, "POST", f"/{BUCKET}/log/cut.txt?append&position=5", b"x" * 100_000,
-                  payload_hash="UNSIGNED-PAYLOAD")
+    data = tenant.signed("POST", f"/{BUCKET}/log/cut.txt?append&position=5", b"x" * 100_000,
+                         payload_hash="UNSIGNED-PAYLOAD", close=True)
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=10) as s:
         s.sendall(data[:-50_000])
         time.sleep(0.3 * SLOWDOWN)
@@ -560,24 +470,21 @@ def test_an_append_body_in_pieces_or_cut_short(tenant):
 # ---- other clients ----
 
 def test_s3cmd_copies_and_deletes(tenant, tmp_path):
-    hostport = f"127.0.0.1:{tenant.port}"
-    s3cmd = ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={tenant.info['access_key']}",
-             f"--secret_key={tenant.info['secret_key']}", f"--host={hostport}", f"--host-bucket={hostport}",
-             "--no-ssl", "--region=us-east-1"]
-    env = tool_env(tenant, str(tmp_path))
-    s3 = client(tenant)
+    s3cmd = tenant.s3cmd()
+    env = tenant.env(str(tmp_path))
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="s3cmd/one file.txt", Body=b"by s3cmd", ContentType="text/x-test")
     run(s3cmd + ["cp", f"s3://{BUCKET}/s3cmd/one file.txt", f"s3://{OTHER}/s3cmd/two file.txt"], env)
     got = s3.get_object(Bucket=OTHER, Key="s3cmd/two file.txt")
     assert got["Body"].read() == b"by s3cmd" and got["ContentType"] == "text/x-test"
     run(s3cmd + ["del", f"s3://{OTHER}/s3cmd/two file.txt"], env)
     assert s3_error(lambda: s3.head_object(Bucket=OTHER, Key="s3cmd/two file.txt"))[0] == 404
-    assert not os.path.exists(tenant.data("s3cmd", OTHER))
+    assert not os.path.exists(tenant.data(OTHER, "s3cmd"))
 
 
 def listing_works(t):
     try:
-        client(t).list_objects_v2(Bucket=BUCKET, MaxKeys=1)
+        t.client().list_objects_v2(Bucket=BUCKET, MaxKeys=1)
         return True
     except ClientError as e:
         return e.response["ResponseMetadata"]["HTTPStatusCode"] != 501
@@ -590,15 +497,15 @@ def needs_listing(tenant):
 
 
 def test_aws_cli_removes_a_tree_recursively(tenant, tmp_path, needs_listing):
-    s3 = client(tenant)
+    s3 = tenant.client()
     keys = [f"cli-tree/{a}/{b}.txt" for a in range(5) for b in range(20)]
     with ThreadPoolExecutor(8) as pool:
         list(pool.map(lambda k: s3.put_object(Bucket=BUCKET, Key=k, Body=b"x"), keys))
     s3.put_object(Bucket=BUCKET, Key="cli-tree-sibling", Body=b"stays")
-    aws = ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{tenant.port}", "--region", "us-east-1"]
-    run(aws + ["s3", "rm", "--recursive", f"s3://{BUCKET}/cli-tree/"], tool_env(tenant, str(tmp_path)))
+    aws = tenant.aws()
+    run(aws + ["s3", "rm", "--recursive", f"s3://{BUCKET}/cli-tree/"], tenant.env(str(tmp_path)))
     assert s3.list_objects_v2(Bucket=BUCKET, Prefix="cli-tree/").get("KeyCount", 0) == 0
-    assert not os.path.exists(tenant.data("cli-tree"))
+    assert not os.path.exists(tenant.data(BUCKET, "cli-tree"))
     assert read(s3, "cli-tree-sibling") == b"stays"
 
 
@@ -631,7 +538,7 @@ def present(s3, prefix, key):
 
 
 def test_delete_objects_deletes_exactly_the_keys_it_names(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     keys = put_keys(s3, "blanks/", BLANK_KEYS)
     assert {"with", "with space/and+plus.txt", "a b", "a", " leading", "leading", "report 2024.pdf"} <= set(keys)
     named = [k for k in keys if k in ("with space/and+plus.txt", "a b", "report 2024.pdf", " leading", "tab\tkey",
@@ -645,13 +552,13 @@ def test_delete_objects_deletes_exactly_the_keys_it_names(tenant):
 
 
 def test_aws_cli_removes_keys_with_blanks_under_a_prefix_only(tenant, tmp_path, needs_listing):
-    s3 = client(tenant)
+    s3 = tenant.client()
     # No key with a leading blank here: cut at its blank it names the prefix's directory, whose delete
     # once took all below it and would have hidden every other wrong delete.
     inside = put_keys(s3, "cli-blanks/in/", [k for k in BLANK_KEYS if not k.startswith(" ")])
     outside = put_keys(s3, "cli-blanks/", ["in side", "in", "a b", " leading", "with"])
-    aws = ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{tenant.port}", "--region", "us-east-1"]
-    run(aws + ["s3", "rm", "--recursive", f"s3://{BUCKET}/cli-blanks/in/"], tool_env(tenant, str(tmp_path)))
+    aws = tenant.aws()
+    run(aws + ["s3", "rm", "--recursive", f"s3://{BUCKET}/cli-blanks/in/"], tenant.env(str(tmp_path)))
     for k in inside:
         assert not present(s3, "cli-blanks/in/", k), k
     left = s3.list_objects_v2(Bucket=BUCKET, Prefix="cli-blanks/")
@@ -660,18 +567,14 @@ def test_aws_cli_removes_keys_with_blanks_under_a_prefix_only(tenant, tmp_path, 
     batch = tmp_path / "batch.json"
     batch.write_text(json.dumps({"Objects": [{"Key": "cli-blanks/a b"}, {"Key": "cli-blanks/in side"}]}))
     run(aws + ["s3api", "delete-objects", "--bucket", BUCKET, "--delete", f"file://{batch}"],
-        tool_env(tenant, str(tmp_path)))
+        tenant.env(str(tmp_path)))
     left = s3.list_objects_v2(Bucket=BUCKET, Prefix="cli-blanks/")
     assert sorted(c["Key"] for c in left.get("Contents", [])) == \
         sorted("cli-blanks/" + k for k in outside if k not in ("a b", "in side"))
 
 
 def test_rclone_sync_and_check(tenant, tmp_path, needs_listing):
-    env = {**tool_env(tenant, str(tmp_path)), "RCLONE_CONFIG": "/dev/null",
-           "RCLONE_CONFIG_OM_TYPE": "s3", "RCLONE_CONFIG_OM_PROVIDER": "Other",
-           "RCLONE_CONFIG_OM_ACCESS_KEY_ID": tenant.info["access_key"],
-           "RCLONE_CONFIG_OM_SECRET_ACCESS_KEY": tenant.info["secret_key"],
-           "RCLONE_CONFIG_OM_ENDPOINT": f"http://127.0.0.1:{tenant.port}", "RCLONE_CONFIG_OM_REGION": "us-east-1"}
+    env = tenant.rclone(str(tmp_path))
     src = tmp_path / "src"
     for rel in ("a.txt", "sub/b.txt", "sub/deeper/c.bin", "gone/d.txt"):
         (src / rel).parent.mkdir(parents=True, exist_ok=True)
@@ -687,5 +590,5 @@ def test_rclone_sync_and_check(tenant, tmp_path, needs_listing):
     (src / "sub/new.txt").write_bytes(b"new")
     run(["/usr/bin/rclone", "sync", *flags, str(src), f"om:{BUCKET}/rc-sync"], env)
     run(["/usr/bin/rclone", "check", *flags, str(src), f"om:{BUCKET}/rc-sync"], env)
-    assert not os.path.exists(tenant.data("rc-sync/gone"))
+    assert not os.path.exists(tenant.data(BUCKET, "rc-sync/gone"))
     assert not tenant.temp_files()

@@ -16,69 +16,31 @@ import time
 import urllib.error
 import urllib.request
 
-import boto3  # Debian's python3-boto3
 import pytest
 from boto3.s3.transfer import TransferConfig
-from botocore.config import Config
 from botocore.exceptions import ClientError
 
-from orbmux_harness import (DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, s3_error, wait_for, wait_port,
-                             worker_pids)
-from test_objects import (checksum_b64, checksum_raw, conditional, exchange, extra_headers, signed_chunks,
-                          signed_head, signed_request, tool_env)
+from orbmux_harness import (DEFAULT_ORBMUX_CONF, SANITIZED, SLOWDOWN, run, s3_error, tenant_fixture, wait_for,
+                             wait_port, worker_pids)
+from test_objects import checksum_b64, checksum_raw, conditional, extra_headers, signed_chunks
 
 USER = "mp-user"
 BUCKET = "parts"
 MIN_PART = 1024
-SANITIZED = os.environ.get("ORBMUX_SANITIZED", "").upper() in ("1", "ON", "TRUE", "YES")
 MiB = 1 << 20
 
 
-class Tenant:
-    def __init__(self, box, daemon, port, info):
-        self.box = box
-        self.daemon = daemon
-        self.port = port
-        self.info = info
-        self.root = box.path("cluster/tenants/mp")
-
-    def data_root(self, bucket=BUCKET):
-        return os.path.join(self.root, "data", USER, bucket)
-
-    def reserved_names(self, bucket=BUCKET):
-        """Every name of the bucket's data tree that belongs to the server."""
-        found = []
-        for base, dirs, files in os.walk(self.data_root(bucket)):
-            found += [os.path.join(base, n) for n in dirs + files if n.startswith(".orbs3-")]
-        return found
+def reserved_names(t, bucket=BUCKET):
+    """Every name of the bucket's data tree that belongs to the server."""
+    found = []
+    for base, dirs, files in os.walk(t.data(bucket)):
+        found += [os.path.join(base, n) for n in dirs + files if n.startswith(".orbs3-")]
+    return found
 
 
-@pytest.fixture(scope="module")
-def tenant():
-    conf = DEFAULT_ORBMUX_CONF.replace('objectdirnum="10"', f'objectdirnum="10" multipart_min_part="{MIN_PART}"')
-    assert "multipart_min_part" in conf
-    box = Sandbox(orbmux_conf=conf)
-    port = free_port()
-    info = box.add_tenant("mp", port, "--user", USER)
-    daemon = box.start("-d")
-    try:
-        wait_port(port)
-        t = Tenant(box, daemon, port, info)
-        client(t).create_bucket(Bucket=BUCKET)
-        yield t
-        # A clean stop: no crash and, in the sanitizer build, no report.
-        t.daemon.stop()
-    finally:
-        box.cleanup()
-
-
-def client(t, read_timeout=60):
-    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
-                        aws_access_key_id=t.info["access_key"], aws_secret_access_key=t.info["secret_key"],
-                        config=Config(signature_version="s3v4", s3={"addressing_style": "path"},
-                                      retries={"max_attempts": 1, "mode": "standard"},
-                                      connect_timeout=5, read_timeout=read_timeout * SLOWDOWN,
-                                      max_pool_connections=16))
+tenant = tenant_fixture(
+    "mp", "--user", USER, buckets=[BUCKET],
+    orbmux_conf=DEFAULT_ORBMUX_CONF.replace('objectdirnum="10"', f'objectdirnum="10" multipart_min_part="{MIN_PART}"'))
 
 
 def multipart_etag(parts):
@@ -116,16 +78,6 @@ def sparse_file(path, size, seed):
             f.write(b"\x01")
 
 
-def aws_cli(t):
-    return ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1"]
-
-
-def run(argv, env, timeout=300):
-    out = subprocess.run(argv, env=env, capture_output=True, text=True, timeout=timeout * SLOWDOWN)
-    assert out.returncode == 0, (argv, out.stdout[-2000:], out.stderr[-2000:])
-    return out.stdout
-
-
 def start_upload(s3, key, **extra):
     return s3.create_multipart_upload(Bucket=BUCKET, Key=key, **extra)["UploadId"]
 
@@ -142,16 +94,16 @@ def complete(s3, key, uid, parts):
 # ---- real clients ----
 
 def test_aws_cli_copies_files_up_and_down_by_checksum(tenant, tmp_path):
-    env = tool_env(tenant, str(tmp_path))
-    s3 = client(tenant)
+    env = tenant.env(str(tmp_path))
+    s3 = tenant.client()
     sizes = [0, 8 * MiB + 1] + ([] if SANITIZED else [100 * MiB])
     for size in sizes:
         src = tmp_path / f"up-{size}"
         sparse_file(src, size, size)
         key = f"cli/f{size}"
-        run(aws_cli(tenant) + ["s3", "cp", str(src), f"s3://{BUCKET}/{key}"], env)
+        run(tenant.aws() + ["s3", "cp", str(src), f"s3://{BUCKET}/{key}"], env)
         back = tmp_path / f"down-{size}"
-        run(aws_cli(tenant) + ["s3", "cp", f"s3://{BUCKET}/{key}", str(back)], env)
+        run(tenant.aws() + ["s3", "cp", f"s3://{BUCKET}/{key}", str(back)], env)
         assert file_md5(back) == file_md5(src), size
         head = s3.head_object(Bucket=BUCKET, Key=key)
         assert head["ContentLength"] == size
@@ -159,31 +111,31 @@ def test_aws_cli_copies_files_up_and_down_by_checksum(tenant, tmp_path):
             data = src.read_bytes()
             chunks = [data[i:i + 8 * MiB] for i in range(0, size, 8 * MiB)]
             assert head["ETag"] == multipart_etag(chunks)
-    assert not tenant.reserved_names()
+    assert not reserved_names(tenant)
 
 
 @pytest.mark.skipif(SANITIZED, reason="5 GiB through the sanitizer build takes too long")
 def test_aws_cli_five_gib_and_one_byte(tenant, tmp_path):
-    env = tool_env(tenant, str(tmp_path))
+    env = tenant.env(str(tmp_path))
     size = (5 << 30) + 1
     src = tmp_path / "big"
     sparse_file(src, size, 5)
     # Larger parts keep the part count (and the CLI's own work) down; the server sees 5 GiB either way.
     cfg = tmp_path / "aws.cfg"
     cfg.write_text("[default]\ns3 =\n  multipart_chunksize = 256MB\n  max_concurrent_requests = 4\n")
-    run(aws_cli(tenant) + ["s3", "cp", str(src), f"s3://{BUCKET}/big/five"], {**env, "AWS_CONFIG_FILE": str(cfg)},
+    run(tenant.aws() + ["s3", "cp", str(src), f"s3://{BUCKET}/big/five"], {**env, "AWS_CONFIG_FILE": str(cfg)},
         timeout=600)
-    s3 = client(tenant, read_timeout=300)
+    s3 = tenant.client(read_timeout=300)
     assert s3.head_object(Bucket=BUCKET, Key="big/five")["ContentLength"] == size
     listed = s3.list_objects_v2(Bucket=BUCKET, Prefix="big/")["Contents"]
     assert [(o["Key"], o["Size"]) for o in listed] == [("big/five", size)]
     assert object_md5(s3, "big/five") == file_md5(src)
     # 5 GiB of disk given back at once (nothing later in the module looks under big/).
-    os.unlink(os.path.join(tenant.data_root(), "big", "five"))
+    os.unlink(os.path.join(tenant.data(BUCKET), "big", "five"))
 
 
 def test_boto3_upload_file_with_threads_keeps_metadata(tenant, tmp_path):
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(42 * MiB)
     src = tmp_path / "threads.dat"
     src.write_bytes(data)
@@ -200,11 +152,7 @@ def test_boto3_upload_file_with_threads_keeps_metadata(tenant, tmp_path):
 
 
 def test_rclone_copies_a_large_file(tenant, tmp_path):
-    env = {**tool_env(tenant, str(tmp_path)), "RCLONE_CONFIG": "/dev/null",
-           "RCLONE_CONFIG_OM_TYPE": "s3", "RCLONE_CONFIG_OM_PROVIDER": "Other",
-           "RCLONE_CONFIG_OM_ACCESS_KEY_ID": tenant.info["access_key"],
-           "RCLONE_CONFIG_OM_SECRET_ACCESS_KEY": tenant.info["secret_key"],
-           "RCLONE_CONFIG_OM_ENDPOINT": f"http://127.0.0.1:{tenant.port}", "RCLONE_CONFIG_OM_REGION": "us-east-1"}
+    env = tenant.rclone(str(tmp_path))
     src = tmp_path / "rc"
     src.mkdir()
     data = os.urandom(24 * MiB)
@@ -215,33 +163,30 @@ def test_rclone_copies_a_large_file(tenant, tmp_path):
     run(["/usr/bin/rclone", "copyto", *flags, f"om:{BUCKET}/rclone/large.dat", str(tmp_path / "back.dat")], env)
     assert (tmp_path / "back.dat").read_bytes() == data
     # rclone keeps the whole file's MD5 as metadata of a multipart upload: Create's metadata reached the object.
-    meta = client(tenant).head_object(Bucket=BUCKET, Key="rclone/large.dat")["Metadata"]
+    meta = tenant.client().head_object(Bucket=BUCKET, Key="rclone/large.dat")["Metadata"]
     assert meta.get("md5chksum"), meta
 
 
 def test_s3cmd_puts_in_five_mib_parts(tenant, tmp_path):
-    hostport = f"127.0.0.1:{tenant.port}"
-    s3cmd = ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={tenant.info['access_key']}",
-             f"--secret_key={tenant.info['secret_key']}", f"--host={hostport}", f"--host-bucket={hostport}",
-             "--no-ssl", "--region=us-east-1", "--multipart-chunk-size-mb=5"]
-    env = tool_env(tenant, str(tmp_path))
+    s3cmd = tenant.s3cmd() + ["--multipart-chunk-size-mb=5"]
+    env = tenant.env(str(tmp_path))
     src = tmp_path / "s3cmd.dat"
     data = os.urandom(13 * MiB)
     src.write_bytes(data)
     run(s3cmd + ["put", str(src), f"s3://{BUCKET}/s3cmd/multi.dat"], env)
     run(s3cmd + ["get", "--force", f"s3://{BUCKET}/s3cmd/multi.dat", str(tmp_path / "back.dat")], env)
     assert (tmp_path / "back.dat").read_bytes() == data
-    head = client(tenant).head_object(Bucket=BUCKET, Key="s3cmd/multi.dat")
+    head = tenant.client().head_object(Bucket=BUCKET, Key="s3cmd/multi.dat")
     assert head["ETag"] == multipart_etag([data[i:i + 5 * MiB] for i in range(0, len(data), 5 * MiB)])
 
 
 def test_aws_cli_s3_to_s3_copy_above_the_threshold_uses_upload_part_copy(tenant, tmp_path):
-    env = tool_env(tenant, str(tmp_path))
-    s3 = client(tenant)
+    env = tenant.env(str(tmp_path))
+    s3 = tenant.client()
     data = os.urandom(20 * MiB + 12345)
     s3.put_object(Bucket=BUCKET, Key="copy/src.dat", Body=data, Metadata={"from": "source"})
     # Tags are not copied (no object tagging here); the metadata is, through CreateMultipartUpload.
-    run(aws_cli(tenant) + ["s3", "cp", "--copy-props", "metadata-directive", f"s3://{BUCKET}/copy/src.dat",
+    run(tenant.aws() + ["s3", "cp", "--copy-props", "metadata-directive", f"s3://{BUCKET}/copy/src.dat",
                            f"s3://{BUCKET}/copy/dst.dat"], env)
     got = s3.get_object(Bucket=BUCKET, Key="copy/dst.dat")
     assert got["Body"].read() == data and got["Metadata"] == {"from": "source"}
@@ -282,7 +227,7 @@ def checksum_headers(reply):
 
 
 def test_part_number_reads_each_part_with_its_own_checksum(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "partnumber/three"
     parts = [os.urandom(2 * MIN_PART), os.urandom(2 * MIN_PART), os.urandom(700)]
     uid = start_upload(s3, key, ChecksumAlgorithm="CRC32")
@@ -321,32 +266,32 @@ def test_assembled_objects_carry_the_declared_checksum(tenant, algorithm, kind):
     the one computed here."""
     declared = {"x-amz-checksum-algorithm": algorithm} | ({"x-amz-checksum-type": kind} if kind else {})
     key = f"checksums/{algorithm}-{kind}"
-    uid = extra_headers(client(tenant), declared).create_multipart_upload(Bucket=BUCKET, Key=key)["UploadId"]
+    uid = extra_headers(tenant.client(), declared).create_multipart_upload(Bucket=BUCKET, Key=key)["UploadId"]
     parts = [os.urandom(MIN_PART), os.urandom(MIN_PART + 1), os.urandom(33)]
     header = f"x-amz-checksum-{algorithm.lower()}"
-    with_value = extra_headers(client(tenant), {header: checksum_b64(algorithm, parts[0])})
-    etags = [put_part(with_value, key, uid, 1, parts[0])] + [put_part(client(tenant), key, uid, n, parts[n - 1])
+    with_value = extra_headers(tenant.client(), {header: checksum_b64(algorithm, parts[0])})
+    etags = [put_part(with_value, key, uid, 1, parts[0])] + [put_part(tenant.client(), key, uid, n, parts[n - 1])
                                                              for n in (2, 3)]
     # A wrong value, and a part of another algorithm, are refused.
-    wrong = extra_headers(client(tenant), {header: checksum_b64(algorithm, b"other")})
+    wrong = extra_headers(tenant.client(), {header: checksum_b64(algorithm, b"other")})
     assert s3_error(lambda: put_part(wrong, key, uid, 4, b"x")) == (400, "BadDigest")
-    other = extra_headers(client(tenant), {"x-amz-checksum-sha1": checksum_b64("SHA1", b"x")})
+    other = extra_headers(tenant.client(), {"x-amz-checksum-sha1": checksum_b64("SHA1", b"x")})
     assert s3_error(lambda: put_part(other, key, uid, 4, b"x")) == (400, "InvalidRequest")
 
     want = assembled_checksum(algorithm, kind or "FULL_OBJECT", parts)
     # The client's own value of the whole must be the one the parts give.
-    bad = extra_headers(client(tenant), {header: checksum_b64(algorithm, b"other")})
+    bad = extra_headers(tenant.client(), {header: checksum_b64(algorithm, b"other")})
     assert s3_error(lambda: complete(bad, key, uid, list(enumerate(etags, 1)))) == (400, "BadDigest")
-    done = complete(client(tenant), key, uid, list(enumerate(etags, 1)))
+    done = complete(tenant.client(), key, uid, list(enumerate(etags, 1)))
     doc_field = "Checksum" + algorithm
     if doc_field in done:  # this botocore may not know the field
         assert done[doc_field] == want
-    head = client(tenant).head_object(Bucket=BUCKET, Key=key, ChecksumMode="ENABLED")
+    head = tenant.client().head_object(Bucket=BUCKET, Key=key, ChecksumMode="ENABLED")
     assert checksum_headers(head) == {header: want, "x-amz-checksum-type": kind or "FULL_OBJECT"}
 
 
 def test_undeclared_uploads_and_copied_parts_give_a_checksum_only_when_exact(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     source = os.urandom(3 * MIN_PART)
     s3.put_object(Bucket=BUCKET, Key="exact/source", Body=source, ChecksumAlgorithm="CRC32")
     ranges = [(0, 2 * MIN_PART - 1), (2 * MIN_PART, 3 * MIN_PART - 1)]
@@ -391,7 +336,7 @@ def test_undeclared_uploads_and_copied_parts_give_a_checksum_only_when_exact(ten
                      {"x-amz-checksum-algorithm": "CRC64NVME", "x-amz-checksum-type": "COMPOSITE"},
                      {"x-amz-checksum-algorithm": "CRC32", "x-amz-checksum-type": "WHOLE"},
                      {"x-amz-checksum-algorithm": "MD5"}, {"x-amz-checksum-type": "COMPOSITE"}):
-        s3 = extra_headers(client(tenant), declared)
+        s3 = extra_headers(tenant.client(), declared)
         assert s3_error(lambda: s3.create_multipart_upload(Bucket=BUCKET, Key="exact/refused")) == (
             400, "InvalidRequest"), declared
 
@@ -402,13 +347,13 @@ def chunked_part(t, key, uid, number, data, corrupt=False):
     """UploadPart with a STREAMING-AWS4-HMAC-SHA256-PAYLOAD body; one flipped bit with `corrupt`."""
     path = f"/{BUCKET}/{key}?partNumber={number}&uploadId={uid}"
     extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data))}
-    head, seed, amz_date = signed_request(t, "PUT", path, "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", extra)
-    body = signed_chunks(t, seed, amz_date, data)
+    head = t.sign("PUT", path, "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", extra)
+    body = signed_chunks(t, head, data)
     if corrupt:
         at = body.index(b"\r\n") + 10
         body = body[:at] + bytes([body[at] ^ 1]) + body[at + 1:]
     # The server closes after its reply: the exchange ends without waiting for silence.
-    return exchange(t, (head + f"Connection: close\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
+    return t.exchange((head + f"Connection: close\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
 
 
 def trailer_part(t, key, uid, number, data, crc=None):
@@ -419,14 +364,14 @@ def trailer_part(t, key, uid, number, data, crc=None):
     body = f"{len(data):x}\r\n".encode() + data + f"\r\n0\r\nx-amz-checksum-crc32:{crc}\r\n\r\n".encode()
     extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data)),
              "x-amz-trailer": "x-amz-checksum-crc32"}
-    head = signed_head(t, "PUT", f"/{BUCKET}/{key}?partNumber={number}&uploadId={uid}",
+    head = t.sign("PUT", f"/{BUCKET}/{key}?partNumber={number}&uploadId={uid}",
                        "STREAMING-UNSIGNED-PAYLOAD-TRAILER", extra)
     # The server closes after its reply: the exchange ends without waiting for silence.
-    return exchange(t, (head + f"Connection: close\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
+    return t.exchange((head + f"Connection: close\r\nContent-Length: {len(body)}\r\n\r\n").encode() + body)
 
 
 def test_aws_chunked_part_bodies_are_decoded_and_checked(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "chunked/obj"
     uid = start_upload(s3, key)
     first, second = os.urandom(150_000), os.urandom(90_000)
@@ -444,13 +389,13 @@ def test_aws_chunked_part_bodies_are_decoded_and_checked(tenant):
                                                        (f'"{hashlib.md5(second).hexdigest()}"', len(second))]
     complete(s3, key, uid, [(p["PartNumber"], p["ETag"]) for p in parts])
     assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == first + second
-    assert not [p for p in tenant.reserved_names() if ".orbs3-tmp-" in p]
+    assert not [p for p in reserved_names(tenant) if ".orbs3-tmp-" in p]
 
 
 # ---- faults ----
 
 def test_an_upload_survives_a_killed_worker_and_finishes_after_restart(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     first, second = os.urandom(3000), os.urandom(1500)
     uid = start_upload(s3, "crash/obj", Metadata={"kept": "yes"})
     e1 = put_part(s3, "crash/obj", uid, 1, first)
@@ -460,7 +405,7 @@ def test_an_upload_survives_a_killed_worker_and_finishes_after_restart(tenant):
     tenant.daemon.stop()
     tenant.daemon = tenant.box.start("-d")
     wait_port(tenant.port)
-    s3 = client(tenant)
+    s3 = tenant.client()
     parts = wait_for(lambda: _list_parts_or_none(s3, "crash/obj", uid), timeout=30, what="the upload after restart")
     assert [(p["PartNumber"], p["ETag"], p["Size"]) for p in parts] == [(1, e1, 3000)]
     e2 = put_part(s3, "crash/obj", uid, 2, second)
@@ -473,9 +418,9 @@ def test_an_upload_survives_a_killed_worker_and_finishes_after_restart(tenant):
 def test_a_complete_cut_off_with_its_worker_is_taken_over_on_the_same_node(tenant):
     """What a worker killed in the middle of a Complete leaves: the upload claimed by a process that is
     gone. A retried Complete on this node takes the claim over; a claim of a live process is respected."""
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(4000)
-    index = os.path.join(tenant.data_root(), ".orbs3-uploads")
+    index = os.path.join(tenant.data(BUCKET), ".orbs3-uploads")
     gone = subprocess.Popen(["/bin/true"])
     gone.wait()
     host = socket.gethostname()
@@ -508,14 +453,14 @@ def _list_parts_or_none(s3, key, uid):
 
 
 def test_parallel_and_resent_parts_all_count(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "parallel/obj"
     uid = start_upload(s3, key)
     bodies = {n: os.urandom(MIN_PART + n * 997) for n in range(1, 25)}
     etags, errors = {}, []
 
     def send(numbers):
-        mine = client(tenant)  # a connection of its own
+        mine = tenant.client()  # a connection of its own
         for n in numbers:
             try:
                 etags[n] = put_part(mine, key, uid, n, bodies[n])
@@ -547,17 +492,17 @@ def test_parallel_and_resent_parts_all_count(tenant):
     got = s3.get_object(Bucket=BUCKET, Key=key)
     assert got["Body"].read() == b"".join(bodies[n] for n in chosen)
     assert got["ETag"] == multipart_etag([bodies[n] for n in chosen])
-    assert not [p for p in tenant.reserved_names() if uid in p]
+    assert not [p for p in reserved_names(tenant) if uid in p]
 
 
 def test_a_part_record_out_of_step_with_its_bytes_is_made_again(tenant):
     """What a crash between a part's two renames leaves (new bytes, old or no record) is read right."""
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "records/obj"
     uid = start_upload(s3, key)
     put_part(s3, key, uid, 1, os.urandom(3000))
     put_part(s3, key, uid, 2, os.urandom(2000))
-    staging = os.path.join(tenant.data_root(), "records", f".orbs3-{uid}obj")
+    staging = os.path.join(tenant.data(BUCKET), "records", f".orbs3-{uid}obj")
     newer1, newer2 = os.urandom(3000), os.urandom(1000)
     # Part 1: new bytes of the same size renamed into place (a new inode), the old record still there.
     with open(os.path.join(staging, ".orbs3-tmp-crash"), "wb") as f:
@@ -575,7 +520,7 @@ def test_a_part_record_out_of_step_with_its_bytes_is_made_again(tenant):
 
 
 def test_complete_refuses_bad_documents_and_keeps_the_upload(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "refuse/obj"
     uid = start_upload(s3, key)
     small, big, tail = os.urandom(100), os.urandom(MIN_PART), os.urandom(10)
@@ -626,7 +571,7 @@ def test_complete_refuses_bad_documents_and_keeps_the_upload(tenant):
 
 def test_a_deeply_nested_complete_is_refused_at_once(tenant):
     # 100,000 nested Parts, 1.3 MB: once 13 s of a worker's time before MalformedXML.
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "refuse/deep"
     uid = start_upload(s3, key)
     put_part(s3, key, uid, 1, b"d" * 10)
@@ -644,16 +589,16 @@ def test_a_deeply_nested_complete_is_refused_at_once(tenant):
 
 
 def test_abort_while_a_part_streams(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "abort/obj"
     uid = start_upload(s3, key)
     put_part(s3, key, uid, 1, os.urandom(2000))
     path = f"/{BUCKET}/{key}?partNumber=2&uploadId={uid}"
-    head = signed_head(tenant, "PUT", path, "UNSIGNED-PAYLOAD")
+    head = tenant.sign("PUT", path, "UNSIGNED-PAYLOAD")
     total = 8 * MiB
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=10 * SLOWDOWN) as s:
         s.sendall((head + f"Content-Length: {total}\r\n\r\n").encode() + b"z" * MiB)
-        wait_for(lambda: any(os.path.basename(p).startswith(".orbs3-tmp-") for p in tenant.reserved_names()),
+        wait_for(lambda: any(os.path.basename(p).startswith(".orbs3-tmp-") for p in reserved_names(tenant)),
                  what="the part's temporary file")
         s3.abort_multipart_upload(Bucket=BUCKET, Key=key, UploadId=uid)
         try:
@@ -668,13 +613,13 @@ def test_abort_while_a_part_streams(tenant):
         except OSError:
             pass
     assert reply == b"" or b" 404 " in reply.split(b"\r\n", 1)[0], reply[:300]
-    assert not [p for p in tenant.reserved_names() if uid in p or ".orbs3-tmp-" in p]
+    assert not [p for p in reserved_names(tenant) if uid in p or ".orbs3-tmp-" in p]
     assert s3_error(lambda: put_part(s3, key, uid, 3, b"late")) == (404, "NoSuchUpload")
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key=key))[0] == 404
 
 
 def test_two_racing_completes_make_one_whole_object(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     for round_ in range(4):
         key = f"race/obj{round_}"
         uid = start_upload(s3, key)
@@ -684,7 +629,7 @@ def test_two_racing_completes_make_one_whole_object(tenant):
         barrier = threading.Barrier(2)
 
         def finish():
-            mine = client(tenant)
+            mine = tenant.client()
             barrier.wait()
             try:
                 results.append(complete(mine, key, uid, parts)["ETag"])
@@ -703,7 +648,7 @@ def test_two_racing_completes_make_one_whole_object(tenant):
 
 
 def test_a_complete_sent_again_gets_its_first_reply_while_the_key_holds_it(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     for key, then in [("again/plain", "overwrite"), ("again/dir/deleted", "delete"), ("again/other", "another")]:
         uid = start_upload(s3, key)
         bodies = [os.urandom(MIN_PART), b"tail"]
@@ -727,7 +672,7 @@ def test_a_complete_sent_again_gets_its_first_reply_while_the_key_holds_it(tenan
 
 
 def test_conditional_completes(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     key = "cond/mp"
     old = s3.put_object(Bucket=BUCKET, Key=key, Body=b"old")["ETag"]
 
@@ -761,7 +706,7 @@ def test_conditional_completes(tenant):
         barrier = threading.Barrier(2)
 
         def run_one(name, call):
-            mine = client(tenant)
+            mine = tenant.client()
             barrier.wait()
             try:
                 results[name] = conditional(mine, {"IfNoneMatch": "*"}, lambda: call(mine))["ETag"]
@@ -784,7 +729,7 @@ def test_conditional_completes(tenant):
 
 
 def test_uploads_are_listed_but_never_their_staging(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     keys = ["lmu/a", "lmu/b/c", "lmu/b/d", "lmu/b/d", "lmu/e"]
     ids = [start_upload(s3, k) for k in keys]
     for k, u in zip(keys, ids):
@@ -821,10 +766,10 @@ def test_uploads_are_listed_but_never_their_staging(tenant):
     uid = s3.create_multipart_upload(Bucket="parts-gone", Key="d/k")["UploadId"]
     assert s3_error(lambda: s3.delete_bucket(Bucket="parts-gone")) == (409, "BucketNotEmpty")
     s3.abort_multipart_upload(Bucket="parts-gone", Key="d/k", UploadId=uid)
-    assert not tenant.reserved_names("parts-gone")
+    assert not reserved_names(tenant, "parts-gone")
     s3.delete_bucket(Bucket="parts-gone")
 
     for k, u in zip(keys, ids):
         s3.abort_multipart_upload(Bucket=BUCKET, Key=k, UploadId=u)
     assert s3.list_multipart_uploads(Bucket=BUCKET, Prefix="lmu/").get("Uploads", []) == []
-    assert not [p for p in tenant.reserved_names() if "lmu" in p]
+    assert not [p for p in reserved_names(tenant) if "lmu" in p]

@@ -16,118 +16,25 @@ import threading
 import time
 import urllib.request
 
-import boto3  # Debian's python3-boto3
 import pytest
-from botocore.auth import S3SigV4Auth
-from botocore.awsrequest import AWSRequest
-from botocore.config import Config
-from botocore.credentials import Credentials
 from botocore.exceptions import ClientError
 
-from orbmux_harness import (SLOWDOWN, Sandbox, free_port, md5, rss_kib, run, s3_error, tool_env, wait_for,
-                             wait_port)
+from orbmux_harness import (SANITIZED, SLOWDOWN, md5, rss_kib, run, s3_error, tenant_fixture, wait_for, wait_port,
+                             worker_pids)
 
 USER = "ob-user"
 BUCKET = "objects"
 RECV_BUFFER = 1 << 20  # the receive buffer of the built-in configuration
-SANITIZED = os.environ.get("ORBMUX_SANITIZED", "").upper() in ("1", "ON", "TRUE", "YES")
-TMP_PREFIX = ".orbs3-tmp-"
 
 
-class Tenant:
-    def __init__(self, box, daemon, port, info):
-        self.box = box
-        self.daemon = daemon
-        self.port = port
-        self.info = info
-        self.root = box.path("cluster/tenants/ob")
-
-    def data_path(self, key):
-        return os.path.join(self.root, "data", USER, BUCKET, key)
-
-    def temp_files(self):
-        found = []
-        for top in ("data", "meta"):
-            for base, _, files in os.walk(os.path.join(self.root, top)):
-                found += [os.path.join(base, f) for f in files if f.startswith(TMP_PREFIX)]
-        return found
-
-
-@pytest.fixture(scope="module")
-def tenant():
-    box = Sandbox()
-    port = free_port()
-    info = box.add_tenant("ob", port, "--user", USER)
-    daemon = box.start("-d")
-    try:
-        wait_port(port)
-        t = Tenant(box, daemon, port, info)
-        client(t).create_bucket(Bucket=BUCKET)
-        yield t
-    finally:
-        box.cleanup()
-
-
-def client(t, sig="s3v4"):
-    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{t.port}", region_name="us-east-1",
-                        aws_access_key_id=t.info["access_key"], aws_secret_access_key=t.info["secret_key"],
-                        config=Config(signature_version=sig, s3={"addressing_style": "path"},
-                                      retries={"max_attempts": 1, "mode": "standard"},
-                                      connect_timeout=5, read_timeout=30 * SLOWDOWN))
-
-
-class FixedPayloadAuth(S3SigV4Auth):
-    """Signs with the payload hash given, as a client that streams its body does."""
-
-    def __init__(self, credentials, payload_hash):
-        super().__init__(credentials, "s3", "us-east-1")
-        self.payload_hash = payload_hash
-
-    def payload(self, request):
-        return self.payload_hash
-
-
-def signed_request(t, method, path, body_hash, headers=None):
-    """(head text without the empty line, Authorization signature, X-Amz-Date) of a request signed with
-    Signature Version 4 over the given payload hash."""
-    req = AWSRequest(method=method, url=f"http://127.0.0.1:{t.port}{path}", data=b"", headers=dict(headers or {}))
-    FixedPayloadAuth(Credentials(t.info["access_key"], t.info["secret_key"]), body_hash).add_auth(req)
-    head = f"{method} {path} HTTP/1.1\r\nHost: 127.0.0.1:{t.port}\r\n"
-    prepared = req.prepare().headers
-    for k, v in prepared.items():
-        if k.lower() not in ("host", "content-length"):
-            head += f"{k}: {v}\r\n"
-    return head, prepared["Authorization"].rsplit("Signature=", 1)[1], prepared["X-Amz-Date"]
-
-
-def signed_head(t, method, path, body_hash, headers=None):
-    return signed_request(t, method, path, body_hash, headers)[0]
-
-
-def exchange(t, data, close_after_send=False):
-    """Sends bytes on a new connection; returns everything the server wrote until it closed or went quiet."""
-    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN) as s:
-        s.sendall(data)
-        if close_after_send:
-            return b""
-        s.settimeout(2 * SLOWDOWN)
-        got = b""
-        try:
-            while True:
-                chunk = s.recv(65536)
-                if not chunk:
-                    break
-                got += chunk
-        except socket.timeout:
-            pass
-        return got
+tenant = tenant_fixture("ob", "--user", USER, buckets=[BUCKET])
 
 
 # ---- boto3 ----
 
 @pytest.mark.parametrize("sig", ["s3v4", "s3"])
 def test_boto3_round_trips_every_size_byte_for_byte(tenant, sig):
-    s3 = client(tenant, sig)
+    s3 = tenant.client(sig)
     for size in (0, 1, RECV_BUFFER - 1, RECV_BUFFER, RECV_BUFFER + 1, 10 << 20):
         data = os.urandom(size)
         key = f"sizes/{sig}/{size}.bin"
@@ -138,13 +45,13 @@ def test_boto3_round_trips_every_size_byte_for_byte(tenant, sig):
         assert got["ETag"] == f'"{md5(data)}"' and got["ContentLength"] == size
         head = s3.head_object(Bucket=BUCKET, Key=key)
         assert head["ContentLength"] == size and head["ETag"] == put["ETag"]
-        with open(tenant.data_path(key), "rb") as f:
+        with open(tenant.data(BUCKET, key), "rb") as f:
             assert f.read() == data
     assert not tenant.temp_files()
 
 
 def test_metadata_and_standard_headers_come_back(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="meta/doc.txt", Body=b"hello", ContentType="text/x-custom",
                   CacheControl="max-age=60", ContentDisposition='attachment; filename="d.txt"',
                   ContentEncoding="identity", Metadata={"colour": "red", "Shape": "round square"})
@@ -161,7 +68,7 @@ def test_metadata_and_standard_headers_come_back(tenant):
 
 
 def test_reply_headers_chosen_by_query_and_the_default_type(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     # Sent without a type: S3's "binary/octet-stream", whatever the name's suffix.
     for key in ("hdr/untyped", "hdr/untyped.html"):
         s3.put_object(Bucket=BUCKET, Key=key, Body=b"x")
@@ -192,13 +99,12 @@ def test_reply_headers_chosen_by_query_and_the_default_type(tenant):
     assert "ContentLanguage" not in plain and "Expires" not in plain
     # A value that would break the header line is refused.
     query = "response-content-type=a%0D%0AX-Injected%3A%201"
-    got = exchange(tenant, (signed_head(tenant, "GET", f"/{BUCKET}/hdr/doc?{query}",
-                                        hashlib.sha256(b"").hexdigest()) + "\r\n").encode())
+    got = tenant.exchange(tenant.signed("GET", f"/{BUCKET}/hdr/doc?{query}"), quiet=2)
     assert got.startswith(b"HTTP/1.1 400 ") and b"X-Injected" not in got.split(b"\r\n\r\n")[0], got
 
 
 def test_aws_chunked_is_no_content_encoding_and_metadata_keeps_its_bytes(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     for sent, kept in (("aws-chunked", None), ("aws-chunked,gzip", "gzip"), ("gzip,aws-chunked", "gzip"),
                        ("aws-chunked, br", "br")):
         key = "enc/" + sent.replace(",", "_").replace(" ", "")
@@ -208,18 +114,15 @@ def test_aws_chunked_is_no_content_encoding_and_metadata_keeps_its_bytes(tenant)
     # Non-ASCII metadata is what the uploader sent, byte for byte.
     value = "caf\u00e9 \u65e5\u672c \u00fc"
     body = b"meta"
-    head = signed_head(tenant, "PUT", f"/{BUCKET}/meta/utf8", hashlib.sha256(body).hexdigest(),
-                       {"x-amz-meta-name": value})
-    got = exchange(tenant, (head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body)
+    got = tenant.exchange(tenant.signed("PUT", f"/{BUCKET}/meta/utf8", body, {"x-amz-meta-name": value}), quiet=2)
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
     for method in ("GET", "HEAD"):
-        got = exchange(tenant, (signed_head(tenant, method, f"/{BUCKET}/meta/utf8", hashlib.sha256(b"").hexdigest())
-                                + "\r\n").encode())
+        got = tenant.exchange(tenant.signed(method, f"/{BUCKET}/meta/utf8"), quiet=2)
         assert b"\r\nx-amz-meta-name: " + value.encode() + b"\r\n" in got, got
 
 
 def test_ranges_and_conditions(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = bytes(range(256)) * 4
     etag = s3.put_object(Bucket=BUCKET, Key="range.bin", Body=data)["ETag"]
     cases = [("bytes=0-0", 0, 0), ("bytes=10-19", 10, 19), ("bytes=1000-", 1000, 1023), ("bytes=-5", 1019, 1023),
@@ -244,11 +147,9 @@ def test_ranges_and_conditions(tenant):
 
 
 def test_ranged_get_and_head_replies_byte_for_byte(tenant):
-    client(tenant).put_object(Bucket=BUCKET, Key="exact/a.html", Body=b"0123456789")
+    tenant.client().put_object(Bucket=BUCKET, Key="exact/a.html", Body=b"0123456789")
     etag = md5(b"0123456789").encode()
-    head = signed_head(tenant, "GET", f"/{BUCKET}/exact/a.html", hashlib.sha256(b"").hexdigest(),
-                       {"Range": "bytes=0-0"})
-    got = exchange(tenant, (head + "\r\n").encode())
+    got = tenant.exchange(tenant.signed("GET", f"/{BUCKET}/exact/a.html", headers={"Range": "bytes=0-0"}), quiet=2)
     m = re.search(rb"Last-Modified: ([^\r]+)\r\n", got)
     assert m, got
     assert got == (b"HTTP/1.1 206 Partial Content\r\nConnection: Keep-alive\r\nContent-Range: bytes 0-0/10\r\n"
@@ -257,18 +158,17 @@ def test_ranged_get_and_head_replies_byte_for_byte(tenant):
     assert re.fullmatch(rb"(Mon|Tue|Wed|Thu|Fri|Sat|Sun), \d\d (Jan|Feb|Mar|Apr|May|Jun|Jul|Aug|Sep|Oct|Nov|Dec) "
                         rb"\d{4} \d\d:\d\d:\d\d GMT", m.group(1))
 
-    head = signed_head(tenant, "HEAD", f"/{BUCKET}/exact/a.html", hashlib.sha256(b"").hexdigest())
-    got = exchange(tenant, (head + "\r\n").encode())
+    got = tenant.exchange(tenant.signed("HEAD", f"/{BUCKET}/exact/a.html"), quiet=2)
     assert got == (b"HTTP/1.1 200 OK\r\nConnection: Keep-alive\r\n"
                    b'ETag: "' + etag + b'"\r\nLast-Modified: ' + m.group(1) + b"\r\nAccept-Ranges: bytes\r\n"
                    b"Content-type: binary/octet-stream\r\nContent-Length: 10\r\n\r\n"), got
 
 
 def test_directory_objects_and_missing_keys(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     put = s3.put_object(Bucket=BUCKET, Key="folder/", Body=b"")
     assert re.fullmatch(r'"[0-9a-f]{32}"', put["ETag"])
-    assert os.path.isdir(tenant.data_path("folder"))
+    assert os.path.isdir(tenant.data(BUCKET, "folder"))
     assert os.path.isdir(os.path.join(tenant.root, "meta", USER, "object", BUCKET, "folder"))
     # The directory object is its record: no bytes, served as an empty object.
     assert s3.get_object(Bucket=BUCKET, Key="folder/")["Body"].read() == b""
@@ -294,7 +194,7 @@ def long_key(length, lead):
 
 
 def test_the_longest_key_that_fits_works_for_every_write_and_a_longer_one_is_refused(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     longest = 1023 - len(os.path.join(tenant.root, "meta", USER, "object", BUCKET)) - 1 - KEY_PATH_RESERVE
     s3.put_object(Bucket=BUCKET, Key="long/source", Body=b"copied")
 
@@ -316,14 +216,11 @@ def test_the_longest_key_that_fits_works_for_every_write_and_a_longer_one_is_ref
     def append(key):
         # position 0 makes the object; a second append grows it.
         for position, body in ((0, b"app"), (3, b"end")):
-            head = signed_head(tenant, "POST", f"/{BUCKET}/{key}?append&position={position}",
-                               hashlib.sha256(body).hexdigest())
-            got = exchange(tenant, (head + f"Content-Length: {len(body)}\r\nConnection: close\r\n\r\n").encode()
-                           + body)
-            if not got.startswith(b"HTTP/1.1 200 "):
+            status, got = tenant.request("POST", f"/{BUCKET}/{key}?append&position={position}", body)
+            if status != 200:
                 m = re.search(rb"<Code>([^<]*)</Code>", got)
                 raise ClientError({"Error": {"Code": m.group(1).decode() if m else ""},
-                                   "ResponseMetadata": {"HTTPStatusCode": int(got.split(b" ", 2)[1])}}, "Append")
+                                   "ResponseMetadata": {"HTTPStatusCode": status}}, "Append")
         return b"append"
 
     def stored():
@@ -335,7 +232,7 @@ def test_the_longest_key_that_fits_works_for_every_write_and_a_longer_one_is_ref
         key = long_key(longest, lead)
         body = write(key)
         assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == body, lead
-        with open(tenant.data_path(key), "rb") as f:
+        with open(tenant.data(BUCKET, key), "rb") as f:
             assert f.read() == body, lead
         s3.delete_object(Bucket=BUCKET, Key=key)
         before = stored()
@@ -347,10 +244,10 @@ def test_the_longest_key_that_fits_works_for_every_write_and_a_longer_one_is_ref
 
 
 def test_a_data_file_without_record_is_served(tenant):
-    os.makedirs(os.path.dirname(tenant.data_path("placed/by-hand.css")), exist_ok=True)
-    with open(tenant.data_path("placed/by-hand.css"), "wb") as f:
+    os.makedirs(os.path.dirname(tenant.data(BUCKET, "placed/by-hand.css")), exist_ok=True)
+    with open(tenant.data(BUCKET, "placed/by-hand.css"), "wb") as f:
         f.write(b"placed")
-    got = client(tenant).get_object(Bucket=BUCKET, Key="placed/by-hand.css")
+    got = tenant.client().get_object(Bucket=BUCKET, Key="placed/by-hand.css")
     assert got["Body"].read() == b"placed" and got["ContentType"] == "text/css"
     assert re.fullmatch(r'"[0-9a-f]{32}"', got["ETag"])
 
@@ -358,7 +255,7 @@ def test_a_data_file_without_record_is_served(tenant):
 # ---- faults: nothing half done is ever seen ----
 
 def test_wrong_digests_commit_nothing(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="guarded", Body=b"old content")
     import base64
     wrong = base64.b64encode(hashlib.md5(b"other").digest()).decode()
@@ -367,17 +264,17 @@ def test_wrong_digests_commit_nothing(tenant):
     assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key="guarded", Body=b"new content",
                                           ContentMD5="not base64")) == (400, "InvalidDigest")
     # The payload hash signed for one body, another body sent.
-    head = signed_head(tenant, "PUT", f"/{BUCKET}/guarded", hashlib.sha256(b"new content").hexdigest())
-    got = exchange(tenant, (head + "Content-Length: 11\r\n\r\n").encode() + b"NEW CONTENT")
+    got = tenant.exchange(tenant.signed("PUT", f"/{BUCKET}/guarded", b"NEW CONTENT",
+                                        payload_hash=hashlib.sha256(b"new content").hexdigest()), quiet=2)
     assert got.startswith(b"HTTP/1.1 400 Bad Request\r\n") and b"<Code>XAmzContentSHA256Mismatch</Code>" in got, got
     assert s3.get_object(Bucket=BUCKET, Key="guarded")["Body"].read() == b"old content"
     assert not tenant.temp_files()
 
 
 def test_a_client_that_goes_away_mid_body_changes_nothing(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="dropped", Body=b"the old object")
-    head = signed_head(tenant, "PUT", f"/{BUCKET}/dropped", "UNSIGNED-PAYLOAD")
+    head = tenant.sign("PUT", f"/{BUCKET}/dropped", "UNSIGNED-PAYLOAD")
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=10) as s:
         s.sendall((head + f"Content-Length: {4 << 20}\r\n\r\n").encode() + b"x" * (1 << 20))
         # The temporary file exists while the body comes, and is never what a reader gets.
@@ -389,7 +286,7 @@ def test_a_client_that_goes_away_mid_body_changes_nothing(tenant):
 
 
 def test_concurrent_writers_and_looping_readers_see_whole_versions(tenant):
-    s3s = [client(tenant) for _ in range(6)]
+    s3s = [tenant.client() for _ in range(6)]
     versions = [bytes([i]) * (300_000 + 7919 * i) for i in range(4)]
     digests = {md5(v): v for v in versions}
     s3s[0].put_object(Bucket=BUCKET, Key="contended", Body=versions[0])
@@ -451,7 +348,7 @@ def cond_put(s3, key, body, **cond):
 
 
 def test_conditional_puts_and_racing_creators(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     first = cond_put(s3, "cond/once", b"one", IfNoneMatch="*")
     assert s3_error(lambda: cond_put(s3, "cond/once", b"two", IfNoneMatch="*")) == (412, "PreconditionFailed")
     assert s3_error(lambda: cond_put(s3, "cond/once", b"two",
@@ -469,7 +366,7 @@ def test_conditional_puts_and_racing_creators(tenant):
     assert s3_error(lambda: cond_put(s3, "cond/dir/", b"", IfNoneMatch="*")) == (412, "PreconditionFailed")
 
     # Writers racing with the same condition: exactly one wins, and the object is the winner's.
-    clients = [client(tenant) for _ in range(8)]
+    clients = [tenant.client() for _ in range(8)]
     for round_ in range(5):
         cond = {"IfNoneMatch": "*"} if round_ < 3 else {"IfMatch": second}
         key = f"cond/race{round_}" if round_ < 3 else "cond/once"
@@ -499,16 +396,10 @@ def test_conditional_puts_and_racing_creators(tenant):
     assert not tenant.temp_files()
 
 
-def worker_pids(t):
-    """The worker processes of the daemon: children of the master."""
-    out = subprocess.run(["ps", "-o", "pid=", "--ppid", str(t.daemon.pid)], capture_output=True, text=True)
-    return [int(p) for p in out.stdout.split()]
-
-
 def test_a_worker_killed_mid_upload_leaves_the_old_object(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     s3.put_object(Bucket=BUCKET, Key="survivor", Body=b"before the crash")
-    head = signed_head(tenant, "PUT", f"/{BUCKET}/survivor", "UNSIGNED-PAYLOAD")
+    head = tenant.sign("PUT", f"/{BUCKET}/survivor", "UNSIGNED-PAYLOAD")
     s = socket.create_connection(("127.0.0.1", tenant.port), timeout=10)
     try:
         s.sendall((head + f"Content-Length: {8 << 20}\r\n\r\n").encode() + b"y" * (2 << 20))
@@ -517,7 +408,7 @@ def test_a_worker_killed_mid_upload_leaves_the_old_object(tenant):
             os.kill(pid, signal.SIGKILL)
     finally:
         s.close()
-    with open(tenant.data_path("survivor"), "rb") as f:
+    with open(tenant.data(BUCKET, "survivor"), "rb") as f:
         assert f.read() == b"before the crash"
     # The node is started again; the old object is served, and the crash's leftover is never taken for it.
     tenant.daemon.stop()
@@ -527,7 +418,7 @@ def test_a_worker_killed_mid_upload_leaves_the_old_object(tenant):
     assert got == b"before the crash"
     # The killed upload's temporary file is what a crash leaves: never served, and removable by hand.
     leftovers = tenant.temp_files()
-    assert len(leftovers) == 1 and os.path.dirname(leftovers[0]) == os.path.dirname(tenant.data_path("survivor"))
+    assert len(leftovers) == 1 and os.path.dirname(leftovers[0]) == os.path.dirname(tenant.data(BUCKET, "survivor"))
     os.unlink(leftovers[0])
 
 
@@ -541,8 +432,8 @@ def _get_or_none(s3, key):
 # ---- other clients ----
 
 def test_aws_cli_copies_up_and_down_with_metadata_and_ranges(tenant, tmp_path):
-    env = tool_env(tenant, str(tmp_path))
-    aws = ["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{tenant.port}", "--region", "us-east-1"]
+    env = tenant.env(str(tmp_path))
+    aws = tenant.aws()
     src = tmp_path / "up.dat"
     data = os.urandom(3 << 20)
     src.write_bytes(data)
@@ -560,11 +451,8 @@ def test_aws_cli_copies_up_and_down_with_metadata_and_ranges(tenant, tmp_path):
 
 @pytest.mark.parametrize("v2", [False, True], ids=["v4", "v2"])
 def test_s3cmd_puts_and_gets(tenant, tmp_path, v2):
-    hostport = f"127.0.0.1:{tenant.port}"
-    s3cmd = ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={tenant.info['access_key']}",
-             f"--secret_key={tenant.info['secret_key']}", f"--host={hostport}", f"--host-bucket={hostport}",
-             "--no-ssl", "--region=us-east-1", *(["--signature-v2"] if v2 else [])]
-    env = tool_env(tenant, str(tmp_path))
+    s3cmd = tenant.s3cmd(v2)
+    env = tenant.env(str(tmp_path))
     src = tmp_path / "s3cmd.dat"
     data = os.urandom(200_000)
     src.write_bytes(data)
@@ -575,11 +463,7 @@ def test_s3cmd_puts_and_gets(tenant, tmp_path, v2):
 
 
 def test_rclone_copies_up_and_down(tenant, tmp_path):
-    env = {**tool_env(tenant, str(tmp_path)), "RCLONE_CONFIG": "/dev/null",
-           "RCLONE_CONFIG_OM_TYPE": "s3", "RCLONE_CONFIG_OM_PROVIDER": "Other",
-           "RCLONE_CONFIG_OM_ACCESS_KEY_ID": tenant.info["access_key"],
-           "RCLONE_CONFIG_OM_SECRET_ACCESS_KEY": tenant.info["secret_key"],
-           "RCLONE_CONFIG_OM_ENDPOINT": f"http://127.0.0.1:{tenant.port}", "RCLONE_CONFIG_OM_REGION": "us-east-1"}
+    env = tenant.rclone(str(tmp_path))
     src = tmp_path / "rc.dat"
     data = os.urandom(1_500_000)
     src.write_bytes(data)
@@ -592,7 +476,7 @@ def test_rclone_copies_up_and_down(tenant, tmp_path):
 
 
 def test_curl_with_presigned_urls(tenant, tmp_path):
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(50_000)
     src = tmp_path / "curl.dat"
     src.write_bytes(data)
@@ -619,8 +503,11 @@ def signing_key(secret, day):
     return k
 
 
-def signed_chunks(t, seed, amz_date, data, chunk=65536):
-    """The STREAMING-AWS4-HMAC-SHA256-PAYLOAD framing of data, each chunk signed after the one before."""
+def signed_chunks(t, head, data, chunk=65536):
+    """The STREAMING-AWS4-HMAC-SHA256-PAYLOAD framing of data, each chunk signed after the one before,
+    the first after the signature of the request `head`."""
+    seed = re.search(r"Signature=(\w+)", head).group(1)
+    amz_date = re.search(r"X-Amz-Date: (\w+)", head).group(1)
     key = signing_key(t.info["secret_key"], amz_date[:8])
     scope = f"{amz_date[:8]}/us-east-1/s3/aws4_request"
     empty = hashlib.sha256(b"").hexdigest()
@@ -635,19 +522,19 @@ def signed_chunks(t, seed, amz_date, data, chunk=65536):
 
 def chunked_put(t, key, data, corrupt=False, encoding="aws-chunked"):
     path = f"/{BUCKET}/{key}"
-    framed_len = len(signed_chunks(t, "0" * 64, "20260101T000000Z", data))
+    framed_len = len(signed_chunks(t, "Signature=0\r\nX-Amz-Date: 20260101T000000Z", data))
     extra = {"Content-Encoding": encoding, "x-amz-decoded-content-length": str(len(data))}
-    head, seed, amz_date = signed_request(t, "PUT", path, "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", extra)
-    body = signed_chunks(t, seed, amz_date, data)
+    head = t.sign("PUT", path, "STREAMING-AWS4-HMAC-SHA256-PAYLOAD", extra)
+    body = signed_chunks(t, head, data)
     assert len(body) == framed_len
     if corrupt:
         at = body.index(b"\r\n") + 10  # a byte of the first chunk's data
         body = body[:at] + bytes([body[at] ^ 1]) + body[at + 1:]
-    return exchange(t, (head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body)
+    return t.exchange((head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body, quiet=2)
 
 
 def test_signed_aws_chunked_bodies_are_decoded_and_checked(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(200_000)
     got = chunked_put(tenant, "chunked/signed.bin", data)
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
@@ -669,12 +556,12 @@ def unsigned_trailer_put(t, key, data, crc_value=None, algorithm="crc32"):
     body += f"0\r\nx-amz-checksum-{algorithm}:{crc}\r\n\r\n".encode()
     extra = {"Content-Encoding": "aws-chunked", "x-amz-decoded-content-length": str(len(data)),
              "x-amz-trailer": f"x-amz-checksum-{algorithm}"}
-    head = signed_head(t, "PUT", f"/{BUCKET}/{key}", "STREAMING-UNSIGNED-PAYLOAD-TRAILER", extra)
-    return exchange(t, (head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body), crc
+    head = t.sign("PUT", f"/{BUCKET}/{key}", "STREAMING-UNSIGNED-PAYLOAD-TRAILER", extra)
+    return t.exchange((head + f"Content-Length: {len(body)}\r\n\r\n").encode() + body, quiet=2), crc
 
 
 def test_unsigned_trailer_bodies_keep_their_checksum(tenant):
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(250_000)
     got, crc = unsigned_trailer_put(tenant, "chunked/trailer.bin", data)
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
@@ -689,7 +576,7 @@ def test_unsigned_trailer_bodies_keep_their_checksum(tenant):
 
 @pytest.mark.parametrize("algorithm", ["CRC32", "CRC32C", "SHA1", "SHA256"])
 def test_additional_checksums_are_verified_stored_and_given_back(tenant, algorithm):
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(70_000)
     key = f"checksum/{algorithm}"
     put = s3.put_object(Bucket=BUCKET, Key=key, Body=data, ChecksumAlgorithm=algorithm)
@@ -700,8 +587,7 @@ def test_additional_checksums_are_verified_stored_and_given_back(tenant, algorit
     assert head[field], head
     # The same value sent wrong by hand is refused, and the stored object stays.
     wrong = {"x-amz-checksum-" + algorithm.lower(): head[field][:-4] + ("AAA=" if head[field][-4:] != "AAA=" else "BBB=")}
-    h = signed_head(tenant, "PUT", f"/{BUCKET}/{key}", hashlib.sha256(b"other").hexdigest(), wrong)
-    got = exchange(tenant, (h + "Content-Length: 5\r\n\r\n").encode() + b"other")
+    got = tenant.exchange(tenant.signed("PUT", f"/{BUCKET}/{key}", b"other", wrong), quiet=2)
     assert got.startswith(b"HTTP/1.1 400 Bad Request\r\n") and b"<Code>BadDigest</Code>" in got, got
     assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == data
 
@@ -752,13 +638,13 @@ def test_crc64nvme_is_verified_stored_and_given_back(tenant):
     data = os.urandom(70_000)
     value = checksum_b64("CRC64NVME", data)
     assert checksum_b64("CRC64NVME", b"123456789") == "rosUhgp5mIg="  # 0xae8b14860a799888
-    s3 = extra_headers(client(tenant), {"x-amz-checksum-crc64nvme": value})
+    s3 = extra_headers(tenant.client(), {"x-amz-checksum-crc64nvme": value})
     s3.put_object(Bucket=BUCKET, Key="checksum/crc64nvme", Body=data)
-    head = client(tenant).head_object(Bucket=BUCKET, Key="checksum/crc64nvme", ChecksumMode="ENABLED")
+    head = tenant.client().head_object(Bucket=BUCKET, Key="checksum/crc64nvme", ChecksumMode="ENABLED")
     headers = head["ResponseMetadata"]["HTTPHeaders"]
     assert headers.get("x-amz-checksum-crc64nvme") == value, headers
     assert headers.get("x-amz-checksum-type") == "FULL_OBJECT", headers
-    wrong = extra_headers(client(tenant), {"x-amz-checksum-crc64nvme": checksum_b64("CRC64NVME", b"x")})
+    wrong = extra_headers(tenant.client(), {"x-amz-checksum-crc64nvme": checksum_b64("CRC64NVME", b"x")})
     from botocore.exceptions import ClientError
     with pytest.raises(ClientError) as err:
         wrong.put_object(Bucket=BUCKET, Key="checksum/crc64nvme", Body=b"other")
@@ -770,13 +656,13 @@ def test_crc64nvme_is_verified_stored_and_given_back(tenant):
     assert got.startswith(b"HTTP/1.1 200 OK\r\n"), got
     got, _ = unsigned_trailer_put(tenant, "checksum/crc64nvme-trailer", data, "AAAAAAAAAAA=", "crc64nvme")
     assert b"<Code>BadDigest</Code>" in got, got
-    assert client(tenant).get_object(Bucket=BUCKET, Key="checksum/crc64nvme")["Body"].read() == data
+    assert tenant.client().get_object(Bucket=BUCKET, Key="checksum/crc64nvme")["Body"].read() == data
 
 
 def test_a_checksum_goes_out_only_with_the_bytes_it_describes(tenant):
     """Clients check x-amz-checksum-* against the bytes they receive: a range gets none, the whole object
     (also as a range that covers it, or its part 1) gets its own."""
-    s3 = client(tenant)
+    s3 = tenant.client()
     data = os.urandom(10_000)
     s3.put_object(Bucket=BUCKET, Key="checksum/ranged", Body=data, ChecksumAlgorithm="CRC32")
     want = checksum_b64("CRC32", data)
@@ -811,7 +697,7 @@ def test_one_gib_streams_through_in_bounded_memory(tenant):
     assert workers
     before = sum(rss_kib(p) for p in workers)
     digest = hashlib.md5()
-    head = signed_head(tenant, "PUT", f"/{BUCKET}/large/one-gib.bin", "UNSIGNED-PAYLOAD")
+    head = tenant.sign("PUT", f"/{BUCKET}/large/one-gib.bin", "UNSIGNED-PAYLOAD")
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=60 * SLOWDOWN) as s:
         s.sendall((head + f"Content-Length: {size}\r\n\r\n").encode())
         for _ in range(size // len(block)):
@@ -824,14 +710,14 @@ def test_one_gib_streams_through_in_bounded_memory(tenant):
     print(f"worker RSS {before} KiB before, {after} KiB after a 1 GiB upload")
     assert after - before < 64 * 1024, (before, after)
 
-    url = client(tenant).generate_presigned_url("get_object", Params={"Bucket": BUCKET, "Key": "large/one-gib.bin"})
+    url = tenant.client().generate_presigned_url("get_object", Params={"Bucket": BUCKET, "Key": "large/one-gib.bin"})
     back = hashlib.md5()
     with urllib.request.urlopen(url, timeout=60 * SLOWDOWN) as r:
         assert int(r.headers["Content-Length"]) == size
         while chunk := r.read(1 << 20):
             back.update(chunk)
     assert back.hexdigest() == digest.hexdigest()
-    os.unlink(tenant.data_path("large/one-gib.bin"))
+    os.unlink(tenant.data(BUCKET, "large/one-gib.bin"))
 
 
 @pytest.mark.parametrize("setting", [None, "WHEN_REQUIRED"], ids=["default-checksums", "when-required"])
@@ -843,7 +729,7 @@ def test_boto3_transfers_with_either_checksum_setting(tenant, tmp_path, monkeypa
         monkeypatch.delenv("AWS_REQUEST_CHECKSUM_CALCULATION", raising=False)
     else:
         monkeypatch.setenv("AWS_REQUEST_CHECKSUM_CALCULATION", setting)
-    s3 = client(tenant)
+    s3 = tenant.client()
     src = tmp_path / "transfer.bin"
     data = os.urandom(5 << 20)
     src.write_bytes(data)

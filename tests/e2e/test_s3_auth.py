@@ -10,7 +10,6 @@ query values it was sent). One daemon serves the module.
 import contextlib
 import datetime
 import hashlib
-import os
 import re
 import socket
 import subprocess
@@ -18,12 +17,10 @@ import time
 import types
 from email.utils import formatdate
 
-import boto3  # Debian's python3-boto3
 import botocore.auth
 import pytest
 from botocore.auth import HmacV1Auth, S3SigV4Auth
 from botocore.awsrequest import AWSRequest
-from botocore.config import Config
 from botocore.credentials import Credentials
 from botocore.exceptions import ClientError
 
@@ -32,7 +29,7 @@ try:
 except ImportError:
     botocore_crt_auth = None
 
-from orbmux_harness import SLOWDOWN, Sandbox, free_port, wait_port
+from orbmux_harness import SLOWDOWN, run_tool, tenant_fixture
 from test_worker import DATE, INVALID_ACCESS_KEY, check_error_reply
 
 DOMAIN = "s3.test"
@@ -55,32 +52,7 @@ LIST_QUERIES = [
 LIST_V2_QUERY = {"Prefix": "sp ace/+/~/%", "Delimiter": "/", "StartAfter": "ß/x y"}
 
 
-class Tenant:
-    def __init__(self, box, daemon, port, info):
-        self.box = box
-        self.daemon = daemon
-        self.port = port
-        self.info = info
-
-    def keys(self, who):
-        if who == "admin":
-            return self.info["admin_access_key"], self.info["admin_secret_key"]
-        return self.info["access_key"], self.info["secret_key"]
-
-
-@pytest.fixture(scope="module")
-def tenant():
-    box = Sandbox()
-    port = free_port()
-    info = box.add_tenant("auth", port, "--domain", DOMAIN)
-    daemon = box.start("-d")
-    try:
-        wait_port(port)
-        t = Tenant(box, daemon, port, info)
-        client(t, "v4").create_bucket(Bucket=BUCKET)
-        yield t
-    finally:
-        box.cleanup()
+tenant = tenant_fixture("auth", "--domain", DOMAIN, buckets=[BUCKET])
 
 
 @pytest.fixture(scope="module", autouse=True)
@@ -100,13 +72,8 @@ def domain_resolves_here():
 
 
 def client(t, sig, style="path", who="user", access_key=None, secret=None):
-    ak, sk = t.keys(who)
-    endpoint = f"http://127.0.0.1:{t.port}" if style == "path" else f"http://{DOMAIN}:{t.port}"
-    return boto3.client("s3", endpoint_url=endpoint, region_name="us-east-1",
-                        aws_access_key_id=access_key or ak, aws_secret_access_key=secret or sk,
-                        config=Config(signature_version=SIGS[sig], s3={"addressing_style": style},
-                                      retries={"max_attempts": 1, "mode": "standard"},
-                                      connect_timeout=5, read_timeout=10 * SLOWDOWN))
+    endpoint = None if style == "path" else f"http://{DOMAIN}:{t.port}"
+    return t.client(SIGS[sig], who, style, endpoint, access_key, secret, read_timeout=10)
 
 
 def s3_error(call):
@@ -291,18 +258,8 @@ def test_presigned_urls_pass_only_intact_and_in_time(tenant, sig):
 
 # ---- the AWS CLI and s3cmd ----
 
-def run_tool(argv, env, home):
-    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8", **env}
-    return subprocess.run(argv, env=env, capture_output=True, text=True, timeout=120 * SLOWDOWN)
-
-
 def aws(t, home, *args, secret=None):
-    ak, sk = t.keys("user")
-    env = {"AWS_CONFIG_FILE": "/dev/null", "AWS_SHARED_CREDENTIALS_FILE": "/dev/null",
-           "AWS_EC2_METADATA_DISABLED": "true", "AWS_ACCESS_KEY_ID": ak, "AWS_SECRET_ACCESS_KEY": secret or sk,
-           "AWS_DEFAULT_REGION": "us-east-1", "AWS_MAX_ATTEMPTS": "1", "AWS_RETRY_MODE": "standard"}
-    return run_tool(["/usr/bin/aws", "--endpoint-url", f"http://127.0.0.1:{t.port}", "--region", "us-east-1",
-                     *args], env, home)
+    return run_tool(t.aws() + list(args), t.env(home, secret=secret))
 
 
 def test_aws_cli_requests_reach_the_action_and_a_wrong_secret_is_refused(tenant, tmp_path):
@@ -330,13 +287,7 @@ def s3cmd(t, home, *args, v2=False, secret=None, until):
     """Runs s3cmd until its output names `until` or it ends; returns (output, exit code or None). s3cmd
     retries a failed upload five times over 45 seconds whatever the error, so it is stopped once the
     error it got is out."""
-    ak, sk = t.keys("user")
-    hostport = f"127.0.0.1:{t.port}"
-    argv = ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={ak}", f"--secret_key={secret or sk}",
-            f"--host={hostport}", f"--host-bucket={hostport}", "--no-ssl", "--region=us-east-1",
-            *(["--signature-v2"] if v2 else []), *args]
-    env = {"PATH": os.environ.get("PATH", "/usr/bin:/bin"), "HOME": home, "LANG": "C.UTF-8"}
-    proc = subprocess.Popen(argv, env=env, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+    proc = subprocess.Popen(t.s3cmd(v2, secret) + list(args), env=t.env(home), stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                             stderr=subprocess.STDOUT, text=True)
     lines = []
     stopped = False
@@ -379,26 +330,6 @@ def test_s3cmd_requests_reach_the_action_and_a_wrong_secret_is_refused(tenant, t
 
 # ---- requests built by hand ----
 
-def one_reply(t, data, head_only=False):
-    """Sends `data` on a new connection and returns the one reply, head and document."""
-    with socket.create_connection(("127.0.0.1", t.port), timeout=10 * SLOWDOWN) as s:
-        s.sendall(data)
-        got = b""
-        while b"\r\n\r\n" not in got:
-            chunk = s.recv(65536)
-            assert chunk, f"connection closed after {got!r}"
-            got += chunk
-        end = got.index(b"\r\n\r\n") + 4
-        m = re.search(rb"\r\nContent-Length:\s*(\d+)\r\n", got[:end])
-        size = end + (0 if head_only or m is None else int(m.group(1)))
-        while len(got) < size:
-            chunk = s.recv(65536)
-            assert chunk, f"connection closed after {got!r}"
-            got += chunk
-        assert len(got) == size, f"bytes behind the reply: {got[size:]!r}"
-        return got
-
-
 def wire(method, target, headers, body=b""):
     lines = [f"{method} {target} HTTP/1.1", *(f"{k}: {v}" for k, v in headers)]
     return ("\r\n".join(lines) + "\r\n\r\n").encode() + body
@@ -425,23 +356,23 @@ def test_requests_without_readable_credentials_are_refused_byte_exact(tenant):
     forbidden = b"403 Forbidden"
     # No credentials at all: the caller is unknown.
     for method in ("GET", "HEAD", "DELETE"):
-        got = one_reply(tenant, wire(method, "/bkt/some/key", [host]), head_only=method == "HEAD")
+        got = tenant.one_reply(wire(method, "/bkt/some/key", [host]), head_only=method == "HEAD")
         check_error_reply(got, forbidden, *INVALID_ACCESS_KEY, b"/", head_only=method == "HEAD")
     # A presigned query of a key nobody has.
     query = ("X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=AKIANOSUCHKEY0000000%2F20260101%2Fus-east-1%2Fs3"
              "%2Faws4_request&X-Amz-Date=20260101T000000Z&X-Amz-Expires=600&X-Amz-SignedHeaders=host"
              "&X-Amz-Signature=" + "0" * 64)
-    check_error_reply(one_reply(tenant, wire("GET", "/bkt/k?" + query, [host])), forbidden, *INVALID_ACCESS_KEY,
+    check_error_reply(tenant.one_reply(wire("GET", "/bkt/k?" + query, [host])), forbidden, *INVALID_ACCESS_KEY,
                       b"/")
     # Credentials that cannot be read.
     for value in ("Bearer x", "AWS4-HMAC-SHA256 SignedHeaders=host, Signature=00", "AWS " + "K" * 60 + ":sig"):
-        got = one_reply(tenant, wire("GET", "/bkt/some/key", [host, ("Authorization", value)]))
+        got = tenant.one_reply(wire("GET", "/bkt/some/key", [host, ("Authorization", value)]))
         check_error_reply(got, forbidden, *MALFORMED, b"/")
 
 
 def test_an_action_without_a_table_row_is_not_supported_even_when_signed(tenant):
     for signer in (S3SigV4Auth, HmacV1Auth):
-        got = one_reply(tenant, signed(tenant, "PUT", "/bkt", "accesskey", signer=signer))
+        got = tenant.one_reply(signed(tenant, "PUT", "/bkt", "accesskey", signer=signer))
         check_error_reply(got, b"400 Bad Request", b"OperationNotSupported", b"", b"/")
 
 
@@ -450,7 +381,7 @@ def test_a_signed_preflight_gets_the_preflight_reply_and_an_unsigned_one_is_refu
     asked = "authorization,x-amz-date,x-amz-content-sha256"
     cors = [("Origin", origin), ("Access-Control-Request-Method", "PUT"), ("Access-Control-Request-Headers", asked)]
     for signer in (S3SigV4Auth, HmacV1Auth):
-        got = one_reply(tenant, signed(tenant, "OPTIONS", "/bkt/obj", headers=cors, signer=signer), head_only=True)
+        got = tenant.one_reply(signed(tenant, "OPTIONS", "/bkt/obj", headers=cors, signer=signer), head_only=True)
         m = DATE.search(got)
         assert m, got
         want = (b"HTTP/1.1 200 OK\r\nDate: " + m.group(1) + b"\r\nConnection: keep-alive\r\nContent-Length:0\r\n"
@@ -458,7 +389,7 @@ def test_a_signed_preflight_gets_the_preflight_reply_and_an_unsigned_one_is_refu
                 b"Access-Control-Allow-Methods:POST, GET, PUT, HEAD, DELETE, OPTIONS\r\n"
                 b"Access-Control-Allow-Headers: " + asked.encode() + b"\r\nServer: KELVANE\r\n\r\n")
         assert got == want, got
-    got = one_reply(tenant, wire("OPTIONS", "/bkt/obj", [("Host", f"127.0.0.1:{tenant.port}"), *cors]))
+    got = tenant.one_reply(wire("OPTIONS", "/bkt/obj", [("Host", f"127.0.0.1:{tenant.port}"), *cors]))
     assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and b"<Code>InvalidAccessKeyId</Code>" in got, got
 
 
@@ -476,14 +407,14 @@ class StreamingSeed(S3SigV4Auth):
 
 def test_an_unsigned_payload_passes_and_a_badly_chunk_signed_one_is_refused_unstored(tenant):
     body = b"unsigned payload body"
-    got = one_reply(tenant, signed(tenant, "PUT", "/bkt/unsigned", body=body, signer=UnsignedPayload))
+    got = tenant.one_reply(signed(tenant, "PUT", "/bkt/unsigned", body=body, signer=UnsignedPayload))
     assert got.startswith(b"HTTP/1.1 200 OK\r\n") and hashlib.md5(body).hexdigest().encode() in got, got
     assert client(tenant, "v4").get_object(Bucket=BUCKET, Key="unsigned")["Body"].read() == body
 
     data = b"streamed data"
     framed = (f"{len(data):x};chunk-signature={'0' * 64}\r\n".encode() + data + b"\r\n"
               + f"0;chunk-signature={'0' * 64}\r\n\r\n".encode())
-    got = one_reply(tenant, signed(tenant, "PUT", "/bkt/streamed", body=framed, signer=StreamingSeed,
+    got = tenant.one_reply(signed(tenant, "PUT", "/bkt/streamed", body=framed, signer=StreamingSeed,
                                    headers=[("Content-Encoding", "aws-chunked"),
                                             ("x-amz-decoded-content-length", str(len(data)))]))
     # The chunks' signatures are checked: made-up ones refuse the upload, and nothing is stored.
@@ -525,18 +456,18 @@ def test_a_replayed_request_cannot_gain_an_unsigned_header_that_steers_it(tenant
         (signed(tenant, "PUT", "/bkt/victim", body=b"v2 body", signer=HmacV1Auth), b"X-Copy-Source: /other/secret.txt"),
     ]
     for request, line in cases:
-        got = one_reply(tenant, with_header(request, line))
+        got = tenant.one_reply(with_header(request, line))
         status = int(got.split(b" ", 2)[1])
         assert (status, *error_fields(got)[:2]) == NOT_SIGNED, (line, got)
         assert s3.get_object(Bucket=BUCKET, Key="victim")["Body"].read() == b"original", line
     # The same requests as signed pass: only the added header was refused.
     for request in (listing, v2_listing, presigned):
-        got = one_reply(tenant, request)
+        got = tenant.one_reply(request)
         assert got.startswith(b"HTTP/1.1 200 OK\r\n") and b"<ListBucketResult" in got, got
-    assert one_reply(tenant, put).startswith(b"HTTP/1.1 200 OK\r\n")
+    assert tenant.one_reply(put).startswith(b"HTTP/1.1 200 OK\r\n")
     assert s3.get_object(Bucket=BUCKET, Key="victim")["Body"].read() == b"replayed body"
     # A V2 client binds the x-amz-* headers in what it signs: one added later breaks the signature.
-    got = one_reply(tenant, with_header(v2_listing, b"x-amz-copy-source: /other/secret.txt"))
+    got = tenant.one_reply(with_header(v2_listing, b"x-amz-copy-source: /other/secret.txt"))
     assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and error_fields(got)[0] == "SignatureDoesNotMatch", got
 
 

@@ -12,8 +12,9 @@ import socket
 
 import pytest
 
-from orbmux_harness import DEBUG_FILE, Sandbox, free_port, pid_alive, port_accepts, wait_for, wait_port
-from test_worker import REQUEST, read_replies, workers_of
+from orbmux_harness import (DEBUG_FILE, Sandbox, free_port, pid_alive, port_accepts, wait_for, wait_port,
+                             workers_of)
+from test_worker import REQUEST, read_replies
 
 
 @pytest.fixture(scope="module")

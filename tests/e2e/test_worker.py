@@ -15,7 +15,8 @@ import time
 
 import pytest
 
-from orbmux_harness import DEBUG_FILE, OFFLINE_START, Sandbox, free_port, pid_alive, port_accepts, wait_for
+from orbmux_harness import (DEBUG_FILE, OFFLINE_START, Sandbox, free_port, pid_alive, port_accepts, wait_for,
+                             workers_of)
 
 DATE = re.compile(
     rb"\r\nDate: ((Sun|Mon|Tue|Wed|Thu|Fri|Sat), [1-9]\d? "
@@ -97,26 +98,6 @@ def read_replies(sock, n=1, ids=None):
 def connect(port, timeout=10):
     s = socket.create_connection(("127.0.0.1", port), timeout=timeout)
     return s
-
-
-def workers_of(master):
-    """Pids of the master's children that carry a worker's title."""
-    found = []
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
-            continue
-        try:
-            with open(f"/proc/{entry}/stat") as f:
-                ppid = int(f.read().rsplit(")", 1)[1].split()[1])
-            if ppid != master:
-                continue
-            with open(f"/proc/{entry}/cmdline", "rb") as f:
-                title = f.read().split(b"\0")[0]
-        except (OSError, IndexError, ValueError):
-            continue
-        if title.startswith(b"orbmux:http"):
-            found.append((int(entry), title))
-    return found
 
 
 def worker_threads(pid):

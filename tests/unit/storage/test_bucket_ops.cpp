@@ -24,28 +24,15 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
+using storage_test::bucket_ptr;
+using storage_test::read_file;
+using storage_test::str;
+using storage_test::write_file;
 
 namespace {
-
-std::string str(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string() : std::string(s.data, s.len);
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void write_file(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
 
 bool starts_with(const std::string& s, std::string_view prefix)
 {
@@ -69,11 +56,6 @@ orbs3_str_t pool_text(orbs3_pool_t* pool, std::string_view text)
     return {text.size(), p};
 }
 
-struct bucket_deleter {
-    void operator()(orbs3_bucket_t* b) const { orbs3_free_bucket(b); }
-};
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_deleter>;
-
 struct user_deleter {
     void operator()(orbs3_user_t* u) const { orbs3_free_user_data(u); }
 };
@@ -92,23 +74,15 @@ class BucketOps : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        saved_maxlen_ = orbs3_conf.bucketmaxlen;
-        orbs3_conf.bucketmaxlen = 63;
-        char tmpl[] = "/tmp/orbs3_bops_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        vh_ = orbs3_vhost_new();
         ASSERT_NE(vh_, nullptr);
-        neo_strdup(&vh_->cluster_path, dir_.c_str(), ORBS3_PATH_CAP);
-        neo_strdup(&vh_->group_path, "g", ORBS3_PATH_CAP);
         neo_strdup(&vh_->domain, "s3.example", ORBS3_NAME_CAP);
-        ASSERT_EQ(orbs3_init_path(vh_), 0);
-        data_ = str(vh_->data_root);
-        meta_ = str(vh_->meta_root);
-        version_ = str(vh_->version_root);
-        recycle_ = str(vh_->recycle_root);
+        ASSERT_EQ(tenant_.roots(), 0);
+        data_ = tenant_.data_root();
+        meta_ = tenant_.meta_root();
+        version_ = tenant_.version_root();
+        recycle_ = tenant_.recycle_root();
         // A loaded service record without lists in force.
-        vh_->service_rec = orbs3_get_service((dir_ + "/no-service-file").c_str());
+        vh_->service_rec = orbs3_get_service((tenant_.dir.path + "/no-service-file").c_str());
         ASSERT_NE(vh_->service_rec, nullptr);
 
         neo_strdup(&vh_->admin.UserId, "u-admin", ORBS3_NAME_CAP);
@@ -119,13 +93,6 @@ protected:
         bob_.reset(make_user("u-bob", "bob"));
         ASSERT_NE(alice_, nullptr);
         ASSERT_NE(bob_, nullptr);
-    }
-    void TearDown() override
-    {
-        orbs3_free_vhost_data(vh_);
-        orbs3_conf.bucketmaxlen = saved_maxlen_;
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
     }
 
     static orbs3_user_t* make_user(const char* id, const char* name)
@@ -218,9 +185,10 @@ protected:
         r->headers_in.x_copy_source = h;
     }
 
-    int saved_maxlen_ = 0;
-    std::string dir_, data_, meta_, version_, recycle_;
-    orbs3_vhost_t* vh_ = nullptr;
+    storage_test::conf_limits limits_{63};
+    storage_test::temp_tenant tenant_;
+    orbs3_vhost_t* vh_ = tenant_.vh;
+    std::string data_, meta_, version_, recycle_;
     user_ptr alice_, bob_;
 };
 
@@ -269,7 +237,7 @@ TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
                                   std::string_view("a/b"), std::string_view(too_long),
                                   std::string_view("nul\0x", 5)}) {
         outcome o = call(orbs3_put_bucket, alice_.get(), name);
-        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME)) << name;
+        EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME) << name;
         EXPECT_TRUE(o.reply.empty());
     }
     EXPECT_FALSE(fs::exists(data_ + "/alice"));
@@ -279,7 +247,7 @@ TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
     // An owner whose name can't be a directory holds no bucket, and nothing is made for it.
     user_ptr dots(make_user("u-dots", ".."));
     outcome o = call(orbs3_put_bucket, dots.get(), "fine");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+    EXPECT_EQ(o.rc, ORBS3_S3_INTERNAL_ERROR);
     EXPECT_FALSE(fs::exists(data_ + "/fine"));
     EXPECT_FALSE(fs::exists(str(vh_->data_root) + "/../fine"));
     EXPECT_EQ(orbs3_check_bucket_exist(vh_, alice_.get(), "fine"), -1);
@@ -314,7 +282,7 @@ TEST_F(BucketOps, PutBucketStopsAtMaxBucketAndZeroMeansNoLimit)
     put_ok(alice_.get(), "one");
     put_ok(bob_.get(), "two");
     outcome o = call(orbs3_put_bucket, alice_.get(), "three");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_BUCKET_TOO_MUCH));
+    EXPECT_EQ(o.rc, ORBS3_S3_BUCKET_TOO_MUCH);
     EXPECT_FALSE(fs::exists(data_ + "/alice/three"));
     EXPECT_EQ(vh_->bucket_count.load(), 2);
 
@@ -353,9 +321,9 @@ TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
     // Taken by one owner: refused for the other, whose directory goes again, and for the owner itself,
     // whose directory stays.
     ASSERT_EQ(orbs3_claim_bucket_name(vh_, a.get()), 0);
-    EXPECT_EQ(orbs3_claim_bucket_name(vh_, b.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, b.get()), ORBS3_S3_BUCKET_ALREADY_EXISTS);
     EXPECT_FALSE(fs::exists(b_dir));
-    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU));
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU);
     EXPECT_TRUE(fs::is_directory(a_dir));
     ASSERT_TRUE(fs::remove(a_dir));
 
@@ -363,11 +331,11 @@ TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
     // ended half way) the taker waits for it to give way, then gives up.
     ASSERT_EQ(orbs3_claim_bucket_name(vh_, b.get()), 0);
     std::ofstream(neo_getstr(&b->meta_file)) << "record";
-    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), ORBS3_S3_BUCKET_ALREADY_EXISTS);
     EXPECT_FALSE(fs::exists(a_dir));
     ASSERT_TRUE(fs::remove(neo_getstr(&b->meta_file)));
     auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS));
+    EXPECT_EQ(orbs3_claim_bucket_name(vh_, a.get()), ORBS3_S3_BUCKET_ALREADY_EXISTS);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(200));
     EXPECT_FALSE(fs::exists(a_dir));
     EXPECT_TRUE(fs::is_directory(b_dir));
@@ -393,7 +361,7 @@ TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
         tb.join();
         ASSERT_FALSE(ra == 0 && rb == 0) << "round " << round;
         for (int rc : {ra, rb})
-            ASSERT_TRUE(rc == 0 || rc == static_cast<int>(ORBS3_S3_BUCKET_ALREADY_EXISTS)) << rc;
+            ASSERT_TRUE(rc == 0 || rc == ORBS3_S3_BUCKET_ALREADY_EXISTS) << rc;
         // Only the winner's directory remains.
         ASSERT_EQ(fs::exists(a_dir), ra == 0) << "round " << round;
         ASSERT_EQ(fs::exists(b_dir), rb == 0) << "round " << round;
@@ -424,7 +392,7 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
     // An object of either kind keeps the bucket, whole.
     for (const char* name : {"full", "dirobj"}) {
         outcome o = call(orbs3_del_bucket, alice_.get(), name);
-        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_BUCKET_NOT_EMPTY)) << name;
+        EXPECT_EQ(o.rc, ORBS3_S3_BUCKET_NOT_EMPTY) << name;
         EXPECT_EQ(o.resource, name);
         EXPECT_TRUE(o.reply.empty());
         for (const std::string& p : bucket_paths("alice", name))
@@ -448,11 +416,11 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
     // Gone now, and never there.
     for (const char* name : {"empty", "never"}) {
         o = call(orbs3_del_bucket, alice_.get(), name);
-        EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET)) << name;
+        EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET) << name;
         EXPECT_EQ(o.resource, name);
     }
     o = call(orbs3_del_bucket, alice_.get(), "");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME));
+    EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME);
     EXPECT_EQ(vh_->bucket_count.load(), 2);
 
     // The name is free for another owner again.
@@ -566,10 +534,10 @@ TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
     const std::string bogus = "<AccessControlPolicy><AccessControlList><Grant><Permission>BOGUS</Permission>"
                               "</Grant></AccessControlList></AccessControlPolicy>";
     o = call(orbs3_put_bucket_acl, alice_.get(), "acl", [&](orbs3_http_request_t* r) { set_body(r, bogus); });
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_MISSING_REQUEST_BODY));
+    EXPECT_EQ(o.rc, ORBS3_S3_MISSING_REQUEST_BODY);
     EXPECT_EQ(o.resource, "acl");
     o = call(orbs3_put_bucket_acl, alice_.get(), "acl");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_MISSING_REQUEST_BODY));
+    EXPECT_EQ(o.rc, ORBS3_S3_MISSING_REQUEST_BODY);
     b = record("alice", "acl");
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
@@ -585,9 +553,9 @@ TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
     EXPECT_EQ(b->acl, ORBS3_ACL_READ_ACP);
 
     o = call(orbs3_put_bucket_acl, alice_.get(), "nope", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
+    EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET);
     o = call(orbs3_get_bucket_acl, alice_.get(), "nope");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
+    EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET);
     EXPECT_EQ(o.resource, "nope");
 }
 
@@ -613,14 +581,14 @@ TEST_F(BucketOps, RenameChangesOnlyTheRecordsName)
     EXPECT_NE(o.reply.find("<Name>new</Name>"), std::string::npos) << o.reply;
 
     o = call(orbs3_put_bucket_rename, alice_.get(), "other", [](orbs3_http_request_t* r) { set_copy_source(r, "gone"); });
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_NO_SUCH_BUCKET));
+    EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET);
     EXPECT_EQ(o.resource, "gone");
     // Without the header, or with an unsafe old name, there is nothing to rename.
     o = call(orbs3_put_bucket_rename, alice_.get(), "other");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME));
+    EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME);
     EXPECT_EQ(o.resource, "other");
     o = call(orbs3_put_bucket_rename, alice_.get(), "other", [](orbs3_http_request_t* r) { set_copy_source(r, "../old"); });
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_INVALID_BUCKET_NAME));
+    EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME);
 }
 
 TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
@@ -646,14 +614,14 @@ TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
 
     // The owner is an ordinary user without a rule.
     outcome o = call(orbs3_del_bucket, alice_.get(), "guarded");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     EXPECT_EQ(o.resource, "/");
     EXPECT_TRUE(o.reply.empty());
     o = call(orbs3_get_bucket_acl, alice_.get(), "guarded");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     // bob's rule grants delete, not the authority of the ACL.
     o = call(orbs3_get_bucket_acl, bob_.get(), "guarded");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     for (const std::string& p : bucket_paths("alice", "guarded"))
         EXPECT_TRUE(fs::exists(p)) << p;
 
@@ -668,7 +636,7 @@ TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
     put_ok(alice_.get(), "guarded");
     edit("guarded", [](orbs3_bucket_t* b) { b->authak_status = 1; });
     o = call(orbs3_del_bucket, bob_.get(), "guarded");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     o = call(orbs3_del_bucket, &vh_->admin, "guarded");
     EXPECT_EQ(o.rc, 0) << o.resource;
     EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 204")) << o.reply;
@@ -679,7 +647,7 @@ TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
     // The service's authority list in force without a rule for alice: she can't create a bucket.
     vh_->service_rec->authak_status = 1;
     outcome o = call(orbs3_put_bucket, alice_.get(), "svc");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     EXPECT_EQ(o.resource, "/");
     EXPECT_FALSE(fs::exists(data_ + "/alice/svc"));
     put_ok(&vh_->admin, "svc");
@@ -691,13 +659,13 @@ TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
     edit("walled", [](orbs3_bucket_t* b) { b->whitelist_status = 1; });
     o = call(orbs3_put_bucket_rename, alice_.get(), "renamed",
              [](orbs3_http_request_t* r) { set_copy_source(r, "walled"); });
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     EXPECT_EQ(o.resource, "/");
     bucket_ptr b = record("alice", "walled");
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(str(b->name), "walled");
     o = call(orbs3_head_bucket, alice_.get(), "walled");
-    EXPECT_EQ(o.rc, static_cast<int>(ORBS3_S3_ACCESS_DENIED));
+    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     o = call(orbs3_head_bucket, &vh_->admin, "walled");
     EXPECT_EQ(o.rc, 0);
     EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;

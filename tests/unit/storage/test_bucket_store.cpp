@@ -13,28 +13,15 @@
 #include "control/orbs3_service.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
+using storage_test::bucket_ptr;
+using storage_test::read_file;
+using storage_test::str;
+using storage_test::write_file;
 
 namespace {
-
-std::string str(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string() : std::string(s.data, s.len);
-}
-
-void write_file(const std::string& path, const std::string& text)
-{
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << text;
-}
-
-std::string read_file(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
 
 // The names of a list of bucket records; frees the records.
 std::multiset<std::string> drain(neo_list_head_t* list)
@@ -52,33 +39,14 @@ std::multiset<std::string> drain(neo_list_head_t* list)
     return names;
 }
 
-struct bucket_deleter {
-    void operator()(orbs3_bucket_t* b) const { orbs3_free_bucket(b); }
-};
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_deleter>;
-
 class BucketStore : public ::testing::Test {
 protected:
     void SetUp() override
     {
-        char tmpl[] = "/tmp/orbs3_bstore_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        neo_strdup(&vh_.cluster_path, dir_.c_str(), ORBS3_PATH_AREA);
-        neo_strdup(&vh_.group_path, "g", ORBS3_PATH_AREA);
-        ASSERT_EQ(orbs3_init_path(&vh_), 0);
-        INIT_LIST_HEAD(&vh_.bucket_list);
-        meta_root_ = str(vh_.meta_root);
-        data_root_ = str(vh_.data_root);
-    }
-    void TearDown() override
-    {
-        orbs3_bucket_exit(&vh_);
-        for (orbs3_str_t* s : {&vh_.cluster_path, &vh_.group_path, &vh_.data_root, &vh_.meta_root,
-                               &vh_.version_root, &vh_.recycle_root})
-            neo_strfree(s);
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
+        ASSERT_NE(tenant_.vh, nullptr);
+        ASSERT_EQ(tenant_.roots(), 0);
+        meta_root_ = tenant_.meta_root();
+        data_root_ = tenant_.data_root();
     }
 
     // A bucket as PutBucket leaves it: the data directory, then the record. Returns the record's path.
@@ -108,8 +76,9 @@ protected:
         return u;
     }
 
-    std::string dir_, meta_root_, data_root_;
-    orbs3_vhost_t vh_{};
+    storage_test::temp_tenant tenant_;
+    orbs3_vhost_t& vh_ = *tenant_.vh;
+    std::string meta_root_, data_root_;
     std::string alice_ = "alice", bob_ = "bob";
 };
 
@@ -177,7 +146,7 @@ TEST_F(BucketStore, RememberedOwnerIsCheckedOnEveryLookup)
 
     // Another vhost with the same name knows nothing of this one's owners.
     orbs3_vhost_t other{};
-    const std::string other_root = dir_ + "/other";
+    const std::string other_root = tenant_.dir.path + "/other";
     fs::create_directories(other_root + "/data");
     fs::create_directories(other_root + "/meta");
     const std::string other_data = other_root + "/data", other_meta = other_root + "/meta";

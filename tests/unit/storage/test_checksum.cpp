@@ -66,27 +66,29 @@ TEST(Checksum, PublishedValuesInHeaderForm)
         EXPECT_EQ(checksum_of(r.a, {r.text}), r.want) << static_cast<int>(r.a) << " '" << r.text << "'";
 }
 
-TEST(Checksum, Crc32cMatchesBitwiseValueAtEveryAlignment)
+TEST(Checksum, WordAtATimeCrcsMatchTheirBitwiseValueAtEveryAlignment)
 {
-    EXPECT_EQ(orbs3_crc32c("123456789", 9, 0), 0xe3069283u);
+    struct row {
+        const char* name;
+        uint64_t (*crc)(const void* data, std::size_t len);
+        uint64_t check;    // of "123456789"
+        uint64_t pattern;  // of pattern(), computed bit by bit
+    };
+    const row rows[] = {
+        {"crc32c", [](const void* d, std::size_t n) -> uint64_t { return orbs3_crc32c(d, n, 0); }, 0xe3069283u,
+         0xdd2edff7u},
+        {"crc64nvme", [](const void* d, std::size_t n) -> uint64_t { return orbs3_crc64nvme(d, n, 0); },
+         0xae8b14860a799888u, 0x387e868bd14debedu},
+    };
     const std::string d = pattern();
-    EXPECT_EQ(orbs3_crc32c(d.data(), d.size(), 0), 0xdd2edff7u);
-    // The same bytes starting at each offset of an eight-byte word and each tail length.
-    for (std::size_t off = 0; off < 8; off++) {
-        std::vector<uint8_t> buf(d.size() + off);
-        std::memcpy(buf.data() + off, d.data(), d.size());
-        EXPECT_EQ(orbs3_crc32c(buf.data() + off, d.size(), 0), 0xdd2edff7u) << off;
-    }
-}
-
-TEST(Checksum, Crc64nvmeMatchesBitwiseValueAtEveryAlignment)
-{
-    EXPECT_EQ(orbs3_crc64nvme("123456789", 9, 0), 0xae8b14860a799888u);
-    const std::string d = pattern();
-    for (std::size_t off = 0; off < 8; off++) {
-        std::vector<uint8_t> buf(d.size() + off);
-        std::memcpy(buf.data() + off, d.data(), d.size());
-        EXPECT_EQ(orbs3_crc64nvme(buf.data() + off, d.size(), 0), 0x387e868bd14debedu) << off;
+    for (const row& r : rows) {
+        EXPECT_EQ(r.crc("123456789", 9), r.check) << r.name;
+        // The same bytes starting at each offset of an eight-byte word and each tail length.
+        for (std::size_t off = 0; off < 8; off++) {
+            std::vector<uint8_t> buf(d.size() + off);
+            std::memcpy(buf.data() + off, d.data(), d.size());
+            EXPECT_EQ(r.crc(buf.data() + off, d.size()), r.pattern) << r.name << " at offset " << off;
+        }
     }
 }
 

@@ -14,9 +14,11 @@
 #include "core/orbs3_config.h"
 #include "core/orbs3_worker.h"
 #include "s3/orbs3_s3_errors.h"
+#include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
 using namespace std::string_literals;
+using storage_test::str;
 
 namespace {
 
@@ -37,55 +39,12 @@ void touch(const std::string& p)
     std::ofstream(p) << "x";
 }
 
-std::string str(const orbs3_str_t& s)
-{
-    return s.data == nullptr ? std::string() : std::string(s.data, s.len);
-}
-
-struct vhost_holder {
-    orbs3_vhost_t vh{};
-    ~vhost_holder()
-    {
-        for (orbs3_str_t* s : {&vh.id, &vh.cluster_path, &vh.group_path, &vh.data_root, &vh.meta_root,
-                               &vh.version_root, &vh.recycle_root})
-            neo_strfree(s);
-    }
-};
-
 class Layout : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        saved_[0] = orbs3_conf.bucketmaxlen;
-        saved_[1] = orbs3_conf.objectmaxlen;
-        saved_[2] = orbs3_conf.objectpathlen;
-        saved_[3] = orbs3_conf.objectdirnum;
-        orbs3_conf.bucketmaxlen = 127;
-        orbs3_conf.objectmaxlen = 127;
-        orbs3_conf.objectpathlen = 1023;
-        orbs3_conf.objectdirnum = 10;
-        char tmpl[] = "/tmp/orbs3_layout_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override
-    {
-        orbs3_conf.bucketmaxlen = saved_[0];
-        orbs3_conf.objectmaxlen = saved_[1];
-        orbs3_conf.objectpathlen = saved_[2];
-        orbs3_conf.objectdirnum = saved_[3];
-        orbs3_free_bucket(bucket_);
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
+    void TearDown() override { orbs3_free_bucket(bucket_); }
 
-    // A vhost under the temp dir with group path "g", its roots built.
-    void init_vhost()
-    {
-        neo_strdup(&vh_.vh.cluster_path, dir_.c_str(), ORBS3_PATH_AREA);
-        neo_strdup(&vh_.vh.group_path, "g", ORBS3_PATH_AREA);
-        ASSERT_EQ(orbs3_init_path(&vh_.vh), 0);
-    }
+    // The tenant's roots built under the temp dir.
+    void init_vhost() { ASSERT_EQ(tenant_.roots(), 0); }
     // A bucket `name` of owner "alice" with its paths filled.
     void init_bucket(const char* name = "bkt")
     {
@@ -93,13 +52,14 @@ protected:
         bucket_ = orbs3_bucket_new();
         ASSERT_NE(bucket_, nullptr);
         bucket_->owner_name = {owner_.size(), owner_.data()};
-        ASSERT_EQ(orbs3_bucket_init_path(&vh_.vh, nullptr, bucket_, name), 0);
+        ASSERT_EQ(orbs3_bucket_init_path(vh_, nullptr, bucket_, name), 0);
     }
 
-    int saved_[4] = {};
-    std::string dir_;
+    storage_test::conf_limits limits_{127};
+    storage_test::temp_tenant tenant_;
+    const std::string& dir_ = tenant_.dir.path;
+    orbs3_vhost_t* vh_ = tenant_.vh;
     std::string owner_ = "alice";
-    vhost_holder vh_;
     orbs3_bucket_t* bucket_ = nullptr;
 };
 
@@ -242,10 +202,10 @@ TEST_F(Layout, RootsAndBucketPathsFollowTheTreeLayout)
 {
     init_bucket();
     const std::string g = dir_ + "/g";
-    EXPECT_EQ(str(vh_.vh.data_root), g + "/data");
-    EXPECT_EQ(str(vh_.vh.meta_root), g + "/meta");
-    EXPECT_EQ(str(vh_.vh.version_root), g + "/version");
-    EXPECT_EQ(str(vh_.vh.recycle_root), g + "/recycle");
+    EXPECT_EQ(str(vh_->data_root), g + "/data");
+    EXPECT_EQ(str(vh_->meta_root), g + "/meta");
+    EXPECT_EQ(str(vh_->version_root), g + "/version");
+    EXPECT_EQ(str(vh_->recycle_root), g + "/recycle");
     for (const char* d : {"/data", "/meta/bucket", "/meta/object", "/version", "/recycle"}) {
         EXPECT_TRUE(is_dir(g + d)) << d;
         EXPECT_EQ(perm(g + d), 0600u) << d;
@@ -303,13 +263,13 @@ TEST_F(Layout, UnsafeBucketOrOwnerNamesRefusedBeforeAnyPathIsBuilt)
     ASSERT_NE(bucket_, nullptr);
     bucket_->owner_name = {owner_.size(), owner_.data()};
     for (const std::string& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, std::string(256, 'n')})
-        EXPECT_EQ(orbs3_bucket_init_path(&vh_.vh, nullptr, bucket_, name), -1) << name;
+        EXPECT_EQ(orbs3_bucket_init_path(vh_, nullptr, bucket_, name), -1) << name;
     EXPECT_EQ(bucket_->data_dir.len, 0u);
 
     for (std::string owner : {"", "..", "x/y"}) {
         owner_ = owner;
         bucket_->owner_name = {owner_.size(), owner_.data()};
-        EXPECT_EQ(orbs3_bucket_init_path(&vh_.vh, nullptr, bucket_, "bkt"), -1) << owner;
+        EXPECT_EQ(orbs3_bucket_init_path(vh_, nullptr, bucket_, "bkt"), -1) << owner;
     }
     EXPECT_FALSE(fs::exists(dir_ + "/g/meta/bucket/bkt"));
 
@@ -321,12 +281,13 @@ TEST_F(Layout, UnsafeBucketOrOwnerNamesRefusedBeforeAnyPathIsBuilt)
 
 TEST_F(Layout, PathsThatDoNotFitAreRefusedNotCut)
 {
-    vhost_holder v;
-    neo_strdup(&v.vh.cluster_path, ("/" + std::string(1016, 'c')).c_str(), 2000);
-    neo_strdup(&v.vh.group_path, "g", 10);
-    EXPECT_EQ(orbs3_init_path(&v.vh), -1);  // ".../g/data" alone is 1024 bytes
-    EXPECT_EQ(v.vh.data_root.len, 0u);
-    EXPECT_EQ(v.vh.recycle_root.len, 0u);
+    storage_test::vhost_ptr v(orbs3_vhost_new());
+    ASSERT_NE(v, nullptr);
+    neo_strdup(&v->cluster_path, ("/" + std::string(1016, 'c')).c_str(), 2000);
+    neo_strdup(&v->group_path, "g", 10);
+    EXPECT_EQ(orbs3_init_path(v.get()), -1);  // ".../g/data" alone is 1024 bytes
+    EXPECT_EQ(v->data_root.len, 0u);
+    EXPECT_EQ(v->recycle_root.len, 0u);
 
     init_bucket();
     // The key fills the area exactly (1023 bytes and the NUL), then one byte too many.
@@ -352,11 +313,12 @@ TEST_F(Layout, PathsThatDoNotFitAreRefusedNotCut)
     std::string owner(250, 'o');
     owner_ = owner;
     bucket_->owner_name = {owner_.size(), owner_.data()};
-    vhost_holder deep;
-    neo_strdup(&deep.vh.cluster_path, ("/" + std::string(700, 'c')).c_str(), 2000);
-    neo_strdup(&deep.vh.group_path, "g", 10);
-    ASSERT_EQ(orbs3_init_path(&deep.vh), 0);
-    EXPECT_EQ(orbs3_bucket_init_path(&deep.vh, nullptr, bucket_, std::string(100, 'b')), -1);
+    storage_test::vhost_ptr deep(orbs3_vhost_new());
+    ASSERT_NE(deep, nullptr);
+    neo_strdup(&deep->cluster_path, ("/" + std::string(700, 'c')).c_str(), 2000);
+    neo_strdup(&deep->group_path, "g", 10);
+    ASSERT_EQ(orbs3_init_path(deep.get()), 0);
+    EXPECT_EQ(orbs3_bucket_init_path(deep.get(), nullptr, bucket_, std::string(100, 'b')), -1);
 }
 
 TEST_F(Layout, MkdirPMakesNestedTreesAndStopsAtAFile)
@@ -395,9 +357,9 @@ TEST_F(Layout, KeyDirectoriesMadeOnlyForKeysWithSlashes)
     EXPECT_FALSE(fs::exists(data + "/p/q/r"));
 
     touch(data + "/file");
-    EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+    EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), ORBS3_S3_INTERNAL_ERROR);
     EXPECT_EQ(orbs3_make_dir_by_object_path((data + "/file/x/y").c_str()),
-              static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
+              ORBS3_S3_INTERNAL_ERROR);
 }
 
 TEST_F(Layout, KeyConflictBetweenFileAndDirectoryBothWays)
@@ -436,7 +398,7 @@ TEST_F(Layout, ReloadRemakesTheRootsOfTheServiceVhosts)
 
     orbs3_service_t svc{};
     INIT_LIST_HEAD(&svc.vhosts);
-    orbs3_list_node_t node{{}, &vh_.vh};
+    orbs3_list_node_t node{{}, vh_};
     list_add_tail(&node.list, &svc.vhosts);
     orbs3_service_t* saved = orbs3_service;
     orbs3_service = &svc;

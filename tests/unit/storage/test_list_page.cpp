@@ -23,23 +23,12 @@
 #include "storage/orbs3_list_object.h"
 #include "storage/orbs3_list_page.h"
 #include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
+
+using storage_test::temp_dir;
+using storage_test::write_file;
 
 namespace {
-
-struct temp_dir {
-    std::string path;
-    temp_dir()
-    {
-        char tmpl[] = "/tmp/orbs3-list-XXXXXX";
-        const char* p = mkdtemp(tmpl);
-        path = p != nullptr ? p : "";
-    }
-    ~temp_dir()
-    {
-        if (!path.empty())
-            (void)neo_remove_tree(path.c_str());
-    }
-};
 
 // What a page entry is, for comparison: a common prefix or an object key.
 struct row {
@@ -59,12 +48,6 @@ std::string etag_of(const std::string& key)
     char buf[33];
     std::snprintf(buf, sizeof buf, "%032zx", std::hash<std::string>{}(key));
     return buf;
-}
-
-void write_file(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary);
-    out << text;
 }
 
 class meta_tree {
@@ -423,7 +406,7 @@ TEST(ListQuery, ReadsEveryParameterByVersionAndRefusesWhatS3Refuses)
         bool url;
         bool owner;
     };
-    const int bad = static_cast<int>(ORBS3_S3_INVALID_ARGUMENT);
+    const int bad = ORBS3_S3_INVALID_ARGUMENT;
     const std::string long_token(1500, 'A');
     const std::string long_query = "list-type=2&continuation-token=" + long_token;
     const want_t cases[] = {

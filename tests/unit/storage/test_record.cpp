@@ -15,12 +15,19 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <type_traits>
 #include <vector>
 
 #include <mxml.h>
 
 #include "memory/neo_string.h"
 #include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
+
+using storage_test::read_file;
+using storage_test::str;
+using storage_test::temp_dir;
+using storage_test::write_file;
 
 namespace {
 
@@ -34,60 +41,22 @@ std::string golden(const char* name)
     return ss.str();
 }
 
-std::string slurp(const std::string& path)
-{
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-void spit(const std::string& path, const std::string& text)
-{
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out << text;
-}
-
-struct temp_dir {
-    std::string path;
-    temp_dir()
-    {
-        char tmpl[] = "/tmp/orbs3-record-XXXXXX";
-        path = mkdtemp(tmpl);
-    }
-    ~temp_dir() { (void)std::system(("rm -rf '" + path + "'").c_str()); }
-    std::vector<std::string> entries() const
-    {
-        std::vector<std::string> out;
-        DIR* d = opendir(path.c_str());
-        while (dirent* e = readdir(d)) {
-            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
-                out.emplace_back(e->d_name);
-        }
-        closedir(d);
-        return out;
-    }
-};
-
-std::string str(const orbs3_str_t& s)
-{
-    return std::string(neo_getstr(&s), s.len);
-}
-
-// Pool-backed setters for the records under test.
-void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
-{
-    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
-    std::memcpy(d, v.data(), v.size());
-    s->data = d;
-    s->len = v.size();
-}
-
 void heap_set(orbs3_str_t* s, const std::string& v)
 {
     std::free(s->data);
     s->data = static_cast<char*>(std::calloc(1, v.size() + 1));
     std::memcpy(s->data, v.data(), v.size());
+    s->len = v.size();
+}
+
+// A text in the record's pool, or on the heap for the service record, which has none.
+void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
+{
+    if (pool == nullptr)
+        return heap_set(s, v);
+    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
+    std::memcpy(d, v.data(), v.size());
+    s->data = d;
     s->len = v.size();
 }
 
@@ -120,12 +89,8 @@ orbs3_bucket_rule_t* rule(orbs3_pool_t* pool, neo_list_head_t* list, const char*
 {
     auto* r = make<orbs3_bucket_rule_t>(pool);
     std::snprintf(r->id, sizeof(r->id), "%s", id);
-    if (name != nullptr) {
-        if (pool)
-            set(pool, &r->name, name);
-        else
-            heap_set(&r->name, name);
-    }
+    if (name != nullptr)
+        set(pool, &r->name, name);
     r->status = status;
     INIT_LIST_HEAD(&r->addrs);
     INIT_LIST_HEAD(&r->users);
@@ -136,10 +101,7 @@ orbs3_bucket_rule_t* rule(orbs3_pool_t* pool, neo_list_head_t* list, const char*
 void addr(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* a, uint32_t mask)
 {
     auto* x = make<orbs3_rule_addr_t>(pool);
-    if (pool)
-        set(pool, &x->addr, a);
-    else
-        heap_set(&x->addr, a);
+    set(pool, &x->addr, a);
     x->mask = mask;
     push(pool, &r->addrs, x);
 }
@@ -147,13 +109,8 @@ void addr(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* a, uint32_t ma
 void user(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* name, const char* id)
 {
     auto* u = make<orbs3_rule_user_t>(pool);
-    if (pool) {
-        set(pool, &u->name, name);
-        set(pool, &u->userid, id);
-    } else {
-        heap_set(&u->name, name);
-        heap_set(&u->userid, id);
-    }
+    set(pool, &u->name, name);
+    set(pool, &u->userid, id);
     push(pool, &r->users, u);
 }
 
@@ -267,83 +224,66 @@ void expect_same_rules(const neo_list_head_t* a, const neo_list_head_t* b)
     }
 }
 
+// The fields named are the same in a and b: counted strings compared as text, the rest by value.
+template <typename T, typename... F>
+void expect_same_fields(const T* a, const T* b, F... fields)
+{
+    auto same = [&](auto field) {
+        if constexpr (std::is_same_v<std::remove_cvref_t<decltype(a->*field)>, orbs3_str_t>)
+            EXPECT_EQ(str(a->*field), str(b->*field));
+        else
+            EXPECT_EQ(0, std::memcmp(&(a->*field), &(b->*field), sizeof(a->*field)));
+    };
+    (same(fields), ...);
+}
+
+// The four address and key lists and their switches, which buckets and the service both hold.
+template <typename T>
+void expect_same_lists(const T* a, const T* b)
+{
+    expect_same_rules(&a->whitelist, &b->whitelist);
+    expect_same_rules(&a->blacklist, &b->blacklist);
+    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
+    expect_same_rules(&a->authak_list, &b->authak_list);
+    expect_same_fields(a, b, &T::whitelist_status, &T::blacklist_status, &T::authaddr_status, &T::authak_status);
+}
+
 void expect_same_bucket(const orbs3_bucket_t* a, const orbs3_bucket_t* b)
 {
-    EXPECT_EQ(str(a->name), str(b->name));
-    EXPECT_EQ(str(a->alias), str(b->alias));
-    EXPECT_EQ(str(a->created_date), str(b->created_date));
-    EXPECT_EQ(str(a->extranet_endpoint), str(b->extranet_endpoint));
-    EXPECT_EQ(str(a->intranet_endpoint), str(b->intranet_endpoint));
-    EXPECT_EQ(str(a->owner_id), str(b->owner_id));
-    EXPECT_EQ(str(a->owner_name), str(b->owner_name));
-    EXPECT_EQ(a->acl, b->acl);
+    using B = orbs3_bucket_t;
+    expect_same_fields(a, b, &B::name, &B::alias, &B::created_date, &B::extranet_endpoint, &B::intranet_endpoint,
+                       &B::owner_id, &B::owner_name, &B::acl, &B::versioning, &B::stat, &B::quota, &B::recycle_days);
     auto la = items<char>(&a->lifecycle);
     auto lb = items<char>(&b->lifecycle);
     ASSERT_EQ(la.size(), lb.size());
     for (std::size_t i = 0; i < la.size(); ++i)
         EXPECT_STREQ(la[i], lb[i]);
-    EXPECT_EQ(a->versioning.status, b->versioning.status);
-    EXPECT_EQ(a->versioning.save_num, b->versioning.save_num);
-    expect_same_rules(&a->whitelist, &b->whitelist);
-    expect_same_rules(&a->blacklist, &b->blacklist);
-    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
-    expect_same_rules(&a->authak_list, &b->authak_list);
-    EXPECT_EQ(a->whitelist_status, b->whitelist_status);
-    EXPECT_EQ(a->blacklist_status, b->blacklist_status);
-    EXPECT_EQ(a->authaddr_status, b->authaddr_status);
-    EXPECT_EQ(a->authak_status, b->authak_status);
-    EXPECT_EQ(0, std::memcmp(&a->stat, &b->stat, sizeof(a->stat)));
-    EXPECT_EQ(0, std::memcmp(&a->quota, &b->quota, sizeof(a->quota)));
-    EXPECT_EQ(a->recycle_days, b->recycle_days);
+    expect_same_lists(a, b);
 }
 
 void expect_same_object(const orbs3_object_t* a, const orbs3_object_t* b)
 {
-    EXPECT_EQ(str(a->name), str(b->name));
-    EXPECT_EQ(str(a->last_modified), str(b->last_modified));
-    EXPECT_EQ(str(a->etag), str(b->etag));
-    EXPECT_EQ(a->size, b->size);
-    EXPECT_EQ(str(a->owner_id), str(b->owner_id));
-    EXPECT_EQ(str(a->owner_display_name), str(b->owner_display_name));
-    EXPECT_EQ(a->acl, b->acl);
-    EXPECT_EQ(a->lifecycle, b->lifecycle);
+    using O = orbs3_object_t;
+    expect_same_fields(a, b, &O::name, &O::last_modified, &O::etag, &O::size, &O::owner_id, &O::owner_display_name,
+                       &O::acl, &O::lifecycle);
     EXPECT_STREQ(a->path, b->path);
     EXPECT_STREQ(a->fpath, b->fpath);
     auto ta = items<orbs3_tag_t>(&a->tags);
     auto tb = items<orbs3_tag_t>(&b->tags);
     ASSERT_EQ(ta.size(), tb.size());
-    for (std::size_t i = 0; i < ta.size(); ++i) {
-        EXPECT_EQ(str(ta[i]->key), str(tb[i]->key));
-        EXPECT_EQ(str(ta[i]->value), str(tb[i]->value));
-    }
+    for (std::size_t i = 0; i < ta.size(); ++i)
+        expect_same_fields(ta[i], tb[i], &orbs3_tag_t::key, &orbs3_tag_t::value);
 }
 
 void expect_same_service(const orbs3_service_rec_t* a, const orbs3_service_rec_t* b)
 {
-    expect_same_rules(&a->whitelist, &b->whitelist);
-    expect_same_rules(&a->blacklist, &b->blacklist);
-    expect_same_rules(&a->authaddr_list, &b->authaddr_list);
-    expect_same_rules(&a->authak_list, &b->authak_list);
-    EXPECT_EQ(a->whitelist_status, b->whitelist_status);
-    EXPECT_EQ(a->blacklist_status, b->blacklist_status);
-    EXPECT_EQ(a->authaddr_status, b->authaddr_status);
-    EXPECT_EQ(a->authak_status, b->authak_status);
-    EXPECT_EQ(str(a->quota.service_quota), str(b->quota.service_quota));
-    EXPECT_EQ(str(a->quota.bucket_quota), str(b->quota.bucket_quota));
-    EXPECT_EQ(str(a->quota.file_threshold), str(b->quota.file_threshold));
-    EXPECT_EQ(str(a->quota.segment_size), str(b->quota.segment_size));
-    EXPECT_EQ(a->quota.max_bucket, b->quota.max_bucket);
-    EXPECT_EQ(a->quota.max_object, b->quota.max_object);
-    EXPECT_EQ(a->quota.bucket_threshold, b->quota.bucket_threshold);
-    EXPECT_EQ(a->version_status, b->version_status);
-    EXPECT_EQ(a->save_num, b->save_num);
-    EXPECT_EQ(a->memory_size, b->memory_size);
-    EXPECT_EQ(a->file_size, b->file_size);
-    EXPECT_EQ(a->memory, b->memory);
-    EXPECT_EQ(a->aggregate, b->aggregate);
-    EXPECT_EQ(str(a->accelerate_path), str(b->accelerate_path));
-    EXPECT_EQ(str(a->low_frequency_path), str(b->low_frequency_path));
-    EXPECT_EQ(str(a->archiving_path), str(b->archiving_path));
+    using S = orbs3_service_rec_t;
+    expect_same_lists(a, b);
+    using Q = orbs3_service_quota_t;
+    expect_same_fields(&a->quota, &b->quota, &Q::service_quota, &Q::bucket_quota, &Q::file_threshold,
+                       &Q::segment_size, &Q::max_bucket, &Q::max_object, &Q::bucket_threshold);
+    expect_same_fields(a, b, &S::version_status, &S::save_num, &S::memory_size, &S::file_size, &S::memory,
+                       &S::aggregate, &S::accelerate_path, &S::low_frequency_path, &S::archiving_path);
 }
 
 using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
@@ -359,7 +299,7 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
         bucket_ptr b(sample_bucket(), orbs3_free_bucket);
         const std::string path = dir.path + "/bucket.xml";
         ASSERT_EQ(orbs3_save_bucket(b.get(), path.c_str()), 0);
-        EXPECT_EQ(slurp(path), golden("bucket.xml"));
+        EXPECT_EQ(read_file(path), golden("bucket.xml"));
         bucket_ptr back(orbs3_create_bucket_from_file(path.c_str()), orbs3_free_bucket);
         ASSERT_NE(back, nullptr);
         expect_same_bucket(b.get(), back.get());
@@ -368,7 +308,7 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
         object_ptr o(sample_object(), orbs3_free_object);
         const std::string path = dir.path + "/object.xml";
         ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
-        EXPECT_EQ(slurp(path), golden("object.xml"));
+        EXPECT_EQ(read_file(path), golden("object.xml"));
         object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
         ASSERT_NE(back, nullptr);
         expect_same_object(o.get(), back.get());
@@ -378,7 +318,7 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
         service_ptr s(sample_service(), orbs3_free_service);
         const std::string path = dir.path + "/service";
         ASSERT_EQ(orbs3_save_service(s.get(), path.c_str()), 0);
-        EXPECT_EQ(slurp(path), golden("service.xml"));
+        EXPECT_EQ(read_file(path), golden("service.xml"));
         service_ptr back(orbs3_get_service(path.c_str()), orbs3_free_service);
         ASSERT_NE(back, nullptr);
         expect_same_service(s.get(), back.get());
@@ -481,7 +421,7 @@ TEST(Record, EveryTextReadsBackByteForByte)
         push(p, &o->meta, m);
         ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
         object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
-        ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << slurp(path);
+        ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << read_file(path);
         expect_same_object(o.get(), back.get());
         EXPECT_EQ(str(back->content_type), t);
         auto meta = items<orbs3_tag_t>(&back->meta);
@@ -799,7 +739,7 @@ TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
         ASSERT_FALSE(whole.empty());
         const std::size_t end = whole.rfind('>') + 1;  // only the final newline lies behind it
         for (std::size_t cut = 1; cut < whole.size(); ++cut) {
-            spit(path, whole.substr(0, cut));
+            write_file(path, whole.substr(0, cut));
             const bool read = k.read(path.c_str());
             if (cut < end)
                 EXPECT_FALSE(read) << k.golden << " cut at " << cut;
@@ -809,7 +749,7 @@ TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
     }
     mxmlSetErrorCallback(nullptr);
     // Nothing at all: no object, no bucket; an empty service file is a service without limits.
-    spit(path, "");
+    write_file(path, "");
     EXPECT_EQ(orbs3_create_object_from_file(path.c_str()), nullptr);
     EXPECT_EQ(orbs3_create_bucket_from_file(path.c_str()), nullptr);
     service_ptr s(orbs3_get_service(path.c_str()), orbs3_free_service);
@@ -877,5 +817,5 @@ TEST(Record, TemporaryNamesAreRecognisedAndFailedReplaceKeepsTheOld)
     auto names = dir.entries();
     std::sort(names.begin(), names.end());
     EXPECT_EQ(names, (std::vector<std::string>{"rec", "sub"}));
-    EXPECT_EQ(slurp(path), "old");
+    EXPECT_EQ(read_file(path), "old");
 }
