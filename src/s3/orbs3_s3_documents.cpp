@@ -133,28 +133,6 @@ const char* create_multipart_whitespace_cb(mxml_node_t* node, int where)
     return ws_lookup(create_multipart_rows, node, where);
 }
 
-constexpr ws_row complete_multipart_rows[] = {
-    {"CompleteMultipartUploadResult", L, true}, {"Location", LC, false}, {"Bucket", LC, false},
-    {"Key", LC, false},                         {"ETag", LC, false},
-};
-const char* complete_multipart_whitespace_cb(mxml_node_t* node, int where)
-{
-    return ws_lookup(complete_multipart_rows, node, where);
-}
-
-constexpr ws_row list_parts_rows[] = {
-    {"ListPartsResult", L, true},        {"Initiator", LC, true},        {"Owner", LC, true},
-    {"Part", LC, true},                  {"Bucket", LC, false},          {"Key", LC, false},
-    {"UploadId", LC, false},             {"StorageClass", LC, false},    {"PartNumberMarker", LC, false},
-    {"NextPartNumberMarker", LC, false}, {"MaxParts", LC, false},        {"IsTruncated", LC, false},
-    {"ID", LCC, false},                  {"DisplayName", LCC, false},    {"PartNumber", LCC, false},
-    {"LastModified", LCC, false},        {"ETag", LCC, false},           {"Size", LCC, false},
-};
-const char* list_parts_whitespace_cb(mxml_node_t* node, int where)
-{
-    return ws_lookup(list_parts_rows, node, where);
-}
-
 constexpr ws_row del_objects_rows[] = {
     {"DeleteResult", L, true}, {"Deleted", LC, true}, {"Error", LC, true}, {"Key", LCC, false},
 };
@@ -700,74 +678,143 @@ int parse_complete_multipart_upload_xmlstring(const char* text, neo_list_head_t*
     return 0;
 }
 
-char* make_complete_multipart_upload_xmlstring(const char* etag, const char* bucket, const char* key,
-                                               const char* location)
+namespace {
+
+constexpr std::string_view kDocHead = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n";
+constexpr std::string_view kS3Namespace = " xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"";
+
+void elem(std::string* out, std::string_view name, std::string_view text)
 {
-    orbs3_xml_ptr xml = new_doc();
-    mxml_node_t* root = mxmlNewElement(xml.get(), "CompleteMultipartUploadResult");
-    new_text_cstr(root, "Location", location);
-    new_text_cstr(root, "Bucket", bucket);
-    new_text_cstr(root, "Key", key);
-    new_text_cstr(root, "ETag", etag);
-    return save_doc(xml.get(), complete_multipart_whitespace_cb);
+    out->append("<").append(name).append(">");
+    orbs3_xml_escape(out, text);
+    out->append("</").append(name).append(">");
 }
 
-char* make_list_multipart_upload_xmlstring(neo_list_head_t* parts, const char* upload_id, const char* bucket,
-                                           const char* key, int part_number_marker, int max_parts,
-                                           const orbs3_user_t* user)
+void open_doc(std::string* out, std::string_view root, bool s3_namespace = true)
 {
-    orbs3_xml_ptr xml = new_doc();
-    mxml_node_t* root = mxmlNewElement(xml.get(), "ListPartsResult");
-    new_text_cstr(root, "Bucket", bucket);
-    new_text_cstr(root, "Key", key);
-    new_text_cstr(root, "UploadId", upload_id);
-    mxml_node_t* init = mxmlNewElement(root, "Initiator");
-    mxmlNewElement(init, "ID");
-    mxmlNewElement(init, "DisplayName");
-    add_identity(mxmlNewElement(root, "Owner"), user);
-    mxmlNewElement(root, "StorageClass");
-    orbs3_xml_new_text_int(root, "PartNumberMarker", part_number_marker);
-    mxml_node_t* next = mxmlNewElement(root, "NextPartNumberMarker");
-    orbs3_xml_new_text_int(root, "MaxParts", max_parts);
-    mxmlNewElement(root, "IsTruncated");
+    out->append(kDocHead).append("<").append(root);
+    if (s3_namespace)
+        out->append(kS3Namespace);
+    out->append(">");
+}
 
-    // Walk part numbers up from the marker; once a part was found, a gap ends the walk.
-    int number = part_number_marker;
-    int last = 0;
-    bool found_any = false;
-    for (int round = 0; round < max_parts && parts != nullptr; ++round) {
-        orbs3_part_t* hit = nullptr;
-        neo_list_head_t* pos;
-        list_for_each(pos, parts) {
-            auto* p = list_entry(pos, orbs3_part_t, link);
-            if (p->part_number == number) {
-                hit = p;
-                break;
-            }
-        }
-        if (hit == nullptr) {
-            if (found_any)
-                break;
-            if (number == INT32_MAX)
-                break;
-            ++number;
-            continue;
-        }
-        mxml_node_t* e = mxmlNewElement(root, "Part");
-        orbs3_xml_new_text_int(e, "PartNumber", hit->part_number);
-        new_text_str(e, "LastModified", hit->last_modified);
-        new_text_str(e, "ETag", hit->etag);
-        mxmlNewTextf(mxmlNewElement(e, "Size"), 0, "%" PRIu64, hit->size);
-        found_any = true;
-        last = number;
-        if (number == INT32_MAX)
-            break;
-        ++number;
+// "<ChecksumCRC32>value</ChecksumCRC32>" and so on, as S3's documents carry a checksum.
+void checksum_elem(std::string* out, std::string_view algorithm, std::string_view value)
+{
+    if (!algorithm.empty() && !value.empty())
+        elem(out, "Checksum" + std::string(algorithm), value);
+}
+
+void identity(std::string* out, std::string_view element, std::string_view id, std::string_view name)
+{
+    out->append("<").append(element).append(">");
+    elem(out, "ID", id);
+    elem(out, "DisplayName", name);
+    out->append("</").append(element).append(">");
+}
+
+std::string quoted(std::string_view etag)
+{
+    return "\"" + std::string(etag) + "\"";
+}
+
+}  // namespace
+
+std::string orbs3_list_parts_xml(const orbs3_list_parts_doc_t& doc)
+{
+    std::string out;
+    open_doc(&out, "ListPartsResult");
+    elem(&out, "Bucket", doc.bucket);
+    elem(&out, "Key", doc.key);
+    elem(&out, "UploadId", doc.upload_id);
+    identity(&out, "Initiator", doc.initiator_id, doc.initiator_name);
+    identity(&out, "Owner", doc.initiator_id, doc.initiator_name);
+    out.append("<StorageClass>STANDARD</StorageClass>");
+    elem(&out, "PartNumberMarker", std::to_string(doc.marker));
+    elem(&out, "NextPartNumberMarker", std::to_string(doc.next_marker));
+    elem(&out, "MaxParts", std::to_string(doc.max_parts));
+    elem(&out, "IsTruncated", doc.truncated ? "true" : "false");
+    if (!doc.checksum_algorithm.empty()) {
+        elem(&out, "ChecksumAlgorithm", doc.checksum_algorithm);
+        elem(&out, "ChecksumType", doc.checksum_type);
     }
-    // In 64 bits: a marker near INT_MAX must not overflow the comparison.
-    if (static_cast<int64_t>(last) != static_cast<int64_t>(max_parts) + part_number_marker - 1 && last < INT32_MAX)
-        mxmlNewTextf(next, 0, "%d", last + 1);
-    return save_doc(xml.get(), list_parts_whitespace_cb);
+    for (const orbs3_part_row_t& p : doc.parts) {
+        out.append("<Part>");
+        elem(&out, "PartNumber", std::to_string(p.number));
+        elem(&out, "LastModified", p.last_modified);
+        elem(&out, "ETag", quoted(p.etag));
+        elem(&out, "Size", std::to_string(p.size));
+        checksum_elem(&out, p.checksum_algorithm, p.checksum);
+        out.append("</Part>");
+    }
+    out.append("</ListPartsResult>");
+    return out;
+}
+
+std::string orbs3_complete_upload_xml(std::string_view location, std::string_view bucket, std::string_view key,
+                                      std::string_view etag, std::string_view checksum_algorithm,
+                                      std::string_view checksum)
+{
+    std::string out;
+    open_doc(&out, "CompleteMultipartUploadResult");
+    elem(&out, "Location", location);
+    elem(&out, "Bucket", bucket);
+    elem(&out, "Key", key);
+    elem(&out, "ETag", quoted(etag));
+    if (!checksum.empty()) {
+        checksum_elem(&out, checksum_algorithm, checksum);
+        elem(&out, "ChecksumType", checksum.find('-') != std::string_view::npos ? "COMPOSITE" : "FULL_OBJECT");
+    }
+    out.append("</CompleteMultipartUploadResult>");
+    return out;
+}
+
+std::string orbs3_copy_part_result_xml(std::string_view etag, std::string_view last_modified,
+                                       std::string_view checksum_algorithm, std::string_view checksum)
+{
+    std::string out;
+    open_doc(&out, "CopyPartResult", false);
+    elem(&out, "ETag", quoted(etag));
+    elem(&out, "LastModified", last_modified);
+    checksum_elem(&out, checksum_algorithm, checksum);
+    out.append("</CopyPartResult>");
+    return out;
+}
+
+std::string orbs3_list_uploads_xml(const orbs3_list_uploads_doc_t& doc)
+{
+    auto enc = [&](std::string_view s) { return doc.url_encode ? orbs3_list_url_encode(s) : std::string(s); };
+    std::string out;
+    open_doc(&out, "ListMultipartUploadsResult");
+    elem(&out, "Bucket", doc.bucket);
+    elem(&out, "KeyMarker", enc(doc.key_marker));
+    elem(&out, "UploadIdMarker", doc.upload_id_marker);
+    elem(&out, "NextKeyMarker", doc.truncated ? enc(doc.next_key_marker) : "");
+    elem(&out, "NextUploadIdMarker", doc.truncated ? doc.next_upload_id_marker : "");
+    if (!doc.delimiter.empty())
+        elem(&out, "Delimiter", enc(doc.delimiter));
+    elem(&out, "Prefix", enc(doc.prefix));
+    if (doc.url_encode)
+        elem(&out, "EncodingType", "url");
+    elem(&out, "MaxUploads", std::to_string(doc.max_uploads));
+    elem(&out, "IsTruncated", doc.truncated ? "true" : "false");
+    for (const orbs3_upload_row_t& up : doc.uploads) {
+        out.append("<Upload>");
+        elem(&out, "Key", enc(up.key));
+        elem(&out, "UploadId", up.upload_id);
+        identity(&out, "Initiator", up.initiator_id, up.initiator_name);
+        identity(&out, "Owner", up.initiator_id, up.initiator_name);
+        out.append("<StorageClass>STANDARD</StorageClass>");
+        elem(&out, "Initiated", up.initiated);
+        out.append("</Upload>");
+    }
+    for (std::string_view p : doc.prefixes) {
+        out.append("<CommonPrefixes>");
+        elem(&out, "Prefix", enc(p));
+        out.append("</CommonPrefixes>");
+    }
+    out.append("</ListMultipartUploadsResult>");
+    return out;
 }
 
 // ---- batch delete ----

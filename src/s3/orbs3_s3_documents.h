@@ -13,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/orbs3_xml.h"
 #include "memory/neo_list.h"
@@ -44,8 +45,6 @@ struct orbs3_part_t {
     neo_list_head_t link;
     int part_number;
     orbs3_str_t etag;
-    orbs3_str_t last_modified;  // writer only
-    uint64_t size;              // writer only
     // A Checksum<alg> element of a Complete document's part: "CRC32", ... (static text) and its value.
     const char* checksum_algorithm;
     orbs3_str_t checksum;
@@ -145,13 +144,50 @@ mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int v
 // Appends one orbs3_part_t per Part anywhere in the body.
 [[nodiscard]] int parse_complete_multipart_upload_xmlstring(const char* text, neo_list_head_t* list,
                                                             orbs3_pool_t* pool);
-[[nodiscard]] char* make_complete_multipart_upload_xmlstring(const char* etag, const char* bucket, const char* key,
-                                                             const char* location);
-// `parts` holds orbs3_part_t; the parts shown are chosen by walking numbers up from part_number_marker.
-[[nodiscard]] char* make_list_multipart_upload_xmlstring(neo_list_head_t* parts, const char* upload_id,
-                                                         const char* bucket, const char* key,
-                                                         int part_number_marker, int max_parts,
-                                                         const orbs3_user_t* user);
+
+// The multipart replies are written by hand, as S3 sends them: one line, texts escaped, never cut.
+// A part as ListParts shows it.
+struct orbs3_part_row_t {
+    int number = 0;
+    std::string_view last_modified;
+    std::string_view etag;  // bare hex, quoted by the writer
+    int64_t size = 0;
+    std::string_view checksum_algorithm, checksum;  // a Checksum<alg> element when both are set
+};
+struct orbs3_list_parts_doc_t {
+    std::string_view bucket, key, upload_id;
+    std::string_view initiator_id, initiator_name;  // the Initiator, and the Owner too
+    int marker = 0, next_marker = 0, max_parts = 1000;
+    bool truncated = false;
+    std::string_view checksum_algorithm, checksum_type;  // shown when the upload declared one
+    std::vector<orbs3_part_row_t> parts;
+};
+[[nodiscard]] std::string orbs3_list_parts_xml(const orbs3_list_parts_doc_t& doc);
+
+// The CompleteMultipartUploadResult; `etag` bare, quoted by the writer. A checksum, when there is one, comes
+// with its type: COMPOSITE for a value with a part count ("...-3"), else FULL_OBJECT.
+[[nodiscard]] std::string orbs3_complete_upload_xml(std::string_view location, std::string_view bucket,
+                                                    std::string_view key, std::string_view etag,
+                                                    std::string_view checksum_algorithm, std::string_view checksum);
+
+// The CopyPartResult of UploadPartCopy; `etag` bare.
+[[nodiscard]] std::string orbs3_copy_part_result_xml(std::string_view etag, std::string_view last_modified,
+                                                     std::string_view checksum_algorithm, std::string_view checksum);
+
+// An upload as ListMultipartUploads shows it.
+struct orbs3_upload_row_t {
+    std::string_view key, upload_id, initiator_id, initiator_name, initiated;
+};
+struct orbs3_list_uploads_doc_t {
+    std::string_view bucket, prefix, delimiter, key_marker, upload_id_marker;
+    std::string_view next_key_marker, next_upload_id_marker;  // shown only on a truncated page
+    int max_uploads = 1000;
+    bool truncated = false;
+    bool url_encode = false;  // encoding-type=url: keys, prefixes, delimiter and key markers URL-encoded
+    std::vector<orbs3_upload_row_t> uploads;  // in key order, then the common prefixes
+    std::vector<std::string_view> prefixes;
+};
+[[nodiscard]] std::string orbs3_list_uploads_xml(const orbs3_list_uploads_doc_t& doc);
 
 // ---- batch delete ----
 // Appends one orbs3_del_key_t per Object to `list`.

@@ -1,19 +1,25 @@
-#include "storage/orbs3_multipart.h"
+#include "storage/orbs3_multipart_engine.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cctype>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <tuple>
 #include <string>
 
 #include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_bucket_store.h"
+#include "event/orbs3_fd.h"
 #include "storage/orbs3_checksum.h"
+#include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
 
@@ -36,6 +42,7 @@ orbs3_multipart_part_t part(int number, int64_t size, const char* md5_hex)
 // MD5 of "a" and of "b".
 constexpr const char* kMd5A = "0cc175b9c0f1b6a831c399e269772661";
 constexpr const char* kMd5B = "92eb5ffee6ae2fec3ad71c777531578f";
+constexpr const char* kMd5BUpper = "92EB5FFEE6AE2FEC3AD71C777531578F";
 
 TEST(MultipartRecords, UploadRecordKeepsKeysAndMetadataOfAnyBytes)
 {
@@ -54,22 +61,17 @@ TEST(MultipartRecords, UploadRecordKeepsKeysAndMetadataOfAnyBytes)
 
     orbs3_multipart_upload_t back;
     ASSERT_EQ(orbs3_multipart_parse_upload(text, &back), 0);
+    EXPECT_EQ(orbs3_multipart_render_upload(back), text);  // every field read back as it was
     EXPECT_EQ(back.key, up.key);
-    EXPECT_EQ(back.upload_id, up.upload_id);
-    EXPECT_EQ(back.initiator_name, up.initiator_name);
-    EXPECT_EQ(back.created, up.created);
-    EXPECT_EQ(back.content_type, up.content_type);
-    EXPECT_EQ(back.meta, up.meta);
 
     // A record cut short, of another kind, with a broken escape or an id that could walk a path is none.
+    std::string broken = text;
+    broken.replace(broken.find("%0A"), 3, "%0");
     for (std::string bad : {text.substr(0, text.size() - 1), text.substr(0, text.find("created")),
-                            "orbs3-part 1\n" + text.substr(text.find('\n') + 1), std::string()}) {
+                            "orbs3-part 1\n" + text.substr(text.find('\n') + 1), std::string(), broken}) {
         EXPECT_EQ(orbs3_multipart_parse_upload(bad, &back), -1) << bad;
         EXPECT_TRUE(back.key.empty());
     }
-    std::string broken = text;
-    broken.replace(broken.find("%0A"), 3, "%0");
-    EXPECT_EQ(orbs3_multipart_parse_upload(broken, &back), -1);
     up.upload_id = "../../../../etc/passwd/aaaaaaaaa";
     EXPECT_EQ(orbs3_multipart_parse_upload(orbs3_multipart_render_upload(up), &back), -1);
     // Fields a later writer adds are passed over.
@@ -85,17 +87,13 @@ TEST(MultipartRecords, PartRecordHoldsSixtyFourBitSizesAndRefusesDamage)
     const std::string text = orbs3_multipart_render_part(p);
     orbs3_multipart_part_t back;
     ASSERT_EQ(orbs3_multipart_parse_part(text, &back), 0);
-    EXPECT_EQ(back.number, 10000);
+    EXPECT_EQ(orbs3_multipart_render_part(back), text);  // every field read back as it was
     EXPECT_EQ(back.size, (int64_t{5} << 30) + 1);
-    EXPECT_EQ(std::memcmp(back.md5, p.md5, 16), 0);
-    EXPECT_EQ(back.ino, p.ino);
-    EXPECT_EQ(back.modified, p.modified);
     EXPECT_TRUE(back.checksum.empty());
     p.checksum_algorithm = "SHA256";
     p.checksum = "ungWv48Bz+pBQUDeXa4iI7ADYaOWF3qctBD/YfIAFa0=";
     ASSERT_EQ(orbs3_multipart_parse_part(orbs3_multipart_render_part(p), &back), 0);
-    EXPECT_EQ(back.checksum_algorithm, p.checksum_algorithm);
-    EXPECT_EQ(back.checksum, p.checksum);
+    EXPECT_EQ(orbs3_multipart_render_part(back), orbs3_multipart_render_part(p));
 
     auto without = [&](const std::string& field) {
         std::string t = text;
@@ -130,28 +128,20 @@ TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
     stored[0].checksum_algorithm = "CRC32";
     stored[0].checksum = "AAAAAA==";
     const std::string qa = std::string("\"") + kMd5A + "\"", qb = std::string("\"") + kMd5B + "\"";
-    const std::string cut = "\"" + std::string(kMd5A, 31);
-    std::string upper = kMd5B;
-    for (char& c : upper)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
+    const std::string cut = "\"" + std::string(kMd5A, 31), up_b = kMd5BUpper;
     std::size_t bad = 99;
-    using req_t = std::vector<orbs3_multipart_request_part_t>;
-    struct Case {
-        req_t req;
-        uint32_t want;
-        std::size_t at;
-    };
-    const Case cases[] = {
+    // The document's parts, the result, the index of the part at fault.
+    const std::tuple<std::vector<orbs3_multipart_request_part_t>, int, std::size_t> cases[] = {
         {{}, ORBS3_S3_MALFORMED_XML, 0},
         // Quoted or not, any case: the ETag as a client gives it back. A small part may be the last.
-        {{{1, qa}, {5, upper}, {3, kMd5A}}, ORBS3_S3_INVALID_PART_ORDER, 2},
+        {{{1, qa}, {5, up_b}, {3, kMd5A}}, ORBS3_S3_INVALID_PART_ORDER, 2},
         {{{1, qa}, {1, qa}}, ORBS3_S3_INVALID_PART_ORDER, 1},
         {{{1, qa}, {4, qa}}, ORBS3_S3_INVALID_PART, 1},  // never sent
         {{{1, qb}}, ORBS3_S3_INVALID_PART, 0},           // other bytes
         {{{1, cut}}, ORBS3_S3_INVALID_PART, 0},
         {{{0, qa}}, ORBS3_S3_INVALID_PART, 0},
         {{{1, qa}, {2, qb}, {3, qa}}, ORBS3_S3_ENTITY_TOO_SMALL, 1},  // 2 is one byte short and not last
-        {{{1, qa}, {5, upper}}, 0, 0},
+        {{{1, qa}, {5, up_b}}, 0, 0},
         {{{1, kMd5A}, {2, qb}}, 0, 0},
         {{{3, qa}}, 0, 0},
         // A checksum named in the document is the part's own, of its algorithm.
@@ -160,64 +150,52 @@ TEST(MultipartComplete, DocumentCheckedForOrderPartsETagsAndSizes)
         {{{1, qa, "CRC32C", "AAAAAA=="}}, ORBS3_S3_INVALID_PART, 0},
         {{{1, qa}, {5, qb, "CRC32", "AAAAAA=="}}, ORBS3_S3_INVALID_PART, 1},
     };
-    for (const Case& c : cases) {
-        EXPECT_EQ(orbs3_multipart_check_complete(c.req, stored, min, &bad), static_cast<int>(c.want))
-            << c.req.size() << " parts, first " << (c.req.empty() ? 0 : c.req[0].number);
-        EXPECT_EQ(bad, c.at);
+    for (const auto& [req, want, at] : cases) {
+        EXPECT_EQ(orbs3_multipart_check_complete(req, stored, min, &bad), want)
+            << req.size() << " parts, first " << (req.empty() ? 0 : req[0].number);
+        EXPECT_EQ(bad, at);
     }
     // With the least size lowered, the same middle part passes.
     EXPECT_EQ(orbs3_multipart_check_complete({{1, qa}, {2, qb}, {3, qa}}, stored, 1, &bad), 0);
 }
 
-TEST(MultipartComplete, ObjectETagIsTheMd5OfThePartMd5sAndTheirCount)
+TEST(MultipartComplete, ObjectETagIsTheMd5OfThePartMd5sAndTheirCountAsTheDocumentNamesIt)
 {
     orbs3_multipart_part_t a = part(1, 1, kMd5A), b = part(2, 1, kMd5B);
-    char etag[40];
+    char etag[40], got[40];
     orbs3_multipart_etag({&a, &b}, etag);
     // hashlib.md5(md5(b"a").digest() + md5(b"b").digest()).hexdigest()
     EXPECT_STREQ(etag, "96e024ba2074fe77e8e965ba43a704be-2");
-    std::vector<const orbs3_multipart_part_t*> many(10000, &a);
-    orbs3_multipart_etag(many, etag);
-    EXPECT_EQ(std::strlen(etag), 38u);
-    EXPECT_STREQ(etag + 32, "-10000");
+    // The document's ETags, quoted or not, in any case, name the same object; another list another one.
+    const std::string qa = std::string("\"") + kMd5A + "\"";
+    EXPECT_TRUE(orbs3_multipart_document_etag({{1, qa}, {2, kMd5BUpper}}, got));
+    EXPECT_STREQ(got, etag);
+    EXPECT_TRUE(orbs3_multipart_document_etag({{1, qa}}, got));
+    EXPECT_STRNE(got, etag);
+    EXPECT_FALSE(orbs3_multipart_document_etag({{1, qa}, {2, "\"not-an-md5\""}}, got));
+    EXPECT_FALSE(orbs3_multipart_document_etag({}, got));
+    orbs3_multipart_etag(std::vector<const orbs3_multipart_part_t*>(10000, &a), etag);
+    EXPECT_EQ(std::string(etag).substr(32), "-10000");
 }
 
 TEST(MultipartComplete, CopySourceRangesStayInsideTheSource)
 {
+    // Text, object size, result, first, length. Well formed but past the end: not satisfiable, as S3 answers.
+    const std::tuple<const char*, int64_t, int, int64_t, int64_t> rows[] = {
+        {"bytes=0-9", 10, 0, 0, 10},
+        {"bytes=5368709120-5368709120", (int64_t{5} << 30) + 1, 0, int64_t{5} << 30, 1},
+        {"bytes=0-10", 10, ORBS3_S3_INVALID_RANGE, -1, -1},
+        {"bytes=10-10", 10, ORBS3_S3_INVALID_RANGE, -1, -1},
+        {"bytes=0-9999999999999999999", 10, ORBS3_S3_INVALID_RANGE, -1, -1}};
+    for (const auto& [text, size, want, first, len] : rows) {
+        int64_t f = -1, l = -1;
+        EXPECT_EQ(orbs3_multipart_parse_copy_range(text, size, &f, &l), want) << text;
+        EXPECT_EQ(std::make_pair(f, l), std::make_pair(first, len)) << text;
+    }
     int64_t first = -1, len = -1;
-    EXPECT_EQ(orbs3_multipart_parse_copy_range("bytes=0-9", 10, &first, &len), 0);
-    EXPECT_EQ(first, 0);
-    EXPECT_EQ(len, 10);
-    EXPECT_EQ(orbs3_multipart_parse_copy_range("bytes=5368709120-5368709120", (int64_t{5} << 30) + 1, &first, &len),
-              0);
-    EXPECT_EQ(first, int64_t{5} << 30);
-    EXPECT_EQ(len, 1);
-    // Well formed but past the end: the range is not satisfiable, as S3 answers.
-    for (const char* outside : {"bytes=0-10", "bytes=10-10", "bytes=0-9999999999999999999"})
-        EXPECT_EQ(orbs3_multipart_parse_copy_range(outside, 10, &first, &len), static_cast<int>(ORBS3_S3_INVALID_RANGE))
-            << outside;
     for (const char* bad : {"bytes=5-4", "bytes=-5", "bytes=5-", "bytes=0-1,3-4", "0-1", "bytes=a-b", "bytes=+1-2",
                             "bytes= 0-1", ""})
-        EXPECT_EQ(orbs3_multipart_parse_copy_range(bad, 10, &first, &len), static_cast<int>(ORBS3_S3_INVALID_ARGUMENT))
-            << bad;
-}
-
-TEST(MultipartComplete, ADocumentNamesTheETagItsPartsMake)
-{
-    orbs3_multipart_part_t a = part(1, 1, kMd5A), b = part(2, 1, kMd5B);
-    char want[40], got[40];
-    orbs3_multipart_etag({&a, &b}, want);
-    const std::string qa = std::string("\"") + kMd5A + "\"";
-    std::string upper_b = kMd5B;
-    for (char& c : upper_b)
-        c = static_cast<char>(std::toupper(static_cast<unsigned char>(c)));
-    EXPECT_TRUE(orbs3_multipart_document_etag({{1, qa}, {2, upper_b}}, got));
-    EXPECT_STREQ(got, want);
-    // Another list of parts names another object.
-    EXPECT_TRUE(orbs3_multipart_document_etag({{1, qa}}, got));
-    EXPECT_STRNE(got, want);
-    EXPECT_FALSE(orbs3_multipart_document_etag({{1, qa}, {2, "\"not-an-md5\""}}, got));
-    EXPECT_FALSE(orbs3_multipart_document_etag({}, got));
+        EXPECT_EQ(orbs3_multipart_parse_copy_range(bad, 10, &first, &len), ORBS3_S3_INVALID_ARGUMENT) << bad;
 }
 
 TEST(MultipartParts, PartSizeLimitIsFiveGibLoweredByEitherSegmentSize)
@@ -298,6 +276,42 @@ TEST_F(MultipartPaths, StagingLiesBesideTheObjectUnderAReservedName)
     EXPECT_EQ(orbs3_multipart_staging_path(bucket_, "k", kId, out, data.size() + 10), -1);
 }
 
+// Parts are copied by range into the assembled object and from a source object: a source that ends early
+// fails the copy instead of making a shorter object; the temporary a failed copy gave up on is removed.
+TEST_F(MultipartPaths, BoundedCopyFailsOnAShortSourceAndLeavesNoTemporary)
+{
+    auto text_of = [](const char* path) {
+        std::ifstream f(path);
+        return std::string(std::istreambuf_iterator<char>(f), {});
+    };
+    orbs3_temp_file src;
+    ASSERT_GE(src.open(dir_.c_str()), 0);
+    ASSERT_EQ(write(src.fd, "0123456789", 10), 10);
+    orbs3_fd in(open(src.path, O_RDONLY));
+    const std::tuple<int64_t, int64_t, const char*> rows[] = {{2, 5, "23456"}, {0, 10, "0123456789"}, {5, 6, nullptr}};
+    for (const auto& [offset, len, want] : rows) {
+        for (int out_fd : {0, 1, -1}) {  // kernel copy, through an observer, observer only
+            orbs3_temp_file out;
+            ASSERT_GE(out.open(dir_.c_str()), 0);
+            std::string seen;
+            orbs3_copy_observer see = [&](const uint8_t* p, std::size_t n) { seen.append(reinterpret_cast<const char*>(p), n); };
+            const int rc = orbs3_copy_range(in.get(), out_fd < 0 ? -1 : out.fd, offset, len, out_fd != 0 ? see : nullptr);
+            ASSERT_EQ(rc, want != nullptr ? 0 : -1) << offset << "+" << len;
+            if (want != nullptr) {
+                EXPECT_EQ(text_of(out.path), out_fd < 0 ? "" : want);
+                EXPECT_EQ(seen, out_fd != 0 ? want : "");
+            }
+        }
+    }
+    std::string gone;
+    {
+        orbs3_temp_file t;
+        ASSERT_GE(t.open(dir_.c_str()), 0);
+        gone = t.path;
+    }
+    EXPECT_FALSE(fs::exists(gone));
+}
+
 }  // namespace
 
 TEST(MultipartParts, SizesKeptInRunsFindEachPart)
@@ -309,31 +323,22 @@ TEST(MultipartParts, SizesKeptInRunsFindEachPart)
         chosen.push_back(&x);
     const std::string text = orbs3_multipart_parts_text(chosen);
     EXPECT_EQ(text, "5*3 3 5");
-    struct row {
-        int number;
-        int want;
-        int64_t offset, size;
-    };
-    // Part numbers of the object count from 1 whatever the upload's numbers were.
-    const row rows[] = {{1, 0, 0, 5}, {3, 0, 10, 5}, {4, 0, 15, 3}, {5, 0, 18, 5}, {6, 1, 0, 0}};
-    for (const row& r : rows) {
+    // Part numbers of the object count from 1 whatever the upload's numbers were: number, result, offset, size.
+    const std::tuple<int, int, int64_t, int64_t> rows[] = {
+        {1, 0, 0, 5}, {3, 0, 10, 5}, {4, 0, 15, 3}, {5, 0, 18, 5}, {6, 1, -1, -1}};
+    for (const auto& [number, want, want_offset, want_size] : rows) {
         int64_t offset = -1, size = -1;
         int count = 0;
-        ASSERT_EQ(orbs3_multipart_find_part(text, 23, r.number, &offset, &size, &count), r.want) << r.number;
-        EXPECT_EQ(count, 5);
-        if (r.want == 0) {
-            EXPECT_EQ(std::make_pair(offset, size), std::make_pair(r.offset, r.size)) << r.number;
-        }
+        EXPECT_EQ(orbs3_multipart_find_part(text, 23, number, &offset, &size, &count), want) << number;
+        EXPECT_EQ(std::make_tuple(count, offset, size), std::make_tuple(5, want_offset, want_size)) << number;
     }
     int64_t offset = 0, size = 0;
     int count = 0;
     // A list that does not add up to the object, or is not one, describes no parts of it.
     for (const char* bad : {"5*3 3 5 ", "5*3 3", "5*0 23", "x", "", "5*10001", "23*1*1", "-5 28"})
         EXPECT_EQ(orbs3_multipart_find_part(bad, 23, 1, &offset, &size, &count), -1) << bad;
-    EXPECT_EQ(orbs3_multipart_nth_word("a bb c", 2), "bb");
-    EXPECT_EQ(orbs3_multipart_nth_word("a bb c", 3), "c");
-    EXPECT_EQ(orbs3_multipart_nth_word("a bb c", 4), "");
-    EXPECT_EQ(orbs3_multipart_nth_word("", 1), "");
+    for (const auto& [text, n, want] : {std::tuple{"a bb c", 2, "bb"}, {"a bb c", 3, "c"}, {"a bb c", 4, ""}, {"", 1, ""}})
+        EXPECT_EQ(orbs3_multipart_nth_word(text, n), want) << text << " " << n;
 }
 
 TEST(MultipartParts, ObjectChecksumFollowsTheDeclaredFormOrIsNone)
@@ -347,27 +352,19 @@ TEST(MultipartParts, ObjectChecksumFollowsTheDeclaredFormOrIsNone)
     orbs3_multipart_upload_t up;
     std::string alg, values;
     char value[ORBS3_CHECKSUM_TEXT_MAX + 1];
-    struct row {
-        const char* alg;
-        const char* type;
-        const char* want_alg;
-        const char* want;  // null: none known
-    };
-    const row rows[] = {
-        {"", "", "CRC32", "S4457w=="},  // nothing declared: the parts' CRCs combined
-        {"CRC32", "FULL_OBJECT", "CRC32", "S4457w=="},
-        {"CRC32", "COMPOSITE", "CRC32", "ZYzvyg==-2"},
-        {"CRC32C", "COMPOSITE", "CRC32C", nullptr},  // parts of another algorithm
-    };
-    for (const row& r : rows) {
-        up.checksum_algorithm = r.alg;
-        up.checksum_type = r.type;
+    // Declared algorithm and type; the object's value, null when none is known.
+    const std::tuple<const char*, const char*, const char*> rows[] = {
+        {"", "", "S4457w=="},  // nothing declared: the parts' CRCs combined
+        {"CRC32", "FULL_OBJECT", "S4457w=="},
+        {"CRC32", "COMPOSITE", "ZYzvyg==-2"},
+        {"CRC32C", "COMPOSITE", nullptr}};  // parts of another algorithm
+    for (const auto& [declared, type, want] : rows) {
+        up.checksum_algorithm = declared;
+        up.checksum_type = type;
         const bool got = orbs3_multipart_object_checksum(up, {&a, &b}, &alg, value, &values);
-        ASSERT_EQ(got, r.want != nullptr) << r.alg << " " << r.type;
+        ASSERT_EQ(got, want != nullptr) << declared << " " << type;
         if (got) {
-            EXPECT_EQ(alg, r.want_alg);
-            EXPECT_STREQ(value, r.want) << r.alg << " " << r.type;
-            EXPECT_EQ(values, "NSRBwg== DMThYQ==");
+            EXPECT_EQ(std::make_tuple(alg, std::string(value), values), std::make_tuple("CRC32", want, "NSRBwg== DMThYQ=="));
         }
     }
     // A part without a value (sent before the upload knew its algorithm) leaves the object without one.
