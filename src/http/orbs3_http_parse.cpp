@@ -285,48 +285,20 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
             break;
 
         case PATH_SLASH:
+            // "/." and "//" are left to the normaliser; any other byte behind a slash is read as in
+            // a plain path.
+            if (ch == '.' || ch == '/') {
+                r->complex_uri = 1;
+                state = PATH_MIXED;
+                break;
+            }
+            [[fallthrough]];
+
+        case PATH_PLAIN:
             if (orbs3_usual(ch)) {
                 state = PATH_PLAIN;
                 break;
             }
-            switch (ch) {
-            case ' ':
-                r->uri_end = p;
-                state = PATH_PLAIN_SPACE;
-                break;
-            case '\r':
-                r->uri_end = p;
-                r->http_minor = 9;
-                state = CR_SEEN;
-                break;
-            case '\n':
-                r->uri_end = p;
-                r->http_minor = 9;
-                goto done;
-            case '.':
-            case '/':
-            case '#':
-                r->complex_uri = 1;
-                state = PATH_MIXED;
-                break;
-            case '%':
-                r->quoted_uri = 1;
-                state = PATH_MIXED;
-                break;
-            case '?':
-                r->args_start = p + 1;
-                state = PATH_MIXED;
-                break;
-            case '+':
-                break;
-            default:  // NUL
-                return ORBS3_PARSE_BAD_REQUEST;
-            }
-            break;
-
-        case PATH_PLAIN:
-            if (orbs3_usual(ch))
-                break;
             switch (ch) {
             case '/':
                 r->uri_ext = nullptr;
