@@ -74,23 +74,6 @@ bool xml_text_ok(std::string_view s)
     return orbs3_xml_text_ok(s) && s.find_first_of("\t\r\n") == std::string_view::npos;
 }
 
-// The value for a double-quoted attribute of a hand-written document.
-std::string xml_escape(std::string_view s)
-{
-    std::string out;
-    out.reserve(s.size());
-    for (char c : s) {
-        switch (c) {
-        case '&': out += "&amp;"; break;
-        case '<': out += "&lt;"; break;
-        case '>': out += "&gt;"; break;
-        case '"': out += "&quot;"; break;
-        default: out += c; break;
-        }
-    }
-    return out;
-}
-
 // root + sub without a doubled slash at the join.
 std::string under(std::string_view root, std::string_view sub)
 {
@@ -432,7 +415,8 @@ bool render_host(const host_entry& e, host_text* out, const char** bad)
             *bad = attr;
             return false;
         }
-        *dst = xml_escape(v);
+        dst->clear();
+        orbs3_xml_escape(dst, v);
         return true;
     };
     for (std::size_t i = 0; i < kGroupFieldCount; ++i)

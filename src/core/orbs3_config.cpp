@@ -467,64 +467,10 @@ const char* orbs3_get_status_string(int index)
                                                                               : orbs3_status[0];
 }
 
-void set_cycle_size(uint64_t v)
-{
-    if (in_range<uint64_t>(v, 1024, 32768, "cycle_size"))
-        sysconfig.cycle_size = v;
-}
-
-void set_listen_nsize(int v)
-{
-    if (in_range(v, 1, 32, "listen_nsize"))
-        sysconfig.listen_nsize = v;
-}
-
-void set_epoll_notify_conn(int v)
-{
-    if (in_range(v, 1, 12288, "epoll_notify_conn"))
-        sysconfig.epoll_notify_conn = v;
-}
-
-void set_epoll_events(int v)
-{
-    if (in_range(v, 1, 12288, "epoll_events"))
-        sysconfig.epoll_events = v;
-}
-
-void set_epoll_events_timeout(int v)
-{
-    if (in_range(v, 1, INT_MAX, "epoll_events_timeout"))
-        sysconfig.epoll_events_timeout = v;
-}
-
-void set_listenfd_size(int v)
-{
-    if (in_range(v, 1, 12288, "listenfd_size"))
-        sysconfig.listenfd_size = v;
-}
-
-void set_recv_buffer(uint64_t v)
-{
-    if (in_range<uint64_t>(v, 1, 24576, "recv_buffer"))
-        sysconfig.recv_buffer = v;
-}
-
-void set_send_buffer(uint64_t v)
-{
-    if (in_range<uint64_t>(v, 1, 24576, "send_buffer"))
-        sysconfig.send_buffer = v;
-}
-
 void set_http_limit_header(uint64_t v)
 {
     if (in_range<uint64_t>(v, 1, 57344, "http_limit_header"))
         sysconfig.http_limit_header = v;
-}
-
-void set_http_limit_conns(uint64_t v)
-{
-    if (in_range<uint64_t>(v, 1, 57344, "http_limit_conns"))
-        sysconfig.http_limit_conns = v;
 }
 
 void set_http_header_in_size(uint64_t v)
@@ -539,12 +485,6 @@ void set_http_header_out_size(uint64_t v)
         sysconfig.http_header_out_size = v;
 }
 
-void set_http_header_line(int v)
-{
-    if (in_range(v, 1, 48, "http_header_line"))
-        sysconfig.http_header_line = v;
-}
-
 void set_http_work_space(uint64_t v)
 {
     if (in_range<uint64_t>(v, 1, 57344, "http_work_space"))
@@ -555,12 +495,6 @@ void set_http_timeout(int v)
 {
     if (in_range(v, 0, INT_MAX, "http_timeout"))
         sysconfig.http_timeout = v;
-}
-
-void set_ssl_shm_zone_size(int v)
-{
-    if (in_range(v, 102400, INT_MAX, "ssl_shm_zone_size"))
-        sysconfig.ssl_shm_zone_size = v;
 }
 
 int orbs3_init_cycle()

@@ -109,22 +109,11 @@ int orbs3_get_status(const char* text);
 const char* orbs3_get_status_string(int index);
 
 // Range-checked setters: outside the range they write a trace line and change nothing.
-void set_cycle_size(uint64_t v);
-void set_listen_nsize(int v);
-void set_epoll_notify_conn(int v);
-void set_epoll_events(int v);
-void set_epoll_events_timeout(int v);
-void set_listenfd_size(int v);
-void set_recv_buffer(uint64_t v);
-void set_send_buffer(uint64_t v);
 void set_http_limit_header(uint64_t v);
-void set_http_limit_conns(uint64_t v);
 void set_http_header_in_size(uint64_t v);
 void set_http_header_out_size(uint64_t v);
-void set_http_header_line(int v);
 void set_http_work_space(uint64_t v);
 void set_http_timeout(int v);
-void set_ssl_shm_zone_size(int v);
 
 // Creates the run record in a pool of 1,024,000 bytes; 0 or -1.
 [[nodiscard]] int orbs3_init_cycle();

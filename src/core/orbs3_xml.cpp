@@ -213,16 +213,17 @@ bool orbs3_xml_text_ok(std::string_view s)
     return true;
 }
 
-void orbs3_xml_escape(std::string* out, std::string_view text)
+void orbs3_xml_escape(std::string* out, std::string_view text, orbs3_xml_quotes quotes)
 {
+    const bool quoted = quotes == orbs3_xml_quotes::escape;
     for (char c : text) {
         const auto b = static_cast<unsigned char>(c);
         switch (c) {
         case '&': out->append("&amp;"); break;
         case '<': out->append("&lt;"); break;
         case '>': out->append("&gt;"); break;
-        case '"': out->append("&quot;"); break;
-        case '\'': out->append("&apos;"); break;
+        case '"': quoted ? out->append("&quot;") : out->append(1, c); break;
+        case '\'': quoted ? out->append("&apos;") : out->append(1, c); break;
         default:
             if (b < 0x20 && c != '\t' && c != '\n')
                 out->append("&#").append(std::to_string(b)).push_back(';');

@@ -57,10 +57,14 @@ struct orbs3_xml_bounds {
 // for one such byte, even as a character reference.
 [[nodiscard]] bool orbs3_xml_text_ok(std::string_view text);
 
+// Whether " and ' become entities. Element content needs neither; documents whose bytes clients already
+// know (the error document) keep them raw, the others escape them so a text may stand in an attribute too.
+enum class orbs3_xml_quotes { escape, keep };
 // Appends `text` as the content of an element or a double-quoted attribute of a hand-written document:
-// & < > " ' as entities, and every control byte but tab and line feed as a decimal character reference
-// (a carriage return must reach the client as &#13;: an XML parser turns a raw one into a line feed).
-void orbs3_xml_escape(std::string* out, std::string_view text);
+// & < > (and " ' unless kept) as entities, and every control byte but tab and line feed as a decimal
+// character reference (a carriage return must reach the client as &#13;: an XML parser turns a raw one
+// into a line feed, and refuses the other control bytes with the whole document).
+void orbs3_xml_escape(std::string* out, std::string_view text, orbs3_xml_quotes quotes = orbs3_xml_quotes::escape);
 
 // atoi without its undefined behaviour: text that is not a number is 0, and a number beyond int is held
 // at INT_MIN or INT_MAX. Within int the value is atoi's.

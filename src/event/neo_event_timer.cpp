@@ -6,6 +6,7 @@
 #include <cstring>
 #include <optional>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_log.h"
 
 // Empty from the start (a zeroed sentinel is black), so timers work before neo_event_timer_init runs.
@@ -89,6 +90,7 @@ orbs3_event_t* take_earliest(neo_rbtree_t* tree, bool only_due, uint64_t now)
     if (only_due && static_cast<int64_t>(node->key - now) > 0)
         return nullptr;
     orbs3_event_t* ev = event_of(node);
+    ORBS3_ASSERT(ev->timer_set);  // only an event whose timer is set stands in a timer tree
     neo_rbtree_delete(tree, node);
     ev->timer_set = 0;
     ev->timers = nullptr;

@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 
@@ -127,6 +128,7 @@ orbs3_connection_t* orbs3_get_connection(int fd)
         if (c == nullptr)
             return nullptr;
         cy->free_connections = static_cast<orbs3_connection_t*>(c->data);
+        ORBS3_ASSERT(cy->free_connection_n > 0);
         cy->free_connection_n--;
         orbs3_conn_counters.free_slots = cy->free_connection_n;
     }
@@ -161,6 +163,7 @@ void orbs3_free_connection(orbs3_connection_t* c)
     c->pool = nullptr;
     orbs3_cycle_t* cy = orbs3_cycle;
     conn_lock lock;
+    ORBS3_ASSERT(cy->free_connection_n < cy->connection_n);  // more free than slots: one was freed twice
     c->data = cy->free_connections;
     cy->free_connections = c;
     cy->free_connection_n++;

@@ -58,6 +58,19 @@ std::size_t line_end_len(const char* p, const char* e)
     return 1;
 }
 
+// The end of a field of the request line: the first byte of class `stop` from p on. Null when the region
+// ends first or a control byte stands in the field that is not of class `ctl_ok`.
+char* field_end(char* p, const char* e, uint8_t stop, uint8_t ctl_ok)
+{
+    for (; p != e; p++) {
+        if (is(*p, stop))
+            return p;
+        if (is(*p, C_CTL) && !is(*p, ctl_ok))
+            return nullptr;
+    }
+    return nullptr;
+}
+
 constexpr std::size_t HTTP_RECORD_SPACE = 48;  // the record, rounded, ahead of the slots
 static_assert(sizeof(orbs3_http_t) <= HTTP_RECORD_SPACE);
 static_assert(HTTP_RECORD_SPACE % alignof(orbs3_http_txt_t) == 0);
@@ -158,26 +171,16 @@ int http_splitline(orbs3_http_t* hp, uint16_t h1, uint16_t h2, uint16_t h3, orbs
 
     // The method: a token up to a blank.
     char* q = p;
-    for (;; p++) {
-        if (p == e || (is(*p, C_CTL) && !is(*p, C_BLANK)))
-            return 400;
-        if (is(*p, C_BLANK))
-            break;
-    }
+    if ((p = field_end(p, e, C_BLANK, C_BLANK)) == nullptr)
+        return 400;
     orbs3_http_txt_t f1{q, p};
     while (p < e && is(*p, C_BLANK))
         p++;
 
     // The URL: up to a blank or the line end.
     q = p;
-    for (;; p++) {
-        if (p == e)
-            return 400;
-        if (is(*p, C_BLANK | C_CRLF))
-            break;
-        if (is(*p, C_CTL))
-            return 400;
-    }
+    if ((p = field_end(p, e, C_BLANK | C_CRLF, 0)) == nullptr)
+        return 400;
     orbs3_http_txt_t f2{q, p};
     if (f2.b == f2.e)
         return 413;
@@ -186,14 +189,8 @@ int http_splitline(orbs3_http_t* hp, uint16_t h1, uint16_t h2, uint16_t h3, orbs
 
     // The protocol, possibly empty: up to the line end; a tab may stand in it.
     q = p;
-    for (;; p++) {
-        if (p == e)
-            return 400;
-        if (is(*p, C_CRLF))
-            break;
-        if (is(*p, C_CTL) && !is(*p, C_SEP))
-            return 400;
-    }
+    if ((p = field_end(p, e, C_CRLF, C_SEP)) == nullptr)
+        return 400;
     orbs3_http_txt_t f3{q, p};
     p += line_end_len(p, e);
 

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_string.h"
 
@@ -102,6 +103,27 @@ enum header_state : uint32_t {
     HEAD_CR,
 };
 
+static_assert(PROTO_SLASH == PROTO_T1 + 3 && MAJOR_FIRST == PROTO_SLASH + 1);
+constexpr char kProtoRest[] = "TTP/";
+
+// Behind the authority of an absolute URI: the path's first '/', or a space when there is no path (the
+// '/' behind the scheme's colon then stands in for it). False for any other byte.
+inline bool path_behind_authority(orbs3_http_request_t* r, uint8_t* p, uint8_t ch, uint32_t* state)
+{
+    if (ch == '/') {
+        r->uri_start = p;
+        *state = PATH_SLASH;
+        return true;
+    }
+    if (ch == ' ') {
+        r->uri_start = r->schema_end + 1;
+        r->uri_end = r->schema_end + 2;
+        *state = HOST_NO_VERSION;
+        return true;
+    }
+    return false;
+}
+
 constexpr bool is_literal_byte(uint8_t c)
 {
     if (is_letter(c) || is_digit(c))
@@ -165,6 +187,7 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
     uint32_t state = r->parse_state;
     uint8_t* p = b->pos;
     uint8_t* const last = b->last;
+    ORBS3_ASSERT(state <= CR_SEEN && p <= last);
 
     while (p < last) {
         const uint8_t ch = *p;
@@ -238,22 +261,11 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
             continue;
 
         case HOST_DONE:
-            if (ch == '/') {
-                r->host_end = p;
-                r->uri_start = p;
-                state = PATH_SLASH;
-            } else if (ch == ':') {
-                r->host_end = p;
+            r->host_end = p;
+            if (ch == ':')
                 state = PORT;
-            } else if (ch == ' ') {
-                // No path: the '/' behind the scheme's colon stands in for it.
-                r->host_end = p;
-                r->uri_start = r->schema_end + 1;
-                r->uri_end = r->schema_end + 2;
-                state = HOST_NO_VERSION;
-            } else {
+            else if (!path_behind_authority(r, p, ch, &state))
                 return ORBS3_PARSE_BAD_REQUEST;
-            }
             break;
 
         case HOST_LITERAL:
@@ -267,83 +279,26 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
         case PORT:
             if (is_digit(ch))
                 break;
-            if (ch == '/') {
-                r->port_end = p;
-                r->uri_start = p;
-                state = PATH_SLASH;
-            } else if (ch == ' ') {
-                r->port_end = p;
-                r->uri_start = r->schema_end + 1;
-                r->uri_end = r->schema_end + 2;
-                state = HOST_NO_VERSION;
-            } else {
+            r->port_end = p;
+            if (!path_behind_authority(r, p, ch, &state))
                 return ORBS3_PARSE_BAD_REQUEST;
-            }
-            break;
-
-        case HOST_NO_VERSION:
-            switch (ch) {
-            case ' ':
-                break;
-            case '\r':
-                r->http_minor = 9;
-                state = CR_SEEN;
-                break;
-            case '\n':
-                r->http_minor = 9;
-                goto done;
-            case 'H':
-                r->http_protocol.data = as_chars(p);
-                state = PROTO_T1;
-                break;
-            default:
-                return ORBS3_PARSE_BAD_REQUEST;
-            }
             break;
 
         case PATH_SLASH:
+            // "/." and "//" are left to the normaliser; any other byte behind a slash is read as in
+            // a plain path.
+            if (ch == '.' || ch == '/') {
+                r->complex_uri = 1;
+                state = PATH_MIXED;
+                break;
+            }
+            [[fallthrough]];
+
+        case PATH_PLAIN:
             if (orbs3_usual(ch)) {
                 state = PATH_PLAIN;
                 break;
             }
-            switch (ch) {
-            case ' ':
-                r->uri_end = p;
-                state = PATH_PLAIN_SPACE;
-                break;
-            case '\r':
-                r->uri_end = p;
-                r->http_minor = 9;
-                state = CR_SEEN;
-                break;
-            case '\n':
-                r->uri_end = p;
-                r->http_minor = 9;
-                goto done;
-            case '.':
-            case '/':
-            case '#':
-                r->complex_uri = 1;
-                state = PATH_MIXED;
-                break;
-            case '%':
-                r->quoted_uri = 1;
-                state = PATH_MIXED;
-                break;
-            case '?':
-                r->args_start = p + 1;
-                state = PATH_MIXED;
-                break;
-            case '+':
-                break;
-            default:  // NUL
-                return ORBS3_PARSE_BAD_REQUEST;
-            }
-            break;
-
-        case PATH_PLAIN:
-            if (orbs3_usual(ch))
-                break;
             switch (ch) {
             case '/':
                 r->uri_ext = nullptr;
@@ -384,6 +339,7 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
             }
             break;
 
+        case HOST_NO_VERSION:
         case PATH_PLAIN_SPACE:
         case PATH_MIXED_SPACE:
             switch (ch) {
@@ -401,7 +357,9 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
                 state = PROTO_T1;
                 break;
             default:
-                // The space was part of the URI.
+                // The space was part of the URI, which an absolute one without a path cannot hold.
+                if (state == HOST_NO_VERSION)
+                    return ORBS3_PARSE_BAD_REQUEST;
                 state = state == PATH_PLAIN_SPACE ? PATH_PLAIN : PATH_MIXED;
                 continue;
             }
@@ -433,27 +391,13 @@ int orbs3_http_parse_request_line(orbs3_http_request_t* r, orbs3_buf_t* b)
             break;
 
         case PROTO_T1:
-            if (ch != 'T')
-                return ORBS3_PARSE_BAD_REQUEST;
-            state = PROTO_T2;
-            break;
-
         case PROTO_T2:
-            if (ch != 'T')
-                return ORBS3_PARSE_BAD_REQUEST;
-            state = PROTO_P;
-            break;
-
         case PROTO_P:
-            if (ch != 'P')
-                return ORBS3_PARSE_BAD_REQUEST;
-            state = PROTO_SLASH;
-            break;
-
         case PROTO_SLASH:
-            if (ch != '/')
+            // The rest of "HTTP/", one state a byte; the last one leads to MAJOR_FIRST.
+            if (ch != kProtoRest[state - PROTO_T1])
                 return ORBS3_PARSE_BAD_REQUEST;
-            state = MAJOR_FIRST;
+            state++;
             break;
 
         case MAJOR_FIRST:
@@ -544,6 +488,7 @@ int orbs3_http_parse_header_line(orbs3_http_request_t* r, orbs3_buf_t* b, unsign
     uint64_t i = r->lowcase_index;
     uint8_t* p = b->pos;
     uint8_t* const last = b->last;
+    ORBS3_ASSERT(state <= HEAD_CR && i < ORBS3_LOWCASE_HEADER_LEN && p <= last);
 
     // The lower-cased name byte, or 0 for a byte that is no name byte.
     auto name_byte = [allow_underscores](uint8_t ch) -> uint8_t {
@@ -867,6 +812,7 @@ int orbs3_http_parse_complex_uri(orbs3_http_request_t* r, unsigned merge_slashes
         return ORBS3_PARSE_BAD_REQUEST;
 
 finish:
+    ORBS3_ASSERT(w >= 0 && static_cast<uint64_t>(w) <= r->uri.len);  // the area holds uri.len + 1 bytes
     r->uri.len = static_cast<uint64_t>(w);
     if (ext >= 0) {
         r->exten.data = as_chars(out + ext);

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string_view>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/neo_event_timer.h"
@@ -220,6 +221,7 @@ int queue_append(orbs3_connection_t* c, const uint8_t* data, std::size_t len)
         b->pos = b->start;
         b->last = b->start + unsent;
     }
+    ORBS3_ASSERT(b->pos <= b->last && static_cast<std::size_t>(b->end - b->last) >= len);
     std::memcpy(b->last, data, len);
     b->last += len;
     return 0;
@@ -328,6 +330,7 @@ int send_file_sliced(orbs3_connection_t* c)
         s->pos = s->last = s->start;
     }
     for (;;) {
+        ORBS3_ASSERT(s->start <= s->pos && s->pos <= s->last && s->last <= s->end);
         if (s->pos == s->last) {
             if (c->send_file_pos >= c->send_file_end)
                 return 0;

@@ -113,75 +113,45 @@ char* path_normalize(const char* path)
     return neo_path_normalize(path);
 }
 
-// Clears the directory open as `fd` (owned here). Entries are reached through the directory's
-// descriptor and never through a link, so a link swapped in during the walk cannot lead outside.
-static int clear_dir(int fd)
+// What a sweep of a directory removes: only its regular files, at every depth (the directories and the
+// links stay), or everything inside it.
+enum class sweep_kind { files, all };
+
+// Sweeps the directory open as `fd` (owned here). Entries are reached through the directory's descriptor
+// and never through a link, so a link swapped in during the walk cannot lead outside: a link is removed or
+// left, never followed. An entry that is gone before it is removed counts as removed.
+static int sweep_dir(int fd, sweep_kind kind)
 {
     neo_dir_ptr dir(fdopendir(fd));
     if (!dir) {
         close(fd);
         return -1;
     }
-
     int rc = 0;
     while (struct dirent* e = readdir(dir.get())) {
         const char* name = e->d_name;
         if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
             continue;
-
         unsigned char type = e->d_type;
         if (type == DT_UNKNOWN) {
-            struct stat st;
-            if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
-                rc = -1;
-                continue;
-            }
-            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
-        }
-
-        if (type == DT_DIR) {
-            int sub = openat(dirfd(dir.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (sub < 0 || clear_dir(sub) != 0)
-                rc = -1;
-        } else if (type == DT_REG) {
-            if (unlinkat(dirfd(dir.get()), name, 0) != 0 && errno != ENOENT)
-                rc = -1;
-        }
-    }
-    return rc;
-}
-
-// Removes everything inside the directory open as `fd` (owned here), sub-directories included. As in
-// clear_dir, nothing is reached through a link: a link is removed, never followed.
-static int remove_inside(int fd)
-{
-    neo_dir_ptr dir(fdopendir(fd));
-    if (!dir) {
-        close(fd);
-        return -1;
-    }
-    int rc = 0;
-    while (struct dirent* e = readdir(dir.get())) {
-        const char* name = e->d_name;
-        if (name[0] == '.' && (name[1] == '\0' || (name[1] == '.' && name[2] == '\0')))
-            continue;
-        bool is_dir = e->d_type == DT_DIR;
-        if (e->d_type == DT_UNKNOWN) {
             struct stat st;
             if (fstatat(dirfd(dir.get()), name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
                 if (errno != ENOENT)
                     rc = -1;
                 continue;
             }
-            is_dir = S_ISDIR(st.st_mode);
+            type = S_ISDIR(st.st_mode) ? DT_DIR : S_ISREG(st.st_mode) ? DT_REG : DT_LNK;
         }
+        const bool is_dir = type == DT_DIR;
         if (is_dir) {
             int sub = openat(dirfd(dir.get()), name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-            if (sub < 0 || remove_inside(sub) != 0)
+            if (sub < 0 || sweep_dir(sub, kind) != 0)
                 rc = -1;
         }
-        if (unlinkat(dirfd(dir.get()), name, is_dir ? AT_REMOVEDIR : 0) != 0 && errno != ENOENT)
-            rc = -1;
+        if (kind == sweep_kind::all || type == DT_REG) {
+            if (unlinkat(dirfd(dir.get()), name, is_dir ? AT_REMOVEDIR : 0) != 0 && errno != ENOENT)
+                rc = -1;
+        }
     }
     return rc;
 }
@@ -198,7 +168,7 @@ int neo_remove_tree(const char* path)
     int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return -1;
-    int rc = remove_inside(fd);
+    int rc = sweep_dir(fd, sweep_kind::all);
     if (rmdir(path) != 0 && errno != ENOENT)
         rc = -1;
     return rc;
@@ -219,7 +189,7 @@ int neo_rmdir(const char* path)
     int fd = open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
     if (fd < 0)
         return -1;
-    return clear_dir(fd);
+    return sweep_dir(fd, sweep_kind::files);
 }
 
 void tryhelp_exit(int status, const char* prog)

@@ -1,5 +1,7 @@
 #include "memory/neo_rbtree.h"
 
+#include "core/orbs3_assert.h"
+
 namespace {
 
 inline void set_red(neo_rbtree_node_t* n)
@@ -80,6 +82,7 @@ void neo_rbtree_insert(neo_rbtree_t* tree, neo_rbtree_node_t* node)
 {
     neo_rbtree_node_t** root = &tree->root;
     neo_rbtree_node_t* sentinel = tree->sentinel;
+    ORBS3_ASSERT(node != sentinel);
 
     if (*root == sentinel) {
         node->parent = nullptr;
@@ -130,6 +133,7 @@ void neo_rbtree_insert(neo_rbtree_t* tree, neo_rbtree_node_t* node)
     }
 
     set_black(*root);
+    ORBS3_ASSERT(is_black(sentinel));  // shared by every tree over it: a red one breaks them all
 }
 
 void neo_rbtree_insert_value(neo_rbtree_node_t* temp, neo_rbtree_node_t* node, neo_rbtree_node_t* sentinel)
@@ -167,6 +171,7 @@ void neo_rbtree_delete(neo_rbtree_t* tree, neo_rbtree_node_t* node)
     neo_rbtree_node_t* sentinel = tree->sentinel;
     neo_rbtree_node_t* subst;
     neo_rbtree_node_t* temp;
+    ORBS3_ASSERT(node != sentinel && *root != sentinel);
 
     if (node->left == sentinel) {
         temp = node->right;
@@ -232,6 +237,7 @@ void neo_rbtree_delete(neo_rbtree_t* tree, neo_rbtree_node_t* node)
                 left_rotate(root, sentinel, temp->parent);
                 w = temp->parent->right;
             }
+            ORBS3_ASSERT(w != sentinel);  // the sibling of a node short of one black has a black below it
             if (is_black(w->left) && is_black(w->right)) {
                 set_red(w);
                 temp = temp->parent;
@@ -256,6 +262,7 @@ void neo_rbtree_delete(neo_rbtree_t* tree, neo_rbtree_node_t* node)
                 right_rotate(root, sentinel, temp->parent);
                 w = temp->parent->left;
             }
+            ORBS3_ASSERT(w != sentinel);
             if (is_black(w->left) && is_black(w->right)) {
                 set_red(w);
                 temp = temp->parent;

@@ -108,6 +108,16 @@ static void put_text(out_t& o, const char* s, std::size_t len, bool counted, hex
     }
 }
 
+// A counted text of %V or %v; a null one prints as a null %s does.
+template <typename T>
+static void put_counted(out_t& o, const T* v, hex_t hex)
+{
+    if (v == nullptr)
+        put_text(o, nullptr, 0, false, hex);
+    else
+        put_text(o, v->data, v->len, true, hex);
+}
+
 static void put_double(out_t& o, double f, char zero, std::size_t width, unsigned frac_width)
 {
     bool negative = f < 0;
@@ -216,24 +226,14 @@ char* neo_vslprintf(char* buf, char* last, const char* fmt, va_list args)
             // A format that ends inside a conversion: nothing more to print.
             return o.p;
 
-        case 'V': {
-            const auto* v = va_arg(args, const orbs3_str_t*);
-            if (v == nullptr)
-                put_text(o, nullptr, 0, false, hex);
-            else
-                put_text(o, v->data, v->len, true, hex);
+        case 'V':
+            put_counted(o, va_arg(args, const orbs3_str_t*), hex);
             fmt++;
             continue;
-        }
-        case 'v': {
-            const auto* v = va_arg(args, const neo_variable_value_t*);
-            if (v == nullptr)
-                put_text(o, nullptr, 0, false, hex);
-            else
-                put_text(o, v->data, v->len, true, hex);
+        case 'v':
+            put_counted(o, va_arg(args, const neo_variable_value_t*), hex);
             fmt++;
             continue;
-        }
         case 's':
             put_text(o, va_arg(args, const char*), slen, counted, hex);
             fmt++;

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+#include "core/orbs3_assert.h"
+
 char* cpystrn(char* dst, const char* src, std::size_t size)
 {
     if (size == 0)
@@ -89,4 +91,63 @@ char* neo_hex(char* dst, const void* src, std::size_t n)
         *dst++ = digits[p[i] & 0xf];
     }
     return dst;
+}
+
+namespace {
+
+bool pct_kept(unsigned char c, neo_pct_keep keep)
+{
+    if (keep == neo_pct_keep::printable)
+        return c > 0x20 && c < 0x7f && c != '%';
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
+           c == '.' || c == '~' || (c == '/' && keep == neo_pct_keep::unreserved_slash);
+}
+
+}  // namespace
+
+void neo_pct_encode(std::string* out, std::string_view text, neo_pct_keep keep)
+{
+    static constexpr char digits[] = "0123456789ABCDEF";
+    for (unsigned char c : text) {
+        if (pct_kept(c, keep)) {
+            out->push_back(static_cast<char>(c));
+        } else {
+            out->push_back('%');
+            out->push_back(digits[c >> 4]);
+            out->push_back(digits[c & 15]);
+        }
+    }
+}
+
+bool neo_pct_decode(std::string* out, std::string_view text)
+{
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '%') {
+            out->push_back(text[i]);
+            continue;
+        }
+        const int hi = i + 2 < text.size() ? neo_hex_value(text[i + 1]) : -1;
+        const int lo = i + 2 < text.size() ? neo_hex_value(text[i + 2]) : -1;
+        if (hi < 0 || lo < 0)
+            return false;
+        out->push_back(static_cast<char>(hi << 4 | lo));
+        i += 2;
+    }
+    return true;
+}
+
+bool neo_join(char* out, std::size_t cap, std::initializer_list<std::string_view> parts)
+{
+    ORBS3_ASSERT(cap > 0);
+    std::size_t len = 0;
+    for (std::string_view p : parts) {
+        if (p.size() >= cap - len) {
+            out[0] = '\0';
+            return false;
+        }
+        std::memcpy(out + len, p.data(), p.size());
+        len += p.size();
+    }
+    out[len] = '\0';
+    return true;
 }

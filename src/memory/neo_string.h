@@ -4,7 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <initializer_list>
 #include <memory>
+#include <string>
+#include <string_view>
 
 // Owner of a malloc'd text (str_dup, path_normalize, ...).
 struct neo_free_deleter {
@@ -53,3 +56,19 @@ constexpr int neo_hex_value(unsigned char c)
 
 // Writes 2 * n lower-case hexadecimal digits, no terminator; returns the byte behind them.
 char* neo_hex(char* dst, const void* src, std::size_t n);
+
+// The bytes a percent-encoding keeps as they are; every other byte becomes %XX in capital hexadecimal.
+enum class neo_pct_keep {
+    unreserved,        // A-Z a-z 0-9 - _ . ~ : a query value of a signed request
+    unreserved_slash,  // the same and '/', so that a key keeps its path shape (listings, canonical URI)
+    printable,         // every printable ASCII byte but '%': a field of a record stays one token on its line
+};
+// THE percent-encoder: appends `text` to *out, encoded as `keep` says.
+void neo_pct_encode(std::string* out, std::string_view text, neo_pct_keep keep);
+// Appends the decoded `text` to *out; false, *out then partly written, for a '%' without two hexadecimal
+// digits behind it.
+[[nodiscard]] bool neo_pct_decode(std::string* out, std::string_view text);
+
+// The parts one after the other into `out`, terminated; false (and `out` empty) when they don't fit `cap`
+// bytes with the terminator. A path is refused rather than cut: a cut path names another file.
+[[nodiscard]] bool neo_join(char* out, std::size_t cap, std::initializer_list<std::string_view> parts);

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/orbs3_assert.h"
 #include "memory/orbs3_palloc.h"
 
 namespace {
@@ -42,6 +43,7 @@ orbs3_array_t* orbs3_array_create(orbs3_pool_t* pool, std::size_t n, std::size_t
 
 void* orbs3_array_push(orbs3_array_t* a)
 {
+    ORBS3_ASSERT(a->nelts <= a->nalloc);
     if (a->nelts == a->nalloc) {
         // Fits: it was allocated at this size.
         std::size_t bytes = a->size * a->nalloc;
@@ -101,6 +103,7 @@ orbs3_list_t* orbs3_list_create(orbs3_pool_t* pool, std::size_t n, std::size_t s
 void* orbs3_list_push(orbs3_list_t* l)
 {
     orbs3_list_part_t* last = l->last;
+    ORBS3_ASSERT(last->nelts <= l->nalloc);
     if (last->nelts == l->nalloc) {
         auto* part = static_cast<orbs3_list_part_t*>(orbs3_palloc(l->pool, sizeof(orbs3_list_part_t)));
         if (part == nullptr)

@@ -7,6 +7,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 
@@ -109,6 +110,7 @@ pool_debug_t* debug_of(orbs3_pool_t* pool)
 void* palloc_block(orbs3_pool_t* pool, std::size_t size)
 {
     std::size_t psize = static_cast<std::size_t>(pool->end - reinterpret_cast<uint8_t*>(pool));
+    ORBS3_ASSERT(ORBS3_POOL_BLOCK_HEAD + size <= psize);  // only requests up to pool->max come here
     auto* m = static_cast<uint8_t*>(orbs3_memalign(ORBS3_POOL_ALIGNMENT, psize));
     if (m == nullptr)
         return nullptr;

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_log.h"
 
 // Everything the pool reads back from the zone (pointers in lists, run lengths, shifts, bitmaps) is
@@ -240,6 +241,7 @@ void* new_slot_page(orbs3_slab_pool_t* pool, page_t* page, uint64_t shift, uint6
         auto* bitmap = reinterpret_cast<uint64_t*>(base);
         uint64_t n = bitmap_chunks(shift);
         // n + 1 is at most 9 bits: the first word holds the bitmap's own chunks and the one handed out.
+        ORBS3_ASSERT(n + 1 <= 9);
         bitmap[0] = (uint64_t{1} << (n + 1)) - 1;
         for (uint64_t i = 1; i < bitmap_words(shift); i++)
             bitmap[i] = 0;

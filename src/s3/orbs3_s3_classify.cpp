@@ -592,67 +592,23 @@ int classify_post(orbs3_http_request_t* r, bool virtual_style)
     return scan_post_query(r, q.copy.get());
 }
 
-// ---- the entry points, one per method and style ----
-
-int parse_req_msg_get(orbs3_http_request_t* r)
-{
-    return classify_get(r, true);
-}
-
-int parse_req_msg_get_url(orbs3_http_request_t* r)
-{
-    return classify_get(r, false);
-}
-
-int parse_req_msg_put(orbs3_http_request_t* r)
-{
-    return classify_put(r, true);
-}
-
-int parse_req_msg_put_url(orbs3_http_request_t* r)
-{
-    return classify_put(r, false);
-}
-
-int parse_req_msg_delete(orbs3_http_request_t* r)
-{
-    return classify_delete(r, true);
-}
-
-int parse_req_msg_delete_url(orbs3_http_request_t* r)
-{
-    return classify_delete(r, false);
-}
-
-int parse_req_msg_post(orbs3_http_request_t* r)
-{
-    return classify_post(r, true);
-}
-
-int parse_req_msg_post_url(orbs3_http_request_t* r)
-{
-    return classify_post(r, false);
-}
-
-int parse_req_msg_options(orbs3_http_request_t* r)
+int classify_options(orbs3_http_request_t* r, bool /*virtual_style*/)
 {
     return set_action(r, "Options");
 }
 
-using parse_pt = int (*)(orbs3_http_request_t* r);
-
+// The classifier of each method; it learns the addressing style from its second argument.
 struct method_row {
     uint32_t methods;
-    parse_pt virtual_style;
-    parse_pt path_style;
+    int (*classify)(orbs3_http_request_t* r, bool virtual_style);
 };
 
 constexpr method_row method_rows[] = {
-    {ORBS3_HTTP_GET | ORBS3_HTTP_HEAD, parse_req_msg_get, parse_req_msg_get_url},
-    {ORBS3_HTTP_PUT, parse_req_msg_put, parse_req_msg_put_url},
-    {ORBS3_HTTP_DELETE, parse_req_msg_delete, parse_req_msg_delete_url},
-    {ORBS3_HTTP_POST, parse_req_msg_post, parse_req_msg_post_url},
-    {ORBS3_HTTP_OPTIONS, parse_req_msg_options, parse_req_msg_options},
+    {ORBS3_HTTP_GET | ORBS3_HTTP_HEAD, classify_get},
+    {ORBS3_HTTP_PUT, classify_put},
+    {ORBS3_HTTP_DELETE, classify_delete},
+    {ORBS3_HTTP_POST, classify_post},
+    {ORBS3_HTTP_OPTIONS, classify_options},
 };
 
 }  // namespace
@@ -672,8 +628,7 @@ int orbs3_parse_req_msg(orbs3_http_request_t* r)
 {
     for (const method_row& m : method_rows) {
         if ((r->method & m.methods) != 0) {
-            parse_pt parse = r->host_style == ORBS3_HOST_STYLE_VIRTUAL ? m.virtual_style : m.path_style;
-            (void)parse(r);
+            (void)m.classify(r, r->host_style == ORBS3_HOST_STYLE_VIRTUAL);
             break;
         }
     }

@@ -312,6 +312,39 @@ T* new_record(orbs3_pool_t* pool, neo_list_head_t* list)
     return rec;
 }
 
+// Each `name` element below `parent` (below the root when parent is null) as a new record at the end of
+// the list, filled by fill(element, record). -1 when the body is no document, parent is missing, the
+// elements are more than `max`, memory runs out or fill refuses an element.
+template <typename T, typename F>
+int parse_records(const char* text, const char* parent, const char* name, std::size_t max, neo_list_head_t* list,
+                  orbs3_pool_t* pool, F&& fill)
+{
+    if (list == nullptr || pool == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    if (doc == nullptr)
+        return -1;
+    mxml_node_t* top = parent != nullptr ? orbs3_xml_find(doc.get(), parent) : doc.get();
+    if (top == nullptr)
+        return -1;
+    std::size_t n = 0;
+    for (mxml_node_t* e = next_elem(nullptr, top, name); e != nullptr; e = next_elem(e, top, name)) {
+        if (++n > max)
+            return -1;
+        auto* rec = new_record<T>(pool, list);
+        if (rec == nullptr || fill(e, rec) != 0)
+            return -1;
+    }
+    return 0;
+}
+
+// The element's text into a field of a record; a missing element leaves the field empty.
+void text_or_empty(mxml_node_t* node, const char* name, orbs3_str_t* str, orbs3_pool_t* pool)
+{
+    if (orbs3_pack_xml_text_str(node, name, str, pool) != 0)
+        *str = {0, nullptr};
+}
+
 mxml_node_t* new_text_str(mxml_node_t* parent, const char* name, const orbs3_str_t& s)
 {
     return orbs3_xml_new_text_string(parent, name, s.len, neo_getstr(&s));
@@ -453,19 +486,9 @@ char* make_bucket_location_xml()
 
 std::string orbs3_list_url_encode(std::string_view text)
 {
-    static constexpr char hex[] = "0123456789ABCDEF";
     std::string out;
     out.reserve(text.size());
-    for (unsigned char c : text) {
-        if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
-            c == '.' || c == '~' || c == '/') {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out.push_back('%');
-            out.push_back(hex[c >> 4]);
-            out.push_back(hex[c & 0xf]);
-        }
-    }
+    neo_pct_encode(&out, text, neo_pct_keep::unreserved_slash);
     return out;
 }
 
@@ -597,27 +620,12 @@ char* make_bucket_versioning_xmlstring(const orbs3_bucket_versioning_t* versioni
 
 int parse_object_tagging_xmlstring(const char* text, neo_list_head_t* tags, orbs3_pool_t* pool)
 {
-    if (tags == nullptr || pool == nullptr)
-        return -1;
-    orbs3_xml_ptr doc = load_body(text);
-    if (doc == nullptr)
-        return -1;
-    mxml_node_t* set = orbs3_xml_find(doc.get(), "TagSet");
-    if (set == nullptr)
-        return -1;
-    std::size_t n = 0;
-    for (mxml_node_t* t = next_elem(nullptr, set, "Tag"); t != nullptr; t = next_elem(t, set, "Tag")) {
-        if (++n > ORBS3_XML_MAX_TAGS)
-            return -1;
-        auto* rec = new_record<orbs3_tag_t>(pool, tags);
-        if (rec == nullptr)
-            return -1;
-        if (orbs3_pack_xml_text_str(t, "Key", &rec->key, pool) != 0)
-            rec->key = {0, nullptr};
-        if (orbs3_pack_xml_text_str(t, "Value", &rec->value, pool) != 0)
-            rec->value = {0, nullptr};
-    }
-    return 0;
+    return parse_records<orbs3_tag_t>(text, "TagSet", "Tag", ORBS3_XML_MAX_TAGS, tags, pool,
+                                      [pool](mxml_node_t* t, orbs3_tag_t* rec) {
+                                          text_or_empty(t, "Key", &rec->key, pool);
+                                          text_or_empty(t, "Value", &rec->value, pool);
+                                          return 0;
+                                      });
 }
 
 char* make_object_tagging_xmlstring(neo_list_head_t* tags)
@@ -651,31 +659,19 @@ char* make_create_multipartupload_xmlstring(const char* bucket, const char* key,
 
 int parse_complete_multipart_upload_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)
 {
-    if (list == nullptr || pool == nullptr)
-        return -1;
-    orbs3_xml_ptr doc = load_body(text);
-    if (doc == nullptr)
-        return -1;
-    mxml_node_t* top = doc.get();
-    std::size_t n = 0;
-    for (mxml_node_t* p = next_elem(nullptr, top, "Part"); p != nullptr; p = next_elem(p, top, "Part")) {
-        if (++n > ORBS3_XML_MAX_PARTS)
-            return -1;
-        auto* rec = new_record<orbs3_part_t>(pool, list);
-        if (rec == nullptr)
-            return -1;
+    static constexpr std::pair<const char*, const char*> checksums[] = {
+        {"ChecksumCRC32", "CRC32"}, {"ChecksumCRC32C", "CRC32C"}, {"ChecksumCRC64NVME", "CRC64NVME"},
+        {"ChecksumSHA1", "SHA1"},   {"ChecksumSHA256", "SHA256"}};
+    auto fill = [pool](mxml_node_t* p, orbs3_part_t* rec) {
         rec->part_number = orbs3_xml_get_textint(p, "PartNumber");
-        if (orbs3_pack_xml_text_str(p, "ETag", &rec->etag, pool) != 0)
-            rec->etag = {0, nullptr};
-        static constexpr std::pair<const char*, const char*> checksums[] = {
-            {"ChecksumCRC32", "CRC32"}, {"ChecksumCRC32C", "CRC32C"}, {"ChecksumCRC64NVME", "CRC64NVME"},
-            {"ChecksumSHA1", "SHA1"},   {"ChecksumSHA256", "SHA256"}};
+        text_or_empty(p, "ETag", &rec->etag, pool);
         for (const auto& [element, alg] : checksums) {
             if (rec->checksum_algorithm == nullptr && orbs3_pack_xml_text_str(p, element, &rec->checksum, pool) == 0)
                 rec->checksum_algorithm = alg;
         }
-    }
-    return 0;
+        return 0;
+    };
+    return parse_records<orbs3_part_t>(text, nullptr, "Part", ORBS3_XML_MAX_PARTS, list, pool, fill);
 }
 
 namespace {
@@ -821,25 +817,14 @@ std::string orbs3_list_uploads_xml(const orbs3_list_uploads_doc_t& doc)
 
 int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)
 {
-    if (list == nullptr || pool == nullptr)
-        return -1;
-    orbs3_xml_ptr doc = load_body(text);
-    if (doc == nullptr)
-        return -1;
-    mxml_node_t* top = doc.get();
-    std::size_t n = 0;
-    for (mxml_node_t* o = next_elem(nullptr, top, "Object"); o != nullptr; o = next_elem(o, top, "Object")) {
-        if (++n > ORBS3_XML_MAX_DEL_OBJECTS)
-            return -1;
-        std::string k;
-        (void)elem_text(o, "Key", &k);
-        if (k.size() > ORBS3_XML_DEL_KEY_MAX)
-            return -1;
-        auto* rec = new_record<orbs3_del_key_t>(pool, list);
-        if (rec == nullptr || pool_str(&rec->key, k.c_str(), ORBS3_XML_DEL_KEY_MAX, pool) != 0)
-            return -1;
-    }
-    return 0;
+    return parse_records<orbs3_del_key_t>(text, nullptr, "Object", ORBS3_XML_MAX_DEL_OBJECTS, list, pool,
+                                          [pool](mxml_node_t* o, orbs3_del_key_t* rec) {
+                                              std::string k;
+                                              (void)elem_text(o, "Key", &k);
+                                              if (k.size() > ORBS3_XML_DEL_KEY_MAX)
+                                                  return -1;
+                                              return pool_str(&rec->key, k.c_str(), ORBS3_XML_DEL_KEY_MAX, pool);
+                                          });
 }
 
 char* make_del_objects_xmlstring(neo_list_head_t* deleted, neo_list_head_t* failed)
@@ -881,25 +866,12 @@ char* make_copy_object_result_xmlstring(const char* last_modified, const char* e
 
 int parse_bucket_recycle_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)
 {
-    if (list == nullptr || pool == nullptr)
-        return -1;
-    orbs3_xml_ptr doc = load_body(text);
-    if (doc == nullptr)
-        return -1;
-    mxml_node_t* top = doc.get();
-    std::size_t n = 0;
-    for (mxml_node_t* o = next_elem(nullptr, top, "Object"); o != nullptr; o = next_elem(o, top, "Object")) {
-        if (++n > ORBS3_XML_MAX_RECYCLE)
-            return -1;
-        auto* rec = new_record<orbs3_recycle_entry_t>(pool, list);
-        if (rec == nullptr)
-            return -1;
-        if (orbs3_pack_xml_text_str(o, "Name", &rec->name, pool) != 0)
-            rec->name = {0, nullptr};
-        if (orbs3_pack_xml_text_str(o, "Path", &rec->path, pool) != 0)
-            rec->path = {0, nullptr};
-    }
-    return 0;
+    return parse_records<orbs3_recycle_entry_t>(text, nullptr, "Object", ORBS3_XML_MAX_RECYCLE, list, pool,
+                                                [pool](mxml_node_t* o, orbs3_recycle_entry_t* rec) {
+                                                    text_or_empty(o, "Name", &rec->name, pool);
+                                                    text_or_empty(o, "Path", &rec->path, pool);
+                                                    return 0;
+                                                });
 }
 
 char* make_bucket_recycle_xmlstring(neo_list_head_t* list)

@@ -1,8 +1,10 @@
 #include "s3/orbs3_s3_errors.h"
 
 #include <cstring>
+#include <string>
 #include <string_view>
 
+#include "core/orbs3_xml.h"
 #include "memory/orbs3_palloc.h"
 
 // Statuses are those the names carry in the S3 standard; messages follow its wording, with this
@@ -175,53 +177,21 @@ const orbs3_s3_error_t* orbs3_s3_find_error(uint32_t code)
     return nullptr;
 }
 
-namespace {
-
-// Text content as XML needs it: the markup bytes escaped, everything else as it is.
-void append_escaped(std::string_view text, char*& out)
-{
-    for (char ch : text) {
-        std::string_view rep;
-        switch (ch) {
-        case '&': rep = "&amp;"; break;
-        case '<': rep = "&lt;"; break;
-        case '>': rep = "&gt;"; break;
-        default: *out++ = ch; continue;
-        }
-        std::memcpy(out, rep.data(), rep.size());
-        out += rep.size();
-    }
-}
-
-void append(std::string_view text, char*& out)
-{
-    std::memcpy(out, text.data(), text.size());
-    out += text.size();
-}
-
-}  // namespace
-
 char* make_s3_error_resp_xml(const char* code_name, const char* message, const char* resource,
                              const char* request_id)
 {
     const std::string_view parts[] = {code_name ? code_name : "", message ? message : "",
                                       resource ? resource : "", request_id ? request_id : ""};
-    constexpr std::string_view head = "<?xml version=\"1.0\" encoding=\"utf-8\"?><Error><Code>";
     constexpr std::string_view tags[] = {"</Code><Message>", "</Message><Resource>", "</Resource><RequestId>",
                                          "</RequestId></Error>\n"};
-    std::size_t size = head.size() + 1;
-    for (std::size_t i = 0; i < 4; i++)
-        size += parts[i].size() * 5 + tags[i].size();  // "&amp;" is the longest escape
-    auto* doc = static_cast<char*>(orbs3_alloc(size));
-    if (doc == nullptr)
-        return nullptr;
-    char* out = doc;
-    append(head, out);
+    std::string text = "<?xml version=\"1.0\" encoding=\"utf-8\"?><Error><Code>";
     for (std::size_t i = 0; i < 4; i++) {
-        append_escaped(parts[i], out);
-        append(tags[i], out);
+        orbs3_xml_escape(&text, parts[i], orbs3_xml_quotes::keep);
+        text.append(tags[i]);
     }
-    *out = '\0';
+    auto* doc = static_cast<char*>(orbs3_alloc(text.size() + 1));
+    if (doc != nullptr)
+        std::memcpy(doc, text.c_str(), text.size() + 1);
     return doc;
 }
 

@@ -100,6 +100,20 @@ int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const 
     return 0;
 }
 
+namespace {
+
+// The request's bucket when the requester holds `access` on it along the whole chain: 0 with *out set, or
+// the status already answered.
+int request_bucket(orbs3_http_request_t* r, int access, bucket_ptr* out)
+{
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, &access, nullptr, orbs3_access_chain_t::full, &raw);
+    out->reset(raw);
+    return rc;
+}
+
+}  // namespace
+
 bool orbs3_bucket_name_creatable(std::string_view name)
 {
     if (name.size() < 3 || name.size() > 63)
@@ -283,12 +297,9 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
 
 int orbs3_del_bucket(orbs3_http_request_t* r)
 {
-    static constexpr int del = ORBS3_ACCESS_DELETE;
-    orbs3_bucket_t* raw = nullptr;
-    int rc = orbs3_request_bucket(r, &del, nullptr, orbs3_access_chain_t::full, &raw);
-    if (rc != 0)
+    bucket_ptr b;
+    if (int rc = request_bucket(r, ORBS3_ACCESS_DELETE, &b); rc != 0)
         return rc;
-    bucket_ptr b(raw);
     std::string_view name = bucket_name(r);
     // A bucket that holds objects (files or directory objects) stays; versions and recycled copies of an
     // empty bucket go with it.
@@ -413,12 +424,8 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
 // The bucket exists and the requester may list it: 0, or the status that says why not.
 static int check_listable(orbs3_http_request_t* r)
 {
-    static constexpr int list = ORBS3_ACCESS_LIST;
-    orbs3_bucket_t* raw = nullptr;
-    int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
-    if (rc == 0)
-        orbs3_free_bucket(raw);
-    return rc;
+    bucket_ptr b;
+    return request_bucket(r, ORBS3_ACCESS_LIST, &b);
 }
 
 int orbs3_get_bucket_location(orbs3_http_request_t* r)
@@ -488,12 +495,9 @@ int orbs3_put_bucket_acl(orbs3_http_request_t* r)
     uint32_t acl = 0;
     if (parse_bucket_acl_xmlstring(body, &acl) != 0 || acl == 0)
         return fail(r, ORBS3_S3_MISSING_REQUEST_BODY, name);
-    static constexpr int authority = ORBS3_ACCESS_AUTHORITY;
-    orbs3_bucket_t* raw = nullptr;
-    int rc = orbs3_request_bucket(r, &authority, nullptr, orbs3_access_chain_t::full, &raw);
-    if (rc != 0)
+    bucket_ptr b;
+    if (int rc = request_bucket(r, ORBS3_ACCESS_AUTHORITY, &b); rc != 0)
         return rc;
-    bucket_ptr b(raw);
     b->acl = acl;
     if (orbs3_save_bucket(b.get(), neo_getstr(&b->meta_file)) != 0)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
@@ -502,12 +506,9 @@ int orbs3_put_bucket_acl(orbs3_http_request_t* r)
 
 int orbs3_get_bucket_acl(orbs3_http_request_t* r)
 {
-    static constexpr int authority = ORBS3_ACCESS_AUTHORITY;
-    orbs3_bucket_t* raw = nullptr;
-    int rc = orbs3_request_bucket(r, &authority, nullptr, orbs3_access_chain_t::full, &raw);
-    if (rc != 0)
+    bucket_ptr b;
+    if (int rc = request_bucket(r, ORBS3_ACCESS_AUTHORITY, &b); rc != 0)
         return rc;
-    bucket_ptr b(raw);
     neo_cstr_ptr doc(make_bucket_acl_xmlstring(b->acl, r->user));
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, bucket_name(r));

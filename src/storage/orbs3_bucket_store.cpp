@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <initializer_list>
 #include <memory>
 
 #include "control/orbs3_service.h"
@@ -23,22 +22,6 @@
 #include "storage/orbs3_record.h"
 
 namespace {
-
-// The parts one after the other into `out`; -1 (and `out` empty) when they don't fit `cap` bytes.
-int join(char* out, std::size_t cap, std::initializer_list<std::string_view> parts)
-{
-    std::size_t len = 0;
-    for (std::string_view p : parts) {
-        if (p.size() >= cap - len) {
-            out[0] = '\0';
-            return -1;
-        }
-        std::memcpy(out + len, p.data(), p.size());
-        len += p.size();
-    }
-    out[len] = '\0';
-    return 0;
-}
 
 // A name that stays one level below the directory it is joined to.
 bool safe_component(std::string_view name)
@@ -64,7 +47,7 @@ bool is_dir_at(DIR* d, const char* rel)
 neo_dir_ptr open_data_root(const orbs3_vhost_t* vhost)
 {
     char root[ORBS3_PATH_AREA];
-    if (join(root, sizeof(root), {orbs3_str_view(vhost->data_root)}) != 0)
+    if (!neo_join(root, sizeof(root), {orbs3_str_view(vhost->data_root)}))
         return nullptr;
     neo_dir_ptr d(opendir(root));
     if (!d)
@@ -134,7 +117,7 @@ bool hinted_owner_holds(const orbs3_vhost_t* vhost, std::string_view name, char*
         return false;
     char path[ORBS3_PATH_AREA];
     struct stat st;
-    return join(path, sizeof path, {orbs3_str_view(vhost->data_root), "/", owner, "/", name}) == 0 &&
+    return neo_join(path, sizeof path, {orbs3_str_view(vhost->data_root), "/", owner, "/", name}) &&
            lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
@@ -154,7 +137,7 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
         return -1;
     char owner[ORBS3_NAME_AREA];
     if (hinted_owner_holds(vhost, name, owner))
-        return join(out, ORBS3_PATH_AREA, {orbs3_str_view(vhost->meta_root), "/", owner, "/bucket/", name});
+        return neo_join(out, ORBS3_PATH_AREA, {orbs3_str_view(vhost->meta_root), "/", owner, "/bucket/", name}) ? 0 : -1;
     neo_dir_ptr d = open_data_root(vhost);
     if (!d)
         return -1;
@@ -163,9 +146,9 @@ int orbs3_get_bucket_path(const orbs3_vhost_t* vhost, std::string_view name, cha
         if (dot_entry(e->d_name))
             continue;
         // The data directory is what marks a name as taken (it is made before the record is written).
-        if (join(rel, sizeof(rel), {e->d_name, "/", name}) != 0 || !is_dir_at(d.get(), rel))
+        if (!neo_join(rel, sizeof(rel), {e->d_name, "/", name}) || !is_dir_at(d.get(), rel))
             continue;
-        if (join(out, ORBS3_PATH_AREA, {orbs3_str_view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0)
+        if (!neo_join(out, ORBS3_PATH_AREA, {orbs3_str_view(vhost->meta_root), "/", e->d_name, "/bucket/", name}))
             continue;
         remember_owner(vhost, name, e->d_name);
         return 0;
@@ -197,7 +180,7 @@ int orbs3_bucket_init(orbs3_vhost_t* vhost)
     INIT_LIST_HEAD(&vhost->bucket_list);
     vhost->bucket_count = 0;
     char root[ORBS3_PATH_AREA];
-    if (vhost->meta_root.len == 0 || join(root, sizeof(root), {orbs3_str_view(vhost->meta_root)}) != 0)
+    if (vhost->meta_root.len == 0 || !neo_join(root, sizeof(root), {orbs3_str_view(vhost->meta_root)}))
         return -1;
     neo_dir_ptr d(opendir(root));
     if (!d) {
@@ -209,10 +192,10 @@ int orbs3_bucket_init(orbs3_vhost_t* vhost)
         // "bucket" and "object" are the meta root's own fixed directories, not owners.
         if (dot_entry(e->d_name) || std::strcmp(e->d_name, "bucket") == 0 || std::strcmp(e->d_name, "object") == 0)
             continue;
-        if (join(dir, sizeof(dir), {root, "/", e->d_name, "/bucket"}) != 0)
+        if (!neo_join(dir, sizeof(dir), {root, "/", e->d_name, "/bucket"}))
             continue;
         char rel[ORBS3_PATH_AREA];
-        if (join(rel, sizeof(rel), {e->d_name, "/bucket"}) != 0 || !is_dir_at(d.get(), rel))
+        if (!neo_join(rel, sizeof(rel), {e->d_name, "/bucket"}) || !is_dir_at(d.get(), rel))
             continue;
         // An owner whose directory can't be read loses its buckets from the count, not the others.
         (void)orbs3_bucket_user_init(vhost, dir);
@@ -233,7 +216,7 @@ int orbs3_bucket_user_init(orbs3_vhost_t* vhost, const char* dir)
     while (const dirent* e = readdir(d.get())) {
         if (dot_entry(e->d_name) || orbs3_record_is_temp(e->d_name) || is_dir_at(d.get(), e->d_name))
             continue;
-        if (join(path, sizeof(path), {dir, "/", e->d_name}) != 0)
+        if (!neo_join(path, sizeof(path), {dir, "/", e->d_name}))
             continue;
         orbs3_bucket_t* b = read_bucket_file(path);
         if (b == nullptr) {
@@ -275,7 +258,7 @@ int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhos
         return -1;
     char owner_dir[ORBS3_PATH_AREA];
     if (vhost->data_root.len == 0 || vhost->meta_root.len == 0 ||
-        join(owner_dir, sizeof(owner_dir), {orbs3_str_view(vhost->data_root), "/", owner}) != 0)
+        !neo_join(owner_dir, sizeof(owner_dir), {orbs3_str_view(vhost->data_root), "/", owner}))
         return -1;
     neo_dir_ptr d(opendir(owner_dir));
     if (!d)
@@ -287,7 +270,7 @@ int orbs3_load_user_bucket_list(neo_list_head_t* list, const orbs3_vhost_t* vhos
         // The owner's own record, not a lookup over all owners: it is one read instead of a scan of the
         // data root per bucket, and a name that two owners hold after a race shows under each owner with
         // that owner's record.
-        if (join(path, sizeof(path), {orbs3_str_view(vhost->meta_root), "/", owner, "/bucket/", e->d_name}) != 0)
+        if (!neo_join(path, sizeof(path), {orbs3_str_view(vhost->meta_root), "/", owner, "/bucket/", e->d_name}))
             break;
         orbs3_bucket_t* b = read_bucket_file(path);
         if (b == nullptr)
@@ -340,12 +323,12 @@ int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, 
     while (const dirent* e = readdir(d.get())) {
         if (dot_entry(e->d_name) || owner == e->d_name)
             continue;
-        if (join(rel, sizeof(rel), {e->d_name, "/", name}) != 0 || !is_dir_at(d.get(), rel))
+        if (!neo_join(rel, sizeof(rel), {e->d_name, "/", name}) || !is_dir_at(d.get(), rel))
             continue;
         // A holder with its record has the bucket; one that sorts before us is taking it and we give way.
         if (owner > std::string_view(e->d_name))
             return ORBS3_CLAIM_YIELD;
-        if (join(record, sizeof(record), {orbs3_str_view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) != 0 ||
+        if (!neo_join(record, sizeof(record), {orbs3_str_view(vhost->meta_root), "/", e->d_name, "/bucket/", name}) ||
             access(record, F_OK) == 0)
             return ORBS3_CLAIM_YIELD;
         state = ORBS3_CLAIM_WAIT;

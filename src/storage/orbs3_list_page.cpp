@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "core/orbs3_assert.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_files.h"
 #include "s3/orbs3_s3_documents.h"
@@ -96,6 +97,7 @@ public:
                 continue;
             }
             sort_ahead(f);
+            ORBS3_ASSERT(f.pos < f.sorted);  // keys leave in order only if their place is sorted first
             const entry_t& e = f.entries[f.pos++];
             std::string k = f.prefix + e.sort_name;
             if (e.dir) {

@@ -177,47 +177,16 @@ std::string encoded_name(const char* attr)
     return std::string(attr).append(kEncodedSuffix);
 }
 
-std::string pct_encode(std::string_view v)
-{
-    static constexpr char digits[] = "0123456789ABCDEF";
-    std::string out;
-    for (unsigned char c : v) {
-        if (c > 0x20 && c < 0x7f && c != '%') {
-            out.push_back(static_cast<char>(c));
-        } else {
-            out.push_back('%');
-            out.push_back(digits[c >> 4]);
-            out.push_back(digits[c & 15]);
-        }
-    }
-    return out;
-}
-
-bool pct_decode(std::string_view v, std::string* out)
-{
-    out->clear();
-    for (std::size_t i = 0; i < v.size(); ++i) {
-        if (v[i] != '%') {
-            out->push_back(v[i]);
-            continue;
-        }
-        const int hi = i + 2 < v.size() ? neo_hex_value(v[i + 1]) : -1;
-        const int lo = i + 2 < v.size() ? neo_hex_value(v[i + 2]) : -1;
-        if (hi < 0 || lo < 0)
-            return false;
-        out->push_back(static_cast<char>(hi << 4 | lo));
-        i += 2;
-    }
-    return true;
-}
-
 // Sets the attribute to `value`, or its encoded form when Mini-XML could not read the value back.
 void set_text_attr(mxml_node_t* n, const char* attr, std::string_view value)
 {
-    if (orbs3_xml_text_ok(value))
+    if (orbs3_xml_text_ok(value)) {
         mxmlElementSetAttr(n, attr, std::string(value).c_str());
-    else
-        mxmlElementSetAttr(n, encoded_name(attr).c_str(), pct_encode(value).c_str());
+    } else {
+        std::string encoded;
+        neo_pct_encode(&encoded, value, neo_pct_keep::printable);
+        mxmlElementSetAttr(n, encoded_name(attr).c_str(), encoded.c_str());
+    }
 }
 
 // The attribute's value as set_text_attr wrote it into out. 1 when found, 0 when neither form is there,
@@ -231,7 +200,8 @@ int get_text_attr(mxml_node_t* n, const char* attr, std::string* out)
     const char* e = mxmlElementGetAttr(n, encoded_name(attr).c_str());
     if (e == nullptr)
         return 0;
-    return pct_decode(e, out) ? 1 : -1;
+    out->clear();
+    return neo_pct_decode(out, e) ? 1 : -1;
 }
 
 const char* status_word(uint32_t on)

@@ -305,14 +305,9 @@ TEST(ConfigSetters, SettersStoreOnlyInsideTheirRange)
 #define SETTER(f, type, lo, hi) \
     Setter{#f, [](int64_t v) { set_##f(type(v)); }, [] { return int64_t(sysconfig.f); }, lo, hi}
     const Setter setters[] = {
-        SETTER(cycle_size, int64_t, 1024, 32768),          SETTER(listen_nsize, int, 1, 32),
-        SETTER(epoll_notify_conn, int, 1, 12288),          SETTER(epoll_events, int, 1, 12288),
-        SETTER(epoll_events_timeout, int, 1, std::nullopt), SETTER(listenfd_size, int, 1, 12288),
-        SETTER(recv_buffer, int64_t, 1, 24576),            SETTER(send_buffer, int64_t, 1, 24576),
-        SETTER(http_limit_header, int64_t, 1, 57344),      SETTER(http_limit_conns, int64_t, 1, 57344),
-        SETTER(http_header_in_size, int64_t, 1, 57344),    SETTER(http_header_out_size, int64_t, 1, 57344),
-        SETTER(http_header_line, int, 1, 48),              SETTER(http_work_space, int64_t, 1, 57344),
-        SETTER(http_timeout, int, 0, std::nullopt),        SETTER(ssl_shm_zone_size, int, 102400, std::nullopt),
+        SETTER(http_limit_header, int64_t, 1, 57344),   SETTER(http_header_in_size, int64_t, 1, 57344),
+        SETTER(http_header_out_size, int64_t, 1, 57344), SETTER(http_work_space, int64_t, 1, 57344),
+        SETTER(http_timeout, int, 0, std::nullopt),
     };
 #undef SETTER
     for (const auto& s : setters) {

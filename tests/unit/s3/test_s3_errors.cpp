@@ -55,6 +55,15 @@ TEST(S3Errors, DocumentIsOneLineWithEscapedTextsAndUnknownCodesSayUnknownError)
     EXPECT_NE(std::strstr(doc.get(), "<Code>OperationNotSupported</Code><Message></Message>"), nullptr);
 }
 
+// A key may hold control bytes: raw, a carriage return would reach the client as a line feed and any other
+// would make its XML parser refuse the whole error document. Quotes stay as clients already read them.
+TEST(S3Errors, DocumentWritesControlBytesOfTheResourceAsReferences)
+{
+    doc_ptr doc(make_s3_error_resp_xml("NoSuchKey", "m", "b/a\rb\x01" "c\td'e\"", "id"));
+    ASSERT_TRUE(doc);
+    EXPECT_NE(std::strstr(doc.get(), "<Resource>b/a&#13;b&#1;c\td'e\"</Resource>"), nullptr) << doc.get();
+}
+
 class S3ErrorReply : public ::testing::Test {
 protected:
     void SetUp() override
