@@ -33,9 +33,7 @@ namespace {
 
 std::string golden(const char* name)
 {
-    std::string dir(__FILE__);
-    dir.resize(dir.rfind('/') + 1);
-    std::ifstream in(dir + "golden/" + name, std::ios::binary);
+    std::ifstream in(std::string(ORBS3_UNIT_DIR "golden/") + name, std::ios::binary);
     std::stringstream ss;
     ss << in.rdbuf();
     return ss.str();
