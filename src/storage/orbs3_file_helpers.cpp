@@ -12,28 +12,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "event/orbs3_fd.h"
 #include "memory/neo_string.h"
 
 namespace {
-
-struct fd_owner {
-    int fd = -1;
-    explicit fd_owner(int f) : fd(f) {}
-    fd_owner(const fd_owner&) = delete;
-    fd_owner& operator=(const fd_owner&) = delete;
-    ~fd_owner()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    // Closes now and tells whether the close succeeded (a late write error shows up here).
-    int release_close()
-    {
-        int rc = close(fd);
-        fd = -1;
-        return rc;
-    }
-};
 
 struct file_closer {
     void operator()(FILE* f) const noexcept { std::fclose(f); }
@@ -81,11 +63,11 @@ int orbs3_read_data_from_file(const char* path, char** data, std::size_t* length
         *length = 0;
     if (path == nullptr)
         return -1;
-    fd_owner f(open(path, O_RDONLY | O_CLOEXEC));
-    if (f.fd < 0)
+    orbs3_fd f(open(path, O_RDONLY | O_CLOEXEC));
+    if (!f.valid())
         return -1;
     struct stat st;
-    if (fstat(f.fd, &st) != 0 || st.st_size < 0)
+    if (fstat(f.get(), &st) != 0 || st.st_size < 0)
         return -1;
     auto size = static_cast<std::size_t>(st.st_size);
     neo_cstr_ptr buf(static_cast<char*>(std::calloc(1, size + 1)));
@@ -93,7 +75,7 @@ int orbs3_read_data_from_file(const char* path, char** data, std::size_t* length
         return -1;
     std::size_t got = 0;
     while (got < size) {
-        ssize_t n = read(f.fd, buf.get() + got, size - got);
+        ssize_t n = read(f.get(), buf.get() + got, size - got);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -172,12 +154,10 @@ int orbs3_open_tempfile_end(const char* path, int flags, mode_t mode)
 {
     if (path == nullptr)
         return -1;
-    fd_owner f(open(path, flags | O_CLOEXEC, mode == 0 ? 0600 : mode));
-    if (f.fd < 0 || lseek(f.fd, 0, SEEK_END) < 0)
+    orbs3_fd f(open(path, flags | O_CLOEXEC, mode == 0 ? 0600 : mode));
+    if (!f.valid() || lseek(f.get(), 0, SEEK_END) < 0)
         return -1;
-    int fd = f.fd;
-    f.fd = -1;
-    return fd;
+    return f.release();
 }
 
 int orbs3_copy_file(const char* src, const char* dst, uint64_t* copied)
@@ -186,29 +166,29 @@ int orbs3_copy_file(const char* src, const char* dst, uint64_t* copied)
         *copied = 0;
     if (src == nullptr || dst == nullptr)
         return -1;
-    fd_owner in(open(src, O_RDONLY | O_CLOEXEC));
-    if (in.fd < 0)
+    orbs3_fd in(open(src, O_RDONLY | O_CLOEXEC));
+    if (!in.valid())
         return -1;
     struct stat st;
-    if (fstat(in.fd, &st) != 0)
+    if (fstat(in.get(), &st) != 0)
         return -1;
     // Truncated: a shorter copy over a longer old file must not keep the old tail.
-    fd_owner out(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777));
-    if (out.fd < 0)
+    orbs3_fd out(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777));
+    if (!out.valid())
         return -1;
 
     const auto size = static_cast<uint64_t>(st.st_size);
     uint64_t done = 0;
     char block[1024];
     while (done < size) {
-        ssize_t n = read(in.fd, block, static_cast<std::size_t>(std::min<uint64_t>(sizeof(block), size - done)));
+        ssize_t n = read(in.get(), block, static_cast<std::size_t>(std::min<uint64_t>(sizeof(block), size - done)));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
             return -1;  // the source shrank or failed: the copy is not whole
         std::size_t put = 0;
         while (put < static_cast<std::size_t>(n)) {
-            ssize_t w = write(out.fd, block + put, static_cast<std::size_t>(n) - put);
+            ssize_t w = write(out.get(), block + put, static_cast<std::size_t>(n) - put);
             if (w < 0 && errno == EINTR)
                 continue;
             if (w <= 0)
@@ -219,7 +199,8 @@ int orbs3_copy_file(const char* src, const char* dst, uint64_t* copied)
         }
         done += static_cast<uint64_t>(n);
     }
-    if (out.release_close() != 0)
+    // Closed here, not by the owner: a late write error shows up only in the close.
+    if (close(out.release()) != 0)
         return -1;
     return set_file_time(dst, 0, st.st_mtime);
 }
