@@ -947,7 +947,7 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     if (orbs3_make_object_path(b, ctx.key, "", &path) != 0)
         return status(ORBS3_S3_KEY_TOO_LONG);
     // A Complete whose condition already fails costs no claim and no copy; the commit checks again.
-    const orbs3_conditional_t cond = orbs3_write_conditions(r);
+    const orbs3_conditional_t cond = orbs3_object_conditions(r);
     if (int rc = orbs3_object_check_conditions(&cond, path.data_path, path.meta_path); rc != 0)
         return rc;
 
@@ -1037,11 +1037,11 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
             return release(rc);
         }
         const std::string stamp = now_stamp();
-        if (orbs3_object_write_record(r, ctx.key, path.meta_path, path.data_path, etag, total, stamp.c_str(),
+        if (orbs3_object_write_record(r->user, ctx.key, path.meta_path, path.data_path, etag, total, stamp.c_str(),
                                       &meta) != 0)
             ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);
     }
-    orbs3_object_count_commit(r, b, before, total);
+    orbs3_object_count_commit(r->vhost, b, before, total);
     drop_upload(ctx, claimed);
     return send_complete_result(r, b, ctx.key, etag, checksum_alg, checksum);
 }

@@ -1,4 +1,4 @@
-#include "storage/orbs3_object_delete.h"
+#include "storage/orbs3_object_remove.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -12,24 +12,20 @@
 #include <memory>
 #include <mutex>
 
-#include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
-#include "http/orbs3_http_request_body.h"
-#include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"
 #include "memory/neo_list.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
-#include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
-#include "storage/orbs3_object.h"
-#include "storage/orbs3_object_body.h"
+#include "storage/orbs3_object_store.h"
+#include "storage/orbs3_object_read.h"
 #include "storage/orbs3_record.h"
 #include "versions/orbs3_recycle.h"
 
@@ -49,11 +45,6 @@ neo_list_head_t delobjectdir = {&delobjectdir, &delobjectdir};
 
 // Directory walks are bounded: keys hold at most objectdirnum "/", and anything deeper is not ours.
 constexpr int kMaxDepth = 64;
-
-constexpr int status(uint32_t code)
-{
-    return static_cast<int>(code);
-}
 
 // "<a>/<b>" into a path area; false when it does not fit.
 bool join(char (&out)[ORBS3_PATH_AREA], std::string_view a, std::string_view b)
@@ -143,23 +134,13 @@ std::string_view parent_of(std::string_view key)
 
 // ---- hard deletes ----
 
-struct counts_t {
-    int64_t objects = 0;
-    int64_t bytes = 0;
-};
-
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
 // Destroys the object at meta/data: the record first, so that no listing names an object whose bytes are
 // gone, then the data file. A key that was not there counts nothing. 0 or -1 (a file that would not go).
-int destroy_object(const char* meta, const char* data, counts_t* counts)
+int destroy_object(const char* meta, const char* data, orbs3_object_counts_t* counts)
 {
     struct stat st {};
     const bool have_data = lstat(data, &st) == 0 && S_ISREG(st.st_mode);
-    object_ptr rec(orbs3_create_object_from_file(meta));
+    orbs3_object_ptr rec(orbs3_create_object_from_file(meta));
     bool had_record = false;
     if (unlink(meta) == 0)
         had_record = true;
@@ -177,7 +158,7 @@ int destroy_object(const char* meta, const char* data, counts_t* counts)
 // Everything below a directory key, destroyed: every record with its data file, directory records,
 // then data files that had no record. Temporary files of uploads in progress are left to their uploads.
 // 0, or -1 when something could not be read or removed (the walk goes on with the rest).
-int destroy_tree(const char* meta, const char* data, counts_t* counts, int depth)
+int destroy_tree(const char* meta, const char* data, orbs3_object_counts_t* counts, int depth)
 {
     if (depth > kMaxDepth)
         return -1;
@@ -219,18 +200,18 @@ int destroy_tree(const char* meta, const char* data, counts_t* counts, int depth
 // The directory object `key` ("a/b/"), and nothing below it: its record goes now, counted; the directory
 // goes once nothing is below it, now or with the last key below it. A directory without a record is only
 // marked. 0, or a status.
-int delete_directory_object(const orbs3_bucket_t* b, std::string_view key, counts_t* counts)
+int delete_directory_object(const orbs3_bucket_t* b, std::string_view key, orbs3_object_counts_t* counts)
 {
     orbs3_object_path_t path;
     if (orbs3_make_object_path(b, key, "", &path) != 0)
-        return status(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     char marker[ORBS3_PATH_AREA];
     if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
-        return status(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     if (unlink(marker) == 0)
         counts->objects++;
     else if (errno != ENOENT && errno != ENOTDIR)
-        return status(ORBS3_S3_INTERNAL_ERROR);
+        return ORBS3_S3_INTERNAL_ERROR;
     const std::string_view dir = key.substr(0, key.size() - 1);
     if (orbs3_access_file(path.meta_path) == 0 || orbs3_access_file(path.data_path) == 0) {
         orbs3_mark_deling_object_dir(b, dir);
@@ -242,14 +223,14 @@ int delete_directory_object(const orbs3_bucket_t* b, std::string_view key, count
 
 // Destroys `key` of the bucket, a directory key with everything below it (the immediate delete's
 // meaning of a directory key). 0, or a status.
-int destroy_key(const orbs3_bucket_t* bucket, std::string_view key, counts_t* counts)
+int destroy_key(const orbs3_bucket_t* bucket, std::string_view key, orbs3_object_counts_t* counts)
 {
     orbs3_object_path_t path;
     if (orbs3_make_object_path(bucket, key, "", &path) != 0)
-        return status(ORBS3_S3_KEY_TOO_LONG);
+        return ORBS3_S3_KEY_TOO_LONG;
     if (key.back() != '/') {
         if (destroy_object(path.meta_path, path.data_path, counts) != 0)
-            return status(ORBS3_S3_INTERNAL_ERROR);
+            return ORBS3_S3_INTERNAL_ERROR;
         orbs3_remove_emptied_dirs(bucket, key);
         return 0;
     }
@@ -265,22 +246,8 @@ int destroy_key(const orbs3_bucket_t* bucket, std::string_view key, counts_t* co
     if (prune_pair(m, d, 0))
         unmark(orbs3_str_view(bucket->meta_dir), dir);
     orbs3_remove_emptied_dirs(bucket, key);
-    return rc == 0 ? 0 : status(ORBS3_S3_INTERNAL_ERROR);
+    return rc == 0 ? 0 : ORBS3_S3_INTERNAL_ERROR;
 }
-
-void set_resource(orbs3_http_request_t* r, std::string_view key)
-{
-    const orbs3_str_t& b = r->req_msg.bucket;
-    std::snprintf(r->resp.resource, sizeof r->resp.resource, "%.*s%s%.*s", static_cast<int>(b.len),
-                  b.data != nullptr ? b.data : "", key.empty() ? "" : "/", static_cast<int>(key.size()), key.empty() ? "" : key.data());
-}
-
-int replied(int rc)
-{
-    return rc == 0 ? 0 : -1;
-}
-
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
 
 }  // namespace
 
@@ -349,132 +316,21 @@ void orbs3_remove_emptied_dirs(const orbs3_bucket_t* bucket, std::string_view ke
     }
 }
 
-// ---- handlers ----
-
-int orbs3_delete_object_msg(orbs3_http_request_t* r)
+int orbs3_object_remove(const orbs3_bucket_t* bucket, std::string_view key, orbs3_remove_mode_t mode,
+                        orbs3_object_counts_t* counts)
 {
-    const std::string_view name = orbs3_str_view(r->req_msg.bucket);
-    const std::string_view key = orbs3_str_view(r->req_msg.object);
-    set_resource(r, key);
-    if (name.empty() || orbs3_check_bucketname(name) != 0)
-        return status(ORBS3_S3_INVALID_BUCKET_NAME);
-    if (key.empty())
-        return status(ORBS3_S3_INVALID_ARGUMENT);
-    if (int st = orbs3_object_key_status(key); st != 0)
-        return st;
-    // DeleteObject runs no per-bucket rule: the rules that deny deletion bind the batch and the immediate
-    // delete, whose bytes are gone for good; these stay in the recycle tree.
-    bucket_ptr bucket(orbs3_get_bucket(r->vhost, r->user, name), &orbs3_free_bucket);
-    if (!bucket)
-        return status(ORBS3_S3_NO_SUCH_BUCKET);
-    if (orbs3_bucket_init_path(r->vhost, r->user, bucket.get(), name) != 0)
-        return status(ORBS3_S3_INTERNAL_ERROR);
-    const orbs3_bucket_t* b = bucket.get();
-
-    if (key.back() == '/') {
-        counts_t counts;
-        if (int st = delete_directory_object(b, key, &counts); st != 0)
-            return st;
-        if (counts.objects != 0) {
-            orbs3_object_count_in_bucket(b, -counts.objects, 0);
-            r->vhost->object_count.fetch_sub(counts.objects);
-        }
-    } else {
-        int64_t size = 0;
-        int rc = orbs3_delete_object_to_recycle(b, key, &size);
-        if (rc != ORBS3_RECYCLE_NOTHING && rc != ORBS3_RECYCLE_MOVED)
-            return rc;
-        if (rc == ORBS3_RECYCLE_MOVED) {
-            orbs3_object_count_in_bucket(b, -1, -size);
-            r->vhost->object_count.fetch_sub(1);
-            orbs3_remove_emptied_dirs(b, key);
-        }
-    }
-    return replied(orbs3_http_send_del_object_msg(r->connection, 204, r->resp.connection, r->resp.origin));
-}
-
-int orbs3_delete_object_vorne(orbs3_http_request_t* r)
-{
-    orbs3_bucket_t* raw = nullptr;
-    std::string_view key;
-    int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_DELETE, &raw, &key);
-    if (rc != 0)
+    if (key.back() == '/' && mode != orbs3_remove_mode_t::destroy_below)
+        return delete_directory_object(bucket, key, counts);
+    if (mode != orbs3_remove_mode_t::recycle)
+        return destroy_key(bucket, key, counts);
+    int64_t size = 0;
+    const int rc = orbs3_delete_object_to_recycle(bucket, key, &size);
+    if (rc == ORBS3_RECYCLE_NOTHING)
+        return 0;
+    if (rc != ORBS3_RECYCLE_MOVED)
         return rc;
-    bucket_ptr bucket(raw, &orbs3_free_bucket);
-    orbs3_object_path_t path;
-    if (orbs3_make_object_path(raw, key, "", &path) != 0)
-        return status(ORBS3_S3_KEY_TOO_LONG);
-    if (orbs3_access_file(path.meta_path) != 0 && orbs3_access_file(path.data_path) != 0)
-        return status(ORBS3_S3_NO_SUCH_KEY);
-    // A directory key destroys everything below it: this action is orbmux's own, and asked for by name.
-    // A batch delete names keys, and takes only those.
-    counts_t counts;
-    rc = destroy_key(raw, key, &counts);
-    if (counts.objects != 0)
-        orbs3_object_count_in_bucket(raw, -counts.objects, -counts.bytes);
-    if (rc != 0)
-        return rc;
-    return replied(orbs3_http_send_del_object_msg(r->connection, 204, r->resp.connection, r->resp.origin));
-}
-
-int orbs3_delete_objects(orbs3_http_request_t* r)
-{
-    static constexpr int del = ORBS3_ACCESS_DELETE;
-    orbs3_bucket_t* raw = nullptr;
-    int rc = orbs3_request_bucket(r, nullptr, &del, orbs3_access_chain_t::full, &raw);
-    if (rc != 0)
-        return rc;
-    bucket_ptr bucket(raw, &orbs3_free_bucket);
-    set_resource(r, {});
-
-    const char* doc = orbs3_http_body_document(r);
-    if (doc == nullptr)
-        return status(ORBS3_S3_INTERNAL_ERROR);
-    if (doc[0] == '\0')
-        return status(ORBS3_S3_MISSING_REQUEST_BODY);
-    // The keys of a batch are what it destroys: a document damaged on its way is refused, not obeyed.
-    if (std::string_view sent; orbs3_sign_find_header(r, "content-md5", &sent)) {
-        uint8_t want[NEO_MD5_LEN], got[NEO_MD5_LEN];
-        if (!orbs3_parse_content_md5(sent, want))
-            return status(ORBS3_S3_INVALID_DIGEST);
-        neo_md5_t md5;
-        if (neo_md5_init(&md5) != 0 || neo_md5_update(&md5, doc, std::strlen(doc)) != 0 || neo_md5_final(got, &md5) != 0)
-            return status(ORBS3_S3_INTERNAL_ERROR);
-        if (std::memcmp(want, got, sizeof want) != 0)
-            return status(ORBS3_S3_BAD_DIGEST);
-    }
-    neo_list_head_t keys, deleted, failed;
-    INIT_LIST_HEAD(&keys);
-    INIT_LIST_HEAD(&deleted);
-    INIT_LIST_HEAD(&failed);
-    if (parse_del_objects_xmlstring(doc, &keys, r->pool) != 0 || list_empty(&keys))
-        return status(ORBS3_S3_MALFORMED_XML);
-    const bool quiet = parse_del_objects_quiet(doc);
-
-    // A key that is not there counts as deleted, as S3 has it: the batch says what is no longer in the
-    // bucket. Only keys that can't be keys, or that could not be removed, are errors. A directory key
-    // names its directory object alone: the keys below it stay, as they do for DeleteObject.
-    counts_t counts;
-    neo_list_head_t *pos, *next;
-    list_for_each_safe(pos, next, &keys) {
-        auto* k = list_entry(pos, orbs3_del_key_t, link);
-        const std::string_view key = orbs3_str_view(k->key);
-        list_del(&k->link);
-        bool ok = !key.empty() && orbs3_object_key_status(key) == 0 &&
-                  (key.back() == '/' ? delete_directory_object(raw, key, &counts) : destroy_key(raw, key, &counts)) == 0;
-        if (ok)
-            list_add_tail(&k->link, &deleted);
-        else
-            list_add_tail(&k->link, &failed);
-    }
-    if (counts.objects != 0)
-        orbs3_object_count_in_bucket(raw, -counts.objects, -counts.bytes);
-
-    neo_list_head_t none;
-    INIT_LIST_HEAD(&none);
-    neo_cstr_ptr body(make_del_objects_xmlstring(quiet ? &none : &deleted, &failed));
-    if (!body)
-        return status(ORBS3_S3_INTERNAL_ERROR);
-    return replied(
-        orbs3_http_send_del_objects_msg(r->connection, 200, body.get(), r->resp.connection, r->resp.origin));
+    counts->objects++;
+    counts->bytes += size;
+    orbs3_remove_emptied_dirs(bucket, key);
+    return 0;
 }

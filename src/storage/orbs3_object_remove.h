@@ -1,21 +1,30 @@
-// Deleting objects: DeleteObject (the bytes go to the recycle tree), DeleteObjects and DeleteObjectVorne
-// (destroyed), and the directories that deletes leave behind. A key's "/" is a real directory in the data
-// and meta trees; once a delete has emptied one it goes, so that listings show no prefix without objects.
+// Removing objects: a key's bytes moved to the recycle tree or destroyed, and the directories that removals
+// leave behind. A key's "/" is a real directory in the data and meta trees; once a removal has emptied one
+// it goes, so that listings show no prefix without objects.
 #pragma once
 
+#include <cstdint>
 #include <string_view>
 
-#include "http/orbs3_http_request.h"
 #include "storage/orbs3_bucket.h"
 
-// DELETE of an object: 204, whether or not the key existed.
-int orbs3_delete_object_msg(orbs3_http_request_t* r);
-// POST ?delete with up to 1000 keys: 200 with a DeleteResult document. Each key names one object; a
-// directory key ("a/") its directory object, never the keys below it.
-int orbs3_delete_objects(orbs3_http_request_t* r);
-// DELETE ?vorne: the object destroyed at once, nothing recycled; a directory key with everything below it.
-// 204; NoSuchKey for a key that isn't there.
-int orbs3_delete_object_vorne(orbs3_http_request_t* r);
+// What a removal took out of the bucket, for its statistics.
+struct orbs3_object_counts_t {
+    int64_t objects = 0;
+    int64_t bytes = 0;
+};
+
+enum class orbs3_remove_mode_t {
+    recycle,        // the bytes go to the recycle tree; a directory key takes its directory object alone
+    destroy,        // destroyed at once; a directory key takes its directory object alone
+    destroy_below,  // destroyed at once; a directory key takes everything below it too
+};
+
+// The one step by which an object leaves its bucket. A key that is not there is removed already (0,
+// nothing counted). A directory object's directory goes once nothing is below it, now or with the last
+// key below it. Counts what went into *counts. 0, or KeyTooLong, InternalError.
+[[nodiscard]] int orbs3_object_remove(const orbs3_bucket_t* bucket, std::string_view key, orbs3_remove_mode_t mode,
+                                      orbs3_object_counts_t* counts);
 
 // ---- directories being deleted ----
 // A directory key ("a/b/") deleted while keys below it remain is marked in `delobjectdir`, the list of

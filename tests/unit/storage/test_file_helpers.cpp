@@ -10,6 +10,8 @@
 #include <filesystem>
 #include <string>
 
+#include "storage/storage_test_bucket.h"
+
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 
@@ -17,17 +19,6 @@ namespace {
 
 class FileHelpers : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/orbs3_files_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-    }
-    void TearDown() override
-    {
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
     std::string path(const char* name) const { return dir_ + "/" + name; }
     void put(const std::string& p, const std::string& bytes, mode_t mode = 0644)
     {
@@ -45,7 +36,8 @@ protected:
         std::free(data);
         return s;
     }
-    std::string dir_;
+    storage_test::temp_dir tmp_;
+    const std::string dir_ = tmp_.path;
 };
 
 TEST_F(FileHelpers, WholeFileRoundTripTruncatesAndReportsMissingFiles)

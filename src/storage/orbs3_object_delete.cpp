@@ -1,0 +1,160 @@
+#include "storage/orbs3_object_delete.h"
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string_view>
+
+#include "access/orbs3_access_check.h"
+#include "control/orbs3_service.h"
+#include "http/orbs3_http_request_body.h"
+#include "http/orbs3_http_response.h"
+#include "memory/neo_list.h"
+#include "memory/neo_md5.h"
+#include "memory/neo_string.h"
+#include "s3/orbs3_s3_documents.h"
+#include "s3/orbs3_s3_errors.h"
+#include "s3/orbs3_s3_sign_parts.h"
+#include "storage/orbs3_bucket_ops.h"
+#include "storage/orbs3_bucket_store.h"
+#include "storage/orbs3_file_helpers.h"
+#include "storage/orbs3_layout.h"
+#include "storage/orbs3_object.h"
+#include "storage/orbs3_object_body.h"
+#include "storage/orbs3_object_remove.h"
+
+namespace {
+
+using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
+
+void set_resource(orbs3_http_request_t* r, std::string_view key)
+{
+    const orbs3_str_t& b = r->req_msg.bucket;
+    std::snprintf(r->resp.resource, sizeof r->resp.resource, "%.*s%s%.*s", static_cast<int>(b.len),
+                  b.data != nullptr ? b.data : "", key.empty() ? "" : "/", static_cast<int>(key.size()),
+                  key.empty() ? "" : key.data());
+}
+
+int replied(int rc)
+{
+    return rc == 0 ? 0 : -1;
+}
+
+// The batch's keys are what it destroys: a document damaged on its way is refused, not obeyed.
+int check_content_md5(orbs3_http_request_t* r, const char* doc)
+{
+    std::string_view sent;
+    if (!orbs3_sign_find_header(r, "content-md5", &sent))
+        return 0;
+    uint8_t want[NEO_MD5_LEN], got[NEO_MD5_LEN];
+    if (!orbs3_parse_content_md5(sent, want))
+        return ORBS3_S3_INVALID_DIGEST;
+    neo_md5_t md5;
+    if (neo_md5_init(&md5) != 0 || neo_md5_update(&md5, doc, std::strlen(doc)) != 0 || neo_md5_final(got, &md5) != 0)
+        return ORBS3_S3_INTERNAL_ERROR;
+    return std::memcmp(want, got, sizeof want) != 0 ? ORBS3_S3_BAD_DIGEST : 0;
+}
+
+}  // namespace
+
+int orbs3_delete_object_msg(orbs3_http_request_t* r)
+{
+    const std::string_view name = orbs3_str_view(r->req_msg.bucket);
+    const std::string_view key = orbs3_str_view(r->req_msg.object);
+    set_resource(r, key);
+    if (name.empty() || orbs3_check_bucketname(name) != 0)
+        return ORBS3_S3_INVALID_BUCKET_NAME;
+    if (key.empty())
+        return ORBS3_S3_INVALID_ARGUMENT;
+    if (int st = orbs3_object_key_status(key); st != 0)
+        return st;
+    // DeleteObject runs no per-bucket rule: the rules that deny deletion bind the batch and the immediate
+    // delete, whose bytes are gone for good; these stay in the recycle tree.
+    bucket_ptr bucket(orbs3_get_bucket(r->vhost, r->user, name), &orbs3_free_bucket);
+    if (!bucket)
+        return ORBS3_S3_NO_SUCH_BUCKET;
+    if (orbs3_bucket_init_path(r->vhost, r->user, bucket.get(), name) != 0)
+        return ORBS3_S3_INTERNAL_ERROR;
+    orbs3_object_counts_t counts;
+    if (int st = orbs3_object_remove(bucket.get(), key, orbs3_remove_mode_t::recycle, &counts); st != 0)
+        return st;
+    if (counts.objects != 0) {
+        orbs3_object_count_in_bucket(bucket.get(), -counts.objects, -counts.bytes);
+        r->vhost->object_count.fetch_sub(counts.objects);
+    }
+    return replied(orbs3_http_send_del_object_msg(r->connection, 204, r->resp.connection, r->resp.origin));
+}
+
+int orbs3_delete_object_vorne(orbs3_http_request_t* r)
+{
+    orbs3_bucket_t* raw = nullptr;
+    std::string_view key;
+    int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_DELETE, &raw, &key);
+    if (rc != 0)
+        return rc;
+    bucket_ptr bucket(raw, &orbs3_free_bucket);
+    orbs3_object_path_t path;
+    if (orbs3_make_object_path(raw, key, "", &path) != 0)
+        return ORBS3_S3_KEY_TOO_LONG;
+    if (orbs3_access_file(path.meta_path) != 0 && orbs3_access_file(path.data_path) != 0)
+        return ORBS3_S3_NO_SUCH_KEY;
+    // A directory key destroys everything below it: this action is orbmux's own, and asked for by name.
+    // A batch delete names keys, and takes only those.
+    orbs3_object_counts_t counts;
+    rc = orbs3_object_remove(raw, key, orbs3_remove_mode_t::destroy_below, &counts);
+    if (counts.objects != 0)
+        orbs3_object_count_in_bucket(raw, -counts.objects, -counts.bytes);
+    if (rc != 0)
+        return rc;
+    return replied(orbs3_http_send_del_object_msg(r->connection, 204, r->resp.connection, r->resp.origin));
+}
+
+int orbs3_delete_objects(orbs3_http_request_t* r)
+{
+    static constexpr int del = ORBS3_ACCESS_DELETE;
+    orbs3_bucket_t* raw = nullptr;
+    int rc = orbs3_request_bucket(r, nullptr, &del, orbs3_access_chain_t::full, &raw);
+    if (rc != 0)
+        return rc;
+    bucket_ptr bucket(raw, &orbs3_free_bucket);
+    set_resource(r, {});
+
+    const char* doc = orbs3_http_body_document(r);
+    if (doc == nullptr)
+        return ORBS3_S3_INTERNAL_ERROR;
+    if (doc[0] == '\0')
+        return ORBS3_S3_MISSING_REQUEST_BODY;
+    if ((rc = check_content_md5(r, doc)) != 0)
+        return rc;
+    neo_list_head_t keys, deleted, failed;
+    INIT_LIST_HEAD(&keys);
+    INIT_LIST_HEAD(&deleted);
+    INIT_LIST_HEAD(&failed);
+    if (parse_del_objects_xmlstring(doc, &keys, r->pool) != 0 || list_empty(&keys))
+        return ORBS3_S3_MALFORMED_XML;
+    const bool quiet = parse_del_objects_quiet(doc);
+
+    // A key that is not there counts as deleted, as S3 has it: the batch says what is no longer in the
+    // bucket. Only keys that can't be keys, or that could not be removed, are errors. A directory key
+    // names its directory object alone: the keys below it stay, as they do for DeleteObject.
+    orbs3_object_counts_t counts;
+    neo_list_head_t *pos, *next;
+    list_for_each_safe(pos, next, &keys) {
+        auto* k = list_entry(pos, orbs3_del_key_t, link);
+        const std::string_view key = orbs3_str_view(k->key);
+        list_del(&k->link);
+        const bool ok = !key.empty() && orbs3_object_key_status(key) == 0 &&
+                        orbs3_object_remove(raw, key, orbs3_remove_mode_t::destroy, &counts) == 0;
+        list_add_tail(&k->link, ok ? &deleted : &failed);
+    }
+    if (counts.objects != 0)
+        orbs3_object_count_in_bucket(raw, -counts.objects, -counts.bytes);
+
+    neo_list_head_t none;
+    INIT_LIST_HEAD(&none);
+    neo_cstr_ptr body(make_del_objects_xmlstring(quiet ? &none : &deleted, &failed));
+    if (!body)
+        return ORBS3_S3_INTERNAL_ERROR;
+    return replied(
+        orbs3_http_send_del_objects_msg(r->connection, 200, body.get(), r->resp.connection, r->resp.origin));
+}
