@@ -73,26 +73,18 @@ TEST_F(ObjectRead, PartsOfAnAssembledObjectAndOfOneSentWhole)
     record("m", "m", 12, "0123456789abcdef0123456789abcdef-3");
     orbs3_object_source_t src;
     ASSERT_EQ(orbs3_object_open(bucket_, "m", &src), 0);
-    struct row {
-        const orbs3_object_t* rec;
-        int part;
-        int rc;
-        int64_t offset, length;
-        int count;
+    // {record, part, status, offset, length, count}: an object sent whole is its only part, with no count.
+    const std::tuple<const orbs3_object_t*, int, int, int64_t, int64_t, int> rows[] = {
+        {src.record.get(), 3, 0, 10, 2, 3}, {src.record.get(), 4, ORBS3_S3_INVALID_PART_NUMBER, 0, 12, 3},
+        {nullptr, 1, 0, 0, 12, 0},           {nullptr, 2, ORBS3_S3_INVALID_PART_NUMBER, 0, 12, 1},
     };
-    const row rows[] = {
-        {src.record.get(), 1, 0, 0, 5, 3},   {src.record.get(), 3, 0, 10, 2, 3},
-        {src.record.get(), 4, ORBS3_S3_INVALID_PART_NUMBER, 0, 0, 0},
-        {nullptr, 1, 0, 0, 12, 0},  // sent whole: its only part, and no count to tell
-        {nullptr, 2, ORBS3_S3_INVALID_PART_NUMBER, 0, 0, 0},
-    };
-    for (const row& w : rows) {
-        int64_t offset = -1, length = -1;
-        int count = -1;
+    for (const auto& [rec, part, rc, offset, length, count] : rows) {
+        int64_t o = -1, l = -1;
+        int c = -1;
         std::string_view checksum;
-        EXPECT_EQ(orbs3_object_part(w.rec, 12, w.part, &offset, &length, &count, &checksum), w.rc) << w.part;
-        if (w.rc == 0) {
-            EXPECT_EQ((std::tuple{offset, length, count}), (std::tuple{w.offset, w.length, w.count})) << w.part;
+        EXPECT_EQ(orbs3_object_part(rec, 12, part, &o, &l, &c, &checksum), rc) << part;
+        if (rc == 0) {
+            EXPECT_EQ((std::tuple{o, l, c}), (std::tuple{offset, length, count})) << part;
         }
     }
 }
