@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <utility>
 
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/neo_event_timer.h"
 #include "event/orbs3_connection.h"
 #include "event/orbs3_epoll.h"
+#include "event/orbs3_fd.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_string.h"
@@ -275,15 +277,8 @@ int orbs3_http_recv_request_body(orbs3_event_t* ev)
 
 int orbs3_http_write_body_into_file(orbs3_http_request_t* r, orbs3_upload_file_t* file)
 {
-    struct fd_closer {
-        orbs3_upload_file_t* f;
-        ~fd_closer()
-        {
-            if (f->fd >= 0)
-                close(f->fd);
-            f->fd = -1;
-        }
-    } closer{file};
+    // The descriptor is this function's to close, on every return: the caller finds file->fd -1.
+    orbs3_fd fd(std::exchange(file->fd, -1));
 
     if (r->request_body == nullptr && init_request_body_memory(r) != 0)
         return -1;
@@ -297,7 +292,7 @@ int orbs3_http_write_body_into_file(orbs3_http_request_t* r, orbs3_upload_file_t
             return static_cast<int>(n);
         b->last += n;
         while (b->pos < b->last) {
-            ssize_t w = write(file->fd, b->pos, static_cast<std::size_t>(b->last - b->pos));
+            ssize_t w = write(fd.get(), b->pos, static_cast<std::size_t>(b->last - b->pos));
             if (w < 0 && errno == EINTR)
                 continue;
             if (w < 1) {

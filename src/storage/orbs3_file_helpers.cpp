@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/time.h>
 #include <unistd.h>
 #include <uuid/uuid.h>
 
@@ -12,32 +11,10 @@
 #include <cstdlib>
 #include <memory>
 
+#include "event/orbs3_fd.h"
 #include "memory/neo_string.h"
 
 namespace {
-
-struct fd_owner {
-    int fd = -1;
-    explicit fd_owner(int f) : fd(f) {}
-    fd_owner(const fd_owner&) = delete;
-    fd_owner& operator=(const fd_owner&) = delete;
-    ~fd_owner()
-    {
-        if (fd >= 0)
-            close(fd);
-    }
-    // Closes now and tells whether the close succeeded (a late write error shows up here).
-    int release_close()
-    {
-        int rc = close(fd);
-        fd = -1;
-        return rc;
-    }
-};
-
-struct file_closer {
-    void operator()(FILE* f) const noexcept { std::fclose(f); }
-};
 
 struct content_type_row {
     std::string_view suffix;
@@ -54,24 +31,6 @@ constexpr content_type_row content_types[] = {
 
 }  // namespace
 
-int orbs3_write_data_into_file(const char* path, const void* data, std::size_t length)
-{
-    if (path == nullptr || (data == nullptr && length != 0))
-        return -1;
-    std::unique_ptr<FILE, file_closer> f(std::fopen(path, "we"));
-    if (!f)
-        return -1;
-    const auto* p = static_cast<const char*>(data);
-    std::size_t done = 0;
-    while (done < length) {
-        std::size_t n = std::fwrite(p + done, 1, length - done, f.get());
-        if (n == 0)
-            return -1;
-        done += n;
-    }
-    return std::fclose(f.release()) == 0 ? 0 : -1;
-}
-
 int orbs3_read_data_from_file(const char* path, char** data, std::size_t* length)
 {
     if (data == nullptr)
@@ -81,11 +40,11 @@ int orbs3_read_data_from_file(const char* path, char** data, std::size_t* length
         *length = 0;
     if (path == nullptr)
         return -1;
-    fd_owner f(open(path, O_RDONLY | O_CLOEXEC));
-    if (f.fd < 0)
+    orbs3_fd f(open(path, O_RDONLY | O_CLOEXEC));
+    if (!f.valid())
         return -1;
     struct stat st;
-    if (fstat(f.fd, &st) != 0 || st.st_size < 0)
+    if (fstat(f.get(), &st) != 0 || st.st_size < 0)
         return -1;
     auto size = static_cast<std::size_t>(st.st_size);
     neo_cstr_ptr buf(static_cast<char*>(std::calloc(1, size + 1)));
@@ -93,7 +52,7 @@ int orbs3_read_data_from_file(const char* path, char** data, std::size_t* length
         return -1;
     std::size_t got = 0;
     while (got < size) {
-        ssize_t n = read(f.fd, buf.get() + got, size - got);
+        ssize_t n = read(f.get(), buf.get() + got, size - got);
         if (n < 0 && errno == EINTR)
             continue;
         if (n < 0)
@@ -115,113 +74,12 @@ int orbs3_access_file(const char* path)
     return access(path, F_OK) == 0 ? 0 : -1;
 }
 
-int64_t file_attributes(const char* path)
-{
-    struct stat st;
-    if (path == nullptr || stat(path, &st) != 0)
-        return -1;
-    if (S_ISDIR(st.st_mode))
-        return -2;
-    if (!S_ISREG(st.st_mode))
-        return -1;
-    // Only what others may read is served: a file a tenant keeps to itself stays unreadable over S3.
-    if ((st.st_mode & S_IROTH) == 0)
-        return -3;
-    return static_cast<int64_t>(st.st_size);
-}
-
-uint64_t orbs3_get_file_size(const char* path)
-{
-    struct stat st;
-    if (path == nullptr || stat(path, &st) != 0)
-        return 0;
-    return static_cast<uint64_t>(st.st_size);
-}
-
 const char* get_content_type(std::string_view name)
 {
     for (const content_type_row& row : content_types)
         if (name.ends_with(row.suffix))
             return row.type;
     return nullptr;
-}
-
-int set_file_time(const char* path, time_t /*unused*/, time_t mtime)
-{
-    if (path == nullptr)
-        return -1;
-    struct timeval tv[2] = {};
-    tv[0].tv_sec = time(nullptr);
-    tv[1].tv_sec = mtime;
-    return utimes(path, tv) == 0 ? 0 : -1;
-}
-
-int orbs3_open_tempfile(const char* path, int flags, mode_t mode)
-{
-    if (path == nullptr)
-        return -1;
-    int fd = open(path, flags | O_CLOEXEC, mode == 0 ? 0600 : mode);
-    if (fd < 0)
-        return -1;
-    if (flags == 0)
-        (void)unlink(path);  // the descriptor keeps the bytes; a failed unlink leaves only a stray file
-    return fd;
-}
-
-int orbs3_open_tempfile_end(const char* path, int flags, mode_t mode)
-{
-    if (path == nullptr)
-        return -1;
-    fd_owner f(open(path, flags | O_CLOEXEC, mode == 0 ? 0600 : mode));
-    if (f.fd < 0 || lseek(f.fd, 0, SEEK_END) < 0)
-        return -1;
-    int fd = f.fd;
-    f.fd = -1;
-    return fd;
-}
-
-int orbs3_copy_file(const char* src, const char* dst, uint64_t* copied)
-{
-    if (copied != nullptr)
-        *copied = 0;
-    if (src == nullptr || dst == nullptr)
-        return -1;
-    fd_owner in(open(src, O_RDONLY | O_CLOEXEC));
-    if (in.fd < 0)
-        return -1;
-    struct stat st;
-    if (fstat(in.fd, &st) != 0)
-        return -1;
-    // Truncated: a shorter copy over a longer old file must not keep the old tail.
-    fd_owner out(open(dst, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, st.st_mode & 0777));
-    if (out.fd < 0)
-        return -1;
-
-    const auto size = static_cast<uint64_t>(st.st_size);
-    uint64_t done = 0;
-    char block[1024];
-    while (done < size) {
-        ssize_t n = read(in.fd, block, static_cast<std::size_t>(std::min<uint64_t>(sizeof(block), size - done)));
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return -1;  // the source shrank or failed: the copy is not whole
-        std::size_t put = 0;
-        while (put < static_cast<std::size_t>(n)) {
-            ssize_t w = write(out.fd, block + put, static_cast<std::size_t>(n) - put);
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w <= 0)
-                return -1;
-            put += static_cast<std::size_t>(w);
-            if (copied != nullptr)
-                *copied += static_cast<uint64_t>(w);
-        }
-        done += static_cast<uint64_t>(n);
-    }
-    if (out.release_close() != 0)
-        return -1;
-    return set_file_time(dst, 0, st.st_mtime);
 }
 
 void orbs3_get_uuid_ex(char (&buf)[ORBS3_UUID_HEX_LEN + 1])

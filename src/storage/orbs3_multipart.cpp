@@ -281,7 +281,7 @@ int assemble_and_commit(orbs3_http_request_t* r, const upload_ctx& ctx, const or
     tmp.keep();
     char stamp[64];
     get_gmt_meta_time(stamp, sizeof stamp);
-    if (orbs3_object_write_record(r, ctx.key, path.meta_path, path.data_path, plan.etag, plan.total, stamp, &meta) !=
+    if (orbs3_object_write_record(r->user, ctx.key, path.meta_path, path.data_path, plan.etag, plan.total, stamp, &meta) !=
         0)
         ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);
     return 0;
@@ -466,7 +466,7 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     if (orbs3_make_object_path(ctx.bucket.get(), ctx.key, "", &path) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
     // A Complete whose condition already fails costs no claim and no copy; the commit checks again.
-    const orbs3_conditional_t cond = orbs3_write_conditions(r);
+    const orbs3_conditional_t cond = orbs3_object_conditions(r);
     if (int rc = orbs3_object_check_conditions(&cond, path.data_path, path.meta_path); rc != 0)
         return rc;
     std::string claimed;
@@ -482,7 +482,7 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
         orbs3_multipart_release(ctx.h, claimed);
         return rc;
     }
-    orbs3_object_count_commit(r, ctx.bucket.get(), before, plan.total);
+    orbs3_object_count_commit(r->vhost, ctx.bucket.get(), before, plan.total);
     orbs3_multipart_drop(ctx.h, claimed);
     return send_complete_result(r, ctx.bucket.get(), ctx.key, plan.etag, plan.checksum_algorithm, plan.checksum);
 }

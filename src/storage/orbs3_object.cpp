@@ -39,167 +39,26 @@ void set_resource(orbs3_http_request_t* r, std::string_view bucket, std::string_
     r->resp.resource[len] = '\0';
 }
 
-// A threshold text in kilobytes as bytes; -1 for none (unset, 0, not a number, or beyond int64).
-int64_t threshold_bytes(const orbs3_str_t& text)
-{
-    if (text.len == 0 || text.data == nullptr)
-        return -1;
-    char* end = nullptr;
-    errno = 0;
-    unsigned long long kb = std::strtoull(text.data, &end, 10);
-    if (errno != 0 || end == text.data || kb == 0 || kb > (static_cast<unsigned long long>(INT64_MAX) >> 10))
-        return -1;
-    return static_cast<int64_t>(kb << 10);
-}
-
-// Whether `text` is well-formed UTF-8: no stray continuation byte, no overlong form, no surrogate, nothing
-// above U+10FFFF. S3 keys are Unicode; a key that is not can't be echoed in a listing document.
-bool utf8_valid(std::string_view text)
-{
-    std::size_t i = 0;
-    while (i < text.size()) {
-        const auto c = static_cast<unsigned char>(text[i]);
-        if (c < 0x80) {
-            i++;
-            continue;
-        }
-        // The lead byte tells how many continuation bytes follow; each length has a smallest code point,
-        // below which the sequence is an overlong form of a shorter one.
-        const std::size_t n = (c & 0xe0) == 0xc0 ? 1 : (c & 0xf0) == 0xe0 ? 2 : (c & 0xf8) == 0xf0 ? 3 : 0;
-        if (n == 0)
-            return false;
-        constexpr uint32_t smallest[] = {0, 0x80, 0x800, 0x10000};
-        const uint32_t min = smallest[n];
-        uint32_t cp = c & (0x7fu >> (n + 1));
-        if (text.size() - i <= n)
-            return false;
-        for (std::size_t k = 1; k <= n; k++) {
-            const auto cc = static_cast<unsigned char>(text[i + k]);
-            if ((cc & 0xc0) != 0x80)
-                return false;
-            cp = (cp << 6) | (cc & 0x3f);
-        }
-        if (cp < min || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff))
-            return false;
-        i += n + 1;
-    }
-    return true;
-}
-
-// The control bytes an XML 1.0 document can't hold in any form, not even as a character reference: a key
-// holding one could be stored but never listed.
-bool xml_forbidden(char byte)
-{
-    const auto c = static_cast<unsigned char>(byte);
-    return c < 0x20 && c != '\t' && c != '\n' && c != '\r';
-}
-
-// A key the trees can hold as it is, as the client sent it: within the configured lengths, every
-// component a real name (the file system would fold "a//b" into "a/b" and "/a" into "a", and "." and ".."
-// walk out of place), no component taking a name of the server's own (records in the making, directory
-// records), and listable. Each refusal says which of these the key broke.
-int key_status(std::string_view key, const char** message)
-{
-    auto refuse = [message](uint32_t code, const char* text) {
-        if (message != nullptr)
-            *message = text;
-        return static_cast<int>(code);
-    };
-    if (key.empty())
-        return refuse(ORBS3_S3_INVALID_ARGUMENT, "The object key is empty.");
-    if (!utf8_valid(key))
-        return refuse(ORBS3_S3_INVALID_URI, nullptr);  // S3's own text for a key that is not UTF-8
-    if (std::any_of(key.begin(), key.end(), xml_forbidden))
-        return refuse(ORBS3_S3_INVALID_ARGUMENT,
-                      "Object keys holding control characters other than tab, line feed and carriage return "
-                      "are not accepted: a listing could not carry them.");
-    if (key.front() == '/')
-        return refuse(ORBS3_S3_INVALID_ARGUMENT,
-                      "Object keys starting with \"/\" are not accepted: objects are files, and \"/a\" would be "
-                      "the file of \"a\".");
-    std::size_t start = 0;
-    while (start < key.size()) {
-        std::size_t end = std::min(key.find('/', start), key.size());
-        const std::string_view part = key.substr(start, end - start);
-        if (part.empty())
-            return refuse(ORBS3_S3_INVALID_ARGUMENT,
-                          "Object keys with an empty path segment (\"//\") are not accepted: objects are files, and "
-                          "\"a//b\" would be the file of \"a/b\".");
-        if (part == "." || part == "..")
-            return refuse(ORBS3_S3_INVALID_ARGUMENT,
-                          "Object keys with a \".\" or \"..\" path segment are not accepted.");
-        if (part.starts_with(ORBS3_RESERVED_PREFIX))
-            return refuse(ORBS3_S3_INVALID_ARGUMENT,
-                          "Object key path segments starting with \".orbs3-\" are reserved for the server.");
-        start = end + 1;
-    }
-    // The structure is sound: what is left to refuse is length and depth.
-    if (orbs3_check_objectname(key) != 0)
-        return refuse(ORBS3_S3_KEY_TOO_LONG, nullptr);
-    return 0;
-}
-
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
-bool pool_set(orbs3_pool_t* pool, orbs3_str_t* s, std::string_view text)
-{
-    return text.empty() || orbs3_pstr_set(pool, s, text.data(), text.size()) == 0;
-}
-
 }  // namespace
 
-int orbs3_object_key_status(std::string_view key, const char** message)
+int orbs3_object_access_bucket(orbs3_http_request_t* r, std::string_view name, int object_code, orbs3_bucket_t** out)
 {
-    return key_status(key, message);
-}
-
-int orbs3_object_dir_marker_path(const char* meta_path, char out[ORBS3_PATH_AREA])
-{
-    const std::size_t len = std::strlen(meta_path);
-    const bool slash = len != 0 && meta_path[len - 1] == '/';
-    int n = std::snprintf(out, ORBS3_PATH_AREA, "%s%s%.*s", meta_path, slash ? "" : "/",
-                          static_cast<int>(ORBS3_DIR_MARKER.size()), ORBS3_DIR_MARKER.data());
-    return n < 0 || static_cast<std::size_t>(n) >= ORBS3_PATH_AREA ? -1 : 0;
-}
-
-int64_t orbs3_object_size_limit(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket)
-{
-    int64_t limit = -1;
-    if (vhost != nullptr && vhost->service_rec != nullptr)
-        limit = threshold_bytes(vhost->service_rec->quota.file_threshold);
-    if (bucket != nullptr) {
-        // The bucket's threshold is stored as a number of kilobytes too.
-        uint64_t kb = bucket->quota.file_threshold;
-        if (kb != 0 && kb <= (static_cast<uint64_t>(INT64_MAX) >> 10)) {
-            int64_t b = static_cast<int64_t>(kb << 10);
-            limit = limit < 0 ? b : std::min(limit, b);
-        }
+    *out = nullptr;
+    orbs3_bucket_t* b = orbs3_get_bucket(r->vhost, r->user, name);
+    if (b == nullptr)
+        return ORBS3_S3_NO_SUCH_BUCKET;
+    if (orbs3_access_check_chain(r->vhost, r->user, b, r->connection->peer, nullptr, &object_code,
+                                 orbs3_access_chain_t::full) != 0) {
+        orbs3_free_bucket(b);
+        std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
+        return ORBS3_S3_ACCESS_DENIED;
     }
-    return limit;
-}
-
-int orbs3_check_object_size(const orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket, int64_t length)
-{
-    int64_t limit = orbs3_object_size_limit(vhost, bucket);
-    return limit >= 0 && length > limit ? 1 : 0;
-}
-
-void Compute_file_md5(std::string_view name, int64_t size, std::string_view last_modified, char out[33])
-{
-    char text[ORBS3_PATH_AREA + 96];
-    int n = std::snprintf(text, sizeof text, "%.*s:%" PRId64 ":%.*s", static_cast<int>(name.size()), name.data(),
-                          size, static_cast<int>(last_modified.size()), last_modified.data());
-    std::size_t len = n < 0 ? 0 : std::min(static_cast<std::size_t>(n), sizeof text - 1);
-    neo_md5_t md5;
-    uint8_t digest[NEO_MD5_LEN] = {};
-    if (neo_md5_init(&md5) == 0) {
-        (void)neo_md5_update(&md5, text, len);
-        (void)neo_md5_final(digest, &md5);
+    if (orbs3_bucket_init_path(r->vhost, r->user, b, name) != 0) {
+        orbs3_free_bucket(b);
+        return ORBS3_S3_INTERNAL_ERROR;
     }
-    *neo_hex(out, digest, NEO_MD5_LEN) = '\0';
+    *out = b;
+    return 0;
 }
 
 int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_bucket_t** out, std::string_view* key)
@@ -214,25 +73,15 @@ int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_
         return ORBS3_S3_INVALID_ARGUMENT;
     if (orbs3_check_bucketname(bucket) != 0)
         return ORBS3_S3_INVALID_BUCKET_NAME;
-    if (int st = key_status(*key, &r->resp.message); st != 0) {
+    if (int st = orbs3_object_key_status(*key, &r->resp.message); st != 0) {
         // An error document can't carry what a listing can't: such a key is left out of it.
-        if (!utf8_valid(*key) || std::any_of(key->begin(), key->end(), xml_forbidden))
+        if (!orbs3_object_key_printable(*key))
             set_resource(r, bucket, {});
         return st;
     }
-    orbs3_bucket_t* b = orbs3_get_bucket(r->vhost, r->user, bucket);
-    if (b == nullptr)
-        return ORBS3_S3_NO_SUCH_BUCKET;
-    if (orbs3_access_check_chain(r->vhost, r->user, b, r->connection->peer, nullptr, &object_code,
-                                 orbs3_access_chain_t::full) != 0) {
-        orbs3_free_bucket(b);
-        std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
-        return ORBS3_S3_ACCESS_DENIED;
-    }
-    if (orbs3_bucket_init_path(r->vhost, r->user, b, bucket) != 0) {
-        orbs3_free_bucket(b);
-        return ORBS3_S3_INTERNAL_ERROR;
-    }
+    orbs3_bucket_t* b = nullptr;
+    if (int st = orbs3_object_access_bucket(r, bucket, object_code, &b); st != 0)
+        return st;
     // A write makes the key's paths and names beside them: a key whose paths would not fit is refused
     // before anything is made, whichever write it is.
     if (object_code == ORBS3_ACCESS_WRITE && !orbs3_object_key_fits(b, *key)) {
@@ -241,6 +90,27 @@ int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_
     }
     *out = b;
     return 0;
+}
+
+orbs3_conditional_t orbs3_object_conditions(orbs3_http_request_t* r, std::string_view prefix)
+{
+    orbs3_conditional_t c{};
+    const struct {
+        std::string_view name;
+        std::string_view* value;
+    } rows[] = {{"if-match", &c.if_match},
+                {"if-none-match", &c.if_none_match},
+                {"if-modified-since", &c.if_modified_since},
+                {"if-unmodified-since", &c.if_unmodified_since}};
+    char name[48];
+    for (const auto& row : rows) {
+        std::snprintf(name, sizeof name, "%.*s%.*s", static_cast<int>(prefix.size()), prefix.data(),
+                      static_cast<int>(row.name.size()), row.name.data());
+        std::string_view v;
+        if (orbs3_sign_find_header(r, name, &v))
+            *row.value = v;
+    }
+    return c;
 }
 
 int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta)
@@ -296,90 +166,3 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     return 0;
 }
 
-int orbs3_object_write_record(const orbs3_http_request_t* r, std::string_view key, const char* meta_path,
-                              const char* data_path, const char* etag, int64_t size, const char* stamp,
-                              const orbs3_object_meta_t* meta)
-{
-    object_ptr o(orbs3_create_object_block());
-    if (!o)
-        return -1;
-    INIT_LIST_HEAD(&o->tags);
-    INIT_LIST_HEAD(&o->meta);
-    orbs3_pool_t* pool = o->pool;
-    o->size = static_cast<uint64_t>(size);
-    o->acl = ORBS3_ACL_FULL_CONTROL;
-    std::snprintf(o->path, sizeof o->path, "%s", data_path);
-    std::snprintf(o->fpath, sizeof o->fpath, "%s", meta_path);
-    bool ok = pool_set(pool, &o->name, key) && pool_set(pool, &o->etag, etag) &&
-              pool_set(pool, &o->last_modified, stamp) && pool_set(pool, &o->owner_id, orbs3_str_view(r->user->UserId)) &&
-              pool_set(pool, &o->owner_display_name, orbs3_str_view(r->user->DisPlayName)) &&
-              pool_set(pool, &o->content_type, meta->content_type) &&
-              pool_set(pool, &o->cache_control, meta->cache_control) &&
-              pool_set(pool, &o->content_disposition, meta->content_disposition) &&
-              pool_set(pool, &o->content_encoding, meta->content_encoding) &&
-              pool_set(pool, &o->expires, meta->expires) &&
-              pool_set(pool, &o->checksum_algorithm, meta->checksum_algorithm) &&
-              pool_set(pool, &o->checksum, meta->checksum) &&
-              pool_set(pool, &o->upload_id, meta->upload_id) &&
-              pool_set(pool, &o->parts, meta->parts) &&
-              pool_set(pool, &o->part_checksums, meta->part_checksums);
-    for (std::size_t i = 0; ok && i < meta->n; i++) {
-        auto* tag = static_cast<orbs3_tag_t*>(orbs3_pcalloc(pool, sizeof(orbs3_tag_t)));
-        auto* node = static_cast<orbs3_list_node_t*>(orbs3_pcalloc(pool, sizeof(orbs3_list_node_t)));
-        ok = tag != nullptr && node != nullptr && pool_set(pool, &tag->key, meta->keys[i]) &&
-             pool_set(pool, &tag->value, meta->values[i]);
-        if (ok) {
-            node->data = tag;
-            list_add_tail(&node->list, &o->meta);
-        }
-    }
-    if (!ok)
-        return -1;
-    // A delete that empties the key's directory removes it, and may do so between the mkdir and the
-    // record's temporary file: the directory is made again.
-    int rc = -1;
-    for (int tries = 0; tries < 4; tries++) {
-        if (orbs3_make_dir_by_name(key, meta_path) != 0)
-            return -1;
-        rc = orbs3_save_object(o.get(), meta_path);
-        if (rc == 0 || errno != ENOENT)
-            break;
-    }
-    return rc;
-}
-
-void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes)
-{
-    const char* meta_file = neo_getstr(&bucket->meta_file);
-    orbs3_bucket_t* fresh = orbs3_create_bucket_from_file(meta_file);
-    if (fresh == nullptr) {
-        ipd_log(LOG_ERR, "bucket record %s unreadable, statistics not changed", meta_file);
-        return;
-    }
-    auto add = [](uint64_t v, int64_t d) { return d < 0 && v < static_cast<uint64_t>(-d) ? 0 : v + d; };
-    fresh->stat.object_count = add(fresh->stat.object_count, objects);
-    fresh->stat.storage_in_bytes = add(fresh->stat.storage_in_bytes, bytes);
-    if (orbs3_save_bucket(fresh, meta_file) != 0)
-        ipd_log(LOG_ERR, "bucket record %s not written: %s", meta_file, std::strerror(errno));
-    orbs3_free_bucket(fresh);
-}
-
-orbs3_object_before_t orbs3_object_before_commit(const char* data_path)
-{
-    struct stat st;
-    if (lstat(data_path, &st) != 0 || !S_ISREG(st.st_mode))
-        return {};
-    return {true, static_cast<int64_t>(st.st_size)};
-}
-
-void orbs3_object_count_commit(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, orbs3_object_before_t before,
-                               int64_t size)
-{
-    if (before.existed) {
-        if (size != before.size)
-            orbs3_object_count_in_bucket(bucket, 0, size - before.size);
-        return;
-    }
-    orbs3_object_count_in_bucket(bucket, 1, size);
-    r->vhost->object_count.fetch_add(1);
-}

@@ -213,6 +213,32 @@ int check_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
     return ORBS3_S3_CHECKSUM_MISMATCH;
 }
 
+// The whole body is in the temporary file: every digest the request named must match it. 0 or a status.
+int verify_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
+{
+    orbs3_upload_file_t* file = &st->file;
+    if (st->digest != nullptr)
+        st->digest->drain();
+    if (neo_md5_final(st->md5, &file->md5) != 0)
+        return ORBS3_S3_INTERNAL_ERROR;
+    *neo_hex(file->etag, st->md5, sizeof st->md5) = '\0';
+    if (st->want_md5 && std::memcmp(st->md5, st->md5_expected, sizeof st->md5) != 0)
+        return ORBS3_S3_BAD_DIGEST;
+    if (st->chunked && st->aws.result != ORBS3_AWS_CHUNKED_DONE)
+        return ORBS3_S3_INCOMPLETE_BODY;
+    if (int status = check_checksum(r, st); status != 0)
+        return status;
+    if (st->sha256) {
+        uint8_t sha[32];
+        unsigned len = 0;
+        if (EVP_DigestFinal_ex(st->sha256.get(), sha, &len) != 1 || len != sizeof sha)
+            return ORBS3_S3_INTERNAL_ERROR;
+        if (std::memcmp(sha, st->sha256_expected, sizeof sha) != 0)
+            return ORBS3_S3_SHA256_MISMATCH;
+    }
+    return 0;
+}
+
 // One pass of the body: from the socket into the temporary file until the socket runs dry or the body
 // ends. The status to answer, 0 once answered, -2 while waiting, ORBS3_HTTP_CLOSED when nobody is left.
 int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
@@ -269,25 +295,8 @@ int pass_body(orbs3_http_request_t* r, orbs3_object_body_t* st)
         break;
     }
 
-    if (st->digest != nullptr)
-        st->digest->drain();
-    if (neo_md5_final(st->md5, &file->md5) != 0)
-        return ORBS3_S3_INTERNAL_ERROR;
-    *neo_hex(file->etag, st->md5, sizeof st->md5) = '\0';
-    if (st->want_md5 && std::memcmp(st->md5, st->md5_expected, sizeof st->md5) != 0)
-        return ORBS3_S3_BAD_DIGEST;
-    if (st->chunked && st->aws.result != ORBS3_AWS_CHUNKED_DONE)
-        return ORBS3_S3_INCOMPLETE_BODY;
-    if (int status = check_checksum(r, st); status != 0)
+    if (int status = verify_body(r, st); status != 0)
         return status;
-    if (st->sha256) {
-        uint8_t sha[32];
-        unsigned len = 0;
-        if (EVP_DigestFinal_ex(st->sha256.get(), sha, &len) != 1 || len != sizeof sha)
-            return ORBS3_S3_INTERNAL_ERROR;
-        if (std::memcmp(sha, st->sha256_expected, sizeof sha) != 0)
-            return ORBS3_S3_SHA256_MISMATCH;
-    }
     return st->done(r, st);
 }
 

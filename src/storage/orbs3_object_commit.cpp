@@ -15,26 +15,19 @@
 #include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_record.h"
 
-orbs3_commit_lock_t::~orbs3_commit_lock_t()
-{
-    if (fd >= 0)
-        close(fd);  // closing the only descriptor of the lock releases it
-}
-
 int orbs3_commit_lock(const char* data_path, orbs3_commit_lock_t* lock)
 {
     std::string_view path(data_path);
     const std::size_t slash = path.rfind('/');
     const std::string dir(slash == std::string_view::npos ? std::string_view(".") : path.substr(0, slash + 1));
-    lock->fd = open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (lock->fd < 0)
+    lock->dir.reset(open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (!lock->dir.valid())
         return -1;
-    while (flock(lock->fd, LOCK_EX) != 0) {
+    while (flock(lock->dir.get(), LOCK_EX) != 0) {
         if (errno == EINTR)
             continue;
         const int err = errno;
-        close(lock->fd);
-        lock->fd = -1;
+        lock->dir.reset();
         // A file system that can't lock a directory (NFS emulates flock with write locks, which a
         // directory can't take) still gets its commits, as exact as their renames make them.
         if (err == EBADF || err == ENOLCK || err == EOPNOTSUPP || err == EINVAL) {
@@ -48,17 +41,6 @@ int orbs3_commit_lock(const char* data_path, orbs3_commit_lock_t* lock)
         return -1;
     }
     return 0;
-}
-
-orbs3_conditional_t orbs3_write_conditions(orbs3_http_request_t* r)
-{
-    orbs3_conditional_t c{};
-    std::string_view v;
-    if (orbs3_sign_find_header(r, "if-match", &v))
-        c.if_match = v;
-    if (orbs3_sign_find_header(r, "if-none-match", &v))
-        c.if_none_match = v;
-    return c;
 }
 
 int orbs3_object_check_conditions(const orbs3_conditional_t* c, const char* data_path, const char* meta_path)

@@ -16,25 +16,18 @@
 
 #include <string_view>
 
+#include "event/orbs3_fd.h"
 #include "http/orbs3_http_conditional.h"
-#include "http/orbs3_http_request.h"
-#include "storage/orbs3_object.h"
+#include "storage/orbs3_object_store.h"
 
-// Owns the commit lock of a key's directory; released when it goes.
+// Owns the commit lock of a key's directory: closing the only descriptor of the lock releases it.
 struct orbs3_commit_lock_t {
-    int fd = -1;
-    orbs3_commit_lock_t() = default;
-    ~orbs3_commit_lock_t();
-    orbs3_commit_lock_t(const orbs3_commit_lock_t&) = delete;
-    orbs3_commit_lock_t& operator=(const orbs3_commit_lock_t&) = delete;
+    orbs3_fd dir;
 };
 
 // Takes the lock of the directory that holds `data_path`, waiting for another commit there to end.
-// 0 (also when the file system can't lock directories, lock->fd then -1), or -1 with errno.
+// 0 (also when the file system can't lock directories, lock->dir then not open), or -1 with errno.
 [[nodiscard]] int orbs3_commit_lock(const char* data_path, orbs3_commit_lock_t* lock);
-
-// The request's If-Match and If-None-Match, as views into its headers.
-[[nodiscard]] orbs3_conditional_t orbs3_write_conditions(orbs3_http_request_t* r);
 
 // The conditions against the key as it is now: it exists when its data file does, and its ETag is its
 // record's. 0, or PreconditionFailed, NoSuchKey, NotImplemented (a tag in If-None-Match).

@@ -31,44 +31,13 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object.h"
+#include "storage/orbs3_object_read.h"
 #include "storage/orbs3_record.h"
 
 namespace {
 
 // Objects up to this size go out with their head in one write; larger ones by sendfile.
 constexpr int64_t kInlineBody = 64 * 1024;
-
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
-// Last-Modified in the form HTTP gives it, "Sun, 06 Nov 1994 08:49:37 GMT", whatever the locale.
-void http_date(time_t t, char* out, std::size_t room)
-{
-    static constexpr const char* days[] = {"Sun", "Mon", "Tue", "Wed", "Thu", "Fri", "Sat"};
-    static constexpr const char* months[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                             "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    struct tm tm {};
-    gmtime_r(&t, &tm);
-    std::snprintf(out, room, "%s, %02d %s %04d %02d:%02d:%02d GMT", days[tm.tm_wday % 7], tm.tm_mday,
-                  months[tm.tm_mon % 12], tm.tm_year + 1900, tm.tm_hour, tm.tm_min, tm.tm_sec);
-}
-
-// A record stamp "2026-07-01T12:00:00.000Z" as a time; -1 when it is not one.
-time_t meta_time(std::string_view stamp)
-{
-    struct tm tm {};
-    char text[32];
-    if (stamp.size() < 19 || stamp.size() >= sizeof text)
-        return -1;
-    std::memcpy(text, stamp.data(), stamp.size());
-    text[stamp.size()] = '\0';
-    const char* end = strptime(text, "%Y-%m-%dT%H:%M:%S", &tm);
-    if (end == nullptr)
-        return -1;
-    return timegm(&tm);
-}
 
 int add(orbs3_http_request_t* r, const char* name, std::string_view value)
 {
@@ -220,10 +189,8 @@ int send_invalid_range(orbs3_http_request_t* r, int64_t size)
     return orbs3_http_send_response_data(r->connection, doc) == 0 ? 0 : -1;
 }
 
-// ?partNumber=N: part N of an object assembled from parts, as its record lists them; an object sent whole is
-// its only part. 0 with the range, the checksum and (for an assembled object) the part count set, or a
-// status.
-int select_part(orbs3_http_request_t* r, const orbs3_object_t* rec, int64_t size, bool has_range,
+// ?partNumber=N: the part's range, checksum and (for an assembled object) part count. 0 or a status.
+int select_part(orbs3_http_request_t* r, const orbs3_object_source_t& src, bool has_range,
                 orbs3_byte_range_t* range, object_view_t* o, char parts_count[16])
 {
     const int part = r->req_msg.part_number;
@@ -235,20 +202,98 @@ int select_part(orbs3_http_request_t* r, const orbs3_object_t* rec, int64_t size
         r->resp.message = "Cannot specify both Range header and partNumber query parameter";
         return ORBS3_S3_INVALID_REQUEST;
     }
-    int64_t offset = 0, length = size;
-    int count = 1;
-    const int found = rec != nullptr && rec->parts.len != 0
-                          ? orbs3_multipart_find_part(orbs3_str_view(rec->parts), size, part, &offset, &length, &count)
-                          : -1;
-    if (found == 1 || (found < 0 && part != 1))
-        return ORBS3_S3_INVALID_PART_NUMBER;
-    if (found == 0) {
+    int64_t offset = 0, length = 0;
+    int count = 0;
+    if (int st = orbs3_object_part(src.record.get(), src.size, part, &offset, &length, &count, &o->checksum); st != 0)
+        return st;
+    if (count != 0) {
         std::snprintf(parts_count, 16, "%d", count);
-        o->checksum = orbs3_multipart_nth_word(orbs3_str_view(rec->part_checksums), part);
         o->whole = false;
     }
     *range = {offset, offset + length - 1};
     return 0;
+}
+
+// The bytes the reply carries: the whole object, ?partNumber's part or one Range, with the status line and
+// the headers that say which. 0 with *offset and *length, -1 when a header could not be set, or a status;
+// *unsatisfiable when the range lies beyond the object (a 416 to send).
+int select_bytes(orbs3_http_request_t* r, const orbs3_object_source_t& src, object_view_t* o, int64_t* offset,
+                 int64_t* length, bool* unsatisfiable)
+{
+    const int64_t size = src.size;
+    orbs3_byte_range_t range{0, size - 1};
+    int ranged = ORBS3_RANGE_NONE;
+    std::string_view v;
+    const bool has_range = orbs3_sign_find_header(r, "range", &v);
+    if (o->record != nullptr)
+        o->checksum = orbs3_str_view(o->record->checksum);
+    char parts_count[16] = "";
+    if (r->req_msg.part_number != 0) {
+        if (int st = select_part(r, src, has_range, &range, o, parts_count); st != 0)
+            return st;
+        // A part of an empty object is all of it, with no range to tell.
+        ranged = size != 0 ? ORBS3_RANGE_ONE : ORBS3_RANGE_NONE;
+    } else if (has_range) {
+        ranged = orbs3_http_range_resolve(v, size, &range);
+    }
+    if (ranged == ORBS3_RANGE_UNSATISFIABLE) {
+        *unsatisfiable = true;
+        return 0;
+    }
+    if (r->req_msg.part_number == 0 && ranged == ORBS3_RANGE_ONE && (range.first != 0 || range.last != size - 1)) {
+        o->checksum = {};
+        o->whole = false;
+    }
+    if (parts_count[0] != '\0' && orbs3_http_set_response_headers(r, "x-amz-mp-parts-count", parts_count) != 0)
+        return -1;
+    if (ranged != ORBS3_RANGE_ONE) {
+        r->headers_out.status_line = {std::strlen("200 OK"), const_cast<char*>("200 OK")};
+        return 0;
+    }
+    *offset = range.first;
+    *length = range.last - range.first + 1;
+    char text[64];
+    (void)orbs3_http_content_range(text, sizeof text, &range, size);
+    r->headers_out.status_line = {std::strlen("206 Partial Content"), const_cast<char*>("206 Partial Content")};
+    return orbs3_http_set_response_headers(r, "Content-Range", text) != 0 ? -1 : 0;
+}
+
+// 304 with the ETag and Last-Modified a client revalidates with.
+int send_not_modified(orbs3_http_request_t* r, const object_view_t& o)
+{
+    r->headers_out.status_line = {std::strlen("304 Not Modified"), const_cast<char*>("304 Not Modified")};
+    if ((orbs3_http_set_response_headers(r, "ETag", o.etag) |
+         orbs3_http_set_response_headers(r, "Last-Modified", o.modified)) != 0 ||
+        orbs3_http_send_headers(r) != 0)
+        return -1;
+    return 0;
+}
+
+// The bytes [offset, offset + length) of `file` after the head. A small object is read and written with
+// its head: one read and one write instead of a head, a sendfile and the corking around them.
+int send_object(orbs3_http_request_t* r, orbs3_fd* file, int64_t offset, int64_t length)
+{
+    const bool body = r->method != ORBS3_HTTP_HEAD && length != 0;
+    if (body && length <= kInlineBody) {
+        auto* bytes = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, static_cast<std::size_t>(length)));
+        if (bytes == nullptr)
+            return -1;
+        // The head is not out yet: a file that gives less than it said fails before a byte is sent.
+        if (orbs3_object_read_at(file->get(), bytes, offset, length) != 0)
+            return ORBS3_S3_INTERNAL_ERROR;
+        return orbs3_http_send_headers_body(r, bytes, static_cast<std::size_t>(length)) == 0 ? 0 : -1;
+    }
+    // Head and bytes leave together: the first segment carries the head and the start of the file.
+    const int fd = r->connection->fd;
+    if (body)
+        orbs3_tcp_cork(fd, 1);
+    int rc = orbs3_http_send_headers(r);
+    // The connection takes the descriptor; the bytes go out with sendfile as the socket takes them.
+    if (rc == 0 && body)
+        rc = orbs3_http_send_file(r->connection, file->release(), offset, length);
+    if (body)
+        orbs3_tcp_cork(fd, 0);
+    return rc == 0 ? 0 : -1;
 }
 
 }  // namespace
@@ -264,140 +309,33 @@ int orbs3_get_object(orbs3_http_request_t* r)
     reply_choices_t choices;
     if (rc = read_reply_choices(r, &choices); rc != 0)
         return rc;
-    orbs3_object_path_t path;
-    if (orbs3_make_object_path(raw, key, "", &path) != 0)
-        return ORBS3_S3_KEY_TOO_LONG;
-
-    orbs3_fd file;
-    struct stat st {};
-    int64_t size = 0;
-    object_ptr rec;
-    if (key.back() == '/') {
-        // A directory object is its record alone, with no bytes; a directory that only holds other keys
-        // has no record and is no object.
-        char marker[ORBS3_PATH_AREA];
-        if (orbs3_object_dir_marker_path(path.meta_path, marker) != 0)
-            return ORBS3_S3_KEY_TOO_LONG;
-        rec.reset(orbs3_create_object_from_file(marker));
-        if (!rec)
-            return ORBS3_S3_NO_SUCH_KEY;
-        rec->size = 0;
-    } else {
-        file.reset(open(path.data_path, O_RDONLY | O_NOFOLLOW | O_CLOEXEC));
-        if (file.get() < 0 || fstat(file.get(), &st) != 0 || !S_ISREG(st.st_mode))
-            return ORBS3_S3_NO_SUCH_KEY;
-        size = st.st_size;
-        // The record counts only when it describes this file: a record that lags behind a commit in
-        // progress would give another object's ETag.
-        rec.reset(orbs3_create_object_from_file(path.meta_path));
-        if (rec && static_cast<int64_t>(rec->size) != size)
-            rec.reset();
-    }
+    orbs3_object_source_t src;
+    if (rc = orbs3_object_open(raw, key, &src); rc != 0)
+        return rc;
+    const int64_t size = src.size;
     object_view_t o{};
-    o.record = rec.get();
-    o.mtime = rec ? meta_time(orbs3_str_view(rec->last_modified)) : -1;
-    if (o.mtime < 0)
-        o.mtime = st.st_mtime;
-    http_date(o.mtime, o.modified, sizeof o.modified);
-    char derived[33];
-    if (rec && rec->etag.len != 0) {
-        std::snprintf(o.etag, sizeof o.etag, "\"%.*s\"", static_cast<int>(rec->etag.len), rec->etag.data);
-    } else {
-        char stamp[32];
-        std::snprintf(stamp, sizeof stamp, "%lld", static_cast<long long>(st.st_mtime));
-        Compute_file_md5(key, size, stamp, derived);
-        std::snprintf(o.etag, sizeof o.etag, "\"%s\"", derived);
-    }
-    o.etag_bare = std::string_view(o.etag + 1, std::strlen(o.etag) - 2);
+    o.record = src.record.get();
+    o.mtime = src.mtime;
+    orbs3_object_http_date(o.mtime, o.modified, sizeof o.modified);
+    std::snprintf(o.etag, sizeof o.etag, "\"%s\"", src.etag);
+    o.etag_bare = src.etag;
 
-    orbs3_conditional_t cond{};
-    std::string_view v;
-    if (orbs3_sign_find_header(r, "if-match", &v))
-        cond.if_match = v;
-    if (orbs3_sign_find_header(r, "if-none-match", &v))
-        cond.if_none_match = v;
-    if (orbs3_sign_find_header(r, "if-modified-since", &v))
-        cond.if_modified_since = v;
-    if (orbs3_sign_find_header(r, "if-unmodified-since", &v))
-        cond.if_unmodified_since = v;
-    int verdict = orbs3_http_conditional_result(&cond, o.etag_bare, o.mtime);
+    const orbs3_conditional_t cond = orbs3_object_conditions(r);
+    const int verdict = orbs3_http_conditional_result(&cond, o.etag_bare, o.mtime);
     if (verdict == ORBS3_CONDITIONAL_PRECONDITION_FAILED)
         return ORBS3_S3_PRECONDITION_FAILED;
-    if (verdict == ORBS3_CONDITIONAL_NOT_MODIFIED) {
-        r->headers_out.status_line = {std::strlen("304 Not Modified"), const_cast<char*>("304 Not Modified")};
-        if ((orbs3_http_set_response_headers(r, "ETag", o.etag) |
-             orbs3_http_set_response_headers(r, "Last-Modified", o.modified)) != 0 ||
-            orbs3_http_send_headers(r) != 0)
-            return -1;
-        return 0;
-    }
+    if (verdict == ORBS3_CONDITIONAL_NOT_MODIFIED)
+        return send_not_modified(r, o);
 
-    orbs3_byte_range_t range{0, size - 1};
-    int ranged = ORBS3_RANGE_NONE;
-    const bool has_range = orbs3_sign_find_header(r, "range", &v);
-    if (rec)
-        o.checksum = orbs3_str_view(rec->checksum);
-    char parts_count[16] = "";
-    if (const int part = r->req_msg.part_number; part != 0) {
-        if (int st = select_part(r, rec.get(), size, has_range, &range, &o, parts_count); st != 0)
-            return st;
-        // A part of an empty object is all of it, with no range to tell.
-        ranged = size != 0 ? ORBS3_RANGE_ONE : ORBS3_RANGE_NONE;
-    } else if (has_range) {
-        ranged = orbs3_http_range_resolve(v, size, &range);
-    }
-    if (ranged == ORBS3_RANGE_UNSATISFIABLE)
-        return send_invalid_range(r, size);
-    if (r->req_msg.part_number == 0 && ranged == ORBS3_RANGE_ONE && (range.first != 0 || range.last != size - 1)) {
-        o.checksum = {};
-        o.whole = false;
-    }
-    if (parts_count[0] != '\0' && orbs3_http_set_response_headers(r, "x-amz-mp-parts-count", parts_count) != 0)
-        return -1;
     int64_t offset = 0, length = size;
-    if (ranged == ORBS3_RANGE_ONE) {
-        offset = range.first;
-        length = range.last - range.first + 1;
-        char text[64];
-        (void)orbs3_http_content_range(text, sizeof text, &range, size);
-        r->headers_out.status_line = {std::strlen("206 Partial Content"), const_cast<char*>("206 Partial Content")};
-        if (orbs3_http_set_response_headers(r, "Content-Range", text) != 0)
-            return -1;
-    } else {
-        r->headers_out.status_line = {std::strlen("200 OK"), const_cast<char*>("200 OK")};
-    }
+    bool unsatisfiable = false;
+    if ((rc = select_bytes(r, src, &o, &offset, &length, &unsatisfiable)) != 0)
+        return rc;
+    if (unsatisfiable)
+        return send_invalid_range(r, size);
     char len_text[24];
     std::snprintf(len_text, sizeof len_text, "%" PRId64, length);
     if (add_object_headers(r, o, key, choices) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0)
         return -1;
-    const bool body = r->method != ORBS3_HTTP_HEAD && length != 0;
-    // A small object is read and written with its head: one read and one write instead of a head, a
-    // sendfile and the corking around them.
-    if (body && length <= kInlineBody) {
-        auto* bytes = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, static_cast<std::size_t>(length)));
-        if (bytes == nullptr)
-            return -1;
-        int64_t got = 0;
-        while (got < length) {
-            ssize_t n = pread(file.get(), bytes + got, static_cast<std::size_t>(length - got), offset + got);
-            if (n < 0 && errno == EINTR)
-                continue;
-            // The head is not out yet: a file that gives less than it said fails before a byte is sent.
-            if (n <= 0)
-                return ORBS3_S3_INTERNAL_ERROR;
-            got += n;
-        }
-        return orbs3_http_send_headers_body(r, bytes, static_cast<std::size_t>(length)) == 0 ? 0 : -1;
-    }
-    // Head and bytes leave together: the first segment carries the head and the start of the file.
-    const int fd = r->connection->fd;
-    if (body)
-        orbs3_tcp_cork(fd, 1);
-    rc = orbs3_http_send_headers(r);
-    // The connection takes the descriptor; the bytes go out with sendfile as the socket takes them.
-    if (rc == 0 && body)
-        rc = orbs3_http_send_file(r->connection, file.release(), offset, length);
-    if (body)
-        orbs3_tcp_cork(fd, 0);
-    return rc == 0 ? 0 : -1;
+    return send_object(r, &src.file, offset, length);
 }

@@ -15,6 +15,7 @@
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "event/orbs3_fd.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
@@ -35,6 +36,7 @@
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_body.h"
 #include "storage/orbs3_object_commit.h"
+#include "storage/orbs3_object_write.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -62,16 +64,12 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
 {
     auto* st = static_cast<put_state_t*>(body->owner);
     const char* tmp = body->file.path;
-    int fd = open(tmp, O_WRONLY | O_CLOEXEC);
     // An acknowledged object survives a power failure: its bytes reach the disk before it replaces the
     // old one.
-    if (fd < 0 || fsync(fd) != 0) {
+    if (orbs3_fd fd(open(tmp, O_WRONLY | O_CLOEXEC)); !fd.valid() || fsync(fd.get()) != 0) {
         ipd_log(LOG_ERR, "fsync %s failed: %s", tmp, std::strerror(errno));
-        if (fd >= 0)
-            close(fd);
         return ORBS3_S3_INTERNAL_ERROR;
     }
-    close(fd);
     orbs3_object_before_t before;
     {
         // The record is written under the lock too: data file and record always come from one writer.
@@ -90,11 +88,11 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
             st->meta.checksum_algorithm = orbs3_checksum_word(body->checksum.alg);
             st->meta.checksum = body->checksum_value;
         }
-        if (orbs3_object_write_record(r, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,
+        if (orbs3_object_write_record(r->user, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,
                                       stamp, &st->meta) != 0)
             ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->meta_path);
     }
-    orbs3_object_count_commit(r, st->bucket, before, body->file.size);
+    orbs3_object_count_commit(r->vhost, st->bucket, before, body->file.size);
     char etag[40];
     std::snprintf(etag, sizeof etag, "\"%s\"", body->file.etag);
     const std::string checksum_line = orbs3_object_body_checksum_line(*body);
@@ -131,13 +129,13 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
         orbs3_commit_lock_t lock;
         if (orbs3_commit_lock(marker, &lock) != 0)
             return ORBS3_S3_INTERNAL_ERROR;
-        const orbs3_conditional_t cond = orbs3_write_conditions(r);
+        const orbs3_conditional_t cond = orbs3_object_conditions(r);
         if (int rc = orbs3_object_check_conditions(&cond, marker, marker); rc != 0)
             return rc;
         fresh = access(marker, F_OK) != 0;
         char stamp[64];
         get_gmt_meta_time(stamp, sizeof stamp);
-        if (orbs3_object_write_record(r, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
+        if (orbs3_object_write_record(r->user, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
             return ORBS3_S3_INTERNAL_ERROR;
     }
     // Writing the record again over an existing directory object adds no object.
@@ -177,6 +175,18 @@ int put_directory_object_after_drain(orbs3_http_request_t* r)
     return rc;
 }
 
+// The length of the object: for an aws-chunked body the decoded length, which is checked as it decodes;
+// -1 when it is known only at the end. 0 or a status.
+int body_length(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, int64_t* length)
+{
+    // Without a length and without chunked framing the end of the body can't be known.
+    if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)
+        return ORBS3_S3_MISSING_CONTENT_LENGTH;
+    if (int rc = orbs3_object_body_length(r, length); rc != 0)
+        return rc;
+    return *length >= 0 && orbs3_check_object_size(r->vhost, bucket, *length) != 0 ? ORBS3_S3_ENTITY_TOO_LARGE : 0;
+}
+
 }  // namespace
 
 int orbs3_put_object(orbs3_http_request_t* r)
@@ -193,17 +203,11 @@ int orbs3_put_object(orbs3_http_request_t* r)
     }
     st->bucket = raw;
     st->key = key;
-    st->cond = orbs3_write_conditions(r);
+    st->cond = orbs3_object_conditions(r);
 
-    // Without a length and without chunked framing the end of the body can't be known.
-    if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)
-        return ORBS3_S3_MISSING_CONTENT_LENGTH;
-    // The length of the object: for an aws-chunked body the decoded length, which is checked as it decodes.
     int64_t length = -1;
-    if (rc = orbs3_object_body_length(r, &length); rc != 0)
+    if (rc = body_length(r, raw, &length); rc != 0)
         return rc;
-    if (length >= 0 && orbs3_check_object_size(r->vhost, raw, length) != 0)
-        return ORBS3_S3_ENTITY_TOO_LARGE;
     st->body.limit = orbs3_object_size_limit(r->vhost, raw);
 
     rc = orbs3_object_body_prepare(r, &st->body);
@@ -221,49 +225,18 @@ int orbs3_put_object(orbs3_http_request_t* r)
         return put_directory_object(r, raw, key);
     }
 
-    rc = orbs3_check_key_conflict(raw, key);
-    if (rc == ORBS3_KEY_CONFLICT_FILE || rc == ORBS3_KEY_CONFLICT_DIR)
-        return ORBS3_S3_KEY_CONFLICT;
-    if (rc != 0)
-        return ORBS3_S3_INTERNAL_ERROR;
-
     orbs3_object_path_t path;
-    if (orbs3_make_object_path(raw, key, "", &path) != 0)
-        return ORBS3_S3_KEY_TOO_LONG;
     // A write whose condition fails now is refused before its body is read; the commit checks again.
-    if (rc = orbs3_object_check_conditions(&st->cond, path.data_path, path.meta_path); rc != 0)
+    if (rc = orbs3_object_prepare_write(raw, key, &st->cond, &path); rc != 0)
         return rc;
-    if (orbs3_make_dir_by_name(key, path.data_path) != 0 || orbs3_make_dir_by_name(key, path.recycle_path) != 0 ||
-        (raw->versioning.status == 1 && orbs3_make_dir_by_name(key, path.version_path) != 0))
-        return ORBS3_S3_INTERNAL_ERROR;
     std::snprintf(st->final_path, sizeof st->final_path, "%s", path.data_path);
     std::snprintf(st->meta_path, sizeof st->meta_path, "%s", path.meta_path);
 
     // The temporary file lies beside the object, on the same file system, so the commit is one rename.
-    char uuid[ORBS3_UUID_HEX_LEN + 1];
-    orbs3_get_uuid_ex(uuid);
-    std::string_view dir(path.data_path);
-    dir = dir.substr(0, dir.rfind('/') + 1);
-    int n = std::snprintf(st->body.file.path, sizeof st->body.file.path, "%.*s%.*s%s", static_cast<int>(dir.size()),
-                          dir.data(), static_cast<int>(ORBS3_RECORD_TMP_PREFIX.size()),
-                          ORBS3_RECORD_TMP_PREFIX.data(), uuid);
-    if (n < 0 || static_cast<std::size_t>(n) >= sizeof st->body.file.path) {
-        st->body.file.path[0] = '\0';
-        return ORBS3_S3_KEY_TOO_LONG;
-    }
-    // A delete that empties the key's directory removes it; one that runs between the mkdir above and
-    // this open takes the directory away under it, and the directory is made again.
-    int fd = open(st->body.file.path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    for (int tries = 1; fd < 0 && errno == ENOENT && tries < 4; tries++) {
-        if (orbs3_make_dir_by_name(key, path.data_path) != 0)
-            break;
-        fd = open(st->body.file.path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0644);
-    }
-    if (fd < 0) {
-        ipd_log(LOG_ERR, "create %s failed: %s", st->body.file.path, std::strerror(errno));
-        st->body.file.path[0] = '\0';
-        return ORBS3_S3_INTERNAL_ERROR;
-    }
+    int fd = -1;
+    if (rc = orbs3_object_temp_create(key, path.data_path, st->body.file.path, sizeof st->body.file.path, &fd);
+        rc != 0)
+        return rc;
     close(fd);
     st->body.done = commit;
     st->body.owner = st;

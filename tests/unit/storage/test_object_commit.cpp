@@ -6,12 +6,11 @@
 #include <atomic>
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "s3/orbs3_s3_errors.h"
+#include "storage/storage_test_bucket.h"
 
 namespace fs = std::filesystem;
 
@@ -19,24 +18,9 @@ namespace {
 
 constexpr const char* kEtag = "0cc175b9c0f1b6a831c399e269772661";
 
-struct commit_dir {
-    fs::path root;
-    commit_dir()
-    {
-        char tmpl[] = "/tmp/orbs3-commit-XXXXXX";
-        root = mkdtemp(tmpl);
-    }
-    ~commit_dir() { fs::remove_all(root); }
-    std::string path(const char* name) const { return (root / name).string(); }
-    void write(const char* name, const std::string& text) const { std::ofstream(path(name)) << text; }
-    std::string read(const char* name) const
-    {
-        std::ifstream in(path(name));
-        std::stringstream s;
-        s << in.rdbuf();
-        return s.str();
-    }
-};
+using storage_test::read_file;
+using storage_test::temp_dir;
+using storage_test::write_file;
 
 }  // namespace
 
@@ -63,29 +47,29 @@ TEST(ObjectCommit, ConditionDecidesWhetherTheTemporaryBecomesTheObject)
         {"", "\"0cc175b9c0f1b6a831c399e269772661\"", false, ORBS3_S3_NOT_IMPLEMENTED},
     };
     for (const row& w : rows) {
-        commit_dir d;
+        temp_dir d;
         if (w.exists) {
-            d.write("obj", "old");
-            d.write("obj.rec", record);
+            write_file(d / "obj", "old");
+            write_file(d / "obj.rec", record);
         }
-        d.write("tmp", "new");
+        write_file(d / "tmp", "new");
         const orbs3_conditional_t c{w.if_match, w.if_none_match, {}, {}};
         orbs3_commit_lock_t lock;
-        ASSERT_EQ(orbs3_commit_lock(d.path("obj").c_str(), &lock), 0);
+        ASSERT_EQ(orbs3_commit_lock((d / "obj").c_str(), &lock), 0);
         orbs3_object_before_t before;
-        const std::string tmp = d.path("tmp"), obj = d.path("obj"), rec = d.path("obj.rec");
+        const std::string tmp = (d / "tmp"), obj = (d / "obj"), rec = (d / "obj.rec");
         const int rc = orbs3_object_commit_file(&c, tmp.c_str(), obj.c_str(), rec.c_str(), &before);
         const std::string what = std::string("If-Match '") + w.if_match + "' If-None-Match '" + w.if_none_match +
                                  "' exists " + (w.exists ? "yes" : "no");
         EXPECT_EQ(rc, static_cast<int>(w.want)) << what;
         if (w.want == 0) {
-            EXPECT_EQ(d.read("obj"), "new") << what;
-            EXPECT_FALSE(fs::exists(d.path("tmp"))) << what;
+            EXPECT_EQ(read_file(d / "obj"), "new") << what;
+            EXPECT_FALSE(fs::exists((d / "tmp"))) << what;
             EXPECT_EQ(before.existed, w.exists) << what;
         } else {
-            EXPECT_EQ(d.read("tmp"), "new") << what;
-            EXPECT_EQ(fs::exists(d.path("obj")), w.exists) << what;
-            EXPECT_EQ(d.read("obj"), w.exists ? "old" : "") << what;
+            EXPECT_EQ(read_file(d / "tmp"), "new") << what;
+            EXPECT_EQ(fs::exists((d / "obj")), w.exists) << what;
+            EXPECT_EQ(read_file(d / "obj"), w.exists ? "old" : "") << what;
         }
     }
 }
@@ -94,8 +78,8 @@ TEST(ObjectCommit, ConditionDecidesWhetherTheTemporaryBecomesTheObject)
 // released when its owner goes.
 TEST(ObjectCommit, LockOfADirectoryWaitsForItsHolder)
 {
-    commit_dir d;
-    const std::string obj = d.path("obj");
+    temp_dir d;
+    const std::string obj = (d / "obj");
     std::atomic<bool> taken{false};
     std::thread other;
     {
@@ -112,5 +96,5 @@ TEST(ObjectCommit, LockOfADirectoryWaitsForItsHolder)
     other.join();
     EXPECT_TRUE(taken.load());
     orbs3_commit_lock_t missing;
-    EXPECT_EQ(orbs3_commit_lock((d.root / "no/such/obj").c_str(), &missing), -1);
+    EXPECT_EQ(orbs3_commit_lock((d / "no/such/obj").c_str(), &missing), -1);
 }

@@ -9,37 +9,20 @@
 #include "http/http_test_request.h"
 #include "http/orbs3_http_parse.h"
 #include "s3/orbs3_s3_errors.h"
+#include "storage/storage_test_bucket.h"
 
 using http_test::sv;
 using http_test::test_request;
 
 namespace {
 
-// The limits a tenant runs with unless it configures others.
-class CopySource : public ::testing::Test {
+class CopySource : public storage_test::limits {
 protected:
     void SetUp() override
     {
-        saved_[0] = orbs3_conf.bucketmaxlen;
-        saved_[1] = orbs3_conf.objectmaxlen;
-        saved_[2] = orbs3_conf.objectpathlen;
-        saved_[3] = orbs3_conf.objectdirnum;
-        orbs3_conf.bucketmaxlen = 63;
-        orbs3_conf.objectmaxlen = 127;
-        orbs3_conf.objectpathlen = 1023;
-        orbs3_conf.objectdirnum = 10;
+        limits::SetUp();
         http_test::ensure_headers_hash();
     }
-    void TearDown() override
-    {
-        orbs3_conf.bucketmaxlen = saved_[0];
-        orbs3_conf.objectmaxlen = saved_[1];
-        orbs3_conf.objectpathlen = saved_[2];
-        orbs3_conf.objectdirnum = saved_[3];
-    }
-
-private:
-    int saved_[4] = {};
 };
 
 struct parsed {

@@ -1,4 +1,4 @@
-#include "storage/orbs3_object_delete.h"
+#include "storage/orbs3_object_remove.h"
 
 #include <gtest/gtest.h>
 #include <fcntl.h>
@@ -9,69 +9,31 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <vector>
 
 #include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "storage/orbs3_layout.h"
+#include "storage/storage_test_bucket.h"
 #include "versions/orbs3_recycle.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-// A bucket "bkt" of owner "alice" under a temporary directory, its data, meta and recycle directories
-// made as PutBucket makes them.
-class DeleteDirs : public ::testing::Test {
+class DeleteDirs : public storage_test::bucket {
 protected:
-    void SetUp() override
-    {
-        char tmpl[] = "/tmp/orbs3_delete_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        neo_strdup(&vh_.id, "t", 16);
-        neo_strdup(&vh_.cluster_path, dir_.c_str(), ORBS3_PATH_AREA);
-        neo_strdup(&vh_.group_path, "g", ORBS3_PATH_AREA);
-        ASSERT_EQ(orbs3_init_path(&vh_), 0);
-        bucket_ = orbs3_bucket_new();
-        ASSERT_NE(bucket_, nullptr);
-        bucket_->owner_name = {owner_.size(), owner_.data()};
-        ASSERT_EQ(orbs3_bucket_init_path(&vh_, nullptr, bucket_, "bkt"), 0);
-        data_ = std::string(bucket_->data_dir.data, bucket_->data_dir.len);
-        meta_ = std::string(bucket_->meta_dir.data, bucket_->meta_dir.len);
-        recycle_ = std::string(bucket_->recycle_dir.data, bucket_->recycle_dir.len);
-        for (const std::string& d : {data_, meta_, recycle_})
-            fs::create_directories(d);
-    }
-    void TearDown() override
-    {
-        orbs3_free_bucket(bucket_);
-        for (orbs3_str_t* s : {&vh_.id, &vh_.cluster_path, &vh_.group_path, &vh_.data_root, &vh_.meta_root,
-                               &vh_.version_root, &vh_.recycle_root})
-            neo_strfree(s);
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-
     // A file of both trees, its directories made.
     void put(const std::string& key, const std::string& bytes = "x")
     {
-        for (const std::string& root : {data_, meta_}) {
-            fs::create_directories(fs::path(root + "/" + key).parent_path());
-            std::ofstream(root + "/" + key) << bytes;
-        }
+        write(data_, key, bytes);
+        write(meta_, key, bytes);
     }
     void drop(const std::string& key)
     {
         fs::remove(data_ + "/" + key);
         fs::remove(meta_ + "/" + key);
     }
-    bool in_data(const std::string& rel) { return fs::exists(data_ + "/" + rel); }
-    bool in_meta(const std::string& rel) { return fs::exists(meta_ + "/" + rel); }
-
-    std::string dir_, data_, meta_, recycle_;
-    std::string owner_ = "alice";
-    orbs3_vhost_t vh_{};
-    orbs3_bucket_t* bucket_ = nullptr;
 };
 
 TEST_F(DeleteDirs, MarkedDirectoryStaysWhileFilesRemainAndGoesWithTheLast)
@@ -187,6 +149,41 @@ TEST_F(DeleteDirs, BytesWithoutRecordAreRecycledUnderTheirTime)
     EXPECT_EQ(orbs3_delete_object_to_recycle(bucket_, "r/k", &size), ORBS3_RECYCLE_NOTHING);
     EXPECT_EQ(orbs3_delete_object_to_recycle(bucket_, "r", &size), ORBS3_RECYCLE_NOTHING);
     EXPECT_TRUE(fs::is_directory(data_ + "/r"));
+}
+
+// Each removal takes what it names and counts exactly that; a key that is not there is removed already.
+TEST_F(DeleteDirs, RemoveTakesWhatItsModeNamesAndCountsIt)
+{
+    write(meta_, "d/" + std::string(ORBS3_DIR_MARKER), "x");
+    put("d/k", "abc");
+    write(data_, "r/k", "bytes");
+    struct row {
+        std::string key;
+        orbs3_remove_mode_t mode;
+        int64_t objects, bytes;
+        std::vector<std::string> gone, kept;  // relative to the data tree, or to the meta tree with "meta:"
+    };
+    const row rows[] = {
+        {"nope", orbs3_remove_mode_t::destroy, 0, 0, {}, {}},
+        {"r/none", orbs3_remove_mode_t::recycle, 0, 0, {}, {"r/k"}},
+        {"d/", orbs3_remove_mode_t::destroy, 1, 0, {"meta:d/.orbs3-dir"}, {"d/k", "meta:d/k"}},
+        {"d/", orbs3_remove_mode_t::destroy_below, 1, 3, {"d", "meta:d"}, {}},
+        {"r/k", orbs3_remove_mode_t::recycle, 1, 5, {"r"}, {}},
+    };
+    for (const row& w : rows) {
+        orbs3_object_counts_t counts;
+        EXPECT_EQ(orbs3_object_remove(bucket_, w.key, w.mode, &counts), 0) << w.key;
+        EXPECT_EQ(counts.objects, w.objects) << w.key;
+        EXPECT_EQ(counts.bytes, w.bytes) << w.key;
+        auto there = [&](const std::string& rel) {
+            return rel.starts_with("meta:") ? in_meta(rel.substr(5)) : in_data(rel);
+        };
+        for (const std::string& rel : w.gone)
+            EXPECT_FALSE(there(rel)) << w.key << " " << rel;
+        for (const std::string& rel : w.kept)
+            EXPECT_TRUE(there(rel)) << w.key << " " << rel;
+    }
+    EXPECT_EQ(std::distance(fs::recursive_directory_iterator(recycle_ + "/r"), {}), 1);
 }
 
 }  // namespace
