@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
-#include "http/orbs3_http_response.h"
 #include "http/orbs3_http_header.h"
+#include "http/orbs3_http_response.h"
 
 // The order is that of RFC 9110 section 13.2.2, which S3 follows; its GetObject and HeadObject
 // references state the two pairings explicitly: If-Match true with If-Unmodified-Since false gives

@@ -3,8 +3,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_worker.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"

@@ -8,12 +8,12 @@
 #include <cstring>
 #include <string_view>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
+#include "http/orbs3_http_header.h"
 #include "memory/neo_string.h"
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_cgi.h"
-#include "http/orbs3_http_header.h"
 #include "s3/orbs3_s3_signature.h"
 
 namespace {

@@ -6,9 +6,9 @@
 #include <cstring>
 #include <ctime>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_worker.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request_body.h"

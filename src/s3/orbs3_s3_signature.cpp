@@ -9,8 +9,8 @@
 #include <cctype>
 #include <cstring>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "memory/neo_list.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"

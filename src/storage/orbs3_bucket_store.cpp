@@ -13,8 +13,8 @@
 #include <initializer_list>
 #include <memory>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_xml.h"
 #include "memory/neo_files.h"
 #include "memory/neo_string.h"

@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
-#include "memory/orbs3_crc32.h"
 #include "http/orbs3_http_header.h"
+#include "memory/orbs3_crc32.h"
 
 namespace {
 

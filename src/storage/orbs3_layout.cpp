@@ -7,9 +7,9 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_worker.h"
 #include "s3/orbs3_s3_errors.h"
 
