@@ -51,7 +51,7 @@ void setup()
     CHECK(svc != nullptr && vh != nullptr);
     neo_strdup(&vh->domain, "s3.example", ORBS3_NAME_CAP);
     CHECK(orbs3_service_add_vhost(svc, vh) == 0);
-    orbs3_service = svc;
+    g_listening.vhosts = &svc->vhosts;
     g_listening.mode = 3;
     g_listening.request_handler = orbs3_parse_req_msg;
     g_listening.response_handler = orbs3_events_process;

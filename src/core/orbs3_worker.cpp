@@ -218,7 +218,10 @@ int orbs3_make_listen(orbs3_service_t* svc)
         ipd_log(LOG_ERR, "turn back service failed");
         return -1;
     }
-    // The S3 front end: classification, then admission and the action's handler.
+    // The HTTP layer takes each new connection; the S3 front end classifies, admits and runs the action's
+    // handler; a request's Host picks one of this service's vhosts.
+    ls->handler = orbs3_http_init_connection;
+    ls->vhosts = &svc->vhosts;
     ls->request_handler = orbs3_parse_req_msg;
     ls->response_handler = orbs3_events_process;
     orbs3_connection_t* c = orbs3_found_connection(ls->fd);

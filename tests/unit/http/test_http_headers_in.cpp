@@ -316,11 +316,13 @@ TEST(HttpHeadersIn, HostHeaderResolvesTheVhost)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.host));
-        parsed_head p("", "GET / HTTP/1.1\r\nHost: " + std::string(row.host) + "\r\n");
-        ASSERT_EQ(p.rc, 0);
-        EXPECT_EQ(p.t.r->vhost, f.vhosts[row.vhost]);
-        EXPECT_EQ(p.t.r->host_style, row.style);
-        EXPECT_EQ(sv(p.t.r->headers_in.server), row.server);
+        test_request t("GET / HTTP/1.1\r\nHost: " + std::string(row.host) + "\r\n\r\n");
+        ASSERT_NE(t.r, nullptr);
+        t.r->connection = f.connection();
+        ASSERT_EQ(parser_http_request_handler(t.r), 0);
+        EXPECT_EQ(t.r->vhost, f.vhosts[row.vhost]);
+        EXPECT_EQ(t.r->host_style, row.style);
+        EXPECT_EQ(sv(t.r->headers_in.server), row.server);
     }
 }
 

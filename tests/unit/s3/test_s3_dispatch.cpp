@@ -36,6 +36,7 @@ protected:
         neo_strdup(&vh->admin.accesskeysecret, "adminsecret", ORBS3_KEY_CAP);
         ASSERT_NE(conn_.c, nullptr);
         c_ = conn_.c;
+        c_->listening = &service_.listening;
     }
     void TearDown() override
     {
