@@ -26,6 +26,7 @@
 #include "s3/orbs3_s3_dispatch.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_storage_handlers.h"
 
 orbs3_service_t* orbs3_service = nullptr;
 orbs3_connection_t* listen_c = nullptr;
@@ -455,6 +456,8 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
                     neo_getstr(&vh->meta_root));
     }
     orbs3_access_install_hooks();
+    if (orbs3_storage_install_handlers() != 0)
+        std::exit(-1);
 
     (void)neo_event_timer_init();
     pthread_t ctrl;
