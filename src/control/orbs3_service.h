@@ -1,5 +1,5 @@
-// The node's lists of services and vhosts, kept by the master, and what frees a vhost with everything the
-// storage layer hangs on it. The records themselves are core/orbs3_tenant.h.
+// The node's lists of services and vhosts, kept by the master. The records themselves are
+// core/orbs3_tenant.h; freeing a whole vhost is storage/orbs3_bucket_store.h.
 #pragma once
 
 #include <pthread.h>
@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "core/orbs3_tenant.h"
+#include "storage/orbs3_bucket_store.h"
 #include "memory/neo_list.h"
 
 // Every service and every vhost of the node, in the master, guarded by g_service_lock. A vhost stands in
@@ -19,11 +20,6 @@ extern pthread_rwlock_t g_service_lock;
 // Sets up the two lists and the lock again (a no-op on lists that are already empty and set up).
 void orbs3_init_service_list();
 
-// The vhost, its strings, users, admin record (the record itself is embedded), service record and
-// buckets; a null argument is allowed.
-void orbs3_free_vhost_data(orbs3_vhost_t* vh);
-// Every vhost of the list with orbs3_free_vhost_data, and the nodes; the head is left empty.
-void orbs3_free_vhost_list(neo_list_head_t* head);
 
 // The service with this ssl, address (compared as a string) and port, or null. Caller holds the lock.
 orbs3_service_t* orbs3_check_service_is_exist(uint32_t ssl, const char* ip, uint32_t port);
