@@ -324,6 +324,18 @@ TEST(HttpHeadersIn, HostHeaderResolvesTheVhost)
         EXPECT_EQ(t.r->host_style, row.style);
         EXPECT_EQ(sv(t.r->headers_in.server), row.server);
     }
+    // The vhosts are the listener's: a request without a connection, or through a listener that serves
+    // none, gets no vhost, whatever other listeners serve.
+    orbs3_listening_t bare{};
+    orbs3_connection_t through_bare{};
+    through_bare.listening = &bare;
+    for (orbs3_connection_t* c : {static_cast<orbs3_connection_t*>(nullptr), &through_bare}) {
+        test_request t("GET / HTTP/1.1\r\nHost: s3.example.com\r\n\r\n");
+        ASSERT_NE(t.r, nullptr);
+        t.r->connection = c;
+        ASSERT_EQ(parser_http_request_handler(t.r), 0);
+        EXPECT_EQ(t.r->vhost, nullptr);
+    }
 }
 
 TEST(HttpHeadersIn, CookieCutting)
