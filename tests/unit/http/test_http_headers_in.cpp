@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "control/orbs3_service.h"
-#include "core/orbs3_worker.h"
 #include "http/http_test_request.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
