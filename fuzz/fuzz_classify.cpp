@@ -17,8 +17,8 @@
 #include <string>
 #include <string_view>
 
-#include "control/orbs3_service.h"
-#include "core/orbs3_worker.h"
+#include "core/orbs3_tenant.h"
+#include "event/orbs3_connection.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
 #include "memory/orbs3_palloc.h"
@@ -87,6 +87,9 @@ void check_str(const orbs3_str_t& s, std::size_t bound)
     CHECK(s.data[s.len] == '\0');
 }
 
+orbs3_listening_t g_listening;
+orbs3_connection_t g_connection;
+
 void setup_once()
 {
     setlogmask(LOG_MASK(LOG_EMERG));  // the parser's client-error lines would drown the run
@@ -101,13 +104,17 @@ void setup_once()
         neo_strdup(&vh->domain, domain, ORBS3_NAME_CAP);
         CHECK(orbs3_service_add_vhost(svc, vh) == 0);
     }
-    orbs3_service = svc;  // lives as long as the process, as a worker's service does
+    // Live as long as the process, as a worker's listener does.
+    g_listening.vhosts = &svc->vhosts;
+    g_connection.listening = &g_listening;
+    g_connection.fd = -1;
 }
 
 void classify(const uint8_t* data, std::size_t size)
 {
     request_in_pool q(data, size);
     orbs3_http_request_t* r = q.r;
+    r->connection = &g_connection;
     if (parser_http_request_handler(r) != 0)
         return;
     (void)orbs3_find_virtual_server(r);

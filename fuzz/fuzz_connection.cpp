@@ -16,16 +16,16 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
-#include "core/orbs3_worker.h"
 #include "event/orbs3_connection.h"
 #include "event/orbs3_socket.h"
 #include "http/orbs3_http_request.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_classify.h"
 #include "s3/orbs3_s3_dispatch.h"
+#include "storage/orbs3_storage_handlers.h"
 #include "fuzz_check.h"
 
 namespace {
@@ -51,7 +51,8 @@ void setup()
     CHECK(svc != nullptr && vh != nullptr);
     neo_strdup(&vh->domain, "s3.example", ORBS3_NAME_CAP);
     CHECK(orbs3_service_add_vhost(svc, vh) == 0);
-    orbs3_service = svc;
+    CHECK(orbs3_storage_install_handlers() == 0);
+    g_listening.vhosts = &svc->vhosts;
     g_listening.mode = 3;
     g_listening.request_handler = orbs3_parse_req_msg;
     g_listening.response_handler = orbs3_events_process;

@@ -7,8 +7,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "s3/orbs3_s3_dispatch.h"
 
 namespace {

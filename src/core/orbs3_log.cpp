@@ -16,7 +16,7 @@
 #include <ctime>
 #include <string>
 
-#include "core/orbs3_process.h"
+#include "core/orbs3_fork_guard.h"
 
 std::atomic<int> g_debug_level{0};
 

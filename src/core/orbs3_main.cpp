@@ -3,6 +3,7 @@
 
 #include <csignal>
 
+#include "core/orbs3_fork_guard.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_process.h"

@@ -25,8 +25,8 @@
 #include "event/orbs3_connection.h"
 #include "event/orbs3_epoll.h"
 #include "memory/orbs3_palloc.h"
+#include "memory/orbs3_shmtx.h"
 
-pid_t orbs3_pid = 0;
 std::atomic<int> orbs3_terminate{0};
 int epfd = -1;
 
@@ -421,7 +421,7 @@ int orbs3_master_process_init()
     epfd = orbs3_create_epfd(512);
     if (epfd < 0)
         std::exit(-1);
-    if (orbs3_epoll_notify_init() != 0) {
+    if (orbs3_epoll_notify_init(epfd) != 0) {
         ipd_debug("epoll notify init failed");
         std::exit(-1);
     }

@@ -6,7 +6,6 @@
 
 #include <atomic>
 
-extern pid_t orbs3_pid;                 // the master's pid; workers inherit it
 extern std::atomic<int> orbs3_terminate; // 1 once SIGTERM or SIGQUIT has been taken
 extern int epfd;                        // the master's epoll descriptor
 
@@ -20,9 +19,6 @@ extern orbs3_main_thread_t g_main_threads[3];
 
 // 0 to go on starting, 1 for an argument without "-". Control commands (-k, -s) and bad letters end the
 // process here.
-// Sanitizer builds: locks the sanitizer's allocator around every fork (see orbs3_sanitizer_fork.cpp); a
-// no-op otherwise. Called first in main.
-void orbs3_fork_guard_init();
 int orbs3_get_options(int argc, char** argv);
 [[noreturn]] void usage();
 int orbs3_make_daemon();

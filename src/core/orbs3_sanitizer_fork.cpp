@@ -8,7 +8,7 @@
 #endif
 #endif
 
-#include "core/orbs3_process.h"
+#include "core/orbs3_fork_guard.h"
 
 #ifdef ORBS3_ASAN_FORK_GUARD
 #include <pthread.h>

@@ -26,6 +26,7 @@
 #include "s3/orbs3_s3_dispatch.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_storage_handlers.h"
 
 orbs3_service_t* orbs3_service = nullptr;
 orbs3_connection_t* listen_c = nullptr;
@@ -218,7 +219,10 @@ int orbs3_make_listen(orbs3_service_t* svc)
         ipd_log(LOG_ERR, "turn back service failed");
         return -1;
     }
-    // The S3 front end: classification, then admission and the action's handler.
+    // The HTTP layer takes each new connection; the S3 front end classifies, admits and runs the action's
+    // handler; a request's Host picks one of this service's vhosts.
+    ls->handler = orbs3_http_init_connection;
+    ls->vhosts = &svc->vhosts;
     ls->request_handler = orbs3_parse_req_msg;
     ls->response_handler = orbs3_events_process;
     orbs3_connection_t* c = orbs3_found_connection(ls->fd);
@@ -452,6 +456,8 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
                     neo_getstr(&vh->meta_root));
     }
     orbs3_access_install_hooks();
+    if (orbs3_storage_install_handlers() != 0)
+        std::exit(-1);
 
     (void)neo_event_timer_init();
     pthread_t ctrl;

@@ -7,7 +7,7 @@
 #include <atomic>
 #include <cstddef>
 
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "event/orbs3_connection.h"
 
 inline constexpr int ORBS3_WORKER_THREADS_MAX = 200;

@@ -75,11 +75,15 @@ struct orbs3_listening_t {
     int mode;       // 4: TLS, 3 or 1: plain HTTP
     char addr[60];  // empty: any address
     int port;       // host order
+    // Slots the layer that serves the listener fills (the worker): what takes a new connection, what
+    // handles its requests and replies, and the vhosts (orbs3_list_node_t nodes carrying orbs3_vhost_t)
+    // a request's Host is matched against.
     orbs3_connection_handler_pt handler;
     orbs3_listening_create_pt create;
     orbs3_accept_pt accept;
     orbs3_request_handler_pt request_handler;
     orbs3_request_handler_pt response_handler;
+    neo_list_head_t* vhosts;
 };
 
 inline constexpr int ORBS3_CONNECTION_SLOTS = 1024;

@@ -8,7 +8,6 @@
 #include <cstring>
 
 #include "core/orbs3_log.h"
-#include "core/orbs3_process.h"
 
 namespace {
 
@@ -150,7 +149,7 @@ int orbs3_epoll_events_manage(int epfd)
     return 0;
 }
 
-int orbs3_epoll_notify_init()
+int orbs3_epoll_notify_init(int epfd)
 {
     int fd = eventfd(0, 0);
     if (fd < 0) {

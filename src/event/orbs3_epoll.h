@@ -36,9 +36,9 @@ int orbs3_epoll_del_async_connection(orbs3_connection_t* c);
 // One pass: wait at most 500 ms for at most 1024 events and dispatch them; 0.
 int orbs3_epoll_events_manage(int epfd);
 
-// The notify: an eventfd in the master's epoll set whose read event calls a stored handler.
+// The notify: an eventfd in the master's epoll set `epfd` whose read event calls a stored handler.
 using orbs3_epoll_notify_pt = void (*)(orbs3_event_t* ev);
-[[nodiscard]] int orbs3_epoll_notify_init();  // 0 or -1
+[[nodiscard]] int orbs3_epoll_notify_init(int epfd);  // 0 or -1
 // Stores handler and writes 1 to the eventfd; 0, or -1 on a short write.
 int orbs3_epoll_notify(orbs3_epoll_notify_pt handler);
 void orbs3_epoll_notify_handler(orbs3_event_t* ev);

@@ -16,7 +16,6 @@
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/orbs3_fd.h"
-#include "http/orbs3_http_request.h"
 
 namespace {
 
@@ -190,7 +189,6 @@ orbs3_listening_t* orbs3_create_listening(const char* addr, int port, int family
         ipd_log(LOG_ERR, "unknown listening mode %d", mode);
         return nullptr;
     }
-    ls->handler = orbs3_http_init_connection;
     if (ls->create(ls) != 0)
         return nullptr;
     return ls;

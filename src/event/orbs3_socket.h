@@ -18,7 +18,8 @@ inline constexpr int ORBS3_MODE_HTTP = 3;
 
 // A listening record with its socket bound and listening; null on failure. The record lives in the run
 // record's pool for the life of the process, so an epoll thread that still holds an event of a listener
-// that has since been closed never reads freed memory.
+// that has since been closed never reads freed memory. The caller fills the slots (handler, the request
+// handlers, vhosts) before the listener joins an epoll set.
 [[nodiscard]] orbs3_listening_t* orbs3_create_listening(const char* addr, int port, int family, int type,
                                                         int protocol, int mode);
 [[nodiscard]] int orbs3_create_listenfd(orbs3_listening_t* ls);

@@ -3,8 +3,8 @@
 #include <algorithm>
 #include <iterator>
 
+#include "http/orbs3_http_header.h"
 #include "http/orbs3_http_response.h"
-#include "s3/orbs3_s3_sign_parts.h"
 
 // The order is that of RFC 9110 section 13.2.2, which S3 follows; its GetObject and HeadObject
 // references state the two pairings explicitly: If-Match true with If-Unmodified-Since false gives
@@ -115,7 +115,7 @@ bool parse_asctime(std::string_view s, time_t* t)
 bool orbs3_http_parse_date(std::string_view text, time_t* t)
 {
     std::string_view s = trim(text);
-    return orbs3_sign_parse_http_date(s, t) || parse_rfc850(s, t) || parse_asctime(s, t);
+    return orbs3_http_parse_rfc1123(s, t) || parse_rfc850(s, t) || parse_asctime(s, t);
 }
 
 bool orbs3_http_etag_list_match(std::string_view list, std::string_view etag, bool weak)

@@ -3,9 +3,8 @@
 #include <cstring>
 #include <string_view>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
-#include "core/orbs3_worker.h"
+#include "core/orbs3_tenant.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
 #include "memory/neo_list.h"
@@ -333,7 +332,9 @@ int orbs3_http_validate_host(orbs3_str_t* host, orbs3_pool_t* pool, unsigned all
 
 int orbs3_find_virtual_server(orbs3_http_request_t* r)
 {
-    if (orbs3_service == nullptr || list_empty(&orbs3_service->vhosts))
+    const orbs3_connection_t* c = r->connection;
+    neo_list_head_t* vhosts = c != nullptr && c->listening != nullptr ? c->listening->vhosts : nullptr;
+    if (vhosts == nullptr || list_empty(vhosts))
         return 0;
 
     // The value as sent, in the case sent, up to the first ':'.
@@ -346,7 +347,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
     auto vhost_at = [](neo_list_head_t* pos) { return static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data); };
 
     neo_list_head_t* pos;
-    list_for_each(pos, &orbs3_service->vhosts)
+    list_for_each(pos, vhosts)
     {
         orbs3_vhost_t* vh = vhost_at(pos);
         if (vh->domain.len != 0 && orbs3_str_view(vh->domain) == host) {
@@ -355,7 +356,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
             return 0;
         }
     }
-    list_for_each(pos, &orbs3_service->vhosts)
+    list_for_each(pos, vhosts)
     {
         orbs3_vhost_t* vh = vhost_at(pos);
         if (vh->domain.len != 0 && host.find(orbs3_str_view(vh->domain)) != std::string_view::npos) {
@@ -364,7 +365,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
             return 0;
         }
     }
-    r->vhost = vhost_at(orbs3_service->vhosts.next);
+    r->vhost = vhost_at(vhosts->next);
     r->host_style = ORBS3_HOST_STYLE_PATH;
     return 0;
 }

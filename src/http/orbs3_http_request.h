@@ -273,8 +273,9 @@ inline constexpr int ORBS3_HOST_INVALID = -5;
 [[nodiscard]] int orbs3_http_validate_host(orbs3_str_t* host, orbs3_pool_t* pool, unsigned alloc);
 
 // Sets r->vhost and r->host_style from the Host value as sent, cut at its first ':', against the vhosts
-// of this worker's service: a domain equal to it (path style), else a domain inside it (virtual-host
-// style), else the first vhost (path style). Leaves both alone when the service has no vhost. Returns 0.
+// of the listener the request's connection came through: a domain equal to it (path style), else a
+// domain inside it (virtual-host style), else the first vhost (path style). Leaves both alone when the
+// request has no connection or its listener no vhost. Returns 0.
 int orbs3_find_virtual_server(orbs3_http_request_t* r);
 
 // ---- the life of a connection and its requests ----

@@ -5,7 +5,8 @@
 #include <cerrno>
 
 #include "core/orbs3_log.h"
-#include "core/orbs3_process.h"
+
+pid_t orbs3_pid = 0;
 
 namespace {
 

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <semaphore.h>
+#include <sys/types.h>
 
 #include <cstdint>
 
@@ -19,6 +20,10 @@ struct orbs3_shmtx_t {
     sem_t sem;           // shared between processes, start value 0
     uint64_t spin;       // upper bound of the spinning; set to -1 before create for no semaphore
 };
+
+// The master's pid, the value of a held lock word. The master sets it at start and workers inherit it; 0
+// in a process that never became the master.
+extern pid_t orbs3_pid;
 
 inline constexpr uint64_t ORBS3_SHMTX_SPIN = 2048;
 inline constexpr uint64_t ORBS3_SHMTX_NO_SEMAPHORE = static_cast<uint64_t>(-1);

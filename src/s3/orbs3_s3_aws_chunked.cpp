@@ -38,7 +38,7 @@ constexpr std::string_view kChecksumPrefix = "x-amz-checksum-";
 
 bool istarts_with(std::string_view s, std::string_view prefix)
 {
-    return s.size() >= prefix.size() && orbs3_sign_iequals(s.substr(0, prefix.size()), prefix);
+    return s.size() >= prefix.size() && orbs3_http_iequals(s.substr(0, prefix.size()), prefix);
 }
 
 // Index of `name` among the announced trailer names, or -1.
@@ -47,7 +47,7 @@ int announced_index(const orbs3_aws_chunked_t* st, std::string_view name)
     std::string_view rest(st->announced, st->announced_len);
     for (int i = 0; !rest.empty(); i++) {
         std::size_t comma = rest.find(',');
-        if (orbs3_sign_iequals(rest.substr(0, comma), name))
+        if (orbs3_http_iequals(rest.substr(0, comma), name))
             return i;
         rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
     }
@@ -194,7 +194,7 @@ int trailer_line(orbs3_aws_chunked_t* st, std::string_view line)
     const std::string_view name = line.substr(0, colon);
     const std::string_view value = line.substr(colon + 1);
 
-    if (orbs3_sign_iequals(name, kTrailerSig)) {
+    if (orbs3_http_iequals(name, kTrailerSig)) {
         if (!is_signed)
             return ORBS3_AWS_CHUNKED_BAD_TRAILER;
         char hex[ORBS3_SHA256_HEX_LEN + 1];
@@ -214,7 +214,7 @@ int trailer_line(orbs3_aws_chunked_t* st, std::string_view line)
         (EVP_DigestUpdate(st->md.get(), line.data(), line.size()) != 1 || EVP_DigestUpdate(st->md.get(), "\n", 1) != 1))
         return ORBS3_AWS_CHUNKED_BAD_SIGNATURE;
     if (istarts_with(name, kChecksumPrefix)) {
-        const std::string_view v = orbs3_sign_trim(value);
+        const std::string_view v = orbs3_http_trim(value);
         if (st->checksum_name_len != 0 || name.size() > sizeof st->checksum_name ||
             v.size() > sizeof st->checksum_value)
             return ORBS3_AWS_CHUNKED_BAD_TRAILER;
@@ -272,7 +272,7 @@ int orbs3_aws_chunked_init(orbs3_aws_chunked_t* st, unsigned mode, const uint8_t
     std::size_t count = 0;
     while (!rest.empty()) {
         std::size_t comma = rest.find(',');
-        std::string_view name = orbs3_sign_trim(rest.substr(0, comma));
+        std::string_view name = orbs3_http_trim(rest.substr(0, comma));
         rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
         if (name.empty())
             continue;

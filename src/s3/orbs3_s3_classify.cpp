@@ -8,12 +8,12 @@
 #include <cstring>
 #include <string_view>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
+#include "http/orbs3_http_header.h"
 #include "memory/neo_string.h"
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_cgi.h"
-#include "s3/orbs3_s3_sign_parts.h"
 #include "s3/orbs3_s3_signature.h"
 
 namespace {
@@ -475,7 +475,7 @@ int classify_put(orbs3_http_request_t* r, bool virtual_style)
     }
     // S3 clients name the source in x-amz-copy-source; X-Copy-Source is the older word for it.
     std::string_view source;
-    const bool copy = r->headers_in.x_copy_source != nullptr || orbs3_sign_find_header(r, "x-amz-copy-source", &source);
+    const bool copy = r->headers_in.x_copy_source != nullptr || orbs3_http_find_header(r, "x-amz-copy-source", &source);
     return set_action(r, copy ? "CopyObject" : "PutObject");
 }
 

@@ -6,10 +6,9 @@
 #include <cstring>
 #include <ctime>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
-#include "core/orbs3_worker.h"
+#include "core/orbs3_tenant.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
@@ -17,120 +16,115 @@
 #include "memory/orbs3_palloc.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_signature.h"
-#include "storage/orbs3_bucket_ops.h"
-#include "storage/orbs3_list_object.h"
-#include "storage/orbs3_multipart.h"
-#include "storage/orbs3_object.h"
-#include "storage/orbs3_object_copy.h"
-#include "storage/orbs3_object_delete.h"
 
 orbs3_s3_blacklist_pt orbmux_check_service_blacklist = nullptr;
 
-// Until an action's own handler is built it answers NotImplemented; the comment names the handler that
-// will answer it.
-const orbs3_s3_event_t s3_events[] = {
-    {"Options", 0x116, orbs3_options_process, 1},
-    {"PutBucket", 0x11, orbs3_put_bucket, 1},
-    {"DeleteBucket", 0x12, orbs3_del_bucket, 1},
-    {"ListBuckets", 0x13, orbs3_list_buckets, 1},
-    {"ListObject", 0x14, orbs3_list_object, 1},
-    {"GetBucketInfo", 0x15, orbs3_get_bucket_info, 1},
-    {"GetBucketStat", 0x16, orbs3_get_bucket_stat, 1},
-    {"PutBucketAcl", 0x17, orbs3_put_bucket_acl, 1},
-    {"GetBucketAcl", 0x18, orbs3_get_bucket_acl, 1},
-    {"PutBucketLifeCycle", 0x19, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_lifecycle
-    {"GetBucketLifeCycle", 0x20, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_lifecycle
-    {"DeleteBucketLifeCycle", 0x21, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_lifecycle
-    {"PutBucketVersioning", 0x22, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_versioning
-    {"GetBucketVersioning", 0x23, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_versioning
-    {"PutBucketBlacklist", 0x24, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_blacklist
-    {"PutBucketBlacklistStatus", 0x35, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_blacklist_status
-    {"DeleteBucketBlacklist", 0x36, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_blacklist
-    {"PutBucketWhitelist", 0x37, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_whitelist
-    {"PutBucketWhitelistStatus", 0x38, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_whitelist_status
-    {"DeleteBucketWhitelist", 0x39, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_whitelist
-    {"GetBucketBlacklist", 0x25, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_blacklist
-    {"PutBucketAuthorityIp", 0x40, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_authority_ip
-    {"PutBucketAuthorityIpEdit", 0x42, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_authority_ip_edit
-    {"DeleteBucketAuthorityIp", 0x41, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_authority_ip
-    {"PutBucketAuthorityIpStatus", 0x43, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_authority_ip_status
-    {"PutBucketAuthorityUser", 0x44, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_authority_user
-    {"PutBucketAuthorityUserEdit", 0x46, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_authority_user_edit
-    {"DeleteBucketAuthorityUser", 0x45, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_authority_user
-    {"PutBucketAuthorityUserStatus", 0x47, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_authority_user_status
-    {"GetBucketAuthority", 0x27, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_authority
-    {"PutBucketQuota", 0x28, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_quota
-    {"GetBucketQuota", 0x29, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_quota
-    {"PutBucketRename", 0x30, orbs3_put_bucket_rename, 1},
-    {"PutBucketRecycle", 0x31, orbs3_s3_not_implemented, 1},  // orbs3_object_recycle_restore_msg
-    {"GetBucketRecycle", 0x32, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_recycle
-    {"DeleteBucketRecycle", 0x33, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_recycle_msg
-    {"PutBucketVorneLifecycle", 0x50, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_lifecycle_vorne
-    {"PutBucketVorneLifecycleEdit", 0x52, orbs3_s3_not_implemented, 1},  // orbs3_edit_bucket_lifecycle_vorne
-    {"DeleteBucketVorneLifecycle", 0x51, orbs3_s3_not_implemented, 1},  // orbs3_delete_bucket_lifecycle_vorne
-    {"PutBucketRecycleConf", 0x53, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_recycle_conf
-    {"GetBucketRecycleConf", 0x54, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_recycle_conf
-    {"PutBucketMigration", 0x34, orbs3_s3_not_implemented, 1},  // orbs3_put_bucket_migration
-    {"PutObject", 0x101, orbs3_put_object, 0},
-    {"GetObject", 0x102, orbs3_get_object, 0},
-    {"DeleteObject", 0x103, orbs3_delete_object_msg, 1},
-    {"DeleteObjects", 0x104, orbs3_delete_objects, 1},
-    {"AppendObject", 0x105, orbs3_append_object, 0},
-    {"CopyObject", 0x106, orbs3_copy_object, 1},
-    {"PutObjectVersionRestore", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_object_version_restore_msg
-    {"DeleteObjectVersion", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_object_version_del_msg
-    {"GetObjectVersion", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_object_version_list_msg
-    {"GetBucketObjVer", 0x107, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_object_version
-    {"PutObjectAcl", 0x108, orbs3_s3_not_implemented, 1},  // orbs3_put_object_acl
-    {"GetObjectAcl", 0x109, orbs3_s3_not_implemented, 1},  // orbs3_get_object_acl
-    {"PutObjectTagging", 0x115, orbs3_s3_not_implemented, 1},  // orbs3_put_object_tagging
-    {"GetObjectTagging", 0x115, orbs3_s3_not_implemented, 0},  // orbs3_get_object_tagging
-    {"DeleteObjectTagging", 0x115, orbs3_s3_not_implemented, 1},  // orbs3_delete_object_tagging
-    {"DeleteObjectVorne", 0x117, orbs3_delete_object_vorne, 1},
-    {"CreateMultipartUpload", 0x110, orbs3_create_multipart_upload_object, 0},
-    {"CompleteMultipartUpload", 0x111, orbs3_complete_multipart_upload_object, 1},
-    {"AbortMultipartUpload", 0x112, orbs3_abort_multipart_upload_object, 0},
-    {"UploadPart", 0x113, orbs3_upload_part_object, 0},
-    {"ListParts", 0x114, orbs3_list_parts_object, 0},
-    {"ListMultipartUploads", 0x118, orbs3_list_multipart_uploads, 0},
-    {"PutServiceBlacklist", 0x201, orbs3_s3_not_implemented, 1},  // orbs3_put_service_blacklist
-    {"PutServiceBlacklistStatus", 0x215, orbs3_s3_not_implemented, 1},  // orbs3_put_service_blacklist_status
-    {"DeleteServiceBlacklist", 0x216, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_blacklist
-    {"PutServiceWhitelist", 0x217, orbs3_s3_not_implemented, 1},  // orbs3_put_service_whitelist
-    {"PutServiceWhitelistStatus", 0x218, orbs3_s3_not_implemented, 1},  // orbs3_put_service_whitelist_status
-    {"DeleteServiceWhitelist", 0x219, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_whitelist
-    {"GetServiceBlacklist", 0x202, orbs3_s3_not_implemented, 1},  // orbs3_get_service_blacklist
-    {"PutServiceAuthorityIp", 0x220, orbs3_s3_not_implemented, 1},  // orbs3_put_service_authority_ip
-    {"DeleteServiceAuthorityIp", 0x221, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_authority_ip
-    {"PutServiceAuthorityIpEdit", 0x222, orbs3_s3_not_implemented, 1},  // orbs3_put_service_authority_ip_edit
-    {"PutServiceAuthorityIpStatus", 0x223, orbs3_s3_not_implemented, 1},  // orbs3_put_service_authority_ip_status
-    {"PutServiceAuthorityUser", 0x224, orbs3_s3_not_implemented, 1},  // orbs3_put_service_authority_user
-    {"DeleteServiceAuthorityUser", 0x225, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_authority_user
-    {"PutServiceAuthorityUserEdit", 0x226, orbs3_s3_not_implemented, 1},  // orbs3_put_service_authority_user_edit
-    {"PutServiceAuthorityUserStatus", 0x227, orbs3_s3_not_implemented, 1},  // orbs3_put_service_authority_user_status
-    {"GetServiceAuthority", 0x204, orbs3_s3_not_implemented, 1},  // orbs3_get_service_authority
-    {"GetBucketAuths", 0x48, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_user_auths
-    {"GetBucketAuth", 0x49, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_ak_auth
-    {"GetAkServiceAuths", 0x228, orbs3_s3_not_implemented, 1},  // orbs3_get_service_ak_auths
-    {"GetAkServiceAuth", 0x229, orbs3_s3_not_implemented, 1},  // orbs3_get_service_ak_auth
-    {"GetUserServiceAuths", 0x232, orbs3_s3_not_implemented, 1},  // orbs3_get_service_user_auths
-    {"PutServiceSysConf", 0x230, orbs3_s3_not_implemented, 1},  // orbs3_put_service_system_storageclass
-    {"GetServiceSysConf", 0x231, orbs3_s3_not_implemented, 1},  // orbs3_get_service_system_storageclass
-    {"PutServiceQuota", 0x205, orbs3_s3_not_implemented, 1},  // orbs3_put_service_quota
-    {"GetServiceQuota", 0x206, orbs3_s3_not_implemented, 1},  // orbs3_get_service_quota
-    {"PutServiceVersion", 0x207, orbs3_s3_not_implemented, 1},  // orbs3_put_service_versioning
-    {"GetServiceVersion", 0x208, orbs3_s3_not_implemented, 1},  // orbs3_get_service_versioning
-    {"PutServiceAccelerated", 0x209, orbs3_s3_not_implemented, 1},  // orbs3_put_service_accelerated
-    {"GetServiceAccelerated", 0x210, orbs3_s3_not_implemented, 1},  // orbs3_get_service_accelerated
-    {"PutServiceMigration", 0x211, orbs3_s3_not_implemented, 1},  // orbs3_put_service_migration
-    {"PutServiceUser", 0x234, orbs3_s3_not_implemented, 1},  // orbs3_put_service_user
-    {"PutServiceUserEdit", 0x235, orbs3_s3_not_implemented, 1},  // orbs3_put_service_user_edit
-    {"DeleteServiceUser", 0x236, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_user
-    {"PutServiceUserAk", 0x237, orbs3_s3_not_implemented, 1},  // orbs3_put_service_user_accesskey
-    {"DeleteServiceUserAk", 0x238, orbs3_s3_not_implemented, 1},  // orbs3_delete_service_user_accesskey
-    {"GetBucketLifeCycleHistory", 0x55, orbs3_s3_not_implemented, 1},  // orbs3_get_bucket_lifecycle_history
-    {"GetBucketLocation", 0x56, orbs3_get_bucket_location, 1},
-    {"", 0, nullptr, 0},
+// Name, code, handler, read_body, own_body. A null handler is the storage layer's to install at start
+// (orbs3_s3_install_handler); until an action's own handler is built it answers NotImplemented, and the
+// comment names the handler that will answer it.
+orbs3_s3_event_t s3_events[] = {
+    {"Options", 0x116, orbs3_options_process, 1, 0},
+    {"PutBucket", 0x11, nullptr, 1, 0},
+    {"DeleteBucket", 0x12, nullptr, 1, 0},
+    {"ListBuckets", 0x13, nullptr, 1, 0},
+    {"ListObject", 0x14, nullptr, 1, 0},
+    {"GetBucketInfo", 0x15, nullptr, 1, 0},
+    {"GetBucketStat", 0x16, nullptr, 1, 0},
+    {"PutBucketAcl", 0x17, nullptr, 1, 0},
+    {"GetBucketAcl", 0x18, nullptr, 1, 0},
+    {"PutBucketLifeCycle", 0x19, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_lifecycle
+    {"GetBucketLifeCycle", 0x20, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_lifecycle
+    {"DeleteBucketLifeCycle", 0x21, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_lifecycle
+    {"PutBucketVersioning", 0x22, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_versioning
+    {"GetBucketVersioning", 0x23, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_versioning
+    {"PutBucketBlacklist", 0x24, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_blacklist
+    {"PutBucketBlacklistStatus", 0x35, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_blacklist_status
+    {"DeleteBucketBlacklist", 0x36, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_blacklist
+    {"PutBucketWhitelist", 0x37, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_whitelist
+    {"PutBucketWhitelistStatus", 0x38, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_whitelist_status
+    {"DeleteBucketWhitelist", 0x39, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_whitelist
+    {"GetBucketBlacklist", 0x25, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_blacklist
+    {"PutBucketAuthorityIp", 0x40, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_authority_ip
+    {"PutBucketAuthorityIpEdit", 0x42, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_authority_ip_edit
+    {"DeleteBucketAuthorityIp", 0x41, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_authority_ip
+    {"PutBucketAuthorityIpStatus", 0x43, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_authority_ip_status
+    {"PutBucketAuthorityUser", 0x44, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_authority_user
+    {"PutBucketAuthorityUserEdit", 0x46, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_authority_user_edit
+    {"DeleteBucketAuthorityUser", 0x45, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_authority_user
+    {"PutBucketAuthorityUserStatus", 0x47, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_authority_user_status
+    {"GetBucketAuthority", 0x27, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_authority
+    {"PutBucketQuota", 0x28, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_quota
+    {"GetBucketQuota", 0x29, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_quota
+    {"PutBucketRename", 0x30, nullptr, 1, 0},
+    {"PutBucketRecycle", 0x31, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_recycle_restore_msg
+    {"GetBucketRecycle", 0x32, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_recycle
+    {"DeleteBucketRecycle", 0x33, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_recycle_msg
+    {"PutBucketVorneLifecycle", 0x50, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_lifecycle_vorne
+    {"PutBucketVorneLifecycleEdit", 0x52, orbs3_s3_not_implemented, 1, 0},  // orbs3_edit_bucket_lifecycle_vorne
+    {"DeleteBucketVorneLifecycle", 0x51, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_lifecycle_vorne
+    {"PutBucketRecycleConf", 0x53, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_recycle_conf
+    {"GetBucketRecycleConf", 0x54, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_recycle_conf
+    {"PutBucketMigration", 0x34, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_migration
+    {"PutObject", 0x101, nullptr, 0, 1},
+    {"GetObject", 0x102, nullptr, 0, 0},
+    {"DeleteObject", 0x103, nullptr, 1, 0},
+    {"DeleteObjects", 0x104, nullptr, 1, 0},
+    {"AppendObject", 0x105, nullptr, 0, 0},
+    {"CopyObject", 0x106, nullptr, 1, 0},
+    {"PutObjectVersionRestore", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_version_restore_msg
+    {"DeleteObjectVersion", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_version_del_msg
+    {"GetObjectVersion", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_version_list_msg
+    {"GetBucketObjVer", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_object_version
+    {"PutObjectAcl", 0x108, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_acl
+    {"GetObjectAcl", 0x109, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_object_acl
+    {"PutObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_tagging
+    {"GetObjectTagging", 0x115, orbs3_s3_not_implemented, 0, 0},  // orbs3_get_object_tagging
+    {"DeleteObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_object_tagging
+    {"DeleteObjectVorne", 0x117, nullptr, 1, 0},
+    {"CreateMultipartUpload", 0x110, nullptr, 0, 0},
+    {"CompleteMultipartUpload", 0x111, nullptr, 1, 0},
+    {"AbortMultipartUpload", 0x112, nullptr, 0, 0},
+    {"UploadPart", 0x113, nullptr, 0, 1},
+    {"ListParts", 0x114, nullptr, 0, 0},
+    {"ListMultipartUploads", 0x118, nullptr, 0, 0},
+    {"PutServiceBlacklist", 0x201, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_blacklist
+    {"PutServiceBlacklistStatus", 0x215, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_blacklist_status
+    {"DeleteServiceBlacklist", 0x216, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_blacklist
+    {"PutServiceWhitelist", 0x217, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_whitelist
+    {"PutServiceWhitelistStatus", 0x218, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_whitelist_status
+    {"DeleteServiceWhitelist", 0x219, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_whitelist
+    {"GetServiceBlacklist", 0x202, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_blacklist
+    {"PutServiceAuthorityIp", 0x220, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_authority_ip
+    {"DeleteServiceAuthorityIp", 0x221, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_authority_ip
+    {"PutServiceAuthorityIpEdit", 0x222, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_authority_ip_edit
+    {"PutServiceAuthorityIpStatus", 0x223, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_authority_ip_status
+    {"PutServiceAuthorityUser", 0x224, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_authority_user
+    {"DeleteServiceAuthorityUser", 0x225, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_authority_user
+    {"PutServiceAuthorityUserEdit", 0x226, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_authority_user_edit
+    {"PutServiceAuthorityUserStatus", 0x227, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_authority_user_status
+    {"GetServiceAuthority", 0x204, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_authority
+    {"GetBucketAuths", 0x48, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_user_auths
+    {"GetBucketAuth", 0x49, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_ak_auth
+    {"GetAkServiceAuths", 0x228, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_ak_auths
+    {"GetAkServiceAuth", 0x229, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_ak_auth
+    {"GetUserServiceAuths", 0x232, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_user_auths
+    {"PutServiceSysConf", 0x230, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_system_storageclass
+    {"GetServiceSysConf", 0x231, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_system_storageclass
+    {"PutServiceQuota", 0x205, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_quota
+    {"GetServiceQuota", 0x206, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_quota
+    {"PutServiceVersion", 0x207, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_versioning
+    {"GetServiceVersion", 0x208, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_versioning
+    {"PutServiceAccelerated", 0x209, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_accelerated
+    {"GetServiceAccelerated", 0x210, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_service_accelerated
+    {"PutServiceMigration", 0x211, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_migration
+    {"PutServiceUser", 0x234, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_user
+    {"PutServiceUserEdit", 0x235, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_user_edit
+    {"DeleteServiceUser", 0x236, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_user
+    {"PutServiceUserAk", 0x237, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_service_user_accesskey
+    {"DeleteServiceUserAk", 0x238, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_user_accesskey
+    {"GetBucketLifeCycleHistory", 0x55, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_lifecycle_history
+    {"GetBucketLocation", 0x56, nullptr, 1, 0},
+    {"", 0, nullptr, 0, 0},
 };
 
 namespace {
@@ -234,9 +228,8 @@ int admit_and_run(orbs3_http_request_t* r)
         }
     }
     // A body in the streaming framing would reach a handler with its chunk signatures in it; PutObject
-    // takes the framing off as the body arrives.
-    if (orbs3_s3_streaming_payload(r) && orbs3_http_has_body(r) && r->event->handler != orbs3_put_object &&
-        r->event->handler != orbs3_upload_part_object) {
+    // and UploadPart take the framing off as the body arrives.
+    if (orbs3_s3_streaming_payload(r) && orbs3_http_has_body(r) && r->event->own_body == 0) {
         r->resp.message = "Payloads signed chunk by chunk are not accepted yet; send the body with a plain "
                           "payload hash.";
         return ORBS3_S3_NOT_IMPLEMENTED;
@@ -255,10 +248,23 @@ int admit_and_run(orbs3_http_request_t* r)
     if (origin != nullptr && origin->value.len != 0 && (host == nullptr || orbs3_str_view(host->value) != orbs3_str_view(origin->value)))
         (void)copy_field(r->resp.origin, sizeof r->resp.origin, orbs3_str_view(origin->value));
 
-    return r->event->handler(r);
+    // A row whose handler was never installed has nothing to run the action with.
+    orbs3_s3_handler_pt handler = r->event->handler != nullptr ? r->event->handler : orbs3_s3_not_implemented;
+    return handler(r);
 }
 
 }  // namespace
+
+int orbs3_s3_install_handler(string_view name, orbs3_s3_handler_pt handler)
+{
+    for (orbs3_s3_event_t* e = s3_events; e->code != 0; e++) {
+        if (e->name == name) {
+            e->handler = handler;
+            return 0;
+        }
+    }
+    return -1;
+}
 
 const orbs3_s3_event_t* orbs3_s3_find_event(string_view name)
 {

@@ -16,15 +16,22 @@ struct orbs3_vhost_t;
 // code of s3/orbs3_s3_errors.h after filling r->resp.resource.
 using orbs3_s3_handler_pt = int (*)(orbs3_http_request_t* r);
 
+// A row of the action table. The s3 layer owns the names, codes and body columns; the handlers of the
+// actions that touch the store are the storage layer's, which installs them at start.
 struct orbs3_s3_event_t {
     std::string_view name;
     uint32_t code;
-    orbs3_s3_handler_pt handler;
+    orbs3_s3_handler_pt handler;  // null until installed: the action answers NotImplemented
     uint32_t read_body;  // 1: the whole body is read into memory before the handler runs
+    uint32_t own_body;   // 1: the handler reads the body itself and takes the aws-chunked framing off
 };
 
-// In table order, ended by a row with code 0.
-extern const orbs3_s3_event_t s3_events[];
+// In table order, ended by a row with code 0. Written only by orbs3_s3_install_handler, before the
+// epoll threads start.
+extern orbs3_s3_event_t s3_events[];
+
+// Sets the handler of the action `name`; 0, or -1 when the table has no such action.
+[[nodiscard]] int orbs3_s3_install_handler(std::string_view name, orbs3_s3_handler_pt handler);
 
 // The row of an action name (exact, length first), or null.
 [[nodiscard]] const orbs3_s3_event_t* orbs3_s3_find_event(std::string_view name);

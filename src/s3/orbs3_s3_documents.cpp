@@ -8,7 +8,7 @@
 #include <utility>
 #include <strings.h>
 
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_xml.h"
 #include "memory/neo_string.h"
 #include "storage/orbs3_bucket.h"

@@ -83,7 +83,7 @@ uint32_t presigned_v4(orbs3_http_request_t* r, const orbs3_sign_query_t* q, cons
 
     time_t when = 0;
     int64_t expires = 0;
-    if (!orbs3_sign_parse_iso8601(date, &when) || !orbs3_sign_scope_day_matches(v.scope, when))
+    if (!orbs3_http_parse_iso8601(date, &when) || !orbs3_sign_scope_day_matches(v.scope, when))
         return ORBS3_S3_AUTH_HEADER_MALFORMED;
     std::string_view refused = expires_refusal(expires_text, &expires);
     if (!refused.empty()) {

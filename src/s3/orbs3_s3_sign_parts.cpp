@@ -58,19 +58,6 @@ void append_encoded_byte(orbs3_sign_text_t* out, uint8_t c, bool keep_slash)
     orbs3_sign_append(out, std::string_view(esc, 3));
 }
 
-std::string_view measured(const orbs3_http_request_t* r, const orbs3_str_t& s)
-{
-    if (s.data == nullptr)
-        return {};
-    if (s.len != 0)
-        return {s.data, s.len};
-    const orbs3_buf_t* b = r->header_in;
-    const auto* p = reinterpret_cast<const uint8_t*>(s.data);
-    if (b == nullptr || b->start == nullptr || p < b->start || p >= b->end)
-        return {};
-    return {s.data, strnlen(s.data, static_cast<std::size_t>(b->end - p))};
-}
-
 int hmac(const EVP_MD* md, std::string_view key, std::string_view data, uint8_t* out, unsigned expect)
 {
     if (key.size() > INT_MAX)
@@ -83,39 +70,8 @@ int hmac(const EVP_MD* md, std::string_view key, std::string_view data, uint8_t*
     return p != nullptr && n == expect ? 0 : -1;
 }
 
-bool digits(std::string_view s, std::size_t at, std::size_t n, int* v)
-{
-    int x = 0;
-    for (std::size_t i = at; i < at + n; i++) {
-        if (s[i] < '0' || s[i] > '9')
-            return false;
-        x = x * 10 + (s[i] - '0');
-    }
-    *v = x;
-    return true;
-}
-
 
 }  // namespace
-
-bool orbs3_sign_blank(char c)
-{
-    return c == ' ' || c == '\t';
-}
-
-std::string_view orbs3_sign_trim(std::string_view s)
-{
-    while (!s.empty() && orbs3_sign_blank(s.front()))
-        s.remove_prefix(1);
-    while (!s.empty() && orbs3_sign_blank(s.back()))
-        s.remove_suffix(1);
-    return s;
-}
-
-bool orbs3_sign_iequals(std::string_view a, std::string_view b)
-{
-    return a.size() == b.size() && (a.empty() || strncasecmp(a.data(), b.data(), a.size()) == 0);
-}
 
 
 void orbs3_sign_append(orbs3_sign_text_t* t, std::string_view s)
@@ -258,35 +214,13 @@ int orbs3_sign_canonical_query(orbs3_http_request_t* r, const orbs3_sign_query_t
 
 // ---- headers ----
 
-std::string_view orbs3_sign_header_key(const orbs3_http_request_t* r, const orbs3_header_t* h)
-{
-    return measured(r, h->key);
-}
-
-std::string_view orbs3_sign_header_value(const orbs3_http_request_t* r, const orbs3_header_t* h)
-{
-    return measured(r, h->value);
-}
-
-bool orbs3_sign_find_header(const orbs3_http_request_t* r, std::string_view name, std::string_view* value)
-{
-    bool found = false;
-    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
-        if (!found && orbs3_sign_iequals(orbs3_sign_header_key(r, &h), name)) {
-            *value = orbs3_sign_trim(orbs3_sign_header_value(r, &h));
-            found = true;
-        }
-    });
-    return found;
-}
-
 namespace {
 
 bool in_signed_list(std::string_view list, std::string_view name)
 {
     while (!list.empty()) {
         std::size_t semi = list.find(';');
-        if (orbs3_sign_iequals(orbs3_sign_trim(list.substr(0, semi)), name))
+        if (orbs3_http_iequals(orbs3_http_trim(list.substr(0, semi)), name))
             return true;
         list.remove_prefix(semi == std::string_view::npos ? list.size() : semi + 1);
     }
@@ -300,12 +234,12 @@ uint32_t orbs3_sign_check_bound_headers(const orbs3_http_request_t* r, std::stri
 {
     constexpr std::string_view kAmz = "x-amz-";
     std::string_view found;
-    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+    orbs3_http_for_each_header(r, [&](const orbs3_header_t& h) {
         if (!found.empty())
             return;
-        std::string_view k = orbs3_sign_header_key(r, &h);
-        const bool amz = k.size() >= kAmz.size() && orbs3_sign_iequals(k.substr(0, kAmz.size()), kAmz);
-        const bool steers = amz || orbs3_sign_iequals(k, "orbaction") || orbs3_sign_iequals(k, "x-copy-source");
+        std::string_view k = orbs3_http_header_key(r, &h);
+        const bool amz = k.size() >= kAmz.size() && orbs3_http_iequals(k.substr(0, kAmz.size()), kAmz);
+        const bool steers = amz || orbs3_http_iequals(k, "orbaction") || orbs3_http_iequals(k, "x-copy-source");
         if (steers && !(amz && amz_bound) && !in_signed_list(signed_headers, k))
             found = k;
     });
@@ -321,26 +255,26 @@ std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_
                                      orbs3_sign_text_t* out)
 {
     std::size_t count = 0;
-    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
-        if (!orbs3_sign_iequals(orbs3_sign_header_key(r, &h), name))
+    orbs3_http_for_each_header(r, [&](const orbs3_header_t& h) {
+        if (!orbs3_http_iequals(orbs3_http_header_key(r, &h), name))
             return;
         if (count++ != 0)
             orbs3_sign_append(out, ",");
-        std::string_view v = orbs3_sign_trim(orbs3_sign_header_value(r, &h));
+        std::string_view v = orbs3_http_trim(orbs3_http_header_value(r, &h));
         if (!collapse) {
             orbs3_sign_append(out, v);
             return;
         }
         while (!v.empty()) {
             std::size_t run = 0;
-            while (run < v.size() && !orbs3_sign_blank(v[run]))
+            while (run < v.size() && !orbs3_http_blank(v[run]))
                 run++;
             orbs3_sign_append(out, v.substr(0, run));
             v.remove_prefix(run);
             if (v.empty())
                 break;
             orbs3_sign_append(out, " ");  // trimmed, so a run of blanks always has text behind it
-            while (!v.empty() && orbs3_sign_blank(v.front()))
+            while (!v.empty() && orbs3_http_blank(v.front()))
                 v.remove_prefix(1);
         }
     });
@@ -349,43 +283,9 @@ std::size_t orbs3_sign_append_header(const orbs3_http_request_t* r, std::string_
 
 // ---- dates ----
 
-bool orbs3_sign_parse_iso8601(std::string_view s, time_t* t)
-{
-    int year, mon, day, hour, min, sec;
-    if (s.size() != 16 || s[8] != 'T' || s[15] != 'Z')
-        return false;
-    if (!digits(s, 0, 4, &year) || !digits(s, 4, 2, &mon) || !digits(s, 6, 2, &day) || !digits(s, 9, 2, &hour) ||
-        !digits(s, 11, 2, &min) || !digits(s, 13, 2, &sec))
-        return false;
-    return orbs3_make_utc_time(year, mon, day, hour, min, sec, t);
-}
-
-bool orbs3_sign_parse_http_date(std::string_view s, time_t* t)
-{
-    static constexpr std::string_view kDays[] = {"Mon", "Tue", "Wed", "Thu", "Fri", "Sat", "Sun"};
-    static constexpr std::string_view kMonths[] = {"Jan", "Feb", "Mar", "Apr", "May", "Jun",
-                                                   "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
-    // "Fri, 24 May 2013 00:00:00 GMT"; Python's email.utils (botocore) writes the zone as "-0000".
-    std::string_view zone = s.size() > 25 ? s.substr(25) : std::string_view();
-    if (zone != " GMT" && zone != " +0000" && zone != " -0000")
-        return false;
-    if (s.substr(3, 2) != ", " || s[7] != ' ' || s[11] != ' ' || s[16] != ' ' || s[19] != ':' || s[22] != ':')
-        return false;
-    if (std::find(std::begin(kDays), std::end(kDays), s.substr(0, 3)) == std::end(kDays))
-        return false;
-    auto m = std::find(std::begin(kMonths), std::end(kMonths), s.substr(8, 3));
-    if (m == std::end(kMonths))
-        return false;
-    int year, day, hour, min, sec;
-    if (!digits(s, 5, 2, &day) || !digits(s, 12, 4, &year) || !digits(s, 17, 2, &hour) || !digits(s, 20, 2, &min) ||
-        !digits(s, 23, 2, &sec))
-        return false;
-    return orbs3_make_utc_time(year, static_cast<int>(m - std::begin(kMonths)) + 1, day, hour, min, sec, t);
-}
-
 bool orbs3_sign_parse_date(std::string_view text, time_t* t)
 {
-    return orbs3_sign_parse_iso8601(text, t) || orbs3_sign_parse_http_date(text, t);
+    return orbs3_http_parse_iso8601(text, t) || orbs3_http_parse_rfc1123(text, t);
 }
 
 // ---- digests and compare ----
@@ -417,14 +317,6 @@ int orbs3_hmac_sha256(std::string_view key, std::string_view data, uint8_t out[O
 int orbs3_hmac_sha1(std::string_view key, std::string_view data, uint8_t out[ORBS3_SHA1_LEN])
 {
     return hmac(EVP_sha1(), key, data, out, ORBS3_SHA1_LEN);
-}
-
-std::size_t orbs3_sign_base64(const uint8_t* in, std::size_t n, char* out, std::size_t room)
-{
-    std::size_t need = 4 * ((n + 2) / 3);
-    if (n > INT_MAX || need + 1 > room)
-        return 0;
-    return static_cast<std::size_t>(EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out), in, static_cast<int>(n)));
 }
 
 bool orbs3_sign_equal(std::string_view expected, std::string_view sent)

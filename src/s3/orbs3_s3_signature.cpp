@@ -9,8 +9,8 @@
 #include <cctype>
 #include <cstring>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "memory/neo_list.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"
@@ -39,16 +39,16 @@ constexpr std::size_t kMaxSignedHeaders = ORBS3_SIGN_LIST_LEN / 2;  // "a;" is t
 
 std::string_view header_view(const orbs3_header_t* h)
 {
-    return h != nullptr && h->value.data != nullptr ? orbs3_sign_trim(std::string_view(h->value.data, h->value.len))
+    return h != nullptr && h->value.data != nullptr ? orbs3_http_trim(std::string_view(h->value.data, h->value.len))
                                                     : std::string_view();
 }
 
 // The scheme word and what follows it.
 std::string_view scheme_of(std::string_view value, std::string_view* rest)
 {
-    value = orbs3_sign_trim(value);
+    value = orbs3_http_trim(value);
     std::size_t sp = value.find(' ');
-    *rest = sp == std::string_view::npos ? std::string_view() : orbs3_sign_trim(value.substr(sp + 1));
+    *rest = sp == std::string_view::npos ? std::string_view() : orbs3_http_trim(value.substr(sp + 1));
     return value.substr(0, sp);
 }
 
@@ -68,7 +68,7 @@ void parse_v4_fields(std::string_view rest, v4_fields_t* f)
 {
     while (!rest.empty()) {
         std::size_t comma = rest.find(',');
-        std::string_view part = orbs3_sign_trim(rest.substr(0, comma));
+        std::string_view part = orbs3_http_trim(rest.substr(0, comma));
         rest.remove_prefix(comma == std::string_view::npos ? rest.size() : comma + 1);
         std::size_t eq = part.find('=');
         if (eq == std::string_view::npos)
@@ -153,9 +153,9 @@ bool v4_header_date(const orbs3_http_request_t* r, int source, char iso[17], std
         *line = text;
         return !text.empty() && orbs3_sign_parse_date(text, when);
     }
-    if (orbs3_sign_find_header(r, d.date_header, &text)) {
+    if (orbs3_http_find_header(r, d.date_header, &text)) {
         *line = text;
-        return source == ORBS3_SIGN_AWS4 ? orbs3_sign_parse_iso8601(text, when) : orbs3_sign_parse_date(text, when);
+        return source == ORBS3_SIGN_AWS4 ? orbs3_http_parse_iso8601(text, when) : orbs3_sign_parse_date(text, when);
     }
     if (source != ORBS3_SIGN_AWS4)
         return false;
@@ -198,7 +198,7 @@ uint32_t v4_header(orbs3_http_request_t* r, int source, std::string_view rest, c
     if (!orbs3_sign_scope_day_matches(v.scope, when))
         return ORBS3_S3_AUTH_HEADER_MALFORMED;
 
-    if (!orbs3_sign_find_header(r, kDialects[source].payload_header, &v.payload))
+    if (!orbs3_http_find_header(r, kDialects[source].payload_header, &v.payload))
         v.payload = kEmptySha256;
     if (uint32_t unbound = orbs3_sign_check_bound_headers(r, v.signed_headers, false, message); unbound != 0)
         return unbound;
@@ -258,7 +258,7 @@ int orbs3_sign_v4_canonical(const orbs3_sign_v4_t* v, orbs3_http_request_t* r, c
     std::string_view list(names_buf, v->signed_headers.size());
     while (!list.empty()) {
         std::size_t semi = list.find(';');
-        std::string_view name = orbs3_sign_trim(list.substr(0, semi));
+        std::string_view name = orbs3_http_trim(list.substr(0, semi));
         list.remove_prefix(semi == std::string_view::npos ? list.size() : semi + 1);
         if (name.empty())
             continue;
@@ -503,5 +503,5 @@ int orbs3_check_signature(orbs3_user_t* user, orbs3_http_request_t* r)
 bool orbs3_s3_streaming_payload(const orbs3_http_request_t* r)
 {
     std::string_view v;
-    return r != nullptr && orbs3_sign_find_header(r, "x-amz-content-sha256", &v) && v.starts_with("STREAMING-");
+    return r != nullptr && orbs3_http_find_header(r, "x-amz-content-sha256", &v) && v.starts_with("STREAMING-");
 }

@@ -68,12 +68,12 @@ void append_standard(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::
                      orbs3_sign_text_t* out)
 {
     std::string_view v;
-    if (orbs3_sign_find_header(r, name, &v)) {
+    if (orbs3_http_find_header(r, name, &v)) {
         orbs3_sign_append(out, v);
     } else if (presigned) {
         for (std::size_t i = 0; i < q->n; i++) {
-            if (orbs3_sign_iequals(q->elts[i].name, name)) {
-                orbs3_sign_append(out, orbs3_sign_trim(q->elts[i].value));
+            if (orbs3_http_iequals(q->elts[i].name, name)) {
+                orbs3_sign_append(out, orbs3_http_trim(q->elts[i].value));
                 break;
             }
         }
@@ -85,7 +85,7 @@ void append_standard(orbs3_http_request_t* r, const orbs3_sign_query_t* q, std::
 int append_amz_headers(orbs3_http_request_t* r, const orbs3_sign_query_t* q, bool presigned, orbs3_sign_text_t* out)
 {
     std::size_t count = 0;
-    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) { count += amz_name(orbs3_sign_header_key(r, &h)); });
+    orbs3_http_for_each_header(r, [&](const orbs3_header_t& h) { count += amz_name(orbs3_http_header_key(r, &h)); });
     if (presigned) {
         for (std::size_t i = 0; i < q->n; i++)
             count += amz_name(q->elts[i].name);
@@ -108,8 +108,8 @@ int append_amz_headers(orbs3_http_request_t* r, const orbs3_sign_query_t* q, boo
             low[i] = static_cast<char>(std::tolower(static_cast<unsigned char>(name[i])));
         names[n++] = std::string_view(low, name.size());
     };
-    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
-        std::string_view k = orbs3_sign_header_key(r, &h);
+    orbs3_http_for_each_header(r, [&](const orbs3_header_t& h) {
+        std::string_view k = orbs3_http_header_key(r, &h);
         if (amz_name(k))
             add(k);
     });
@@ -127,11 +127,11 @@ int append_amz_headers(orbs3_http_request_t* r, const orbs3_sign_query_t* q, boo
         orbs3_sign_append(out, ":");
         std::size_t values = orbs3_sign_append_header(r, names[i], false, out);
         for (std::size_t j = 0; presigned && j < q->n; j++) {
-            if (!orbs3_sign_iequals(q->elts[j].name, names[i]))
+            if (!orbs3_http_iequals(q->elts[j].name, names[i]))
                 continue;
             if (values++ != 0)
                 orbs3_sign_append(out, ",");
-            orbs3_sign_append(out, orbs3_sign_trim(q->elts[j].value));
+            orbs3_sign_append(out, orbs3_http_trim(q->elts[j].value));
         }
         orbs3_sign_append(out, "\n");
     }
@@ -145,7 +145,7 @@ int append_resource(orbs3_http_request_t* r, const orbs3_sign_query_t* q, orbs3_
     if (r->host_style == ORBS3_HOST_STYLE_VIRTUAL && r->headers_in.host != nullptr &&
         r->headers_in.host->value.data != nullptr) {
         std::string_view host(r->headers_in.host->value.data, r->headers_in.host->value.len);
-        host = orbs3_sign_trim(host);
+        host = orbs3_http_trim(host);
         host = host.substr(0, host.find_first_of(".:"));
         if (!host.empty()) {
             orbs3_sign_append(out, "/");
@@ -255,7 +255,7 @@ uint32_t orbs3_sign_v2_verify(orbs3_http_request_t* r, const orbs3_sign_query_t*
         uint8_t md[ORBS3_SHA1_LEN];
         char expected[ORBS3_SIGV2_LEN + 1];
         if (orbs3_hmac_sha1(secret, sts.t.view(), md) != 0 ||
-            orbs3_sign_base64(md, sizeof md, expected, sizeof expected) != ORBS3_SIGV2_LEN)
+            orbs3_http_base64(md, sizeof md, expected, sizeof expected) != ORBS3_SIGV2_LEN)
             return false;
         if (orbs3_sign_equal(std::string_view(expected, ORBS3_SIGV2_LEN), sent))
             return true;
@@ -287,14 +287,14 @@ uint32_t orbs3_sign_v2_header(orbs3_http_request_t* r, std::string_view rest, co
     std::size_t colon = rest.find(':');
     if (colon == std::string_view::npos || colon == 0 || colon >= ORBS3_ACCESS_KEY_ID_LEN)
         return ORBS3_S3_AUTH_HEADER_MALFORMED;
-    std::string_view sent = orbs3_sign_trim(rest.substr(colon + 1));
+    std::string_view sent = orbs3_http_trim(rest.substr(colon + 1));
 
     // With x-amz-date the Date header is not signed: its line stays empty.
     std::string_view date_line;
     std::string_view stamp;
     time_t when = 0;
-    if (!orbs3_sign_find_header(r, "x-amz-date", &stamp)) {
-        if (!orbs3_sign_find_header(r, "date", &stamp))
+    if (!orbs3_http_find_header(r, "x-amz-date", &stamp)) {
+        if (!orbs3_http_find_header(r, "date", &stamp))
             stamp = std::string_view();
         date_line = stamp;
     }

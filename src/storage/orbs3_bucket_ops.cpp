@@ -15,8 +15,8 @@
 #include <string_view>
 #include <vector>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_files.h"

@@ -12,8 +12,8 @@
 #include <functional>
 #include <memory>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_log.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_xml.h"
 #include "memory/neo_files.h"
 #include "memory/neo_string.h"
@@ -334,4 +334,25 @@ int orbs3_bucket_claim_state(const orbs3_vhost_t* vhost, std::string_view name, 
         state = ORBS3_CLAIM_WAIT;
     }
     return state;
+}
+
+void orbs3_free_vhost_data(orbs3_vhost_t* vh)
+{
+    if (vh == nullptr)
+        return;
+    for (orbs3_str_t* s : {&vh->id, &vh->name, &vh->group, &vh->node_key, &vh->domain, &vh->ipversion, &vh->ipaddr,
+                           &vh->ca, &vh->cert, &vh->ssl_key, &vh->key_pwd, &vh->data_root, &vh->meta_root,
+                           &vh->version_root, &vh->recycle_root, &vh->cluster, &vh->tiered, &vh->group_path,
+                           &vh->cluster_path})
+        neo_strfree(s);
+    orbs3_free_user_list(&vh->users);
+    orbs3_user_clear(&vh->admin);
+    orbs3_free_service(vh->service_rec);
+    orbs3_bucket_exit(vh);
+    delete vh;
+}
+
+void orbs3_free_vhost_list(neo_list_head_t* head)
+{
+    orbs3_free_list(head, [](void* data) { orbs3_free_vhost_data(static_cast<orbs3_vhost_t*>(data)); });
 }

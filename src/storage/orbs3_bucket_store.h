@@ -46,6 +46,12 @@ int orbs3_bucket_user_init(orbs3_vhost_t* vhost, const char* dir);
 // Unlinks and frees every record of bucket_list; the list is left empty, bucket_count as it was.
 void orbs3_bucket_exit(orbs3_vhost_t* vhost);
 
+// The vhost, its strings, users, admin record (the record itself is embedded), service record and
+// buckets; a null argument is allowed.
+void orbs3_free_vhost_data(orbs3_vhost_t* vh);
+// Every vhost of the list with orbs3_free_vhost_data, and the nodes; the head is left empty.
+void orbs3_free_vhost_list(neo_list_head_t* head);
+
 // Appends the buckets of `user` (its DisPlayName is its owner directory) to `list`.
 [[nodiscard]] int orbs3_load_bucket_list(const orbs3_vhost_t* vhost, const orbs3_user_t* user,
                                          neo_list_head_t* list);

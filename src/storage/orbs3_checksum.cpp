@@ -6,8 +6,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "http/orbs3_http_header.h"
 #include "memory/orbs3_crc32.h"
-#include "s3/orbs3_s3_sign_parts.h"
 
 namespace {
 
@@ -288,7 +288,7 @@ std::size_t orbs3_checksum_decode(orbs3_checksum_alg alg, std::string_view text,
         return 0;
     // Only the one spelling of these bytes: padding, unused bits and alphabet as the encoder writes them.
     char again[ORBS3_CHECKSUM_BASE64_MAX + 1];
-    if (orbs3_sign_base64(buf, n, again, sizeof again) != text.size() || text != again)
+    if (orbs3_http_base64(buf, n, again, sizeof again) != text.size() || text != again)
         return 0;
     std::memcpy(out, buf, n);
     return n;
@@ -374,7 +374,7 @@ std::size_t orbs3_checksum_final_base64(orbs3_checksum_t* ck, char* out, std::si
         break;
     }
     }
-    return orbs3_sign_base64(raw, n, out, room);
+    return orbs3_http_base64(raw, n, out, room);
 }
 
 int orbs3_checksum_parts_init(orbs3_checksum_parts_t* ck, orbs3_checksum_alg alg, bool full_object)
@@ -418,7 +418,7 @@ std::size_t orbs3_checksum_parts_final(orbs3_checksum_parts_t* ck, char* out, st
     if (ck->full_object) {
         uint8_t raw[8];
         const std::size_t n = put_crc(ck->crc, raw_size(ck->composite.alg), raw);
-        return orbs3_sign_base64(raw, n, out, room);
+        return orbs3_http_base64(raw, n, out, room);
     }
     std::size_t n = orbs3_checksum_final_base64(&ck->composite, out, room);
     if (n == 0)

@@ -7,10 +7,9 @@
 #include <cstring>
 #include <initializer_list>
 
-#include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
-#include "core/orbs3_worker.h"
+#include "core/orbs3_tenant.h"
 #include "s3/orbs3_s3_errors.h"
 
 // Joins `parts` into `out` (an area of `cap` bytes). Refuses, with out emptied, instead of cutting.
@@ -115,11 +114,10 @@ int orbs3_init_path(orbs3_vhost_t* vhost)
     return 0;
 }
 
-void orbs3_reload_path()
+void orbs3_reload_path(neo_list_head_t* head)
 {
-    if (orbs3_service == nullptr)
+    if (head == nullptr)
         return;
-    neo_list_head_t* head = &orbs3_service->vhosts;
     for (neo_list_head_t* l = head->next; l != head; l = l->next) {
         auto* node = reinterpret_cast<orbs3_list_node_t*>(l);
         auto* vh = static_cast<const orbs3_vhost_t*>(node->data);

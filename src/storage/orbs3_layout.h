@@ -14,6 +14,7 @@
 #include <string_view>
 
 #include "memory/neo_files.h"  // mkdir_p
+#include "memory/neo_list.h"
 #include "storage/orbs3_bucket.h"
 
 struct orbs3_vhost_t;
@@ -61,9 +62,9 @@ struct orbs3_object_path_t {
 // -1 when a root does not fit its area or memory runs out (the roots are then left empty), else 0.
 [[nodiscard]] int orbs3_init_path(orbs3_vhost_t* vhost);
 
-// Makes the root directories again, from the roots already built, for every vhost of this worker's
-// service.
-void orbs3_reload_path();
+// Makes the root directories again, from the roots already built, for every vhost of the list
+// (orbs3_list_node_t nodes carrying orbs3_vhost_t); a null list is left alone.
+void orbs3_reload_path(neo_list_head_t* vhosts);
 
 // Fills data_dir, meta_file, meta_dir, version_dir and recycle_dir of `bucket` (in its pool) for the
 // bucket `name` of its owner `owner_name`. Nothing on disk is touched: every request of the bucket calls

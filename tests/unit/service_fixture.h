@@ -1,20 +1,22 @@
-// A worker's service with vhosts of given domains, for tests that resolve a request's vhost.
+// A listener's vhosts of given domains, for tests that resolve a request's vhost: a request finds its
+// vhost through its connection's listener, so a request given connection() is served by them.
 #pragma once
 
 #include <initializer_list>
 #include <vector>
 
-#include "control/orbs3_service.h"
-#include "core/orbs3_worker.h"
+#include "core/orbs3_tenant.h"
+#include "event/orbs3_connection.h"
 #include "memory/orbs3_palloc.h"
 
 namespace unit_test {
 
-// A worker's service with vhosts for `domains`, in list order; restores the worker's service after.
+// A service with vhosts for `domains`, in list order, and a listener and connection that serve them.
 struct service_fixture {
-    orbs3_service_t* saved = orbs3_service;
     orbs3_service_t* svc = orbs3_service_new();
     std::vector<orbs3_vhost_t*> vhosts;
+    orbs3_listening_t listening{};
+    orbs3_connection_t conn{};
 
     explicit service_fixture(std::initializer_list<const char*> domains)
     {
@@ -26,22 +28,34 @@ struct service_fixture {
                 continue;
             neo_strdup(&vh->domain, d, ORBS3_NAME_CAP);
             if (orbs3_service_add_vhost(svc, vh) != 0) {
-                orbs3_free_vhost_data(vh);
+                free_vhost(vh);
                 continue;
             }
             vhosts.push_back(vh);
         }
-        orbs3_service = svc;
+        listening.vhosts = &svc->vhosts;
+        conn.listening = &listening;
+        conn.fd = -1;
     }
     ~service_fixture()
     {
-        orbs3_service = saved;
         for (orbs3_vhost_t* vh : vhosts)
-            orbs3_free_vhost_data(vh);
+            free_vhost(vh);
         orbs3_free_service_data(svc);
     }
     service_fixture(const service_fixture&) = delete;
     service_fixture& operator=(const service_fixture&) = delete;
+
+    // These vhosts hold nothing but their domain and the lists orbs3_vhost_new set up, so the http tests
+    // need not link the daemon's free of a whole vhost.
+    static void free_vhost(orbs3_vhost_t* vh)
+    {
+        neo_strfree(&vh->domain);
+        delete vh;
+    }
+
+    // A connection accepted by the listener, for a request that has none of its own.
+    orbs3_connection_t* connection() { return &conn; }
 };
 
 }  // namespace unit_test

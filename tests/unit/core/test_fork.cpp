@@ -8,7 +8,7 @@
 #include <thread>
 #include <vector>
 
-#include "core/orbs3_process.h"
+#include "core/orbs3_fork_guard.h"
 
 // The master forks workers while its other threads allocate. Each child here allocates at once; a child
 // that inherited an allocator lock held by a thread that does not exist in it never finishes, and its

@@ -15,7 +15,6 @@
 #include <string>
 
 #include "core/orbs3_config.h"
-#include "core/orbs3_process.h"
 #include "event/orbs3_epoll.h"
 #include "event/orbs3_fd.h"
 #include "event/orbs3_socket.h"
@@ -226,10 +225,7 @@ TEST(ConnectionEpoll, NotifyCallsTheStoredHandlerThroughTheMastersEpollSet)
 {
     orbs3_fd ep(orbs3_create_epfd(512));
     ASSERT_TRUE(ep.valid());
-    int saved = epfd;
-    epfd = ep.get();
-    ASSERT_EQ(orbs3_epoll_notify_init(), 0);
-    epfd = saved;
+    ASSERT_EQ(orbs3_epoll_notify_init(ep.get()), 0);
     EXPECT_TRUE(registered(ep.get(), orbs3_epoll_notify_fd()).found);
 
     ASSERT_EQ(orbs3_epoll_notify(on_notify), 0);

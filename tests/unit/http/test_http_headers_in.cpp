@@ -6,7 +6,6 @@
 #include <vector>
 
 #include "control/orbs3_service.h"
-#include "core/orbs3_worker.h"
 #include "http/http_test_request.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_request.h"
@@ -300,11 +299,25 @@ TEST(HttpHeadersIn, HostHeaderResolvesTheVhost)
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(std::string(row.host));
-        parsed_head p("", "GET / HTTP/1.1\r\nHost: " + std::string(row.host) + "\r\n");
-        ASSERT_EQ(p.rc, 0);
-        EXPECT_EQ(p.t.r->vhost, f.vhosts[row.vhost]);
-        EXPECT_EQ(p.t.r->host_style, row.style);
-        EXPECT_EQ(sv(p.t.r->headers_in.server), row.server);
+        test_request t("GET / HTTP/1.1\r\nHost: " + std::string(row.host) + "\r\n\r\n");
+        ASSERT_NE(t.r, nullptr);
+        t.r->connection = f.connection();
+        ASSERT_EQ(parser_http_request_handler(t.r), 0);
+        EXPECT_EQ(t.r->vhost, f.vhosts[row.vhost]);
+        EXPECT_EQ(t.r->host_style, row.style);
+        EXPECT_EQ(sv(t.r->headers_in.server), row.server);
+    }
+    // The vhosts are the listener's: a request without a connection, or through a listener that serves
+    // none, gets no vhost, whatever other listeners serve.
+    orbs3_listening_t bare{};
+    orbs3_connection_t through_bare{};
+    through_bare.listening = &bare;
+    for (orbs3_connection_t* c : {static_cast<orbs3_connection_t*>(nullptr), &through_bare}) {
+        test_request t("GET / HTTP/1.1\r\nHost: s3.example.com\r\n\r\n");
+        ASSERT_NE(t.r, nullptr);
+        t.r->connection = c;
+        ASSERT_EQ(parser_http_request_handler(t.r), 0);
+        EXPECT_EQ(t.r->vhost, nullptr);
     }
 }
 

@@ -13,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "core/orbs3_process.h"
 #include "memory/orbs3_shmem.h"
 #include "memory/orbs3_shmtx.h"
 #include "memory/orbs3_slab.h"

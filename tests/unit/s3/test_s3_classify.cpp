@@ -39,9 +39,9 @@ struct classified {
         : t(head(method, host, target, orb_action, copy_source))
     {
         http_test::ensure_headers_hash();
-        (void)service();
         if (t.r == nullptr)
             return;
+        t.r->connection = service().connection();
         rc = parser_http_request_handler(t.r);
         if (rc == 0)
             rc = orbs3_parse_req_msg(t.r);

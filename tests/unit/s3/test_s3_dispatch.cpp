@@ -17,6 +17,7 @@
 #include "s3/orbs3_s3_errors.h"
 #include "service_fixture.h"
 #include "socketpair_connection.h"
+#include "storage/orbs3_storage_handlers.h"
 
 namespace {
 
@@ -28,6 +29,7 @@ protected:
     void SetUp() override
     {
         http_test::ensure_headers_hash();
+        ASSERT_EQ(orbs3_storage_install_handlers(), 0);
         saved_verify_ = orbs3_conf.verify_signatures;
         orbs3_conf.verify_signatures = 0;
         ASSERT_FALSE(service_.vhosts.empty());
@@ -36,6 +38,7 @@ protected:
         neo_strdup(&vh->admin.accesskeysecret, "adminsecret", ORBS3_KEY_CAP);
         ASSERT_NE(conn_.c, nullptr);
         c_ = conn_.c;
+        c_->listening = &service_.listening;
     }
     void TearDown() override
     {

@@ -12,6 +12,7 @@
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_errors.h"
 #include "socketpair_connection.h"
+#include "storage/orbs3_storage_handlers.h"
 
 namespace {
 
@@ -151,6 +152,9 @@ TEST_F(S3ErrorReply, ReplyToHeadCarriesNoBodyAndOriginAddsTheCorsLine)
 
 TEST(S3Events, TableFindsEveryActionByExactNameAndNothingElse)
 {
+    // Every action has a handler once the storage layer has installed its own.
+    ASSERT_EQ(orbs3_storage_install_handlers(), 0);
+    EXPECT_EQ(orbs3_s3_install_handler("NoSuchAction", orbs3_s3_not_implemented), -1);
     for (const orbs3_s3_event_t* e = s3_events; e->code != 0; e++) {
         EXPECT_EQ(orbs3_s3_find_event(e->name), e);
         EXPECT_NE(e->handler, nullptr);
@@ -161,6 +165,9 @@ TEST(S3Events, TableFindsEveryActionByExactNameAndNothingElse)
     EXPECT_EQ(orbs3_s3_find_event("PutAccessKey"), nullptr) << "classified, answered OperationNotSupported";
     EXPECT_EQ(orbs3_s3_find_event("PutObject")->read_body, 0u);
     EXPECT_EQ(orbs3_s3_find_event("DeleteObjects")->read_body, 1u);
+    // Only the handlers that decode the aws-chunked framing themselves take such a body.
+    for (const orbs3_s3_event_t* e = s3_events; e->code != 0; e++)
+        EXPECT_EQ(e->own_body, e->name == "PutObject" || e->name == "UploadPart" ? 1u : 0u) << e->name;
 }
 
 }  // namespace

@@ -12,7 +12,6 @@
 
 #include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
-#include "core/orbs3_worker.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/storage_fixture.h"
 
@@ -400,10 +399,7 @@ TEST_F(Layout, ReloadRemakesTheRootsOfTheServiceVhosts)
     INIT_LIST_HEAD(&svc.vhosts);
     orbs3_list_node_t node{{}, vh_};
     list_add_tail(&node.list, &svc.vhosts);
-    orbs3_service_t* saved = orbs3_service;
-    orbs3_service = &svc;
-    orbs3_reload_path();
-    orbs3_service = saved;
+    orbs3_reload_path(&svc.vhosts);
 
     for (const char* d : {"/data", "/meta/bucket", "/meta/object", "/version", "/recycle"})
         EXPECT_TRUE(is_dir(g + d)) << d;

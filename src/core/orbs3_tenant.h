@@ -1,0 +1,130 @@
+// The tenant model: services (one listening address, one worker process), their vhosts (tenants), the
+// tenants' users and access keys. Every layer reads these records; the master's lists of them live in
+// control/orbs3_service.h.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+
+#include "memory/neo_list.h"
+#include "memory/orbs3_palloc.h"
+
+// Caps: the longest value a field keeps; a longer one is cut to it.
+inline constexpr std::size_t ORBS3_ADDR_CAP = 48;
+inline constexpr std::size_t ORBS3_NAME_CAP = 256;
+inline constexpr std::size_t ORBS3_PATH_CAP = 1024;
+inline constexpr std::size_t ORBS3_PWD_CAP = 128;
+inline constexpr std::size_t ORBS3_KEY_CAP = 64;
+inline constexpr std::size_t ORBS3_IFACE_LEN = 1024;
+
+struct orbs3_accesskey_t {
+    orbs3_str_t AccessKeyId;
+    orbs3_str_t AccessKeySecret;
+};
+
+struct orbs3_user_t {
+    orbs3_str_t UserId;           // cap 256
+    orbs3_str_t DisPlayName;      // cap 256; also the owner directory of the user's buckets
+    orbs3_str_t accesskeyid;      // only in a vhost's admin record, cap 64
+    orbs3_str_t accesskeysecret;  // only in a vhost's admin record, cap 64
+    orbs3_str_t vhost_id;         // id of the user's vhost
+    uint32_t Status;              // given by the client; stored and saved, never tested
+    uint32_t is_admin;            // admin record: 1 once the administrator's key has been seen
+    neo_list_head_t keys;         // orbs3_list_node_t nodes carrying orbs3_accesskey_t, in order of adding
+};
+
+// The tenant's administrative record, loaded in the worker from the service directory.
+struct orbs3_service_rec_t;
+
+struct orbs3_service_t {
+    orbs3_str_t ipversion;  // cap 48, copied from the first host of the service
+    orbs3_str_t ipaddr;     // cap 48: listening address
+    uint32_t port;
+    uint32_t started;  // set to 1 by the worker process when its threads are up
+    uint32_t ssl;      // index into orbs3_bool: 0 means TLS, 1 plain HTTP
+    orbs3_str_t ca;       // cap 1024
+    orbs3_str_t cert;     // cap 1024
+    orbs3_str_t ssl_key;  // cap 1024
+    orbs3_str_t key_pwd;  // cap 128
+    neo_list_head_t vhosts;  // orbs3_list_node_t nodes carrying orbs3_vhost_t
+    pid_t pid;                    // worker process id; 0 when none, -1 after a failed fork
+    char iface[ORBS3_IFACE_LEN];  // the worker's control socket, /var/run/orbmux/<pid>.iface
+    uint8_t flags;                // bit 0: the worker process is gone
+};
+
+inline constexpr uint8_t ORBS3_SERVICE_EXITED = 1;
+
+struct orbs3_vhost_t {
+    orbs3_str_t id;        // cap 256: names the tenant's files
+    orbs3_str_t name;      // cap 256: unique among the vhosts of the node
+    orbs3_str_t group;     // cap 256: alias of the group file the host came from
+    orbs3_str_t node_key;  // cap 256: key of the node that serves the host
+    orbs3_str_t domain;    // cap 256
+    uint32_t ssl;          // index into orbs3_bool: 0 means TLS
+    uint32_t port;
+    orbs3_str_t ipversion;  // cap 48
+    orbs3_str_t ipaddr;     // cap 48
+    orbs3_str_t ca;         // cap 1024
+    orbs3_str_t cert;       // cap 1024
+    orbs3_str_t ssl_key;    // cap 1024
+    orbs3_str_t key_pwd;    // cap 128
+    orbs3_str_t data_root;     // cap 1024; the four roots are built in the worker
+    orbs3_str_t meta_root;     // cap 1024
+    orbs3_str_t version_root;  // cap 1024
+    orbs3_str_t recycle_root;  // cap 1024
+    orbs3_str_t cluster;       // cap 256: alias of the cluster
+    orbs3_str_t tiered;        // cap 256: alias of the tier; empty on the cluster itself
+    orbs3_str_t group_path;    // cap 1024: the tenant's directory below cluster_path
+    orbs3_str_t cluster_path;  // cap 1024: absolute directory of the cluster or tier
+    int32_t status;   // index into orbs3_status: the wanted state
+    int32_t running;  // index into orbs3_status: the actual state
+    int32_t chg;      // TLS fields changed by the last edit
+    orbs3_service_t* service;
+    orbs3_service_rec_t* service_rec;
+    neo_list_head_t users;        // orbs3_list_node_t nodes carrying orbs3_user_t
+    neo_list_head_t bucket_list;  // the tenant's buckets
+    std::atomic<int64_t> bucket_count;
+    std::atomic<int64_t> object_count;
+    orbs3_user_t admin;  // the tenant's administrator, from the group file's admin element
+};
+
+// orbs3_status indexes that the system sets.
+inline constexpr int32_t ORBS3_STATUS_INACTIVE = 0;
+inline constexpr int32_t ORBS3_STATUS_ACTIVE = 1;
+inline constexpr int32_t ORBS3_STATUS_STOPING = 2;
+inline constexpr int32_t ORBS3_STATUS_STARTING = 4;
+
+// A zeroed service with an empty vhost list; null when memory runs out.
+[[nodiscard]] orbs3_service_t* orbs3_service_new();
+// A zeroed vhost with empty users, bucket list and admin key list; null when memory runs out.
+[[nodiscard]] orbs3_vhost_t* orbs3_vhost_new();
+// A zeroed user with an empty key list; null when memory runs out.
+[[nodiscard]] orbs3_user_t* orbs3_user_new();
+
+// Unlinks and frees every node of the list, handing each record to `release` first (when not null); the
+// head is left empty. A head that was never set up is left alone.
+void orbs3_free_list(neo_list_head_t* head, void (*release)(void* data));
+// Appends `data` to the list through a new node; 0, or -1 when memory runs out.
+[[nodiscard]] int orbs3_list_append(neo_list_head_t* head, void* data);
+// Appends the vhost to the service's list and points it at the service; 0, or -1 when memory runs out.
+[[nodiscard]] int orbs3_service_add_vhost(orbs3_service_t* svc, orbs3_vhost_t* vh);
+
+// Release what the readers allocated; a null argument is allowed.
+// The service's strings, the nodes of its vhost list (not the vhosts) and the record.
+void orbs3_free_service_data(orbs3_service_t* svc);
+// The user's strings and its keys; the record itself stays (a vhost's admin record is embedded).
+void orbs3_user_clear(orbs3_user_t* user);
+// The user's strings, its keys and the record.
+void orbs3_free_user_data(orbs3_user_t* user);
+// Every user of the list with orbs3_free_user_data, and the nodes; the head is left empty.
+void orbs3_free_user_list(neo_list_head_t* head);
+// Every key of the list, and the nodes; the head is left empty.
+void orbs3_free_accesskey_list(neo_list_head_t* head);
+
+// The user that owns the access key id: the admin record when the id is the administrator's (is_admin
+// becomes 1), else the first user, in list order, with a key of exactly that id. Null when none owns it
+// or an argument is null.
+orbs3_user_t* orbs3_check_accesskeyid_exist(orbs3_user_t* admin, const char* key_id, orbs3_vhost_t* vhost);
