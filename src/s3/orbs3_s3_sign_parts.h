@@ -157,16 +157,3 @@ inline constexpr unsigned ORBS3_SIGN_V2_BUCKET_SLASH = 1;
 // Verifies a presigned V4 or V2 URL, expiry included.
 [[nodiscard]] uint32_t orbs3_sign_presigned(orbs3_http_request_t* r, const orbs3_sign_query_t* q,
                                             const char* secret, time_t now, const char** message);
-
-// ---- old names ----
-
-// Header lookup and HTTP dates belong to http/orbs3_http_header.h; these names remain only for the
-// storage files that still include this header, and go once they use the http names.
-inline constexpr auto& orbs3_sign_find_header = orbs3_http_find_header;
-inline constexpr auto& orbs3_sign_iequals = orbs3_http_iequals;
-inline constexpr auto& orbs3_sign_trim = orbs3_http_trim;
-template <typename F>
-void orbs3_sign_for_each_header(const orbs3_http_request_t* r, F&& f)
-{
-    orbs3_http_for_each_header(r, static_cast<F&&>(f));
-}

@@ -11,7 +11,7 @@
 #include <string>
 
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/orbs3_fd.h"
@@ -22,7 +22,7 @@
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_checksum.h"
@@ -118,7 +118,7 @@ int check_whole_checksum(orbs3_http_request_t* r, std::string_view alg, std::str
 {
     std::string_view sent;
     const orbs3_checksum_alg a = orbs3_checksum_alg_of_word(alg);
-    if (value.empty() || !orbs3_sign_find_header(r, orbs3_checksum_header_name(a), &sent))
+    if (value.empty() || !orbs3_http_find_header(r, orbs3_checksum_header_name(a), &sent))
         return 0;
     if (sent == value || sent == value.substr(0, value.find('-')))
         return 0;
@@ -150,7 +150,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return ORBS3_S3_NO_SUCH_KEY;
     int64_t first = 0, len = st.st_size;
     std::string_view range;
-    if (orbs3_sign_find_header(r, "x-amz-copy-source-range", &range)) {
+    if (orbs3_http_find_header(r, "x-amz-copy-source-range", &range)) {
         const int rc = orbs3_multipart_parse_copy_range(range, st.st_size, &first, &len);
         if (rc == ORBS3_S3_INVALID_ARGUMENT)
             r->resp.message = "The x-amz-copy-source-range value must be of the form bytes=first-last where first "
@@ -293,8 +293,8 @@ int assemble_and_commit(orbs3_http_request_t* r, const upload_ctx& ctx, const or
 int declared_checksum(orbs3_http_request_t* r, orbs3_multipart_upload_t* up)
 {
     std::string_view word, type;
-    const bool has_alg = orbs3_sign_find_header(r, "x-amz-checksum-algorithm", &word);
-    const bool has_type = orbs3_sign_find_header(r, "x-amz-checksum-type", &type);
+    const bool has_alg = orbs3_http_find_header(r, "x-amz-checksum-algorithm", &word);
+    const bool has_type = orbs3_http_find_header(r, "x-amz-checksum-type", &type);
     if (!has_alg && !has_type)
         return 0;
     if (!has_alg) {
@@ -308,12 +308,12 @@ int declared_checksum(orbs3_http_request_t* r, orbs3_multipart_upload_t* up)
         return ORBS3_S3_INVALID_REQUEST;
     }
     bool full = alg == orbs3_checksum_alg::crc64nvme;
-    if (has_type && !orbs3_sign_iequals(type, "FULL_OBJECT") && !orbs3_sign_iequals(type, "COMPOSITE")) {
+    if (has_type && !orbs3_http_iequals(type, "FULL_OBJECT") && !orbs3_http_iequals(type, "COMPOSITE")) {
         r->resp.message = "Value for x-amz-checksum-type header is invalid.";
         return ORBS3_S3_INVALID_REQUEST;
     }
     if (has_type)
-        full = orbs3_sign_iequals(type, "FULL_OBJECT");
+        full = orbs3_http_iequals(type, "FULL_OBJECT");
     orbs3_checksum_parts_t probe;
     if (orbs3_checksum_parts_init(&probe, alg, full) != 0) {
         r->resp.message = full ? "The FULL_OBJECT checksum type cannot be used with this checksum algorithm."
@@ -392,7 +392,7 @@ int orbs3_upload_part_object(orbs3_http_request_t* r)
         return ORBS3_S3_INVALID_ARGUMENT;
     }
     std::string_view copy_source;
-    if (r->headers_in.x_copy_source != nullptr || orbs3_sign_find_header(r, "x-amz-copy-source", &copy_source))
+    if (r->headers_in.x_copy_source != nullptr || orbs3_http_find_header(r, "x-amz-copy-source", &copy_source))
         return upload_part_copy(r, &st->ctx, st->number);
 
     if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)

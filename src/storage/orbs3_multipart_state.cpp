@@ -5,7 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_checksum.h"

@@ -11,14 +11,14 @@
 #include <memory>
 
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_files.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_record.h"
@@ -107,7 +107,7 @@ orbs3_conditional_t orbs3_object_conditions(orbs3_http_request_t* r, std::string
         std::snprintf(name, sizeof name, "%.*s%.*s", static_cast<int>(prefix.size()), prefix.data(),
                       static_cast<int>(row.name.size()), row.name.data());
         std::string_view v;
-        if (orbs3_sign_find_header(r, name, &v))
+        if (orbs3_http_find_header(r, name, &v))
             *row.value = v;
     }
     return c;
@@ -118,11 +118,11 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     static constexpr std::string_view prefix = "x-amz-meta-";
     std::size_t total = 0;
     bool too_large = false;
-    orbs3_sign_for_each_header(r, [&](const orbs3_header_t& h) {
+    orbs3_http_for_each_header(r, [&](const orbs3_header_t& h) {
         if (h.lowcase_key == nullptr || too_large)
             return;
         const std::string_view name(h.lowcase_key, h.key.len);
-        const std::string_view value = orbs3_sign_trim(orbs3_str_view(h.value));
+        const std::string_view value = orbs3_http_trim(orbs3_str_view(h.value));
         std::string_view* standard = name == "content-type"          ? &meta->content_type
                                      : name == "cache-control"       ? &meta->cache_control
                                      : name == "content-disposition" ? &meta->content_disposition
@@ -154,10 +154,10 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     if (enc == "aws-chunked")
         enc = {};
     else if (enc.starts_with("aws-chunked,"))
-        enc = orbs3_sign_trim(enc.substr(12));
+        enc = orbs3_http_trim(enc.substr(12));
     else if (std::size_t at = enc.rfind(',');
-             at != std::string_view::npos && orbs3_sign_trim(enc.substr(at + 1)) == "aws-chunked")
-        enc = orbs3_sign_trim(enc.substr(0, at));
+             at != std::string_view::npos && orbs3_http_trim(enc.substr(at + 1)) == "aws-chunked")
+        enc = orbs3_http_trim(enc.substr(0, at));
     meta->content_encoding = enc;
     // An object sent without a type is "binary/octet-stream", as S3 stores it; the record says so, and a
     // GET never has to guess from the name.

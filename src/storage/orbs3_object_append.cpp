@@ -16,7 +16,7 @@
 
 #include "event/orbs3_fd.h"
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_log.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_md5.h"

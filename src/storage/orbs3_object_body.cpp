@@ -339,7 +339,7 @@ std::string_view auth_field(std::string_view auth, std::string_view name)
     if (at == std::string_view::npos)
         return {};
     std::string_view rest = auth.substr(at + name.size());
-    return orbs3_sign_trim(rest.substr(0, rest.find(',')));
+    return orbs3_http_trim(rest.substr(0, rest.find(',')));
 }
 
 // An aws-chunked body: its framing is taken off as it arrives, and with signatures verified each chunk's
@@ -347,25 +347,25 @@ std::string_view auth_field(std::string_view auth, std::string_view name)
 int init_aws_chunked(orbs3_http_request_t* r, orbs3_object_body_t* st)
 {
     std::string_view value, date, announced;
-    int mode = orbs3_sign_find_header(r, "x-amz-content-sha256", &value) ? orbs3_aws_chunked_mode(value) : -1;
+    int mode = orbs3_http_find_header(r, "x-amz-content-sha256", &value) ? orbs3_aws_chunked_mode(value) : -1;
     if (mode < 0) {
         r->resp.message = "This payload signing method is not supported; send the body with a plain payload hash "
                           "or as STREAMING-AWS4-HMAC-SHA256-PAYLOAD or STREAMING-UNSIGNED-PAYLOAD-TRAILER.";
         return ORBS3_S3_NOT_IMPLEMENTED;
     }
     int64_t decoded = -1;
-    if (orbs3_sign_find_header(r, "x-amz-decoded-content-length", &value) && !orbs3_parse_length(value, &decoded))
+    if (orbs3_http_find_header(r, "x-amz-decoded-content-length", &value) && !orbs3_parse_length(value, &decoded))
         return ORBS3_S3_INVALID_ARGUMENT;
-    (void)orbs3_sign_find_header(r, "x-amz-trailer", &announced);
+    (void)orbs3_http_find_header(r, "x-amz-trailer", &announced);
     uint8_t key[ORBS3_SHA256_LEN] = {};
     std::string_view seed, scope;
     if ((mode & ORBS3_AWS_CHUNKED_SIGNED) && orbs3_conf.verify_signatures) {
         std::string_view auth;
-        (void)orbs3_sign_find_header(r, "authorization", &auth);
+        (void)orbs3_http_find_header(r, "authorization", &auth);
         std::string_view credential = auth_field(auth, "Credential=");
         seed = auth_field(auth, "Signature=");
         std::size_t slash = credential.find('/');
-        if (slash == std::string_view::npos || !orbs3_sign_find_header(r, "x-amz-date", &date))
+        if (slash == std::string_view::npos || !orbs3_http_find_header(r, "x-amz-date", &date))
             return ORBS3_S3_AUTH_HEADER_MALFORMED;
         scope = credential.substr(slash + 1);
         char key_id[ORBS3_ACCESS_KEY_ID_LEN];
@@ -393,7 +393,7 @@ int init_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
     std::string_view value;
     for (orbs3_checksum_alg a : {orbs3_checksum_alg::crc32, orbs3_checksum_alg::crc32c, orbs3_checksum_alg::crc64nvme,
                                  orbs3_checksum_alg::sha1, orbs3_checksum_alg::sha256}) {
-        if (orbs3_sign_find_header(r, orbs3_checksum_header_name(a), &value)) {
+        if (orbs3_http_find_header(r, orbs3_checksum_header_name(a), &value)) {
             if (alg != orbs3_checksum_alg::none || value.empty() || value.size() > ORBS3_CHECKSUM_BASE64_MAX)
                 return ORBS3_S3_INVALID_REQUEST;
             alg = a;
@@ -401,7 +401,7 @@ int init_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
             st->checksum_sent[value.size()] = '\0';
         }
     }
-    if (alg == orbs3_checksum_alg::none && st->chunked && orbs3_sign_find_header(r, "x-amz-trailer", &value))
+    if (alg == orbs3_checksum_alg::none && st->chunked && orbs3_http_find_header(r, "x-amz-trailer", &value))
         alg = orbs3_checksum_alg_of_header(value);
     if (alg == orbs3_checksum_alg::none)
         return 0;
@@ -452,7 +452,7 @@ int orbs3_object_body_length(orbs3_http_request_t* r, int64_t* length)
 {
     std::string_view value;
     *length = r->content_length;
-    if (orbs3_sign_find_header(r, "x-amz-decoded-content-length", &value) && !orbs3_parse_length(value, length))
+    if (orbs3_http_find_header(r, "x-amz-decoded-content-length", &value) && !orbs3_parse_length(value, length))
         return ORBS3_S3_INVALID_ARGUMENT;
     return 0;
 }
@@ -460,12 +460,12 @@ int orbs3_object_body_length(orbs3_http_request_t* r, int64_t* length)
 int orbs3_object_body_prepare(orbs3_http_request_t* r, orbs3_object_body_t* body)
 {
     std::string_view value;
-    if (orbs3_sign_find_header(r, "content-md5", &value)) {
+    if (orbs3_http_find_header(r, "content-md5", &value)) {
         if (!orbs3_parse_content_md5(value, body->md5_expected))
             return ORBS3_S3_INVALID_DIGEST;
         body->want_md5 = true;
     }
-    if (orbs3_sign_find_header(r, "x-amz-content-sha256", &value) &&
+    if (orbs3_http_find_header(r, "x-amz-content-sha256", &value) &&
         orbs3_parse_sha256_hex(value, body->sha256_expected)) {
         body->sha256 = evp_md_ctx_new();
         if (!body->sha256 || EVP_DigestInit_ex(body->sha256.get(), EVP_sha256(), nullptr) != 1)

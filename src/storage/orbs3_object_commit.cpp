@@ -12,7 +12,7 @@
 
 #include "core/orbs3_log.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "storage/orbs3_record.h"
 
 int orbs3_commit_lock(const char* data_path, orbs3_commit_lock_t* lock)

@@ -14,7 +14,7 @@
 #include <string_view>
 
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_log.h"
 #include "http/orbs3_http_conditional.h"
 #include "http/orbs3_http_response.h"
@@ -25,7 +25,7 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_record.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "s3/orbs3_s3_signature.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
@@ -58,8 +58,8 @@ bool escapes_well_formed(std::string_view text)
 int orbs3_parse_copy_source(orbs3_http_request_t* r, orbs3_pool_t* pool, orbs3_str_t* bucket, orbs3_str_t* key)
 {
     std::string_view source;
-    if (!orbs3_sign_find_header(r, "x-amz-copy-source", &source) &&
-        !orbs3_sign_find_header(r, "x-copy-source", &source))
+    if (!orbs3_http_find_header(r, "x-amz-copy-source", &source) &&
+        !orbs3_http_find_header(r, "x-copy-source", &source))
         return ORBS3_S3_INVALID_ARGUMENT;
     if (source.starts_with('/'))
         source.remove_prefix(1);
@@ -105,9 +105,9 @@ using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>
 int copy_meta(orbs3_http_request_t* r, const orbs3_object_t* rec, bool onto_itself, orbs3_object_meta_t* meta)
 {
     std::string_view directive;
-    const bool replace = orbs3_sign_find_header(r, "x-amz-metadata-directive", &directive) &&
-                         orbs3_sign_iequals(directive, "REPLACE");
-    if (!directive.empty() && !replace && !orbs3_sign_iequals(directive, "COPY"))
+    const bool replace = orbs3_http_find_header(r, "x-amz-metadata-directive", &directive) &&
+                         orbs3_http_iequals(directive, "REPLACE");
+    if (!directive.empty() && !replace && !orbs3_http_iequals(directive, "COPY"))
         return ORBS3_S3_INVALID_ARGUMENT;
     if (onto_itself && !replace) {
         r->resp.message = "This copy request is illegal because it is trying to copy an object to itself without "

@@ -6,7 +6,7 @@
 #include <string_view>
 
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "http/orbs3_http_request_body.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_list.h"
@@ -14,7 +14,7 @@
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_documents.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"
@@ -44,7 +44,7 @@ int replied(int rc)
 int check_content_md5(orbs3_http_request_t* r, const char* doc)
 {
     std::string_view sent;
-    if (!orbs3_sign_find_header(r, "content-md5", &sent))
+    if (!orbs3_http_find_header(r, "content-md5", &sent))
         return 0;
     uint8_t want[NEO_MD5_LEN], got[NEO_MD5_LEN];
     if (!orbs3_parse_content_md5(sent, want))

@@ -17,7 +17,7 @@
 
 #include "event/orbs3_fd.h"
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_log.h"
 #include "event/orbs3_socket.h"
 #include "http/orbs3_http_conditional.h"
@@ -25,7 +25,7 @@
 #include "http/orbs3_http_response.h"
 #include "s3/orbs3_s3_cgi.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "storage/orbs3_checksum.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
@@ -140,8 +140,8 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
     // The additional checksum is given only to a client that asks for it. Clients check the bytes they
     // receive against it, so it goes out only when it describes exactly those bytes.
     std::string_view mode;
-    if (!o.checksum.empty() && orbs3_sign_find_header(r, "x-amz-checksum-mode", &mode) &&
-        orbs3_sign_iequals(mode, "ENABLED")) {
+    if (!o.checksum.empty() && orbs3_http_find_header(r, "x-amz-checksum-mode", &mode) &&
+        orbs3_http_iequals(mode, "ENABLED")) {
         std::string_view name = orbs3_checksum_header_name(orbs3_checksum_alg_of_word(orbs3_str_view(rec->checksum_algorithm)));
         if (!name.empty()) {
             char text[64];
@@ -224,7 +224,7 @@ int select_bytes(orbs3_http_request_t* r, const orbs3_object_source_t& src, obje
     orbs3_byte_range_t range{0, size - 1};
     int ranged = ORBS3_RANGE_NONE;
     std::string_view v;
-    const bool has_range = orbs3_sign_find_header(r, "range", &v);
+    const bool has_range = orbs3_http_find_header(r, "range", &v);
     if (o->record != nullptr)
         o->checksum = orbs3_str_view(o->record->checksum);
     char parts_count[16] = "";

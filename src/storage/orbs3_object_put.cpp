@@ -13,7 +13,7 @@
 #include <string_view>
 
 #include "access/orbs3_access_check.h"
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_log.h"
 #include "event/orbs3_fd.h"
 #include "http/orbs3_http_parse.h"
@@ -26,7 +26,7 @@
 #include "s3/orbs3_s3_aws_chunked.h"
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "http/orbs3_http_header.h"
 #include "s3/orbs3_s3_signature.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"

@@ -12,14 +12,13 @@
 #include <memory>
 #include <mutex>
 
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_files.h"
 #include "memory/neo_list.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
 #include "storage/orbs3_bucket_ops.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"

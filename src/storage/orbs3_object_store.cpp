@@ -9,7 +9,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "control/orbs3_service.h"
+#include "core/orbs3_tenant.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
