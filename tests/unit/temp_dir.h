@@ -1,9 +1,11 @@
 // Scratch directories and whole-file helpers for tests that work on real files.
 #pragma once
 
+#include <dirent.h>
 #include <stdlib.h>
 
 #include <cstdio>
+#include <cstring>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -11,6 +13,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "core/orbs3_prefix.h"
 
@@ -18,7 +21,7 @@ namespace unit_test {
 
 // A fresh directory under /tmp, removed with everything in it when the test ends.
 struct temp_dir {
-    std::filesystem::path path;
+    std::string path;
 
     // Without its directory a test would write below "/" instead: the run ends at once.
     temp_dir()
@@ -39,7 +42,22 @@ struct temp_dir {
     temp_dir& operator=(const temp_dir&) = delete;
 
     // `rel` below the directory, as a string for the C interfaces.
-    std::string operator()(const std::string& rel) const { return (path / rel).string(); }
+    std::string operator()(const std::string& rel) const { return path + "/" + rel; }
+
+    // The names directly in the directory.
+    std::vector<std::string> entries() const
+    {
+        std::vector<std::string> out;
+        DIR* d = opendir(path.c_str());
+        if (d == nullptr)
+            return out;
+        while (dirent* e = readdir(d)) {
+            if (std::strcmp(e->d_name, ".") != 0 && std::strcmp(e->d_name, "..") != 0)
+                out.emplace_back(e->d_name);
+        }
+        closedir(d);
+        return out;
+    }
 };
 
 // The daemon's paths (ORBMUX_PREFIX) under a fresh directory; the old prefix comes back at the end.

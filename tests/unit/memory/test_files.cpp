@@ -20,7 +20,7 @@ protected:
     void touch(const std::string& rel, const std::string& text = "x") const { write_file(path(rel), text); }
 
     temp_dir dir;
-    const std::string root_ = dir.path.string();
+    const std::string& root_ = dir.path;
 };
 
 bool is_dir(const std::string& p)

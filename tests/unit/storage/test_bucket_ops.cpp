@@ -185,7 +185,7 @@ protected:
         r->headers_in.x_copy_source = h;
     }
 
-    storage_test::conf_limits limits_{63};
+    storage_test::conf_limits limits_;
     storage_test::temp_tenant tenant_;
     orbs3_vhost_t* vh_ = tenant_.vh;
     std::string data_, meta_, version_, recycle_;

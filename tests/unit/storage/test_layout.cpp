@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "control/orbs3_service.h"
@@ -34,25 +33,17 @@ mode_t perm(const std::string& p)
     return lstat(p.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-void touch(const std::string& p)
-{
-    std::ofstream(p) << "x";
-}
-
 class Layout : public ::testing::Test {
 protected:
-    void TearDown() override { orbs3_free_bucket(bucket_); }
-
     // The tenant's roots built under the temp dir.
     void init_vhost() { ASSERT_EQ(tenant_.roots(), 0); }
-    // A bucket `name` of owner "alice" with its paths filled.
-    void init_bucket(const char* name = "bkt")
+    // The bucket "bkt" of owner "alice" with its paths filled.
+    void init_bucket()
     {
         init_vhost();
-        bucket_ = orbs3_bucket_new();
+        owned_ = tenant_.bucket();
+        bucket_ = owned_.get();
         ASSERT_NE(bucket_, nullptr);
-        bucket_->owner_name = {owner_.size(), owner_.data()};
-        ASSERT_EQ(orbs3_bucket_init_path(vh_, nullptr, bucket_, name), 0);
     }
 
     storage_test::conf_limits limits_{127};
@@ -60,6 +51,7 @@ protected:
     const std::string& dir_ = tenant_.dir.path;
     orbs3_vhost_t* vh_ = tenant_.vh;
     std::string owner_ = "alice";
+    storage_test::bucket_ptr owned_;
     orbs3_bucket_t* bucket_ = nullptr;
 };
 
@@ -259,7 +251,8 @@ TEST_F(Layout, ObjectPathsAndTheirDirectories)
 TEST_F(Layout, UnsafeBucketOrOwnerNamesRefusedBeforeAnyPathIsBuilt)
 {
     init_vhost();
-    bucket_ = orbs3_bucket_new();
+    owned_.reset(orbs3_bucket_new());
+    bucket_ = owned_.get();
     ASSERT_NE(bucket_, nullptr);
     bucket_->owner_name = {owner_.size(), owner_.data()};
     for (const std::string& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, std::string(256, 'n')})
@@ -329,7 +322,7 @@ TEST_F(Layout, MkdirPMakesNestedTreesAndStopsAtAFile)
     EXPECT_EQ(mkdir_p(nested.c_str(), 0700), 0);  // existing
     EXPECT_EQ(mkdir_p((dir_ + "/x/y").c_str(), 0700), 0);
 
-    touch(dir_ + "/f");
+    storage_test::write_file(dir_ + "/f", "x");
     EXPECT_EQ(mkdir_p((dir_ + "/f").c_str(), 0700), -1);
     EXPECT_EQ(mkdir_p((dir_ + "/f/g/h").c_str(), 0700), -1);
     EXPECT_FALSE(fs::exists(dir_ + "/f/g"));
@@ -356,7 +349,7 @@ TEST_F(Layout, KeyDirectoriesMadeOnlyForKeysWithSlashes)
     EXPECT_TRUE(is_dir(data + "/p/q"));
     EXPECT_FALSE(fs::exists(data + "/p/q/r"));
 
-    touch(data + "/file");
+    storage_test::write_file(data + "/file", "x");
     EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), ORBS3_S3_INTERNAL_ERROR);
     EXPECT_EQ(orbs3_make_dir_by_object_path((data + "/file/x/y").c_str()),
               ORBS3_S3_INTERNAL_ERROR);
@@ -367,8 +360,8 @@ TEST_F(Layout, KeyConflictBetweenFileAndDirectoryBothWays)
     init_bucket();
     const std::string data = str(bucket_->data_dir);
     ASSERT_EQ(mkdir_p((data + "/d/e").c_str(), 0700), 0);
-    touch(data + "/a");
-    touch(data + "/d/e/f");
+    storage_test::write_file(data + "/a", "x");
+    storage_test::write_file(data + "/d/e/f", "x");
 
     struct row {
         std::string key;
