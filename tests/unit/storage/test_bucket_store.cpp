@@ -16,10 +16,7 @@
 #include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
-using storage_test::bucket_ptr;
-using storage_test::read_file;
-using storage_test::str;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
 

@@ -25,8 +25,7 @@
 #include "storage/orbs3_record.h"
 #include "storage/storage_fixture.h"
 
-using storage_test::temp_dir;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
 

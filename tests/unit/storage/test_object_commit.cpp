@@ -18,9 +18,7 @@ namespace {
 
 constexpr const char* kEtag = "0cc175b9c0f1b6a831c399e269772661";
 
-using storage_test::read_file;
-using storage_test::temp_dir;
-using storage_test::write_file;
+using namespace storage_test;
 
 }  // namespace
 

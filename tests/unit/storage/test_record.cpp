@@ -24,11 +24,7 @@
 #include "storage/orbs3_record.h"
 #include "storage/storage_fixture.h"
 
-using storage_test::bucket_ptr;
-using storage_test::read_file;
-using storage_test::str;
-using storage_test::temp_dir;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
 
@@ -693,6 +689,21 @@ TEST(Record, NumbersAtTheirLimitPassAndOneOverIsRefused)
     EXPECT_EQ(orbs3_parse_service_xml(s.get(), nullptr), -1);
 }
 
+namespace {
+
+// Whether a record was read at all; one that was must equal the sample it was written from.
+template <class T>
+bool read_as_sample(T* got, T* sample, void (*expect_same)(const T*, const T*), void (*free_record)(T*))
+{
+    std::unique_ptr<T, void (*)(T*)> read(got, free_record), want(sample, free_record);
+    if (read == nullptr)
+        return false;
+    expect_same(want.get(), read.get());
+    return true;
+}
+
+}  // namespace
+
 TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
 {
     temp_dir dir;
@@ -704,30 +715,15 @@ TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
     const kind kinds[] = {
         {"bucket.xml",
          [](const char* p) {
-             bucket_ptr b(orbs3_create_bucket_from_file(p));
-             if (b == nullptr)
-                 return false;
-             bucket_ptr want(sample_bucket());
-             expect_same_bucket(want.get(), b.get());
-             return true;
+             return read_as_sample(orbs3_create_bucket_from_file(p), sample_bucket(), expect_same_bucket, orbs3_free_bucket);
          }},
         {"object.xml",
          [](const char* p) {
-             object_ptr o(orbs3_create_object_from_file(p), orbs3_free_object);
-             if (o == nullptr)
-                 return false;
-             object_ptr want(sample_object(), orbs3_free_object);
-             expect_same_object(want.get(), o.get());
-             return true;
+             return read_as_sample(orbs3_create_object_from_file(p), sample_object(), expect_same_object, orbs3_free_object);
          }},
         {"service.xml",
          [](const char* p) {
-             service_ptr s(orbs3_get_service(p), orbs3_free_service);
-             if (s == nullptr)
-                 return false;
-             service_ptr want(sample_service(), orbs3_free_service);
-             expect_same_service(want.get(), s.get());
-             return true;
+             return read_as_sample(orbs3_get_service(p), sample_service(), expect_same_service, orbs3_free_service);
          }},
     };
     // Each cut makes Mini-XML complain on standard error; thousands of such lines hide real failures.
