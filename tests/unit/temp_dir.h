@@ -3,6 +3,7 @@
 
 #include <dirent.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <cstdio>
 #include <cstring>
@@ -87,6 +88,13 @@ inline void write_file(const std::filesystem::path& p, std::string_view text)
     std::error_code ec;
     std::filesystem::create_directories(p.parent_path(), ec);
     std::ofstream(p, std::ios::trunc | std::ios::binary).write(text.data(), static_cast<std::streamsize>(text.size()));
+}
+
+// Whether `p` is a directory itself, not a link to one.
+inline bool is_dir(const std::string& p)
+{
+    struct stat st;
+    return lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // The whole file, or "" when it can't be read.

@@ -23,12 +23,6 @@ protected:
     const std::string& root_ = dir.path;
 };
 
-bool is_dir(const std::string& p)
-{
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
-
 bool exists(const std::string& p)
 {
     struct stat st;

@@ -18,14 +18,9 @@
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 using storage_test::str;
+using unit_test::is_dir;
 
 namespace {
-
-bool is_dir(const std::string& p)
-{
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 mode_t perm(const std::string& p)
 {
