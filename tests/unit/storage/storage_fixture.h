@@ -5,6 +5,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -27,6 +28,17 @@ using unit_test::write_file;
 inline std::string str(const orbs3_str_t& s)
 {
     return s.data == nullptr ? std::string() : std::string(s.data, s.len);
+}
+
+// A copy of `text` in `pool`, with a terminating NUL as the records keep theirs; empty when out of memory.
+inline orbs3_str_t pool_text(orbs3_pool_t* pool, std::string_view text)
+{
+    auto* p = static_cast<char*>(orbs3_pcalloc(pool, text.size() + 1));
+    if (p == nullptr)
+        return {};
+    if (!text.empty())
+        std::memcpy(p, text.data(), text.size());
+    return {text.size(), p};
 }
 
 struct bucket_deleter {
@@ -85,13 +97,12 @@ struct temp_tenant {
     int roots() { return vh == nullptr ? -1 : orbs3_init_path(vh); }
 
     // A bucket `name` of `owner_name` with its paths filled from the roots; null when they can't be.
-    // The record borrows the owner's name, so it must outlive the bucket (a literal does).
     bucket_ptr bucket(std::string_view name = "bkt", std::string_view owner_name = "alice") const
     {
         bucket_ptr b(orbs3_bucket_new());
         if (b == nullptr)
             return b;
-        b->owner_name = {owner_name.size(), const_cast<char*>(owner_name.data())};
+        b->owner_name = pool_text(b->pool, owner_name);
         if (orbs3_bucket_init_path(vh, nullptr, b.get(), name) != 0)
             b.reset();
         return b;

@@ -49,10 +49,7 @@ void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
 {
     if (pool == nullptr)
         return heap_set(s, v);
-    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
-    std::memcpy(d, v.data(), v.size());
-    s->data = d;
-    s->len = v.size();
+    *s = pool_text(pool, v);
 }
 
 template <typename T>
