@@ -79,34 +79,31 @@ TEST_F(Layout, BucketNameCheckedAtLengthLimitAndForPathCharacters)
 
 TEST_F(Layout, KeyCheckedAtEachConfiguredLimit)
 {
-    orbs3_conf.objectmaxlen = 8;
-    orbs3_conf.objectpathlen = 30;
-    orbs3_conf.objectdirnum = 3;
-    const std::string c8(8, 'k'), c9(9, 'k');
-    struct row {
-        std::string key;
-        int want;
-    } rows[] = {
-        {c8, 0},                          // component at the limit, as the only one
-        {c9, -1},                         // one over
-        {c8 + "/" + c8, 0},               // also as the last component
-        {c8 + "/" + c9, -1},
-        {c9 + "/" + c8, -1},              // and as the first
-        {"a/" + c9 + "/b", -1},           // and in the middle
-        {"a/b/c/d", 0},                   // exactly objectdirnum slashes
-        {"a/b/c/d/e", -1},                // one more
-        {"a/b/c/", 0},                    // a directory object with three slashes
-        {"a/b/c/d/", -1},
-        {c8 + "/" + c8 + "/" + c8 + "/123", 0},    // 30 bytes: the whole key at its limit
-        {c8 + "/" + c8 + "/" + c8 + "/1234", -1},  // 31
-    };
-    for (const row& r : rows)
-        EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+    {
+        storage_test::conf_limits tight(127, 8, 30, 3);
+        const std::string c8(8, 'k'), c9(9, 'k');
+        struct row {
+            std::string key;
+            int want;
+        } rows[] = {
+            {c8, 0},                          // component at the limit, as the only one
+            {c9, -1},                         // one over
+            {c8 + "/" + c8, 0},               // also as the last component
+            {c8 + "/" + c9, -1},
+            {c9 + "/" + c8, -1},              // and as the first
+            {"a/" + c9 + "/b", -1},           // and in the middle
+            {"a/b/c/d", 0},                   // exactly objectdirnum slashes
+            {"a/b/c/d/e", -1},                // one more
+            {"a/b/c/", 0},                    // a directory object with three slashes
+            {"a/b/c/d/", -1},
+            {c8 + "/" + c8 + "/" + c8 + "/123", 0},    // 30 bytes: the whole key at its limit
+            {c8 + "/" + c8 + "/" + c8 + "/1234", -1},  // 31
+        };
+        for (const row& r : rows)
+            EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+    }
 
     // The defaults: a 1023-byte key passes; components are capped at the name area whatever is configured.
-    orbs3_conf.objectmaxlen = 127;
-    orbs3_conf.objectpathlen = 1023;
-    orbs3_conf.objectdirnum = 10;
     std::string longest;
     for (int i = 0; i < 7; i++)
         longest += std::string(127, 'x') + "/";
@@ -114,8 +111,7 @@ TEST_F(Layout, KeyCheckedAtEachConfiguredLimit)
     ASSERT_EQ(longest.size(), 1023u);
     EXPECT_EQ(orbs3_check_objectname(longest), 0);
     EXPECT_EQ(orbs3_check_objectname(longest + "z"), -1);
-    orbs3_conf.objectmaxlen = 4000;
-    orbs3_conf.objectpathlen = 4000;
+    storage_test::conf_limits wide(127, 4000, 4000);
     EXPECT_EQ(orbs3_check_objectname(std::string(255, 'k')), 0);
     EXPECT_EQ(orbs3_check_objectname(std::string(256, 'k')), -1);
     EXPECT_EQ(orbs3_check_objectname(std::string(120, 'k') + "/" + std::string(1023 - 121, 'k')), -1);
