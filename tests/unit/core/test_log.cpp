@@ -20,10 +20,6 @@
 
 namespace {
 
-struct TempDir : unit_test::temp_dir {
-    std::string file(const std::string& name) const { return (*this)(name); }
-};
-
 void write_size(const std::string& path, off_t size)
 {
     std::ofstream(path).close();
@@ -96,8 +92,8 @@ TEST(Log, ControlStatusTexts)
 
 TEST(Log, DebugFileOnlyWhenSwitchedOnAndRecreatedAfterRemoval)
 {
-    TempDir dir;
-    std::string path = dir.file("orbmux.debug");
+    unit_test::temp_dir dir;
+    std::string path = dir("orbmux.debug");
     ipd_log_init("orbmux-test", path.c_str());
 
     ipd_log_debug_close();
@@ -126,8 +122,8 @@ TEST(Log, DebugFileOnlyWhenSwitchedOnAndRecreatedAfterRemoval)
 
 TEST(Log, RotationBySizeAndGenerations)
 {
-    TempDir dir;
-    std::string live = dir.file("d.log");
+    unit_test::temp_dir dir;
+    std::string live = dir("d.log");
 
     write_size(live, 10485760);
     EXPECT_EQ(checkblocksize(live.c_str()), -1) << "exactly 10 MiB does not rotate";
@@ -149,8 +145,8 @@ TEST(Log, RotationBySizeAndGenerations)
 
 TEST(Log, RotationByAgeMeasuresAgainstFirstGeneration)
 {
-    TempDir dir;
-    std::string live = dir.file("d.log");
+    unit_test::temp_dir dir;
+    std::string live = dir("d.log");
     std::ofstream(live) << "x";
     EXPECT_EQ(checktimestamp(live.c_str()), -1) << "nothing to compare against";
 

@@ -18,6 +18,7 @@
 #include "http/orbs3_http_request_body.h"
 #include "memory/neo_md5.h"
 #include "socketpair_connection.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -235,10 +236,9 @@ TEST_F(RequestBody, FileRoadResumesAcrossPausesWithTheSameDigestAndFlagsAShortBo
     std::string body;
     for (int i = 0; i < 5000; i++)
         body += static_cast<char>(i * 7);
-    char path[] = "/tmp/orbs3-body-XXXXXX";
-    int fd = mkstemp(path);
-    ASSERT_GE(fd, 0);
-    close(fd);
+    unit_test::temp_dir dir;
+    const std::string path = dir("body");
+    unit_test::write_file(path, "");
     auto* file = pool_new<orbs3_upload_file_t>(r_->pool);
     ASSERT_NE(file, nullptr);
     ASSERT_EQ(neo_md5_init(&file->md5), 0);
@@ -247,7 +247,7 @@ TEST_F(RequestBody, FileRoadResumesAcrossPausesWithTheSameDigestAndFlagsAShortBo
     int rc;
     int passes = 0;
     do {
-        file->fd = open(path, O_WRONLY | O_APPEND);
+        file->fd = open(path.c_str(), O_WRONLY | O_APPEND);
         ASSERT_GE(file->fd, 0);
         rc = orbs3_http_write_body_into_file(r_, file);
         EXPECT_EQ(file->fd, -1);  // closed at every pause
@@ -261,12 +261,7 @@ TEST_F(RequestBody, FileRoadResumesAcrossPausesWithTheSameDigestAndFlagsAShortBo
     EXPECT_GT(passes, 3);
     EXPECT_EQ(file->size, static_cast<int64_t>(body.size()));
     EXPECT_EQ(std::string(file->etag), md5_hex(body));
-    FILE* f = std::fopen(path, "rb");
-    ASSERT_NE(f, nullptr);
-    std::string stored(body.size() + 1, '\0');
-    stored.resize(std::fread(stored.data(), 1, stored.size(), f));
-    std::fclose(f);
-    EXPECT_EQ(stored, body);
+    EXPECT_EQ(unit_test::read_file(path), body);
 
     // The peer goes away half way: the road says so instead of finishing.
     new_request();
@@ -275,10 +270,9 @@ TEST_F(RequestBody, FileRoadResumesAcrossPausesWithTheSameDigestAndFlagsAShortBo
     with_head_surplus("", 100);
     peer_send(std::string(40, 'x'));
     shutdown(peer_.get(), SHUT_WR);
-    file->fd = open(path, O_WRONLY | O_TRUNC);
+    file->fd = open(path.c_str(), O_WRONLY | O_TRUNC);
     EXPECT_EQ(orbs3_http_write_body_into_file(r_, file), ORBS3_HTTP_BODY_INCOMPLETE);
     EXPECT_EQ(file->size, 40);
-    unlink(path);
 }
 
 TEST_F(RequestBody, ContinueGoesOutOnceAndOnlyWhenTheSocketIsRead)

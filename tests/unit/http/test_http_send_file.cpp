@@ -21,6 +21,7 @@
 #include "http/orbs3_http_request.h"
 #include "http/orbs3_http_response.h"
 #include "socketpair_connection.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -70,21 +71,14 @@ protected:
         int small = 4096;
         setsockopt(c_->fd, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
 
-        char path[] = "/tmp/orbs3_send_file_XXXXXX";
-        int fd = mkstemp(path);
-        ASSERT_GE(fd, 0);
-        path_ = path;
         content_ = pattern(kFileSize);
-        ASSERT_EQ(write(fd, content_.data(), content_.size()), static_cast<ssize_t>(content_.size()));
-        close(fd);
+        unit_test::write_file(path_, content_);
     }
     void TearDown() override
     {
         if (c_ != nullptr)
             c_->ssl = nullptr;
         conn_.reset();
-        if (!path_.empty())
-            unlink(path_.c_str());
     }
 
     int open_file() const { return open(path_.c_str(), O_RDONLY | O_CLOEXEC); }
@@ -107,7 +101,8 @@ protected:
     static constexpr std::size_t kFileSize = 5u << 20;
     std::unique_ptr<unit_test::socketpair_connection> conn_;
     orbs3_connection_t* c_ = nullptr;  // closed by the test when it sets this to null
-    std::string path_;
+    unit_test::temp_dir dir_;
+    const std::string path_ = dir_("file");
     std::string content_;
 };
 

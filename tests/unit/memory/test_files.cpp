@@ -20,14 +20,8 @@ protected:
     void touch(const std::string& rel, const std::string& text = "x") const { write_file(path(rel), text); }
 
     temp_dir dir;
-    const std::string root_ = dir.path.string();
+    const std::string& root_ = dir.path;
 };
-
-bool is_dir(const std::string& p)
-{
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 bool exists(const std::string& p)
 {

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "s3/orbs3_s3_cgi.h"
+#include "temp_dir.h"
 
 namespace {
 
@@ -108,19 +109,16 @@ TEST(S3Cgi, FormStringResultsAndLineEnds)
 
 TEST(S3Cgi, FreeingTheFormUnlinksItsTemporaryFiles)
 {
-    char path[] = "/tmp/orbs3_cgi_XXXXXX";
-    int fd = ::mkstemp(path);
-    ASSERT_GE(fd, 0);
-    ::close(fd);
+    unit_test::temp_dir dir;
+    std::string path = dir("upload");
+    unit_test::write_file(path, "");
     cgiFormEntry* form = cgiParseGetFormInput("a=1&b=2");
     ASSERT_NE(form, nullptr);
     ASSERT_NE(form->next, nullptr);
     // The second entry stands for an upload whose data went to a file.
-    form->next->temp_file_name = path;
+    form->next->temp_file_name = path.data();
     cgiFreeResources(form);
-    EXPECT_NE(::access(path, F_OK), 0);
-    if (::access(path, F_OK) == 0)
-        ::unlink(path);
+    EXPECT_NE(::access(path.c_str(), F_OK), 0);
     cgiFreeResources(nullptr);
 }
 

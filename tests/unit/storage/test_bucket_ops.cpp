@@ -27,33 +27,15 @@
 #include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
-using storage_test::bucket_ptr;
-using storage_test::read_file;
-using storage_test::str;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
-
-bool starts_with(const std::string& s, std::string_view prefix)
-{
-    return s.compare(0, prefix.size(), prefix) == 0;
-}
 
 // The body of a reply: what follows the blank line of its head.
 std::string body_of(const std::string& reply)
 {
     std::size_t end = reply.find("\r\n\r\n");
     return end == std::string::npos ? std::string() : reply.substr(end + 4);
-}
-
-orbs3_str_t pool_text(orbs3_pool_t* pool, std::string_view text)
-{
-    auto* p = static_cast<char*>(orbs3_pcalloc(pool, text.size() + 1));
-    if (p == nullptr)
-        return {};
-    if (!text.empty())
-        std::memcpy(p, text.data(), text.size());
-    return {text.size(), p};
 }
 
 struct user_deleter {
@@ -132,7 +114,7 @@ protected:
     {
         outcome o = call(orbs3_put_bucket, user, name);
         ASSERT_EQ(o.rc, 0) << name;
-        ASSERT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+        ASSERT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     }
 
     std::vector<std::string> bucket_paths(const std::string& owner, const std::string& name) const
@@ -185,7 +167,7 @@ protected:
         r->headers_in.x_copy_source = h;
     }
 
-    storage_test::conf_limits limits_{63};
+    storage_test::conf_limits limits_;
     storage_test::temp_tenant tenant_;
     orbs3_vhost_t* vh_ = tenant_.vh;
     std::string data_, meta_, version_, recycle_;
@@ -196,7 +178,7 @@ TEST_F(BucketOps, PutBucketMakesFiveEntriesAndAWholeRecord)
 {
     outcome o = call(orbs3_put_bucket, alice_.get(), "photos");
     ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     EXPECT_NE(o.reply.find("Location:/photos"), std::string::npos) << o.reply;
     EXPECT_EQ(vh_->bucket_count.load(), 1);
 
@@ -407,7 +389,7 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
     ASSERT_TRUE(fs::create_directories(version_ + "/alice/empty/sub/dir"));
     outcome o = call(orbs3_del_bucket, alice_.get(), "empty");
     ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 204 No Content")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 204 No Content")) << o.reply;
     for (const std::string& p : bucket_paths("alice", "empty"))
         EXPECT_FALSE(fs::exists(p)) << p;
     EXPECT_EQ(vh_->bucket_count.load(), 2);
@@ -444,7 +426,7 @@ TEST_F(BucketOps, ListBucketsShowsOwnBucketsAndEveryOwnersToTheAdmin)
 
     outcome o = call(orbs3_list_buckets, alice_.get(), "");
     ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
     EXPECT_EQ(names(o.reply), (std::vector<std::string>{"a-one", "a-two"}));
 
@@ -460,7 +442,7 @@ TEST_F(BucketOps, ListBucketsShowsOwnBucketsAndEveryOwnersToTheAdmin)
     user_ptr carol(make_user("u-carol", "carol"));
     o = call(orbs3_list_buckets, carol.get(), "");
     ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
     EXPECT_EQ(o.reply.find("<Bucket>"), std::string::npos) << o.reply;
 }
@@ -478,12 +460,12 @@ TEST_F(BucketOps, BucketInfoAndStatAnswerInJson)
 
     outcome o = call(orbs3_get_bucket_info, bob_.get(), "info");
     EXPECT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     EXPECT_EQ(body_of(o.reply), text);
 
     o = call(orbs3_get_bucket_stat, bob_.get(), "info");
     EXPECT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     EXPECT_EQ(body_of(o.reply),
               "{\"result\":{\"stat\":{\"storage_in_bytes\":123456789012,\"object_count\":42,"
               "\"multipart_upload_count\":3}}}");
@@ -492,19 +474,19 @@ TEST_F(BucketOps, BucketInfoAndStatAnswerInJson)
     for (handler_t h : {orbs3_get_bucket_info, orbs3_get_bucket_stat}) {
         o = call(h, alice_.get(), "missing");
         EXPECT_EQ(o.rc, 0);
-        EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 404")) << o.reply;
+        EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 404")) << o.reply;
         EXPECT_EQ(body_of(o.reply), "{\"error_code\":\"NoSuchBucket\",\"error_msg\":\"bucket does not exist\"}");
 
         o = call(h, alice_.get(), "a/b");
         EXPECT_EQ(o.rc, 0);
-        EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+        EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
         EXPECT_EQ(body_of(o.reply), "");
     }
 
     // A record cut short reads as no bucket.
     write_file(record_path("alice", "info"), text.substr(0, text.size() / 2));
     o = call(orbs3_get_bucket_info, alice_.get(), "info");
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 404")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 404")) << o.reply;
 }
 
 TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
@@ -517,7 +499,7 @@ TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
         "</AccessControlList></AccessControlPolicy>";
     outcome o = call(orbs3_put_bucket_acl, alice_.get(), "acl", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
     ASSERT_EQ(o.rc, 0) << o.resource;
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     bucket_ptr b = record("alice", "acl");
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
@@ -525,7 +507,7 @@ TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
 
     o = call(orbs3_get_bucket_acl, alice_.get(), "acl");
     ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
     EXPECT_NE(o.reply.find("<Permission>READ</Permission>"), std::string::npos) << o.reply;
     EXPECT_NE(o.reply.find("<Permission>WRITE</Permission>"), std::string::npos) << o.reply;
     EXPECT_EQ(o.reply.find("FULL_CONTROL"), std::string::npos) << o.reply;
@@ -565,7 +547,7 @@ TEST_F(BucketOps, RenameChangesOnlyTheRecordsName)
     outcome o = call(orbs3_put_bucket_rename, alice_.get(), "new",
                      [](orbs3_http_request_t* r) { set_copy_source(r, "old"); });
     ASSERT_EQ(o.rc, 0) << o.resource;
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
 
     bucket_ptr b(orbs3_get_bucket(vh_, alice_.get(), "old"));
     ASSERT_NE(b, nullptr);
@@ -639,7 +621,7 @@ TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
     EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     o = call(orbs3_del_bucket, &vh_->admin, "guarded");
     EXPECT_EQ(o.rc, 0) << o.resource;
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 204")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 204")) << o.reply;
 }
 
 TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
@@ -668,7 +650,7 @@ TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
     EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
     o = call(orbs3_head_bucket, &vh_->admin, "walled");
     EXPECT_EQ(o.rc, 0);
-    EXPECT_TRUE(starts_with(o.reply, "HTTP/1.1 200 OK")) << o.reply;
+    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
 }
 
 }  // namespace

@@ -16,10 +16,7 @@
 #include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
-using storage_test::bucket_ptr;
-using storage_test::read_file;
-using storage_test::str;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
 
@@ -52,16 +49,13 @@ protected:
     // A bucket as PutBucket leaves it: the data directory, then the record. Returns the record's path.
     std::string put(const std::string& owner, const std::string& name, uint32_t acl = 1)
     {
-        bucket_ptr b(orbs3_bucket_new());
+        bucket_ptr b = tenant_.bucket(name, owner);
         if (!b)
             return {};
         b->name = {name.size(), const_cast<char*>(name.data())};
-        b->owner_name = {owner.size(), const_cast<char*>(owner.data())};
         b->owner_id = b->owner_name;
         b->acl = acl;
         b->stat.object_count = 7;
-        if (orbs3_bucket_init_path(&vh_, nullptr, b.get(), name) != 0)
-            return {};
         const std::string record_dir = fs::path(str(b->meta_file)).parent_path();
         if (mkdir_p(record_dir.c_str(), ORBS3_DIR_MODE) != 0 || mkdir_p(b->data_dir.data, ORBS3_DIR_MODE) != 0 ||
             orbs3_save_bucket(b.get(), b->meta_file.data) != 0)

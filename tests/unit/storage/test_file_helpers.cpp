@@ -7,20 +7,16 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
 #include <string>
 
-#include "storage/storage_test_bucket.h"
+#include "temp_dir.h"
 
-namespace fs = std::filesystem;
 using namespace std::string_literals;
 
 namespace {
 
 class FileHelpers : public ::testing::Test {
 protected:
-    std::string path(const char* name) const { return dir_ + "/" + name; }
-    void put(const std::string& p, const std::string& bytes) { storage_test::write_file(p, bytes); }
     std::string get(const std::string& p)
     {
         char* data = nullptr;
@@ -32,31 +28,30 @@ protected:
         std::free(data);
         return s;
     }
-    storage_test::temp_dir tmp_;
-    const std::string dir_ = tmp_.path;
+    unit_test::temp_dir dir_;
 };
 
 TEST_F(FileHelpers, WholeFileReadKeepsEveryByteAndReportsMissingFiles)
 {
-    const std::string f = path("rec");
+    const std::string f = dir_("rec");
     const std::string bin = "hello\0world\n"s;
-    put(f, bin);
+    unit_test::write_file(f, bin);
     EXPECT_EQ(get(f), bin);
-    put(f, "");
+    unit_test::write_file(f, "");
     EXPECT_EQ(get(f), "");
 
     char* data = reinterpret_cast<char*>(1);
-    EXPECT_EQ(orbs3_read_data_from_file(path("none").c_str(), &data), -1);
+    EXPECT_EQ(orbs3_read_data_from_file(dir_("none").c_str(), &data), -1);
     EXPECT_EQ(data, nullptr);
-    EXPECT_EQ(orbs3_read_data_from_file(dir_.c_str(), &data), -1);  // a directory can't be read
+    EXPECT_EQ(orbs3_read_data_from_file(dir_.path.c_str(), &data), -1);  // a directory can't be read
 }
 
 TEST_F(FileHelpers, Existence)
 {
-    put(path("five"), "12345");
-    EXPECT_EQ(orbs3_access_file(path("five").c_str()), 0);
-    EXPECT_EQ(orbs3_access_file(dir_.c_str()), 0);
-    EXPECT_EQ(orbs3_access_file(path("none").c_str()), -1);
+    unit_test::write_file(dir_("five"), "12345");
+    EXPECT_EQ(orbs3_access_file(dir_("five").c_str()), 0);
+    EXPECT_EQ(orbs3_access_file(dir_.path.c_str()), 0);
+    EXPECT_EQ(orbs3_access_file(dir_("none").c_str()), -1);
     EXPECT_EQ(orbs3_access_file(nullptr), -1);
 }
 

@@ -7,7 +7,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <string>
 
 #include "control/orbs3_service.h"
@@ -18,14 +17,9 @@
 namespace fs = std::filesystem;
 using namespace std::string_literals;
 using storage_test::str;
+using unit_test::is_dir;
 
 namespace {
-
-bool is_dir(const std::string& p)
-{
-    struct stat st;
-    return lstat(p.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
-}
 
 mode_t perm(const std::string& p)
 {
@@ -33,25 +27,17 @@ mode_t perm(const std::string& p)
     return lstat(p.c_str(), &st) == 0 ? (st.st_mode & 07777) : 0;
 }
 
-void touch(const std::string& p)
-{
-    std::ofstream(p) << "x";
-}
-
 class Layout : public ::testing::Test {
 protected:
-    void TearDown() override { orbs3_free_bucket(bucket_); }
-
     // The tenant's roots built under the temp dir.
     void init_vhost() { ASSERT_EQ(tenant_.roots(), 0); }
-    // A bucket `name` of owner "alice" with its paths filled.
-    void init_bucket(const char* name = "bkt")
+    // The bucket "bkt" of owner "alice" with its paths filled.
+    void init_bucket()
     {
         init_vhost();
-        bucket_ = orbs3_bucket_new();
+        owned_ = tenant_.bucket();
+        bucket_ = owned_.get();
         ASSERT_NE(bucket_, nullptr);
-        bucket_->owner_name = {owner_.size(), owner_.data()};
-        ASSERT_EQ(orbs3_bucket_init_path(vh_, nullptr, bucket_, name), 0);
     }
 
     storage_test::conf_limits limits_{127};
@@ -59,6 +45,7 @@ protected:
     const std::string& dir_ = tenant_.dir.path;
     orbs3_vhost_t* vh_ = tenant_.vh;
     std::string owner_ = "alice";
+    storage_test::bucket_ptr owned_;
     orbs3_bucket_t* bucket_ = nullptr;
 };
 
@@ -91,34 +78,31 @@ TEST_F(Layout, BucketNameCheckedAtLengthLimitAndForPathCharacters)
 
 TEST_F(Layout, KeyCheckedAtEachConfiguredLimit)
 {
-    orbs3_conf.objectmaxlen = 8;
-    orbs3_conf.objectpathlen = 30;
-    orbs3_conf.objectdirnum = 3;
-    const std::string c8(8, 'k'), c9(9, 'k');
-    struct row {
-        std::string key;
-        int want;
-    } rows[] = {
-        {c8, 0},                          // component at the limit, as the only one
-        {c9, -1},                         // one over
-        {c8 + "/" + c8, 0},               // also as the last component
-        {c8 + "/" + c9, -1},
-        {c9 + "/" + c8, -1},              // and as the first
-        {"a/" + c9 + "/b", -1},           // and in the middle
-        {"a/b/c/d", 0},                   // exactly objectdirnum slashes
-        {"a/b/c/d/e", -1},                // one more
-        {"a/b/c/", 0},                    // a directory object with three slashes
-        {"a/b/c/d/", -1},
-        {c8 + "/" + c8 + "/" + c8 + "/123", 0},    // 30 bytes: the whole key at its limit
-        {c8 + "/" + c8 + "/" + c8 + "/1234", -1},  // 31
-    };
-    for (const row& r : rows)
-        EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+    {
+        storage_test::conf_limits tight(127, 8, 30, 3);
+        const std::string c8(8, 'k'), c9(9, 'k');
+        struct row {
+            std::string key;
+            int want;
+        } rows[] = {
+            {c8, 0},                          // component at the limit, as the only one
+            {c9, -1},                         // one over
+            {c8 + "/" + c8, 0},               // also as the last component
+            {c8 + "/" + c9, -1},
+            {c9 + "/" + c8, -1},              // and as the first
+            {"a/" + c9 + "/b", -1},           // and in the middle
+            {"a/b/c/d", 0},                   // exactly objectdirnum slashes
+            {"a/b/c/d/e", -1},                // one more
+            {"a/b/c/", 0},                    // a directory object with three slashes
+            {"a/b/c/d/", -1},
+            {c8 + "/" + c8 + "/" + c8 + "/123", 0},    // 30 bytes: the whole key at its limit
+            {c8 + "/" + c8 + "/" + c8 + "/1234", -1},  // 31
+        };
+        for (const row& r : rows)
+            EXPECT_EQ(orbs3_check_objectname(r.key), r.want) << r.key;
+    }
 
     // The defaults: a 1023-byte key passes; components are capped at the name area whatever is configured.
-    orbs3_conf.objectmaxlen = 127;
-    orbs3_conf.objectpathlen = 1023;
-    orbs3_conf.objectdirnum = 10;
     std::string longest;
     for (int i = 0; i < 7; i++)
         longest += std::string(127, 'x') + "/";
@@ -126,8 +110,7 @@ TEST_F(Layout, KeyCheckedAtEachConfiguredLimit)
     ASSERT_EQ(longest.size(), 1023u);
     EXPECT_EQ(orbs3_check_objectname(longest), 0);
     EXPECT_EQ(orbs3_check_objectname(longest + "z"), -1);
-    orbs3_conf.objectmaxlen = 4000;
-    orbs3_conf.objectpathlen = 4000;
+    storage_test::conf_limits wide(127, 4000, 4000);
     EXPECT_EQ(orbs3_check_objectname(std::string(255, 'k')), 0);
     EXPECT_EQ(orbs3_check_objectname(std::string(256, 'k')), -1);
     EXPECT_EQ(orbs3_check_objectname(std::string(120, 'k') + "/" + std::string(1023 - 121, 'k')), -1);
@@ -258,7 +241,8 @@ TEST_F(Layout, ObjectPathsAndTheirDirectories)
 TEST_F(Layout, UnsafeBucketOrOwnerNamesRefusedBeforeAnyPathIsBuilt)
 {
     init_vhost();
-    bucket_ = orbs3_bucket_new();
+    owned_.reset(orbs3_bucket_new());
+    bucket_ = owned_.get();
     ASSERT_NE(bucket_, nullptr);
     bucket_->owner_name = {owner_.size(), owner_.data()};
     for (const std::string& name : {""s, "."s, ".."s, "a/b"s, "a\0b"s, std::string(256, 'n')})
@@ -328,7 +312,7 @@ TEST_F(Layout, MkdirPMakesNestedTreesAndStopsAtAFile)
     EXPECT_EQ(mkdir_p(nested.c_str(), 0700), 0);  // existing
     EXPECT_EQ(mkdir_p((dir_ + "/x/y").c_str(), 0700), 0);
 
-    touch(dir_ + "/f");
+    storage_test::write_file(dir_ + "/f", "x");
     EXPECT_EQ(mkdir_p((dir_ + "/f").c_str(), 0700), -1);
     EXPECT_EQ(mkdir_p((dir_ + "/f/g/h").c_str(), 0700), -1);
     EXPECT_FALSE(fs::exists(dir_ + "/f/g"));
@@ -355,7 +339,7 @@ TEST_F(Layout, KeyDirectoriesMadeOnlyForKeysWithSlashes)
     EXPECT_TRUE(is_dir(data + "/p/q"));
     EXPECT_FALSE(fs::exists(data + "/p/q/r"));
 
-    touch(data + "/file");
+    storage_test::write_file(data + "/file", "x");
     EXPECT_EQ(orbs3_make_dir_by_name("file/x", (data + "/file/x").c_str()), ORBS3_S3_INTERNAL_ERROR);
     EXPECT_EQ(orbs3_make_dir_by_object_path((data + "/file/x/y").c_str()),
               ORBS3_S3_INTERNAL_ERROR);
@@ -366,8 +350,8 @@ TEST_F(Layout, KeyConflictBetweenFileAndDirectoryBothWays)
     init_bucket();
     const std::string data = str(bucket_->data_dir);
     ASSERT_EQ(mkdir_p((data + "/d/e").c_str(), 0700), 0);
-    touch(data + "/a");
-    touch(data + "/d/e/f");
+    storage_test::write_file(data + "/a", "x");
+    storage_test::write_file(data + "/d/e/f", "x");
 
     struct row {
         std::string key;

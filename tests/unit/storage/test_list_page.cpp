@@ -25,8 +25,7 @@
 #include "storage/orbs3_record.h"
 #include "storage/storage_fixture.h"
 
-using storage_test::temp_dir;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
 
@@ -218,7 +217,6 @@ class ListPageModel : public ::testing::TestWithParam<unsigned> {};
 TEST_P(ListPageModel, EveryPageOfEveryQueryMatchesTheSortedKeyList)
 {
     temp_dir dir;
-    ASSERT_FALSE(dir.path.empty());
     const std::string root = dir.path + "/meta";
     meta_tree tree(root);
     const std::vector<std::string> keys = random_keys(GetParam(), 140);
@@ -277,7 +275,6 @@ TEST_P(ListPageModel, EveryPageOfEveryQueryMatchesTheSortedKeyList)
 TEST_P(ListPageModel, ResumingFromAnyPointGivesTheRestOnce)
 {
     temp_dir dir;
-    ASSERT_FALSE(dir.path.empty());
     const std::string root = dir.path + "/meta";
     meta_tree tree(root);
     const std::vector<std::string> keys = random_keys(GetParam() + 100, 80);

@@ -8,20 +8,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <tuple>
 #include <string>
 
-#include "control/orbs3_service.h"
-#include "core/orbs3_config.h"
-#include "s3/orbs3_s3_errors.h"
-#include "storage/orbs3_bucket_store.h"
 #include "event/orbs3_fd.h"
+#include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_checksum.h"
 #include "storage/orbs3_file_helpers.h"
-#include "storage/orbs3_layout.h"
-#include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
 
@@ -227,42 +221,12 @@ TEST(MultipartParts, PartSizeLimitIsFiveGibLoweredByEitherSegmentSize)
     EXPECT_EQ(orbs3_check_upload_part_size(five + 1, &vhost, &bucket), 1);
 }
 
-class MultipartPaths : public ::testing::Test {
-protected:
-    void SetUp() override
-    {
-        orbs3_conf.bucketmaxlen = 127;
-        orbs3_conf.objectmaxlen = 127;
-        orbs3_conf.objectpathlen = 1023;
-        orbs3_conf.objectdirnum = 10;
-        char tmpl[] = "/tmp/orbs3_multipart_XXXXXX";
-        ASSERT_NE(mkdtemp(tmpl), nullptr);
-        dir_ = tmpl;
-        neo_strdup(&vh_.cluster_path, dir_.c_str(), ORBS3_PATH_AREA);
-        neo_strdup(&vh_.group_path, "g", ORBS3_PATH_AREA);
-        ASSERT_EQ(orbs3_init_path(&vh_), 0);
-        bucket_ = orbs3_bucket_new();
-        ASSERT_NE(bucket_, nullptr);
-        bucket_->owner_name = {5, const_cast<char*>("alice")};
-        ASSERT_EQ(orbs3_bucket_init_path(&vh_, nullptr, bucket_, "bkt"), 0);
-    }
-    void TearDown() override
-    {
-        orbs3_free_bucket(bucket_);
-        for (orbs3_str_t* s : {&vh_.id, &vh_.cluster_path, &vh_.group_path, &vh_.data_root, &vh_.meta_root,
-                               &vh_.version_root, &vh_.recycle_root})
-            neo_strfree(s);
-        std::error_code ec;
-        fs::remove_all(dir_, ec);
-    }
-    std::string dir_;
-    orbs3_vhost_t vh_{};
-    orbs3_bucket_t* bucket_ = nullptr;
-};
+// The staging name and the copies need a bucket's paths and a directory to write in.
+using MultipartPaths = storage_test::bucket_fixture;
 
 TEST_F(MultipartPaths, StagingLiesBesideTheObjectUnderAReservedName)
 {
-    const std::string data = dir_ + "/g/data/alice/bkt/";
+    const std::string data = tenant_.dir.path + "/g/data/alice/bkt/";
     char out[ORBS3_PATH_AREA];
     ASSERT_EQ(orbs3_multipart_staging_path(bucket_, "a/b/file.bin", kId, out, sizeof out), 0);
     EXPECT_EQ(std::string(out), data + "a/b/.orbs3-" + kId + "file.bin");
@@ -280,25 +244,21 @@ TEST_F(MultipartPaths, StagingLiesBesideTheObjectUnderAReservedName)
 // fails the copy instead of making a shorter object; the temporary a failed copy gave up on is removed.
 TEST_F(MultipartPaths, BoundedCopyFailsOnAShortSourceAndLeavesNoTemporary)
 {
-    auto text_of = [](const char* path) {
-        std::ifstream f(path);
-        return std::string(std::istreambuf_iterator<char>(f), {});
-    };
     orbs3_temp_file src;
-    ASSERT_GE(src.open(dir_.c_str()), 0);
-    ASSERT_EQ(write(src.fd, "0123456789", 10), 10);
+    ASSERT_GE(src.open(data_.c_str()), 0);
+    ASSERT_EQ(::write(src.fd, "0123456789", 10), 10);
     orbs3_fd in(open(src.path, O_RDONLY));
     const std::tuple<int64_t, int64_t, const char*> rows[] = {{2, 5, "23456"}, {0, 10, "0123456789"}, {5, 6, nullptr}};
     for (const auto& [offset, len, want] : rows) {
         for (int out_fd : {0, 1, -1}) {  // kernel copy, through an observer, observer only
             orbs3_temp_file out;
-            ASSERT_GE(out.open(dir_.c_str()), 0);
+            ASSERT_GE(out.open(data_.c_str()), 0);
             std::string seen;
             orbs3_copy_observer see = [&](const uint8_t* p, std::size_t n) { seen.append(reinterpret_cast<const char*>(p), n); };
             const int rc = orbs3_copy_range(in.get(), out_fd < 0 ? -1 : out.fd, offset, len, out_fd != 0 ? see : nullptr);
             ASSERT_EQ(rc, want != nullptr ? 0 : -1) << offset << "+" << len;
             if (want != nullptr) {
-                EXPECT_EQ(text_of(out.path), out_fd < 0 ? "" : want);
+                EXPECT_EQ(storage_test::read_file(out.path), out_fd < 0 ? "" : want);
                 EXPECT_EQ(seen, out_fd != 0 ? want : "");
             }
         }
@@ -306,7 +266,7 @@ TEST_F(MultipartPaths, BoundedCopyFailsOnAShortSourceAndLeavesNoTemporary)
     std::string gone;
     {
         orbs3_temp_file t;
-        ASSERT_GE(t.open(dir_.c_str()), 0);
+        ASSERT_GE(t.open(data_.c_str()), 0);
         gone = t.path;
     }
     EXPECT_FALSE(fs::exists(gone));

@@ -5,28 +5,20 @@
 #include <cstring>
 #include <string>
 
-#include "core/orbs3_config.h"
-
-#include "control/orbs3_service.h"
 #include "s3/orbs3_s3_errors.h"
-#include "storage/orbs3_bucket.h"
-#include "storage/orbs3_record.h"
+#include "storage/storage_fixture.h"
 
 namespace {
-
-struct vhost_deleter {
-    void operator()(orbs3_vhost_t* vh) const { orbs3_free_vhost_data(vh); }
-};
 
 // file_threshold is kilobytes, of the tenant and of the bucket; the smaller one counts, a length equal to
 // it passes, and 0 or nothing is no limit.
 TEST(Object, SizeLimitOfTenantAndBucket)
 {
-    std::unique_ptr<orbs3_vhost_t, vhost_deleter> vh(orbs3_vhost_new());
+    storage_test::vhost_ptr vh(orbs3_vhost_new());
     ASSERT_NE(vh, nullptr);
     vh->service_rec = orbs3_get_service(nullptr);
     ASSERT_NE(vh->service_rec, nullptr);
-    std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)> b(orbs3_bucket_new(), &orbs3_free_bucket);
+    storage_test::bucket_ptr b(orbs3_bucket_new());
     ASSERT_NE(b, nullptr);
 
     EXPECT_EQ(orbs3_object_size_limit(vh.get(), b.get()), -1);
@@ -66,10 +58,7 @@ TEST(Object, ComputedEtagOfADirectoryObject)
 TEST(Object, KeysAreTakenAsSentOrRefusedWithTheirReason)
 {
     using namespace std::string_literals;
-    const int saved[] = {orbs3_conf.objectmaxlen, orbs3_conf.objectpathlen, orbs3_conf.objectdirnum};
-    orbs3_conf.objectmaxlen = 127;
-    orbs3_conf.objectpathlen = 1023;
-    orbs3_conf.objectdirnum = 10;
+    storage_test::conf_limits limits;
     constexpr auto arg = ORBS3_S3_INVALID_ARGUMENT;
     struct row {
         std::string key;
@@ -111,9 +100,6 @@ TEST(Object, KeysAreTakenAsSentOrRefusedWithTheirReason)
             EXPECT_NE(std::string(message).find(r.reason), std::string::npos) << r.key << ": " << message;
         }
     }
-    orbs3_conf.objectmaxlen = saved[0];
-    orbs3_conf.objectpathlen = saved[1];
-    orbs3_conf.objectdirnum = saved[2];
 }
 
 }  // namespace

@@ -10,7 +10,7 @@
 #include <thread>
 
 #include "s3/orbs3_s3_errors.h"
-#include "storage/storage_test_bucket.h"
+#include "storage/storage_fixture.h"
 
 namespace fs = std::filesystem;
 
@@ -18,9 +18,7 @@ namespace {
 
 constexpr const char* kEtag = "0cc175b9c0f1b6a831c399e269772661";
 
-using storage_test::read_file;
-using storage_test::temp_dir;
-using storage_test::write_file;
+using namespace storage_test;
 
 }  // namespace
 
@@ -49,27 +47,27 @@ TEST(ObjectCommit, ConditionDecidesWhetherTheTemporaryBecomesTheObject)
     for (const row& w : rows) {
         temp_dir d;
         if (w.exists) {
-            write_file(d / "obj", "old");
-            write_file(d / "obj.rec", record);
+            write_file(d("obj"), "old");
+            write_file(d("obj.rec"), record);
         }
-        write_file(d / "tmp", "new");
+        write_file(d("tmp"), "new");
         const orbs3_conditional_t c{w.if_match, w.if_none_match, {}, {}};
         orbs3_commit_lock_t lock;
-        ASSERT_EQ(orbs3_commit_lock((d / "obj").c_str(), &lock), 0);
+        ASSERT_EQ(orbs3_commit_lock(d("obj").c_str(), &lock), 0);
         orbs3_object_before_t before;
-        const std::string tmp = (d / "tmp"), obj = (d / "obj"), rec = (d / "obj.rec");
+        const std::string tmp = d("tmp"), obj = d("obj"), rec = d("obj.rec");
         const int rc = orbs3_object_commit_file(&c, tmp.c_str(), obj.c_str(), rec.c_str(), &before);
         const std::string what = std::string("If-Match '") + w.if_match + "' If-None-Match '" + w.if_none_match +
                                  "' exists " + (w.exists ? "yes" : "no");
         EXPECT_EQ(rc, static_cast<int>(w.want)) << what;
         if (w.want == 0) {
-            EXPECT_EQ(read_file(d / "obj"), "new") << what;
-            EXPECT_FALSE(fs::exists((d / "tmp"))) << what;
+            EXPECT_EQ(read_file(d("obj")), "new") << what;
+            EXPECT_FALSE(fs::exists(d("tmp"))) << what;
             EXPECT_EQ(before.existed, w.exists) << what;
         } else {
-            EXPECT_EQ(read_file(d / "tmp"), "new") << what;
-            EXPECT_EQ(fs::exists((d / "obj")), w.exists) << what;
-            EXPECT_EQ(read_file(d / "obj"), w.exists ? "old" : "") << what;
+            EXPECT_EQ(read_file(d("tmp")), "new") << what;
+            EXPECT_EQ(fs::exists(d("obj")), w.exists) << what;
+            EXPECT_EQ(read_file(d("obj")), w.exists ? "old" : "") << what;
         }
     }
 }
@@ -79,7 +77,7 @@ TEST(ObjectCommit, ConditionDecidesWhetherTheTemporaryBecomesTheObject)
 TEST(ObjectCommit, LockOfADirectoryWaitsForItsHolder)
 {
     temp_dir d;
-    const std::string obj = (d / "obj");
+    const std::string obj = d("obj");
     std::atomic<bool> taken{false};
     std::thread other;
     {
@@ -96,5 +94,5 @@ TEST(ObjectCommit, LockOfADirectoryWaitsForItsHolder)
     other.join();
     EXPECT_TRUE(taken.load());
     orbs3_commit_lock_t missing;
-    EXPECT_EQ(orbs3_commit_lock((d / "no/such/obj").c_str(), &missing), -1);
+    EXPECT_EQ(orbs3_commit_lock(d("no/such/obj").c_str(), &missing), -1);
 }

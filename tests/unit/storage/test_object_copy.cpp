@@ -5,24 +5,20 @@
 #include <string>
 #include <string_view>
 
-#include "core/orbs3_config.h"
 #include "http/http_test_request.h"
 #include "http/orbs3_http_parse.h"
 #include "s3/orbs3_s3_errors.h"
-#include "storage/storage_test_bucket.h"
+#include "storage/storage_fixture.h"
 
 using http_test::sv;
 using http_test::test_request;
 
 namespace {
 
-class CopySource : public storage_test::limits {
+class CopySource : public ::testing::Test {
 protected:
-    void SetUp() override
-    {
-        limits::SetUp();
-        http_test::ensure_headers_hash();
-    }
+    void SetUp() override { http_test::ensure_headers_hash(); }
+    storage_test::conf_limits limits_;
 };
 
 struct parsed {

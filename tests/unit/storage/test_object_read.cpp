@@ -8,13 +8,13 @@
 
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_object.h"
-#include "storage/storage_test_bucket.h"
+#include "storage/storage_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class ObjectRead : public storage_test::bucket {
+class ObjectRead : public storage_test::bucket_fixture {
 protected:
     // The object's record, as a commit writes it.
     void record(const std::string& key, const std::string& meta_rel, int64_t size, const char* etag)

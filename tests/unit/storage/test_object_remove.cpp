@@ -14,14 +14,14 @@
 #include "control/orbs3_service.h"
 #include "core/orbs3_config.h"
 #include "storage/orbs3_layout.h"
-#include "storage/storage_test_bucket.h"
+#include "storage/storage_fixture.h"
 #include "versions/orbs3_recycle.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-class DeleteDirs : public storage_test::bucket {
+class DeleteDirs : public storage_test::bucket_fixture {
 protected:
     // A file of both trees, its directories made.
     void put(const std::string& key, const std::string& bytes = "x")
@@ -63,15 +63,13 @@ TEST_F(DeleteDirs, MarkedDirectoryStaysWhileFilesRemainAndGoesWithTheLast)
     EXPECT_TRUE(in_data("a/other") && in_meta("a/other"));
     EXPECT_FALSE(orbs3_get_deling_object_dirs(bucket_, "a/b"));
     // A mark is per bucket: the same directory of another bucket is another entry.
-    orbs3_bucket_t* other = orbs3_bucket_new();
+    storage_test::bucket_ptr owned = tenant_.bucket("bkt2");
+    orbs3_bucket_t* other = owned.get();
     ASSERT_NE(other, nullptr);
-    other->owner_name = {owner_.size(), owner_.data()};
-    ASSERT_EQ(orbs3_bucket_init_path(&vh_, nullptr, other, "bkt2"), 0);
     orbs3_mark_deling_object_dir(other, "a");
     EXPECT_FALSE(orbs3_get_deling_object_dirs(bucket_, "a"));
     EXPECT_EQ(orbs3_del_object_dirs(other, "a"), 1);  // nothing there: it went, and so did the mark
     EXPECT_FALSE(orbs3_get_deling_object_dirs(other, "a"));
-    orbs3_free_bucket(other);
 }
 
 TEST_F(DeleteDirs, EmptiedParentsGoUpToTheFirstThatHoldsSomething)

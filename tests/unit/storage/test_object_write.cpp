@@ -6,13 +6,13 @@
 #include <vector>
 
 #include "s3/orbs3_s3_errors.h"
-#include "storage/storage_test_bucket.h"
+#include "storage/storage_fixture.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class ObjectWrite : public storage_test::bucket {
+class ObjectWrite : public storage_test::bucket_fixture {
 protected:
     // A copy leaves no temporary file behind, committed or not.
     bool no_temp_in(const std::string& dir)

@@ -24,10 +24,7 @@
 #include "storage/orbs3_record.h"
 #include "storage/storage_fixture.h"
 
-using storage_test::read_file;
-using storage_test::str;
-using storage_test::temp_dir;
-using storage_test::write_file;
+using namespace storage_test;
 
 namespace {
 
@@ -52,10 +49,7 @@ void set(orbs3_pool_t* pool, orbs3_str_t* s, const std::string& v)
 {
     if (pool == nullptr)
         return heap_set(s, v);
-    auto* d = static_cast<char*>(orbs3_pcalloc(pool, v.size() + 1));
-    std::memcpy(d, v.data(), v.size());
-    s->data = d;
-    s->len = v.size();
+    *s = pool_text(pool, v);
 }
 
 template <typename T>
@@ -284,7 +278,6 @@ void expect_same_service(const orbs3_service_rec_t* a, const orbs3_service_rec_t
                        &S::aggregate, &S::accelerate_path, &S::low_frequency_path, &S::archiving_path);
 }
 
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
 using object_ptr = std::unique_ptr<orbs3_object_t, decltype(&orbs3_free_object)>;
 using service_ptr = std::unique_ptr<orbs3_service_rec_t, decltype(&orbs3_free_service)>;
 
@@ -294,11 +287,11 @@ TEST(Record, EachKindWritesItsGoldenBytesAndReadsBackEveryField)
 {
     temp_dir dir;
     {
-        bucket_ptr b(sample_bucket(), orbs3_free_bucket);
+        bucket_ptr b(sample_bucket());
         const std::string path = dir.path + "/bucket.xml";
         ASSERT_EQ(orbs3_save_bucket(b.get(), path.c_str()), 0);
         EXPECT_EQ(read_file(path), golden("bucket.xml"));
-        bucket_ptr back(orbs3_create_bucket_from_file(path.c_str()), orbs3_free_bucket);
+        bucket_ptr back(orbs3_create_bucket_from_file(path.c_str()));
         ASSERT_NE(back, nullptr);
         expect_same_bucket(b.get(), back.get());
     }
@@ -427,12 +420,12 @@ TEST(Record, EveryTextReadsBackByteForByte)
         EXPECT_EQ(str(meta[0]->key), u);
         EXPECT_EQ(str(meta[0]->value), t);
 
-        bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+        bucket_ptr b(orbs3_bucket_new());
         set(b->pool, &b->owner_name, t);
         char* text = nullptr;
         ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
         neo_cstr_ptr owned(text);
-        bucket_ptr bb(orbs3_bucket_new(), orbs3_free_bucket);
+        bucket_ptr bb(orbs3_bucket_new());
         ASSERT_EQ(xml_parse_bucket(bb.get(), text), 0) << text;
         EXPECT_EQ(str(bb->owner_name), t);
     }
@@ -443,7 +436,7 @@ TEST(Record, EveryTextReadsBackByteForByte)
 
 TEST(Record, EmptyRecordsKeepListsEmptyAndDefaultsOut)
 {
-    bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+    bucket_ptr b(orbs3_bucket_new());
     b->whitelist_status = 1;
     char* text = nullptr;
     ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
@@ -451,7 +444,7 @@ TEST(Record, EmptyRecordsKeepListsEmptyAndDefaultsOut)
     std::free(text);
     for (const char* el : {"<whitelist />", "<blacklist />", "<authaddr_list />", "<authak_list />"})
         EXPECT_NE(t.find(el), std::string::npos) << el;
-    bucket_ptr back(orbs3_bucket_new(), orbs3_free_bucket);
+    bucket_ptr back(orbs3_bucket_new());
     ASSERT_EQ(xml_parse_bucket(back.get(), t.c_str()), 0);
     expect_same_bucket(b.get(), back.get());
 
@@ -494,13 +487,13 @@ TEST(Record, VersionWordsOtherThanEnabledOrSuspendedLeaveTheField)
     };
     for (row r : {row{"ENABLED", 0, 1}, {"SUSPENDED", 1, 0}, {"enabled", 0, 0}, {"Bogus", 0, 0}}) {
         const std::string text = std::string("<bucket><version num=\"2\" status=\"") + r.status + "\"/></bucket>";
-        bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+        bucket_ptr b(orbs3_bucket_new());
         ASSERT_EQ(xml_parse_bucket(b.get(), text.c_str()), 0);
         EXPECT_EQ(b->versioning.status, r.want) << r.status;
         EXPECT_EQ(b->versioning.save_num, 2);
     }
     // A text without a "bucket" element is an empty record, not a failure; broken text is.
-    bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+    bucket_ptr b(orbs3_bucket_new());
     EXPECT_EQ(xml_parse_bucket(b.get(), "<other a=\"1\"/>"), 0);
     EXPECT_EQ(b->name.len, 0u);
     // Without the declaration an open element would otherwise pass for a whole one.
@@ -546,10 +539,10 @@ TEST(Record, StringFieldsKeepTheirCapAndCutOneOver)
             char* text = nullptr;
             std::string got;
             if (f.in_bucket) {
-                bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+                bucket_ptr b(orbs3_bucket_new());
                 set(b->pool, f.in_bucket(b.get()), value);
                 ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
-                bucket_ptr back(orbs3_bucket_new(), orbs3_free_bucket);
+                bucket_ptr back(orbs3_bucket_new());
                 ASSERT_EQ(xml_parse_bucket(back.get(), text), 0);
                 got = str(*f.in_bucket(back.get()));
                 // The reader cuts too, whoever wrote the file.
@@ -602,7 +595,7 @@ TEST(Record, StringFieldsKeepTheirCapAndCutOneOver)
     // Rule and tag texts, and the fixed paths, on read.
     const std::string id(ORBS3_REC_ID_CAP + 1, 'i'), path(ORBS3_REC_PATH_CAP + 1, 'p');
     const std::string key(ORBS3_REC_TAG_KEY_CAP + 1, 'k'), val(ORBS3_REC_TAG_VALUE_CAP + 1, 'w');
-    bucket_ptr b(orbs3_bucket_new(), orbs3_free_bucket);
+    bucket_ptr b(orbs3_bucket_new());
     const std::string bt = "<bucket><whitelist><rule id=\"" + id + "\"><addrs addr=\"" + std::string(48, 'a') +
                            "\" mask=\"8\"/></rule></whitelist><lifecycle id=\"" + id + "\"/></bucket>";
     ASSERT_EQ(xml_parse_bucket(b.get(), bt.c_str()), 0);
@@ -645,13 +638,13 @@ TEST(Record, NumbersAtTheirLimitPassAndOneOverIsRefused)
     set(o->pool, &o->last_modified, "Mon, 23 Nov 2026 16:13:01 GMT");  // not the record form
     EXPECT_EQ(orbs3_make_object_xml(o.get(), &text), -1);
 
-    bucket_ptr b(sample_bucket(), orbs3_free_bucket);
+    bucket_ptr b(sample_bucket());
     b->quota.max_object = static_cast<uint64_t>(INT32_MAX) + 1;
     EXPECT_EQ(orbs3_make_bucket_xml(b.get(), &text), -1);
     b->quota.max_object = INT32_MAX;
     b->recycle_days = INT32_MIN;
     ASSERT_EQ(orbs3_make_bucket_xml(b.get(), &text), 0);
-    bucket_ptr bb(orbs3_bucket_new(), orbs3_free_bucket);
+    bucket_ptr bb(orbs3_bucket_new());
     ASSERT_EQ(xml_parse_bucket(bb.get(), text), 0);
     std::free(text);
     EXPECT_EQ(bb->quota.max_object, static_cast<uint64_t>(INT32_MAX));
@@ -680,7 +673,7 @@ TEST(Record, NumbersAtTheirLimitPassAndOneOverIsRefused)
          "</whitelist></bucket>"),
     };
     for (const char* t : bad_bucket) {
-        bucket_ptr bb(orbs3_bucket_new(), orbs3_free_bucket);
+        bucket_ptr bb(orbs3_bucket_new());
         EXPECT_EQ(xml_parse_bucket(bb.get(), t), -1) << t;
         EXPECT_EQ(bb->name.len, 0u) << t;
         EXPECT_TRUE(list_empty(&bb->whitelist)) << t;
@@ -693,6 +686,21 @@ TEST(Record, NumbersAtTheirLimitPassAndOneOverIsRefused)
     EXPECT_EQ(orbs3_parse_service_xml(s.get(), nullptr), -1);
 }
 
+namespace {
+
+// Whether a record was read at all; one that was must equal the sample it was written from.
+template <class T>
+bool read_as_sample(T* got, T* sample, void (*expect_same)(const T*, const T*), void (*free_record)(T*))
+{
+    std::unique_ptr<T, void (*)(T*)> read(got, free_record), want(sample, free_record);
+    if (read == nullptr)
+        return false;
+    expect_same(want.get(), read.get());
+    return true;
+}
+
+}  // namespace
+
 TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
 {
     temp_dir dir;
@@ -704,30 +712,15 @@ TEST(Record, RecordCutAtAnyByteIsRejectedWhole)
     const kind kinds[] = {
         {"bucket.xml",
          [](const char* p) {
-             bucket_ptr b(orbs3_create_bucket_from_file(p), orbs3_free_bucket);
-             if (b == nullptr)
-                 return false;
-             bucket_ptr want(sample_bucket(), orbs3_free_bucket);
-             expect_same_bucket(want.get(), b.get());
-             return true;
+             return read_as_sample(orbs3_create_bucket_from_file(p), sample_bucket(), expect_same_bucket, orbs3_free_bucket);
          }},
         {"object.xml",
          [](const char* p) {
-             object_ptr o(orbs3_create_object_from_file(p), orbs3_free_object);
-             if (o == nullptr)
-                 return false;
-             object_ptr want(sample_object(), orbs3_free_object);
-             expect_same_object(want.get(), o.get());
-             return true;
+             return read_as_sample(orbs3_create_object_from_file(p), sample_object(), expect_same_object, orbs3_free_object);
          }},
         {"service.xml",
          [](const char* p) {
-             service_ptr s(orbs3_get_service(p), orbs3_free_service);
-             if (s == nullptr)
-                 return false;
-             service_ptr want(sample_service(), orbs3_free_service);
-             expect_same_service(want.get(), s.get());
-             return true;
+             return read_as_sample(orbs3_get_service(p), sample_service(), expect_same_service, orbs3_free_service);
          }},
     };
     // Each cut makes Mini-XML complain on standard error; thousands of such lines hide real failures.
