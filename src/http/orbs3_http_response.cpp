@@ -580,17 +580,6 @@ int orbs3_http_send_headers_body(orbs3_http_request_t* r, const void* body, std:
     return orbs3_http_send_response_bytes(r->connection, joined, t.len + body_len) == 0 ? 0 : -1;
 }
 
-int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf)
-{
-    if (c == nullptr || buf == nullptr || buf->last < buf->pos)
-        return -1;
-    const std::size_t len = static_cast<std::size_t>(buf->last - buf->pos);
-    if (orbs3_http_send_response_bytes(c, buf->pos, len) != 0)
-        return -1;
-    buf->pos = buf->last;
-    return orbs3_http_send_wait(c);
-}
-
 bool orbs3_make_utc_time(int year, int mon, int day, int hour, int min, int sec, time_t* t)
 {
     if (year < 1970 || mon < 1 || mon > 12 || day < 1 || day > 31 || hour > 23 || min > 59 || sec > 60)

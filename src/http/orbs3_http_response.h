@@ -68,9 +68,6 @@ inline constexpr std::size_t ORBS3_HTTP_HEADERS_LEN = 2048;
 [[nodiscard]] int orbs3_http_send_response_data(orbs3_connection_t* c, const char* text);
 // Bytes written or queued but not yet taken by the socket, the pending file range included.
 std::size_t orbs3_http_send_pending(const orbs3_connection_t* c);
-// Writes buf->pos up to buf->last (pos moves to last) and waits for the socket if it must: 0 all sent,
-// -2 the rest goes out on write events, -1 on error.
-[[nodiscard]] int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf);
 // Writes pending output in order (queue, file, what was queued behind the file): 0 when none is left,
 // -2 when the socket is full, -1 on error.
 [[nodiscard]] int orbs3_http_send_flush(orbs3_connection_t* c);
