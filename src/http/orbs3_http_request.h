@@ -162,7 +162,6 @@ struct orbs3_http_request_t {
     uint64_t received;
     orbs3_buf_t* url_buf;
     orbs3_buf_t* spare_buf;
-    orbs3_buf_t* work_buf;
     orbs3_buf_t* header_in;  // zero-filled; keeps one zero byte behind the received data
     unsigned request_closed : 1;
     orbs3_http_headers_in_t headers_in;
