@@ -166,16 +166,6 @@ int orbs3_http_process_header_xff(orbs3_http_request_t* r, orbs3_header_t* h, st
     return push_occurrence(r, h, offset, 10);
 }
 
-int orbs3_http_process_multi_header_lines(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
-{
-    return push_occurrence(r, h, offset, 1);
-}
-
-int orbs3_http_process_header_keep_alive(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
-{
-    return orbs3_http_process_header_line(r, h, offset);
-}
-
 int orbs3_http_process_multi_cookies(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset)
 {
     auto* a = field_at<orbs3_array_t>(r, offset);

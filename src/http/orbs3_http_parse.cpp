@@ -863,23 +863,6 @@ int orbs3_http_process_request_uri(orbs3_http_request_t* r)
     return 0;
 }
 
-void orbs3_http_set_exten(orbs3_http_request_t* r)
-{
-    r->exten.len = 0;
-    r->exten.data = nullptr;
-
-    const char* u = r->uri.data;
-    for (int64_t i = static_cast<int64_t>(r->uri.len) - 1; i > 1; i--) {
-        if (u[i] == '.' && u[i - 1] != '/') {
-            r->exten.data = r->uri.data + i + 1;
-            r->exten.len = r->uri.len - static_cast<uint64_t>(i) - 1;
-            return;
-        }
-        if (u[i] == '/')
-            return;
-    }
-}
-
 // ---- cookies ----
 
 std::size_t orbs3_http_parse_cookie(orbs3_http_request_t* r, orbs3_str_t* value)
@@ -1063,21 +1046,6 @@ int parser_http_request_handler(orbs3_http_request_t* r)
 int orbs3_strncasecmp(const char* s1, const char* s2, std::size_t n)
 {
     return neo_strncasecmp(s1, s2, n);
-}
-
-const char* orbs3_strcasestrn(const char* haystack, const char* needle, std::size_t n)
-{
-    const unsigned c2 = fold(static_cast<unsigned char>(*needle++));
-    for (;;) {
-        unsigned c1;
-        do {
-            c1 = static_cast<unsigned char>(*haystack++);
-            if (c1 == 0)
-                return nullptr;
-        } while (fold(c1) != c2);
-        if (orbs3_strncasecmp(haystack, needle, n) == 0)
-            return haystack - 1;
-    }
 }
 
 const char* orbs3_strlcasestrn(const char* start, const char* end, const char* needle, std::size_t n)

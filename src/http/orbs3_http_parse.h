@@ -89,8 +89,6 @@ static_assert(lowcase['Q'] == 'q' && lowcase['-'] == '-' && lowcase['_'] == 0 &&
 // header_name_start..header_name_end is the name and header_start..header_end the value (both marks
 // null for a cookie without '='). Returns the bytes from the name's start to header_end.
 std::size_t orbs3_http_parse_cookie(orbs3_http_request_t* r, orbs3_str_t* value);
-// exten from uri: what follows the last dot of the last segment, a leading dot (hidden file) excluded.
-void orbs3_http_set_exten(orbs3_http_request_t* r);
 // Whole-head test. 0; -1 (dropped without a reply) without a server name, for a version above 1.0
 // without Host, or TRACE; ORBS3_HTTP_BAD_FRAMING (answered 400, then the connection closes) where the end
 // of the body is in doubt: an unreadable or disputed Content-Length, a Transfer-Encoding other than
@@ -100,8 +98,6 @@ void orbs3_http_set_exten(orbs3_http_request_t* r);
 
 // Compares n bytes with A-Z folded, stopping at a NUL in s1. The difference of the first unequal bytes.
 [[nodiscard]] int orbs3_strncasecmp(const char* s1, const char* s2, std::size_t n);
-// needle (n = its length - 1) in the NUL-terminated haystack, any case; null when absent.
-[[nodiscard]] const char* orbs3_strcasestrn(const char* haystack, const char* needle, std::size_t n);
-// The same within [start, end).
+// needle (n = its length - 1) within [start, end), any case; null when absent.
 [[nodiscard]] const char* orbs3_strlcasestrn(const char* start, const char* end, const char* needle,
                                              std::size_t n);

@@ -302,9 +302,8 @@ orbs3_http_request_t* orbs3_http_create_request(orbs3_connection_t* c)
     // parser relies on. One byte more than configured holds that zero behind a head of the full size.
     r->header_in = orbs3_create_temp_buf(pool.get(), head + 1);
     r->url_buf = orbs3_create_temp_buf(pool.get(), space);
-    r->work_buf = orbs3_create_temp_buf(pool.get(), space);
     r->spare_buf = static_cast<orbs3_buf_t*>(orbs3_pcalloc(pool.get(), sizeof(orbs3_buf_t)));
-    if (r->header_in == nullptr || r->url_buf == nullptr || r->work_buf == nullptr || r->spare_buf == nullptr) {
+    if (r->header_in == nullptr || r->url_buf == nullptr || r->spare_buf == nullptr) {
         ipd_log(LOG_ERR, "Not enough memory create request");
         return nullptr;
     }

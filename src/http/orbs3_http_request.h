@@ -162,7 +162,6 @@ struct orbs3_http_request_t {
     uint64_t received;
     orbs3_buf_t* url_buf;
     orbs3_buf_t* spare_buf;
-    orbs3_buf_t* work_buf;
     orbs3_buf_t* header_in;  // zero-filled; keeps one zero byte behind the received data
     unsigned request_closed : 1;
     orbs3_http_headers_in_t headers_in;
@@ -253,12 +252,6 @@ extern orbs3_hash_t headers_in_hash;
                                                    std::size_t offset);
 // Keeps the first and sets `chunked` when it holds "chunked"; a second one marks framing_conflict.
 [[nodiscard]] int orbs3_http_process_transfer_encoding(orbs3_http_request_t* r, orbs3_header_t* h,
-                                                       std::size_t offset);
-// Handlers without a row in the table, for fields of other arrangements: every occurrence into the
-// array at the field (made with one slot), and the first occurrence kept.
-[[nodiscard]] int orbs3_http_process_multi_header_lines(orbs3_http_request_t* r, orbs3_header_t* h,
-                                                        std::size_t offset);
-[[nodiscard]] int orbs3_http_process_header_keep_alive(orbs3_http_request_t* r, orbs3_header_t* h,
                                                        std::size_t offset);
 [[nodiscard]] int orbs3_http_process_action(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset);
 [[nodiscard]] int orbs3_http_process_copysource(orbs3_http_request_t* r, orbs3_header_t* h, std::size_t offset);

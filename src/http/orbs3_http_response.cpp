@@ -97,11 +97,6 @@ time_t system_clock()
     return time(nullptr);
 }
 
-bool leap_year(int year)
-{
-    return (year % 4 == 0 && year % 100 != 0) || year % 400 == 0;
-}
-
 }  // namespace
 
 orbs3_http_clock_pt orbs3_http_clock = system_clock;
@@ -119,61 +114,12 @@ void get_gmt_time(char* buf, std::size_t size)
     orbs3_http_format_gmt(orbs3_http_clock(), buf, size);
 }
 
-void get_cst_time(char* buf, std::size_t size)
-{
-    orbs3_http_format_gmt(orbs3_http_clock() + 8 * 3600, buf, size);
-}
-
 void get_gmt_meta_time(char* buf, std::size_t size)
 {
     struct tm tm;
     orbs3_gmtime(orbs3_http_clock(), &tm);
     std::snprintf(buf, size, "%d-%02d-%02dT%02d:%02d:%02d.000Z", tm.tm_year + 1900, tm.tm_mon + 1, tm.tm_mday,
                   tm.tm_hour, tm.tm_min, tm.tm_sec);
-}
-
-int get_day_from_meta_time(const char* text)
-{
-    int y, mo, d, h, mi, s;
-    if (text == nullptr || std::sscanf(text, "%d-%d-%dT%d:%d:%d", &y, &mo, &d, &h, &mi, &s) < 3)
-        return -1;
-    return d;
-}
-
-int get_hour_from_meta_time(const char* text)
-{
-    int y, mo, d, h, mi, s;
-    if (text == nullptr || std::sscanf(text, "%d-%d-%dT%d:%d:%d", &y, &mo, &d, &h, &mi, &s) < 4)
-        return -1;
-    return h;
-}
-
-int get_passed_days_from_year(int year, int month, int day)
-{
-    static constexpr int kDays[12] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
-    int n = day;
-    for (int m = 1; m < month && m <= 12; m++)
-        n += kDays[m - 1] + (m == 2 && leap_year(year) ? 1 : 0);
-    return n;
-}
-
-int get_remaining_days_from_year(int year, int month, int day)
-{
-    return (leap_year(year) ? 366 : 365) - get_passed_days_from_year(year, month, day);
-}
-
-int get_days_from_upload_2_now(const char* now, const char* upload)
-{
-    int ny, nm, nd, uy, um, ud;
-    if (now == nullptr || upload == nullptr || std::sscanf(now, "%d-%d-%dT", &ny, &nm, &nd) != 3 ||
-        std::sscanf(upload, "%d-%d-%dT", &uy, &um, &ud) != 3)
-        return 0;
-    int days = 0;
-    if (ny == uy)
-        days = get_passed_days_from_year(ny, nm, nd) - get_passed_days_from_year(uy, um, ud);
-    else if (ny > uy)
-        days = get_remaining_days_from_year(uy, um, ud) + get_passed_days_from_year(ny, nm, nd);
-    return std::max(days, 0);
 }
 
 // ---- writing ----
@@ -632,67 +578,6 @@ int orbs3_http_send_headers_body(orbs3_http_request_t* r, const void* body, std:
     std::memcpy(joined, t.data, t.len);
     std::memcpy(joined + t.len, body, body_len);
     return orbs3_http_send_response_bytes(r->connection, joined, t.len + body_len) == 0 ? 0 : -1;
-}
-
-int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf)
-{
-    if (c == nullptr || buf == nullptr || buf->last < buf->pos)
-        return -1;
-    const std::size_t len = static_cast<std::size_t>(buf->last - buf->pos);
-    if (orbs3_http_send_response_bytes(c, buf->pos, len) != 0)
-        return -1;
-    buf->pos = buf->last;
-    return orbs3_http_send_wait(c);
-}
-
-// ---- redirects and the minimal reply ----
-
-namespace {
-
-constexpr std::size_t kRedirectTargetMax = 1024;
-
-// Formats into the request's work buffer and sends; -1 when the text does not fit it.
-template <typename... Args>
-int send_formatted(orbs3_http_request_t* r, const char* format, Args... args)
-{
-    orbs3_buf_t* b = r->work_buf;
-    if (b == nullptr)
-        return -1;
-    const std::size_t room = static_cast<std::size_t>(b->end - b->start);
-    int n = std::snprintf(reinterpret_cast<char*>(b->start), room, format, args...);
-    if (n < 0 || static_cast<std::size_t>(n) >= room)
-        return -1;
-    return orbs3_http_send_response_bytes(r->connection, b->start, static_cast<std::size_t>(n)) == 0 ? 0 : -1;
-}
-
-int send_redirect(orbs3_http_request_t* r, const orbs3_str_t& target)
-{
-    if (target.len > kRedirectTargetMax)
-        return -1;
-    return send_formatted(r, "HTTP/1.1 302 Found\r\nLocation: %.*s\r\nContent-Length: 0\r\n\r\n",
-                          static_cast<int>(target.len), target.data != nullptr ? target.data : "");
-}
-
-}  // namespace
-
-int orbs3_urlp_redirect(orbs3_http_request_t* r)
-{
-    return r == nullptr ? -1 : send_redirect(r, r->url);
-}
-
-int orbs3_uri_redirect(orbs3_http_request_t* r)
-{
-    return r == nullptr ? -1 : send_redirect(r, r->uri);
-}
-
-int orbs3_http_response_200(orbs3_http_request_t* r)
-{
-    if (r == nullptr || r->uri.len > kRedirectTargetMax)
-        return -1;
-    const bool keep = r->headers_in.connection_type == ORBS3_HTTP_CONNECTION_KEEP_ALIVE;
-    return send_formatted(r, "HTTP/1.1 200 OK\r\nLocation: %.*s\r\nContent-Length: %d\r\nConnection: %s\r\n\r\n%s",
-                          static_cast<int>(r->uri.len), r->uri.data != nullptr ? r->uri.data : "", keep ? 5 : 0,
-                          keep ? "keep-alive" : "close", keep ? "hello" : "");
 }
 
 bool orbs3_make_utc_time(int year, int mon, int day, int hour, int min, int sec, time_t* t)

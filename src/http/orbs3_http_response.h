@@ -47,22 +47,10 @@ extern orbs3_http_clock_pt orbs3_http_clock;
 void orbs3_http_format_gmt(time_t t, char* buf, std::size_t size);
 // The current time as the Date value.
 void get_gmt_time(char* buf, std::size_t size);
-// The same text for the time eight hours ahead; it still ends in "GMT".
-void get_cst_time(char* buf, std::size_t size);
 // The stamp of object and bucket records, e.g. "2026-07-01T12:00:00.000Z".
 void get_gmt_meta_time(char* buf, std::size_t size);
 // The time of a UTC calendar date and clock time; false for fields out of range or a year before 1970.
 [[nodiscard]] bool orbs3_make_utc_time(int year, int mon, int day, int hour, int min, int sec, time_t* t);
-// Day of month and hour of such a stamp; -1 when it is not one.
-int get_day_from_meta_time(const char* text);
-int get_hour_from_meta_time(const char* text);
-// Number of the day within its year, from 1.
-int get_passed_days_from_year(int year, int month, int day);
-// 365 or 366 minus that number.
-int get_remaining_days_from_year(int year, int month, int day);
-// Days from the upload stamp to the now stamp; never below 0, and at most one year boundary is counted.
-int get_days_from_upload_2_now(const char* now, const char* upload);
-
 // ---- writing ----
 
 // The most output one connection may hold back; a reply beyond it is refused rather than buffered.
@@ -80,9 +68,6 @@ inline constexpr std::size_t ORBS3_HTTP_HEADERS_LEN = 2048;
 [[nodiscard]] int orbs3_http_send_response_data(orbs3_connection_t* c, const char* text);
 // Bytes written or queued but not yet taken by the socket, the pending file range included.
 std::size_t orbs3_http_send_pending(const orbs3_connection_t* c);
-// Writes buf->pos up to buf->last (pos moves to last) and waits for the socket if it must: 0 all sent,
-// -2 the rest goes out on write events, -1 on error.
-[[nodiscard]] int orbs3_http_send_response_data_ex(orbs3_connection_t* c, orbs3_buf_t* buf);
 // Writes pending output in order (queue, file, what was queued behind the file): 0 when none is left,
 // -2 when the socket is full, -1 on error.
 [[nodiscard]] int orbs3_http_send_flush(orbs3_connection_t* c);
@@ -129,22 +114,9 @@ void orbs3_http_send_response_data_again(orbs3_event_t* ev);
     [[nodiscard]] int orbs3_http_send_##name##_msg(orbs3_connection_t* c, uint32_t status,                 \
                                                     const char* connection, const char* origin)
 ORBS3_HTTP_NO_DOC_MSG(put_bucket_acl);
-ORBS3_HTTP_NO_DOC_MSG(put_object_tagging);
-ORBS3_HTTP_NO_DOC_MSG(del_object_tagging);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_lifecycle);
-ORBS3_HTTP_NO_DOC_MSG(del_bucket_lifecycle);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_versioning);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_blacklist);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_authority);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_recycle);
-ORBS3_HTTP_NO_DOC_MSG(del_bucket_recycle);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_quota);
 ORBS3_HTTP_NO_DOC_MSG(put_bucket_rename);
-ORBS3_HTTP_NO_DOC_MSG(put_bucket_migration);
 ORBS3_HTTP_NO_DOC_MSG(del_object);
 ORBS3_HTTP_NO_DOC_MSG(abort_mulitipart_object);
-ORBS3_HTTP_NO_DOC_MSG(put_object_acl);  // Content-Type: application/json
-ORBS3_HTTP_NO_DOC_MSG(put_accesskey);   // Content-Type: application/json
 ORBS3_HTTP_NO_DOC_MSG(del_bucket);
 #undef ORBS3_HTTP_NO_DOC_MSG
 
@@ -152,22 +124,13 @@ ORBS3_HTTP_NO_DOC_MSG(del_bucket);
 #define ORBS3_HTTP_DOC_MSG(name)                                                                         \
     [[nodiscard]] int orbs3_http_send_##name##_msg(orbs3_connection_t* c, uint32_t status, const char* body, \
                                                     const char* connection, const char* origin)
-ORBS3_HTTP_DOC_MSG(get_object_tagging);
 ORBS3_HTTP_DOC_MSG(get_bucket_acl);
-ORBS3_HTTP_DOC_MSG(get_bucket_lifecycle);
-ORBS3_HTTP_DOC_MSG(get_bucket_versioning);
-ORBS3_HTTP_DOC_MSG(get_bucket_blacklist);
-ORBS3_HTTP_DOC_MSG(get_bucket_authority);
-ORBS3_HTTP_DOC_MSG(get_bucket_recycle);
-ORBS3_HTTP_DOC_MSG(get_bucket_quota);
 ORBS3_HTTP_DOC_MSG(del_objects);
-ORBS3_HTTP_DOC_MSG(get_object_acl);
 ORBS3_HTTP_DOC_MSG(create_mulitipart_object);
-ORBS3_HTTP_DOC_MSG(complete_mulitipart_object);
 ORBS3_HTTP_DOC_MSG(list_objects);
 #undef ORBS3_HTTP_DOC_MSG
 
-// With the ETag of the object: "Etag:" for put, "ETag:" for copy, append and upload part. `extra`, when
+// With the ETag of the object: "Etag:" for put, "ETag:" for append and upload part. `extra`, when
 // set, is one more whole header line (without its CRLF) at the end: the checksum the write verified, which
 // clients compare with their own.
 #define ORBS3_HTTP_ETAG_MSG(name)                                                                        \
@@ -175,7 +138,6 @@ ORBS3_HTTP_DOC_MSG(list_objects);
                                                     const char* connection, const char* origin,           \
                                                     const char* extra = nullptr)
 ORBS3_HTTP_ETAG_MSG(put_object);
-ORBS3_HTTP_ETAG_MSG(copy_object);
 ORBS3_HTTP_ETAG_MSG(append_object);
 ORBS3_HTTP_ETAG_MSG(upload_part_object);
 #undef ORBS3_HTTP_ETAG_MSG
@@ -187,24 +149,6 @@ ORBS3_HTTP_ETAG_MSG(upload_part_object);
 [[nodiscard]] int orbs3_http_send_list_buckets_msg(orbs3_connection_t* c, uint32_t status,
                                                    const char* request_id, const char* body,
                                                    const char* connection, const char* origin);
-// The list reply of list_objects that leaves without waiting: 0 when it went out whole, -2 when the rest
-// goes out on write events (the connection's read handler runs once it has), -1 on error. With an origin
-// its head starts with the Connection line.
-[[nodiscard]] int orbs3_http_send_list_objects_msg_ex(orbs3_connection_t* c, uint32_t status, const char* body,
-                                                      const char* connection, const char* origin);
-// A JSON document; never an Access-Control-Allow-Origin line.
-[[nodiscard]] int orbs3_http_send_list_part_object_msg(orbs3_connection_t* c, uint32_t status, const char* body,
-                                                       const char* connection);
-
-// ---- redirects and the minimal reply (no S3 operation answers with them) ----
-
-// "302 Found" to r->url (the Host value and the path), or to r->uri; at most 1024 bytes of target, else
-// -1. Formatted in r->work_buf. 0 or -1.
-[[nodiscard]] int orbs3_urlp_redirect(orbs3_http_request_t* r);
-[[nodiscard]] int orbs3_uri_redirect(orbs3_http_request_t* r);
-// 200 with "Location: <uri>", "Content-Length: 0" and "Connection: close"; on a kept-alive connection
-// "Content-Length: 5", "Connection: keep-alive" and the body "hello". 0 or -1.
-[[nodiscard]] int orbs3_http_response_200(orbs3_http_request_t* r);
 
 // ---- list-based head of object downloads ----
 

@@ -27,7 +27,6 @@ constexpr tpl_line kLength = {"Content-Length:", field::length, false};
 constexpr tpl_line kCors = {"Access-Control-Allow-Origin:", field::origin, true};
 constexpr tpl_line kServer = {"Server: KELVANE", field::none, false};
 constexpr tpl_line kXml = {"Content-Type: text/xml", field::none, false};
-constexpr tpl_line kJson = {"Content-Type: application/json", field::none, false};
 
 constexpr tpl_line kTplA[] = {kDate, kConnection, kNoLength, kCors, kServer};
 constexpr tpl_line kTplB[] = {kDate, kConnection, kLength, kCors, kServer, kXml};
@@ -35,8 +34,6 @@ constexpr tpl_line kTplB[] = {kDate, kConnection, kLength, kCors, kServer, kXml}
 constexpr tpl_line kExtra = {"", field::extra, false};
 constexpr tpl_line kTplC[] = {kDate, {"Etag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
 constexpr tpl_line kTplD[] = {kDate, {"ETag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
-constexpr tpl_line kTplE[] = {kDate, kConnection, kNoLength, kCors, kServer, kJson};
-constexpr tpl_line kTplF[] = {kDate, kNoLength, kConnection, kCors, kServer, kJson};
 constexpr tpl_line kTplG[] = {kDate, {"Location:/", field::bucket, false}, kNoLength, kConnection, kCors, kServer};
 constexpr tpl_line kTplH[] = {kDate, kNoLength, kCors, kConnection, kServer};
 constexpr tpl_line kTplI[] = {kDate, kLength, kConnection, kCors, {"Server: KELVANE 1.0", field::none, false}, kXml};
@@ -56,9 +53,6 @@ constexpr tpl_line kTplJ[] = {kDate,
                               {"Content-Type: application/xml", field::none, false}};
 // Same lines as B.
 constexpr std::span<const tpl_line> kTplK = kTplB;
-// The non-blocking list reply states the connection first when it echoes an origin.
-constexpr tpl_line kTplKOrigin[] = {kConnection, kDate, kLength, kCors, kServer, kXml};
-constexpr tpl_line kTplL[] = {kDate, kConnection, kLength, kServer, kJson};
 // A preflight always echoes the origin.
 constexpr tpl_line kTplM[] = {kDate,
                               kConnection,
@@ -168,40 +162,17 @@ int send_template(orbs3_connection_t* c, uint32_t status, std::span<const tpl_li
     }
 
 ORBS3_NO_DOC_MSG(put_bucket_acl, kTplA)
-ORBS3_NO_DOC_MSG(put_object_tagging, kTplA)
-ORBS3_NO_DOC_MSG(del_object_tagging, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_lifecycle, kTplA)
-ORBS3_NO_DOC_MSG(del_bucket_lifecycle, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_versioning, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_blacklist, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_authority, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_recycle, kTplA)
-ORBS3_NO_DOC_MSG(del_bucket_recycle, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_quota, kTplA)
 ORBS3_NO_DOC_MSG(put_bucket_rename, kTplA)
-ORBS3_NO_DOC_MSG(put_bucket_migration, kTplA)
 ORBS3_NO_DOC_MSG(del_object, kTplA)
 ORBS3_NO_DOC_MSG(abort_mulitipart_object, kTplA)
-ORBS3_NO_DOC_MSG(put_object_acl, kTplE)
-ORBS3_NO_DOC_MSG(put_accesskey, kTplF)
 ORBS3_NO_DOC_MSG(del_bucket, kTplH)
 
-ORBS3_DOC_MSG(get_object_tagging, kTplB)
 ORBS3_DOC_MSG(get_bucket_acl, kTplB)
-ORBS3_DOC_MSG(get_bucket_lifecycle, kTplB)
-ORBS3_DOC_MSG(get_bucket_versioning, kTplB)
-ORBS3_DOC_MSG(get_bucket_blacklist, kTplB)
-ORBS3_DOC_MSG(get_bucket_authority, kTplB)
-ORBS3_DOC_MSG(get_bucket_recycle, kTplB)
-ORBS3_DOC_MSG(get_bucket_quota, kTplB)
 ORBS3_DOC_MSG(del_objects, kTplB)
-ORBS3_DOC_MSG(get_object_acl, kTplB)
 ORBS3_DOC_MSG(create_mulitipart_object, kTplB)
-ORBS3_DOC_MSG(complete_mulitipart_object, kTplB)
 ORBS3_DOC_MSG(list_objects, kTplK)
 
 ORBS3_ETAG_MSG(put_object, kTplC)
-ORBS3_ETAG_MSG(copy_object, kTplD)
 ORBS3_ETAG_MSG(append_object, kTplD)
 ORBS3_ETAG_MSG(upload_part_object, kTplD)
 
@@ -243,29 +214,10 @@ int orbs3_http_send_list_buckets_msg(orbs3_connection_t* c, uint32_t status, con
                          "list_buckets");
 }
 
-int orbs3_http_send_list_part_object_msg(orbs3_connection_t* c, uint32_t status, const char* body,
-                                         const char* connection)
-{
-    if (body == nullptr)
-        return -1;
-    return send_template(c, status, kTplL, {.connection = connection}, body, "list_part_object");
-}
-
 int orbs3_http_send_options_msg(orbs3_connection_t* c, uint32_t status, const char* connection,
                                 const char* origin, const char* allow_headers)
 {
     return send_template(c, status, kTplM,
                          {.connection = connection, .origin = origin, .allow_headers = allow_headers}, nullptr,
                          "options");
-}
-
-int orbs3_http_send_list_objects_msg_ex(orbs3_connection_t* c, uint32_t status, const char* body,
-                                        const char* connection, const char* origin)
-{
-    if (body == nullptr)
-        return -1;
-    std::span<const tpl_line> tpl = empty(origin) ? kTplK : std::span<const tpl_line>(kTplKOrigin);
-    if (send_template(c, status, tpl, {.connection = connection, .origin = origin}, body, "list_objects") != 0)
-        return -1;
-    return c == nullptr ? 0 : orbs3_http_send_wait(c);
 }

@@ -9,7 +9,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -18,10 +17,8 @@
 #include "core/orbs3_xml.h"
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
-#include "storage/orbs3_record.h"  // orbs3_tag_t
 
 struct orbs3_bucket_t;
-struct orbs3_bucket_versioning_t;
 struct orbs3_user_t;
 
 // Longest element text a writer emits and a parser keeps; longer texts are cut.
@@ -31,8 +28,6 @@ inline constexpr std::size_t ORBS3_XML_DEL_KEY_MAX = 1023;
 // Bounds on repeated elements of a request body, so a hostile body cannot make a handler walk without end.
 inline constexpr std::size_t ORBS3_XML_MAX_DEL_OBJECTS = 1000;
 inline constexpr std::size_t ORBS3_XML_MAX_PARTS = 10000;
-inline constexpr std::size_t ORBS3_XML_MAX_TAGS = 1000;
-inline constexpr std::size_t ORBS3_XML_MAX_RECYCLE = 10000;
 
 // S3's request documents are a few levels deep; a CompleteMultipartUpload of 10,000 parts, each with its
 // number, ETag and checksums, is the largest at about 80,000 elements. Every parser refuses a body beyond
@@ -53,13 +48,6 @@ struct orbs3_part_t {
 struct orbs3_del_key_t {
     neo_list_head_t link;
     orbs3_str_t key;
-};
-
-struct orbs3_recycle_entry_t {
-    neo_list_head_t link;
-    orbs3_str_t name;
-    orbs3_str_t path;
-    orbs3_str_t size;  // writer only, as text
 };
 
 // One row of an object listing: an object (Contents), or a common prefix (is_dir).
@@ -125,19 +113,7 @@ mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int v
 
 // ---- access control ----
 [[nodiscard]] int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl);
-[[nodiscard]] int parse_object_acl_xmlstring(const char* text, uint32_t* acl);
 [[nodiscard]] char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user);
-[[nodiscard]] char* make_object_acl_xmlstring(uint32_t acl, const orbs3_user_t* user);
-
-// ---- versioning ----
-// -1 null text, -2 text that does not load, -3 no VersioningConfiguration.
-[[nodiscard]] int parse_bucket_versioning_xmlstring(const char* text, orbs3_bucket_versioning_t* versioning);
-[[nodiscard]] char* make_bucket_versioning_xmlstring(const orbs3_bucket_versioning_t* versioning);
-
-// ---- tagging ----
-// Appends one orbs3_tag_t per Tag of the TagSet to `tags`.
-[[nodiscard]] int parse_object_tagging_xmlstring(const char* text, neo_list_head_t* tags, orbs3_pool_t* pool);
-[[nodiscard]] char* make_object_tagging_xmlstring(neo_list_head_t* tags);
 
 // ---- multipart upload ----
 [[nodiscard]] char* make_create_multipartupload_xmlstring(const char* bucket, const char* key, const char* upload_id);
@@ -200,72 +176,3 @@ struct orbs3_list_uploads_doc_t {
 // ---- copy ----
 // CopyObjectResult with LastModified (the record's stamp) and ETag (quoted).
 [[nodiscard]] char* make_copy_object_result_xmlstring(const char* last_modified, const char* etag);
-
-// ---- recycle bin ----
-// Appends one orbs3_recycle_entry_t (Name, Path) per Object.
-[[nodiscard]] int parse_bucket_recycle_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool);
-[[nodiscard]] char* make_bucket_recycle_xmlstring(neo_list_head_t* list);
-// `days` becomes the Days of RecycleConf, 0 when the element is missing.
-[[nodiscard]] int parse_bucket_recycle_conf_xmlstring(const char* text, int* days);
-[[nodiscard]] char* make_bucket_recycle_conf_xmlstring(int days);
-
-// ---- lifecycle jobs ----
-// Id of the rule named by Lifecycle/Rule/Id; empty when the element is missing.
-[[nodiscard]] int parse_bucket_lifecycle_del_xmlstring(const char* text, orbs3_str_t* id, orbs3_pool_t* pool);
-// Id of the job named by Lifecyclejob/Id; empty when the element is missing.
-[[nodiscard]] int parse_lifecycle_job_id_xmlstring(const char* text, orbs3_str_t* id, orbs3_pool_t* pool);
-// The LifecycleJobHistory of the job `id` from its history file; null for an id that is not a plain file
-// name, a file that cannot be opened, or no memory.
-[[nodiscard]] char* make_bucket_lifecycle_job_history(const char* id);
-// The same document from an open history file: one History per line of five blank-separated words;
-// shorter lines are skipped.
-[[nodiscard]] char* orbs3_make_lifecycle_history_xml(FILE* fp);
-
-// ---- lifecycle rules, S3 form ----
-
-struct orbs3_lifecycle_tag_t {
-    neo_list_head_t link;
-    orbs3_str_t key;
-    orbs3_str_t value;
-};
-
-// Storage classes by number, as rules keep them: GLACIER 0, STANDARD_IA 1, ONEZONE_IA 2,
-// INTELLIGENT_TIERING 3, DEEP_ARCHIVE 4; unknown text reads as 0.
-struct orbs3_lifecycle_transition_t {
-    neo_list_head_t link;
-    int32_t days;  // Days or NoncurrentDays
-    uint32_t storage_class;
-    orbs3_str_t date;  // only read in a Transition without Days
-};
-
-struct orbs3_lifecycle_expiration_t {
-    orbs3_str_t value;  // the element's text unchanged
-    uint32_t kind;      // 0 Days, 1 Date, 2 ExpiredObjectDeleteMarker
-};
-
-struct orbs3_lifecycle_rule_t {
-    neo_list_head_t link;
-    orbs3_str_t id;
-    orbs3_str_t alias;  // service form only
-    orbs3_str_t prefix;
-    neo_list_head_t tags;  // orbs3_lifecycle_tag_t
-    int32_t abort_days;
-    uint32_t status;                   // 1 "Enabled", else 0
-    neo_list_head_t transitions;       // orbs3_lifecycle_transition_t, in document order
-    orbs3_lifecycle_expiration_t* expiration;  // null when the rule has none
-    neo_list_head_t noncurrent_transitions;
-    int32_t noncurrent_days;
-};
-
-// Bounds on a lifecycle body: rules, and tags plus transitions within one rule.
-inline constexpr std::size_t ORBS3_XML_MAX_RULES = 1000;
-inline constexpr std::size_t ORBS3_XML_MAX_RULE_ITEMS = 1000;
-
-// Appends one rule per Rule of LifecycleConfiguration to `rules`, all in the pool. A Rule whose
-// NoncurrentVersionExpiration lacks NoncurrentDays is left out.
-[[nodiscard]] int parse_bucket_lifecycle_xmlstring(const char* text, neo_list_head_t* rules, orbs3_pool_t* pool);
-// The first Rule of the body with its Alias, as a new record in the pool; null when the body does not load,
-// has no Rule, or its Rule is left out.
-[[nodiscard]] orbs3_lifecycle_rule_t* parse_bucket_vorne_lifecycle_xmlstring(const char* text, orbs3_pool_t* pool);
-// `rules` holds orbs3_lifecycle_rule_t, written in list order.
-[[nodiscard]] char* make_bucket_lifecycle_xmlstring(neo_list_head_t* rules);

@@ -10,8 +10,6 @@
 #include <cstring>
 
 #include "core/orbs3_log.h"
-#include "core/orbs3_tenant.h"
-#include "memory/neo_list.h"
 #include "s3/orbs3_s3_errors.h"
 #include "s3/orbs3_s3_sign_parts.h"
 
@@ -212,12 +210,6 @@ uint32_t v4_header(orbs3_http_request_t* r, int source, std::string_view rest, c
 }  // namespace
 
 // ---- building blocks ----
-
-int check_s3_request_source(std::string_view authorization)
-{
-    std::string_view rest;
-    return orbs3_sign_v4_source_of(scheme_of(authorization, &rest));
-}
 
 std::string_view orbs3_sign_v4_algorithm(int source)
 {
@@ -428,13 +420,6 @@ uint32_t orbs3_sign_v4_verify(const orbs3_sign_v4_t* v, orbs3_http_request_t* r,
 
 // ---- entry points ----
 
-int orbs3_parse_accesskeyid(const char* authorization, char key[ORBS3_ACCESS_KEY_ID_LEN])
-{
-    if (authorization == nullptr)
-        return 1;
-    return key_from_authorization(authorization, key) == ORBS3_AUTH_FOUND ? 0 : 1;
-}
-
 int orbs3_s3_request_access_key(orbs3_http_request_t* r, char key[ORBS3_ACCESS_KEY_ID_LEN])
 {
     std::string_view auth = authorization_of(r);
@@ -471,33 +456,6 @@ uint32_t orbs3_s3_authenticate(orbs3_http_request_t* r, const char* secret, time
     if (orbs3_sign_query_presigned(&q))
         return orbs3_sign_presigned(r, &q, secret, now, message);
     return ORBS3_S3_ACCESS_DENIED;  // no credentials at all: there is no anonymous access
-}
-
-int orbs3_check_signature(orbs3_user_t* user, orbs3_http_request_t* r)
-{
-    char key[ORBS3_ACCESS_KEY_ID_LEN];
-    if (user == nullptr || r == nullptr || check_s3_request_source(authorization_of(r)) < 0 ||
-        orbs3_s3_request_access_key(r, key) != ORBS3_AUTH_FOUND)
-        return 1;
-
-    const char* secret = nullptr;
-    std::string_view id(key);
-    if (user->accesskeyid.data != nullptr && std::string_view(user->accesskeyid.data, user->accesskeyid.len) == id) {
-        secret = neo_getstr(&user->accesskeysecret);
-    } else if (user->keys.next != nullptr) {
-        neo_list_head_t* p;
-        list_for_each(p, &user->keys) {
-            auto* ak = static_cast<orbs3_accesskey_t*>(orbs3_list_node(p)->data);
-            if (ak != nullptr && ak->AccessKeyId.data != nullptr &&
-                std::string_view(ak->AccessKeyId.data, ak->AccessKeyId.len) == id) {
-                secret = neo_getstr(&ak->AccessKeySecret);
-                break;
-            }
-        }
-    }
-    if (secret == nullptr)
-        return 1;
-    return orbs3_s3_authenticate(r, secret, time(nullptr), nullptr) == 0 ? 0 : 1;
 }
 
 bool orbs3_s3_streaming_payload(const orbs3_http_request_t* r)

@@ -12,7 +12,6 @@
 #include <string_view>
 
 struct orbs3_http_request_t;
-struct orbs3_user_t;
 
 inline constexpr std::size_t ORBS3_ACCESS_KEY_ID_LEN = 48;  // buffer incl. NUL
 
@@ -26,8 +25,6 @@ inline constexpr int ORBS3_AUTH_MALFORMED = 2;  // credentials that cannot be re
 // (X-Amz-Credential, AWSAccessKeyId). A key of 48 bytes or more, an unknown scheme such as "Bearer x" or a
 // missing Credential= are ORBS3_AUTH_MALFORMED.
 [[nodiscard]] int orbs3_s3_request_access_key(orbs3_http_request_t* r, char key[ORBS3_ACCESS_KEY_ID_LEN]);
-// The key of an Authorization value alone: 0 found, 1 not (empty, unreadable, unknown scheme, too long).
-[[nodiscard]] int orbs3_parse_accesskeyid(const char* authorization, char key[ORBS3_ACCESS_KEY_ID_LEN]);
 
 // Verifies the request's signature with `secret` at time `now`: 0 when valid, else one of the S3 status
 // codes ORBS3_S3_SIGNATURE_DOES_NOT_MATCH, ORBS3_S3_REQUEST_TIME_TOO_SKEWED, ORBS3_S3_ACCESS_DENIED or
@@ -35,9 +32,6 @@ inline constexpr int ORBS3_AUTH_MALFORMED = 2;  // credentials that cannot be re
 // message, or null: "Request has expired" for an expired presigned URL.
 [[nodiscard]] uint32_t orbs3_s3_authenticate(orbs3_http_request_t* r, const char* secret, time_t now,
                                              const char** message);
-// The V4 header dialects with the secret of the request's key in `user` (the administrator's key or one
-// of the user's keys), at the current time: 0 valid, 1 not.
-[[nodiscard]] int orbs3_check_signature(orbs3_user_t* user, orbs3_http_request_t* r);
 
 // True when x-amz-content-sha256 announces a chunk-signed or trailer body ("STREAMING-..."): the header
 // signature is only the seed, and the body's framing carries more signatures.
@@ -45,12 +39,10 @@ inline constexpr int ORBS3_AUTH_MALFORMED = 2;  // credentials that cannot be re
 
 // ---- building blocks ----
 
-// The dialects of Version 4, as check_s3_request_source tells them by the Authorization value's scheme.
+// The dialects of Version 4, told apart by the Authorization value's scheme.
 inline constexpr int ORBS3_SIGN_OWS4 = 0;
 inline constexpr int ORBS3_SIGN_OSS = 1;
 inline constexpr int ORBS3_SIGN_AWS4 = 2;
-// The dialect of an Authorization value by its first word, or -1 for any other scheme.
-[[nodiscard]] int check_s3_request_source(std::string_view authorization);
 
 // A text area of fixed size. An append that does not fit sets `overflow` and adds nothing, so an
 // oversize request ends in a failed check, never a write past the area.
