@@ -11,7 +11,7 @@
 #include "core/orbs3_tenant.h"
 #include "core/orbs3_xml.h"
 #include "memory/neo_string.h"
-#include "storage/orbs3_bucket.h"
+#include "s3/orbs3_s3_acl.h"
 
 namespace {
 
@@ -401,23 +401,19 @@ mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int v
 
 // ---- bucket list ----
 
-char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user, std::string_view continuation,
-                            std::optional<std::string_view> prefix)
+char* make_list_buckets_xml(const std::vector<orbs3_s3_bucket_row_t>& rows, const orbs3_user_t* user,
+                            std::string_view continuation, std::optional<std::string_view> prefix)
 {
     orbs3_xml_ptr xml = new_doc();
     mxml_node_t* root = mxmlNewElement(xml.get(), "ListAllMyBucketsResult");
     add_identity(mxmlNewElement(root, "Owner"), user);
     mxml_node_t* buckets = mxmlNewElement(root, "Buckets");
-    if (list != nullptr) {
-        neo_list_head_t* pos;
-        list_for_each(pos, list) {
-            auto* b = list_entry(pos, orbs3_bucket_t, link);
-            mxml_node_t* e = mxmlNewElement(buckets, "Bucket");
-            new_text_str(e, "Name", b->name);
-            new_text_str(e, "Alias", b->alias);
-            new_text_str(e, "CreationDate", b->created_date);
-            orbs3_xml_new_text_int(e, "KeyCount", static_cast<int>(b->stat.object_count));
-        }
+    for (const orbs3_s3_bucket_row_t& b : rows) {
+        mxml_node_t* e = mxmlNewElement(buckets, "Bucket");
+        orbs3_xml_new_text_string(e, "Name", b.name.size(), b.name.data());
+        orbs3_xml_new_text_string(e, "Alias", b.alias.size(), b.alias.data());
+        orbs3_xml_new_text_string(e, "CreationDate", b.created_date.size(), b.created_date.data());
+        orbs3_xml_new_text_int(e, "KeyCount", static_cast<int>(b.object_count));
     }
     if (!continuation.empty())
         orbs3_xml_new_text_string(root, "ContinuationToken", continuation.size(), continuation.data());

@@ -18,7 +18,6 @@
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
 
-struct orbs3_bucket_t;
 struct orbs3_user_t;
 
 // Longest element text a writer emits and a parser keeps; longer texts are cut.
@@ -92,10 +91,16 @@ mxml_node_t* orbs3_xml_new_text_string(mxml_node_t* parent, const char* name, st
 mxml_node_t* orbs3_xml_new_text_int(mxml_node_t* parent, const char* name, int value);
 
 // ---- bucket list ----
-// `list` holds orbs3_bucket_t records by their `link`; `user` is the requester. A page that is not the
-// last names the token of the next (`continuation`, shown when not empty); `prefix` is shown when the
-// request had one.
-[[nodiscard]] char* make_list_buckets_xml(neo_list_head_t* list, const orbs3_user_t* user,
+// One bucket of a ListBuckets page, as the storage layer hands it over.
+struct orbs3_s3_bucket_row_t {
+    std::string_view name;
+    std::string_view alias;
+    std::string_view created_date;
+    int64_t object_count;
+};
+// The buckets of one page, in order; `user` is the requester. A page that is not the last names the token
+// of the next (`continuation`, shown when not empty); `prefix` is shown when the request had one.
+[[nodiscard]] char* make_list_buckets_xml(const std::vector<orbs3_s3_bucket_row_t>& rows, const orbs3_user_t* user,
                                           std::string_view continuation = {},
                                           std::optional<std::string_view> prefix = std::nullopt);
 // The GetBucketLocation reply: an empty LocationConstraint in S3's name space.

@@ -6,13 +6,8 @@
 
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
+#include "s3/orbs3_s3_acl.h"
 
-// Permission bits of `acl`, one hexadecimal digit each; stored as a decimal number.
-inline constexpr uint32_t ORBS3_ACL_FULL_CONTROL = 0x1;
-inline constexpr uint32_t ORBS3_ACL_READ = 0x10;
-inline constexpr uint32_t ORBS3_ACL_WRITE = 0x100;
-inline constexpr uint32_t ORBS3_ACL_READ_ACP = 0x1000;
-inline constexpr uint32_t ORBS3_ACL_WRITE_ACP = 0x10000;
 
 struct orbs3_bucket_versioning_t {
     uint32_t status;   // 1 enabled, 0 suspended

@@ -405,15 +405,13 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
         chosen.resize(q.max);
         next = orbs3_list_token_encode(orbs3_str_view(chosen.back()->name));
     }
-    neo_list_head_t page;
-    INIT_LIST_HEAD(&page);
-    for (orbs3_bucket_t* b : chosen) {
-        list_del(&b->link);
-        list_add_tail(&b->link, &page);
-    }
-    neo_cstr_ptr doc(make_list_buckets_xml(&page, r->user, next,
+    std::vector<orbs3_s3_bucket_row_t> rows;
+    rows.reserve(chosen.size());
+    for (const orbs3_bucket_t* b : chosen)
+        rows.push_back({orbs3_str_view(b->name), orbs3_str_view(b->alias), orbs3_str_view(b->created_date),
+                        static_cast<int64_t>(b->stat.object_count)});
+    neo_cstr_ptr doc(make_list_buckets_xml(rows, r->user, next,
                                            q.has_prefix ? std::optional<std::string_view>(q.prefix) : std::nullopt));
-    orbs3_free_bucket_list(&page);
     orbs3_free_bucket_list(&list);
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, "/");

@@ -61,17 +61,7 @@ orbs3_user_t admin_user()
 TEST(S3Documents, BucketListIndentsWithLineFeedAndCarriageReturns)
 {
     orbs3_user_t user = admin_user();
-    orbs3_bucket_t* b = orbs3_bucket_new();
-    ASSERT_NE(b, nullptr);
-    b->name = S("b1");
-    b->alias = S("al");
-    b->created_date = S("2024-01-02T03:04:05.000Z");
-    b->stat.object_count = 3;
-    neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    list_add_tail(&b->link, &list);
-    std::string got = take(make_list_buckets_xml(&list, &user));
-    orbs3_free_bucket(b);
+    std::string got = take(make_list_buckets_xml({{"b1", "al", "2024-01-02T03:04:05.000Z", 3}}, &user));
     EXPECT_EQ(got, kDecl +
                        "\n<ListAllMyBucketsResult>"
                        "\n\r<Owner>\n\r\r<ID>AK1</ID>\n\r\r<DisplayName>root</DisplayName>\n\r</Owner>"
@@ -80,13 +70,7 @@ TEST(S3Documents, BucketListIndentsWithLineFeedAndCarriageReturns)
                        "\n\r\r</Bucket>\n\r</Buckets>\n</ListAllMyBucketsResult>\n");
 
     // A page that is not the last names its token, and the prefix asked for is echoed, behind Buckets.
-    b = orbs3_bucket_new();
-    ASSERT_NE(b, nullptr);
-    b->name = S("b1");
-    INIT_LIST_HEAD(&list);
-    list_add_tail(&b->link, &list);
-    got = take(make_list_buckets_xml(&list, &user, "YjE", std::string_view("b&")));
-    orbs3_free_bucket(b);
+    got = take(make_list_buckets_xml({{"b1", {}, {}, 0}}, &user, "YjE", std::string_view("b&")));
     EXPECT_NE(got.find("\n\r</Buckets>\n\r<ContinuationToken>YjE</ContinuationToken>\n\r<Prefix>b&amp;</Prefix>"
                        "\n</ListAllMyBucketsResult>"),
               std::string::npos) << got;
@@ -94,8 +78,7 @@ TEST(S3Documents, BucketListIndentsWithLineFeedAndCarriageReturns)
     // No bucket and a user without a key: empty elements, still the same frame.
     orbs3_user_t plain{};
     plain.DisPlayName = S("u");
-    INIT_LIST_HEAD(&list);
-    EXPECT_EQ(take(make_list_buckets_xml(&list, &plain)),
+    EXPECT_EQ(take(make_list_buckets_xml({}, &plain)),
               kDecl + "\n<ListAllMyBucketsResult>\n\r<Owner>\n\r\r<ID></ID>\n\r\r<DisplayName>u</DisplayName>"
                       "\n\r</Owner>\n\r<Buckets />\n</ListAllMyBucketsResult>\n");
 }
