@@ -43,24 +43,8 @@ struct orbs3_sign_area_t {
 // Appends `raw` decoded once and encoded again by the AWS rules: how a path as sent becomes canonical.
 void orbs3_sign_append_reencoded(orbs3_sign_text_t* out, std::string_view raw, bool keep_slash);
 
-// ---- the query ----
+// ---- the query (its decoding is in s3/orbs3_s3_signature.h) ----
 
-struct orbs3_sign_param_t {
-    std::string_view name;   // decoded, in the request's pool
-    std::string_view value;  // decoded; empty for a parameter without '='
-    bool has_value;          // the parameter was sent with '='
-};
-
-struct orbs3_sign_query_t {
-    orbs3_sign_param_t* elts = nullptr;
-    std::size_t n = 0;
-};
-
-// Cuts r->args at '&' (empty pieces are skipped) and decodes names and values into the request's pool.
-// 0, or -1 when the pool is out of memory.
-[[nodiscard]] int orbs3_sign_parse_query(orbs3_http_request_t* r, orbs3_sign_query_t* q);
-// The first parameter named exactly `name`, or null.
-[[nodiscard]] const orbs3_sign_param_t* orbs3_sign_query_find(const orbs3_sign_query_t* q, std::string_view name);
 // The canonical query of V4: every parameter but the one named `skip`, name and value encoded, sorted by
 // name and then value, as name=value joined by '&'. 0, or -1 when the pool is out of memory.
 [[nodiscard]] int orbs3_sign_canonical_query(orbs3_http_request_t* r, const orbs3_sign_query_t* q,

@@ -77,3 +77,22 @@ void orbs3_hexdigest(const uint8_t md[ORBS3_SHA256_LEN], char dst[ORBS3_SHA256_H
 // Lower-case hex HMAC-SHA256 of the string to sign. 0 or -1.
 [[nodiscard]] int orbs3_get_signature(const uint8_t key[ORBS3_SHA256_LEN], std::string_view sign_string,
                                       char out[ORBS3_SHA256_HEX_LEN + 1]);
+
+// ---- the decoded query, for the signature checks and for handlers that read a parameter ----
+
+struct orbs3_sign_param_t {
+    std::string_view name;   // decoded, in the request's pool
+    std::string_view value;  // decoded; empty for a parameter without '='
+    bool has_value;          // the parameter was sent with '='
+};
+
+struct orbs3_sign_query_t {
+    orbs3_sign_param_t* elts = nullptr;
+    std::size_t n = 0;
+};
+
+// Cuts r->args at '&' (empty pieces are skipped) and decodes names and values into the request's pool.
+// 0, or -1 when the pool is out of memory.
+[[nodiscard]] int orbs3_sign_parse_query(orbs3_http_request_t* r, orbs3_sign_query_t* q);
+// The first parameter named exactly `name`, or null.
+[[nodiscard]] const orbs3_sign_param_t* orbs3_sign_query_find(const orbs3_sign_query_t* q, std::string_view name);

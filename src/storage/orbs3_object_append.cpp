@@ -22,7 +22,7 @@
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
+#include "s3/orbs3_s3_signature.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"

@@ -12,12 +12,12 @@
 
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
+#include "http/orbs3_http_header.h"
 #include "http/orbs3_http_parse.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_dispatch.h"
 #include "s3/orbs3_s3_errors.h"
-#include "s3/orbs3_s3_sign_parts.h"
 #include "s3/orbs3_s3_signature.h"
 
 namespace {
