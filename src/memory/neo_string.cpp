@@ -93,6 +93,19 @@ char* neo_hex(char* dst, const void* src, std::size_t n)
     return dst;
 }
 
+bool neo_unhex(std::string_view text, uint8_t* out, std::size_t n)
+{
+    if (text.size() != 2 * n)
+        return false;
+    for (std::size_t i = 0; i < n; i++) {
+        const int hi = neo_hex_value(text[2 * i]), lo = neo_hex_value(text[2 * i + 1]);
+        if (hi < 0 || lo < 0)
+            return false;
+        out[i] = static_cast<uint8_t>(hi << 4 | lo);
+    }
+    return true;
+}
+
 namespace {
 
 bool pct_kept(unsigned char c, neo_pct_keep keep)
@@ -105,18 +118,24 @@ bool pct_kept(unsigned char c, neo_pct_keep keep)
 
 }  // namespace
 
-void neo_pct_encode(std::string* out, std::string_view text, neo_pct_keep keep)
+std::size_t neo_pct_encode_byte(char out[3], unsigned char c, neo_pct_keep keep)
 {
     static constexpr char digits[] = "0123456789ABCDEF";
-    for (unsigned char c : text) {
-        if (pct_kept(c, keep)) {
-            out->push_back(static_cast<char>(c));
-        } else {
-            out->push_back('%');
-            out->push_back(digits[c >> 4]);
-            out->push_back(digits[c & 15]);
-        }
+    if (pct_kept(c, keep)) {
+        out[0] = static_cast<char>(c);
+        return 1;
     }
+    out[0] = '%';
+    out[1] = digits[c >> 4];
+    out[2] = digits[c & 15];
+    return 3;
+}
+
+void neo_pct_encode(std::string* out, std::string_view text, neo_pct_keep keep)
+{
+    char enc[3];
+    for (unsigned char c : text)
+        out->append(enc, neo_pct_encode_byte(enc, c, keep));
 }
 
 bool neo_pct_decode(std::string* out, std::string_view text)

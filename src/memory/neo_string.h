@@ -56,6 +56,8 @@ constexpr int neo_hex_value(unsigned char c)
 
 // Writes 2 * n lower-case hexadecimal digits, no terminator; returns the byte behind them.
 char* neo_hex(char* dst, const void* src, std::size_t n);
+// The n bytes that exactly 2 * n hexadecimal digits (either case) spell; false for any other text.
+[[nodiscard]] bool neo_unhex(std::string_view text, uint8_t* out, std::size_t n);
 
 // The bytes a percent-encoding keeps as they are; every other byte becomes %XX in capital hexadecimal.
 enum class neo_pct_keep {
@@ -65,6 +67,8 @@ enum class neo_pct_keep {
 };
 // THE percent-encoder: appends `text` to *out, encoded as `keep` says.
 void neo_pct_encode(std::string* out, std::string_view text, neo_pct_keep keep);
+// One byte of it into out, for writers into a bounded area: the number of bytes written, 1 or 3.
+std::size_t neo_pct_encode_byte(char out[3], unsigned char c, neo_pct_keep keep);
 // Appends the decoded `text` to *out; false, *out then partly written, for a '%' without two hexadecimal
 // digits behind it.
 [[nodiscard]] bool neo_pct_decode(std::string* out, std::string_view text);

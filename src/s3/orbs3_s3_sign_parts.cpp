@@ -17,14 +17,6 @@
 
 namespace {
 
-constexpr char kHex[] = "0123456789ABCDEF";
-
-bool unreserved(uint8_t c)
-{
-    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' || c == '_' ||
-           c == '.' || c == '~';
-}
-
 // One byte of `raw` from position *i, decoded: false when the byte is a '%' to drop.
 bool next_decoded(std::string_view raw, std::size_t* i, uint8_t* out)
 {
@@ -49,13 +41,10 @@ bool next_decoded(std::string_view raw, std::size_t* i, uint8_t* out)
 
 void append_encoded_byte(orbs3_sign_text_t* out, uint8_t c, bool keep_slash)
 {
-    if (unreserved(c) || (keep_slash && c == '/')) {
-        char ch = static_cast<char>(c);
-        orbs3_sign_append(out, std::string_view(&ch, 1));
-        return;
-    }
-    const char esc[3] = {'%', kHex[c >> 4], kHex[c & 15]};
-    orbs3_sign_append(out, std::string_view(esc, 3));
+    char enc[3];
+    const std::size_t n =
+        neo_pct_encode_byte(enc, c, keep_slash ? neo_pct_keep::unreserved_slash : neo_pct_keep::unreserved);
+    orbs3_sign_append(out, std::string_view(enc, n));
 }
 
 int hmac(const EVP_MD* md, std::string_view key, std::string_view data, uint8_t* out, unsigned expect)

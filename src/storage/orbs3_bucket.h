@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 
 #include "memory/neo_list.h"
 #include "memory/orbs3_palloc.h"
@@ -65,3 +66,8 @@ struct orbs3_bucket_t {
 [[nodiscard]] orbs3_bucket_t* orbs3_bucket_new(std::size_t pool_size = 4096);
 // Destroys the record's pool, and the record with it; null is allowed.
 void orbs3_free_bucket(orbs3_bucket_t* bucket);
+// The owner of a bucket copy: frees it on every way out of a handler.
+struct orbs3_bucket_free {
+    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
+};
+using orbs3_bucket_ptr = std::unique_ptr<orbs3_bucket_t, orbs3_bucket_free>;

@@ -33,11 +33,6 @@
 
 namespace {
 
-struct bucket_free {
-    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
-};
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_free>;
-
 std::string_view bucket_name(const orbs3_http_request_t* r)
 {
     return orbs3_str_view(r->req_msg.bucket);
@@ -88,7 +83,7 @@ int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const 
     std::string_view name = bucket_name(r);
     if (!legal_bucket_name(name))
         return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, name);
-    bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
+    orbs3_bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
     if (!b)
         return fail(r, ORBS3_S3_NO_SUCH_BUCKET, name);
     if (orbs3_access_check_chain(r->vhost, r->user, b.get(), r->connection->peer, bucket_code, object_code, chain) !=
@@ -104,7 +99,7 @@ namespace {
 
 // The request's bucket when the requester holds `access` on it along the whole chain: 0 with *out set, or
 // the status already answered.
-int request_bucket(orbs3_http_request_t* r, int access, bucket_ptr* out)
+int request_bucket(orbs3_http_request_t* r, int access, orbs3_bucket_ptr* out)
 {
     orbs3_bucket_t* raw = nullptr;
     int rc = orbs3_request_bucket(r, &access, nullptr, orbs3_access_chain_t::full, &raw);
@@ -245,12 +240,12 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
         return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, name);
     if (orbs3_check_bucket_exist(vh, r->user, name) == 0) {
         // The owner's own bucket is told apart, so that a client can take it as already made.
-        bucket_ptr held(orbs3_get_bucket(vh, r->user, name));
+        orbs3_bucket_ptr held(orbs3_get_bucket(vh, r->user, name));
         const bool mine = held && orbs3_str_view(held->owner_name) == orbs3_str_view(r->user->DisPlayName);
         return fail(r, mine ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU : ORBS3_S3_BUCKET_ALREADY_EXISTS, name);
     }
 
-    bucket_ptr b(orbs3_bucket_new(2048));
+    orbs3_bucket_ptr b(orbs3_bucket_new(2048));
     if (!b)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
     b->acl = ORBS3_ACL_FULL_CONTROL;
@@ -297,7 +292,7 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
 
 int orbs3_del_bucket(orbs3_http_request_t* r)
 {
-    bucket_ptr b;
+    orbs3_bucket_ptr b;
     if (int rc = request_bucket(r, ORBS3_ACCESS_DELETE, &b); rc != 0)
         return rc;
     std::string_view name = bucket_name(r);
@@ -422,7 +417,7 @@ int orbs3_list_buckets(orbs3_http_request_t* r)
 // The bucket exists and the requester may list it: 0, or the status that says why not.
 static int check_listable(orbs3_http_request_t* r)
 {
-    bucket_ptr b;
+    orbs3_bucket_ptr b;
     return request_bucket(r, ORBS3_ACCESS_LIST, &b);
 }
 
@@ -472,7 +467,7 @@ int orbs3_get_bucket_stat(orbs3_http_request_t* r)
     std::string_view name = bucket_name(r);
     if (!legal_bucket_name(name))
         return json_reply(r, kJsonNoRow);
-    bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
+    orbs3_bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, name));
     if (!b)
         return json_reply(r, kJsonNoSuchBucket);
     neo_cstr_ptr doc(orbs3_make_bucketstat_json(b.get()));
@@ -493,7 +488,7 @@ int orbs3_put_bucket_acl(orbs3_http_request_t* r)
     uint32_t acl = 0;
     if (parse_bucket_acl_xmlstring(body, &acl) != 0 || acl == 0)
         return fail(r, ORBS3_S3_MISSING_REQUEST_BODY, name);
-    bucket_ptr b;
+    orbs3_bucket_ptr b;
     if (int rc = request_bucket(r, ORBS3_ACCESS_AUTHORITY, &b); rc != 0)
         return rc;
     b->acl = acl;
@@ -504,7 +499,7 @@ int orbs3_put_bucket_acl(orbs3_http_request_t* r)
 
 int orbs3_get_bucket_acl(orbs3_http_request_t* r)
 {
-    bucket_ptr b;
+    orbs3_bucket_ptr b;
     if (int rc = request_bucket(r, ORBS3_ACCESS_AUTHORITY, &b); rc != 0)
         return rc;
     neo_cstr_ptr doc(make_bucket_acl_xmlstring(b->acl, r->user));
@@ -521,7 +516,7 @@ int orbs3_put_bucket_rename(orbs3_http_request_t* r)
     std::string_view old_name = src != nullptr ? orbs3_str_view(src->value) : std::string_view();
     if (!legal_bucket_name(new_name) || !legal_bucket_name(old_name))
         return fail(r, ORBS3_S3_INVALID_BUCKET_NAME, new_name);
-    bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, old_name));
+    orbs3_bucket_ptr b(orbs3_get_bucket(r->vhost, r->user, old_name));
     if (!b)
         return fail(r, ORBS3_S3_NO_SUCH_BUCKET, old_name);
     static constexpr int rename_code = ORBS3_ACCESS_RENAME;

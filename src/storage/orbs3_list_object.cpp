@@ -54,10 +54,6 @@ int fail(orbs3_http_request_t* r, uint32_t status)
     return static_cast<int>(status);
 }
 
-struct bucket_free {
-    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
-};
-
 }  // namespace
 
 int orbs3_list_params_from_query(const cgiFormEntry* form, orbs3_list_params_t* p, const char** message)
@@ -151,7 +147,7 @@ int orbs3_list_object(orbs3_http_request_t* r)
     int rc = orbs3_request_bucket(r, &list, nullptr, orbs3_access_chain_t::full, &raw);
     if (rc != 0)
         return rc;
-    std::unique_ptr<orbs3_bucket_t, bucket_free> bucket(raw);
+    orbs3_bucket_ptr bucket(raw);
 
     std::string args(orbs3_str_view(r->args));
     orbs3_cgi_form form(args.empty() ? nullptr : cgiParseGetFormInput(args.c_str()));

@@ -36,11 +36,6 @@
 
 namespace {
 
-struct bucket_free {
-    void operator()(orbs3_bucket_t* b) const noexcept { orbs3_free_bucket(b); }
-};
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_free>;
-
 int send_document(orbs3_http_request_t* r, const std::string& doc)
 {
     return orbs3_http_send_msg(r->connection, 200, doc.c_str(), r->resp.connection, r->resp.origin) == 0 ? 0 : -1;
@@ -48,7 +43,7 @@ int send_document(orbs3_http_request_t* r, const std::string& doc)
 
 // The upload a request names, in the bucket and under the key the request names.
 struct upload_ctx {
-    bucket_ptr bucket;
+    orbs3_bucket_ptr bucket;
     std::string_view key;
     orbs3_multipart_handle_t h;
 };
@@ -132,7 +127,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
     orbs3_str_t sb{}, sk{};
     if (int rc = orbs3_parse_copy_source(r, r->pool, &sb, &sk); rc != 0)
         return rc;
-    bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, orbs3_str_view(sb)));
+    orbs3_bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, orbs3_str_view(sb)));
     if (!src)
         return ORBS3_S3_NO_SUCH_BUCKET;
     int read_code = ORBS3_ACCESS_READ;
@@ -352,7 +347,7 @@ int orbs3_create_multipart_upload_object(orbs3_http_request_t* r)
     int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_WRITE, &raw, &key);
     if (rc != 0)
         return rc;
-    bucket_ptr b(raw);
+    orbs3_bucket_ptr b(raw);
     // A directory object has no bytes to assemble.
     if (key.back() == '/')
         return ORBS3_S3_INVALID_ARGUMENT;
@@ -508,7 +503,7 @@ int orbs3_list_multipart_uploads(orbs3_http_request_t* r)
     orbs3_bucket_t* raw = nullptr;
     if (int rc = orbs3_request_bucket(r, &list_code, nullptr, orbs3_access_chain_t::full, &raw); rc != 0)
         return rc;
-    bucket_ptr b(raw);
+    orbs3_bucket_ptr b(raw);
 
     std::string args(orbs3_str_view(r->args));
     orbs3_cgi_form form(args.empty() ? nullptr : cgiParseGetFormInput(args.c_str()));

@@ -23,35 +23,13 @@ constexpr std::string_view kPartMagic = "orbs3-part 1";
 // newlines or spaces keep one line and one field.
 void put_encoded(std::string* out, std::string_view v)
 {
-    static const char* digits = "0123456789ABCDEF";
-    for (unsigned char c : v) {
-        if (c > 0x20 && c < 0x7f && c != '%') {
-            out->push_back(static_cast<char>(c));
-        } else {
-            out->push_back('%');
-            out->push_back(digits[c >> 4]);
-            out->push_back(digits[c & 15]);
-        }
-    }
+    neo_pct_encode(out, v, neo_pct_keep::printable);
 }
 
 bool get_encoded(std::string_view v, std::string* out)
 {
     out->clear();
-    for (std::size_t i = 0; i < v.size(); i++) {
-        if (v[i] != '%') {
-            out->push_back(v[i]);
-            continue;
-        }
-        if (i + 2 >= v.size())
-            return false;
-        int hi = neo_hex_value(v[i + 1]), lo = neo_hex_value(v[i + 2]);
-        if (hi < 0 || lo < 0)
-            return false;
-        out->push_back(static_cast<char>(hi << 4 | lo));
-        i += 2;
-    }
-    return true;
+    return neo_pct_decode(out, v);
 }
 
 void put_field(std::string* out, std::string_view name, std::string_view value)
@@ -105,15 +83,7 @@ bool parse_u64(std::string_view v, uint64_t* out)
 
 bool parse_md5_hex(std::string_view v, uint8_t out[NEO_MD5_LEN])
 {
-    if (v.size() != 2 * NEO_MD5_LEN)
-        return false;
-    for (std::size_t i = 0; i < NEO_MD5_LEN; i++) {
-        int hi = neo_hex_value(v[2 * i]), lo = neo_hex_value(v[2 * i + 1]);
-        if (hi < 0 || lo < 0)
-            return false;
-        out[i] = static_cast<uint8_t>(hi << 4 | lo);
-    }
-    return true;
+    return neo_unhex(v, out, NEO_MD5_LEN);
 }
 
 // An ETag as a client sends it back: quotes around it are allowed, hex case is not significant.

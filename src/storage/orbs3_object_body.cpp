@@ -412,15 +412,7 @@ int init_checksum(orbs3_http_request_t* r, orbs3_object_body_t* st)
 
 bool orbs3_parse_sha256_hex(std::string_view text, uint8_t out[32])
 {
-    if (text.size() != 64)
-        return false;
-    for (std::size_t i = 0; i < 32; i++) {
-        int hi = neo_hex_value(text[2 * i]), lo = neo_hex_value(text[2 * i + 1]);
-        if (hi < 0 || lo < 0)
-            return false;
-        out[i] = static_cast<uint8_t>(hi << 4 | lo);
-    }
-    return true;
+    return neo_unhex(text, out, 32);
 }
 
 bool orbs3_parse_content_md5(std::string_view text, uint8_t out[NEO_MD5_LEN])

@@ -97,8 +97,6 @@ int orbs3_parse_copy_source(orbs3_http_request_t* r, orbs3_pool_t* pool, orbs3_s
 
 namespace {
 
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
-
 // The copy's metadata: the source's (x-amz-metadata-directive COPY or absent) or the request's
 // (REPLACE), whose content checksum stays the source's, true whatever else is replaced. A copy onto
 // itself must replace it. 0 or a status.
@@ -150,7 +148,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_WRITE, &raw, &key);
     if (rc != 0)
         return rc;
-    bucket_ptr dst(raw, &orbs3_free_bucket), src_bucket(nullptr, &orbs3_free_bucket);
+    orbs3_bucket_ptr dst(raw), src_bucket;
     if ((rc = orbs3_parse_copy_source(r, r->pool, &src_name, &src_key)) != 0)
         return rc;
     // A directory key holds no bytes to copy, and a copy makes no directory objects.

@@ -25,8 +25,6 @@
 
 namespace {
 
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)>;
-
 void set_resource(orbs3_http_request_t* r, std::string_view key)
 {
     const orbs3_str_t& b = r->req_msg.bucket;
@@ -70,7 +68,7 @@ int orbs3_delete_object_msg(orbs3_http_request_t* r)
         return st;
     // DeleteObject runs no per-bucket rule: the rules that deny deletion bind the batch and the immediate
     // delete, whose bytes are gone for good; these stay in the recycle tree.
-    bucket_ptr bucket(orbs3_get_bucket(r->vhost, r->user, name), &orbs3_free_bucket);
+    orbs3_bucket_ptr bucket(orbs3_get_bucket(r->vhost, r->user, name));
     if (!bucket)
         return ORBS3_S3_NO_SUCH_BUCKET;
     if (orbs3_bucket_init_path(r->vhost, r->user, bucket.get(), name) != 0)
@@ -92,7 +90,7 @@ int orbs3_delete_object_vorne(orbs3_http_request_t* r)
     int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_DELETE, &raw, &key);
     if (rc != 0)
         return rc;
-    bucket_ptr bucket(raw, &orbs3_free_bucket);
+    orbs3_bucket_ptr bucket(raw);
     orbs3_object_path_t path;
     if (orbs3_make_object_path(raw, key, "", &path) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
@@ -116,7 +114,7 @@ int orbs3_delete_objects(orbs3_http_request_t* r)
     int rc = orbs3_request_bucket(r, nullptr, &del, orbs3_access_chain_t::full, &raw);
     if (rc != 0)
         return rc;
-    bucket_ptr bucket(raw, &orbs3_free_bucket);
+    orbs3_bucket_ptr bucket(raw);
     set_resource(r, {});
 
     const char* doc = orbs3_http_body_document(r);

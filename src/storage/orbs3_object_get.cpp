@@ -305,7 +305,7 @@ int orbs3_get_object(orbs3_http_request_t* r)
     int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_READ, &raw, &key);
     if (rc != 0)
         return rc;
-    std::unique_ptr<orbs3_bucket_t, decltype(&orbs3_free_bucket)> bucket(raw, &orbs3_free_bucket);
+    orbs3_bucket_ptr bucket(raw);
     reply_choices_t choices;
     if (rc = read_reply_choices(r, &choices); rc != 0)
         return rc;

@@ -122,4 +122,35 @@ TEST(String, HexWritesTwoLowerCaseDigitsPerByte)
     EXPECT_EQ(end, out + 8);
     EXPECT_EQ(std::string(out, end), "000fa5ff");
     EXPECT_EQ(out[8], 'Z') << "no terminator";
+
+    // Read back: either case, exactly two digits a byte, nothing else.
+    uint8_t back[4] = {};
+    EXPECT_TRUE(neo_unhex("000FA5ff", back, 4));
+    EXPECT_EQ(std::memcmp(back, bytes, 4), 0);
+    for (const char* bad : {"000fa5f", "000fa5fff", "000fa5fg", "000fa5 f", ""})
+        EXPECT_FALSE(neo_unhex(bad, back, 4)) << bad;
+}
+
+TEST(String, PercentEncodingKeepsWhatItsAlphabetKeeps)
+{
+    struct row {
+        neo_pct_keep keep;
+        const char* in;
+        const char* out;
+    } rows[] = {
+        {neo_pct_keep::unreserved, "a-Z_0.~/ +%", "a-Z_0.~%2F%20%2B%25"},
+        {neo_pct_keep::unreserved_slash, "a/b c", "a/b%20c"},
+        {neo_pct_keep::printable, "k y%\n\xff!", "k%20y%25%0A%FF!"},
+    };
+    for (const row& r : rows) {
+        std::string enc;
+        neo_pct_encode(&enc, r.in, r.keep);
+        EXPECT_EQ(enc, r.out);
+        std::string dec;
+        EXPECT_TRUE(neo_pct_decode(&dec, enc));
+        EXPECT_EQ(dec, r.in);
+    }
+    std::string dec;
+    EXPECT_FALSE(neo_pct_decode(&dec, "ab%4"));
+    EXPECT_FALSE(neo_pct_decode(&dec, "%zz"));
 }

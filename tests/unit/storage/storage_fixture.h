@@ -41,10 +41,7 @@ inline orbs3_str_t pool_text(orbs3_pool_t* pool, std::string_view text)
     return {text.size(), p};
 }
 
-struct bucket_deleter {
-    void operator()(orbs3_bucket_t* b) const { orbs3_free_bucket(b); }
-};
-using bucket_ptr = std::unique_ptr<orbs3_bucket_t, bucket_deleter>;
+using bucket_ptr = orbs3_bucket_ptr;
 
 // A vhost from orbs3_vhost_new(), freed with everything it holds.
 struct vhost_deleter {
