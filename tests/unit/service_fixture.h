@@ -46,11 +46,12 @@ struct service_fixture {
     service_fixture(const service_fixture&) = delete;
     service_fixture& operator=(const service_fixture&) = delete;
 
-    // These vhosts hold nothing but their domain and the lists orbs3_vhost_new set up, so the http tests
-    // need not link the daemon's free of a whole vhost.
+    // These vhosts hold their domain, the lists orbs3_vhost_new set up and whatever a test gives their
+    // administrator, so the http tests need not link the storage layer's free of a whole vhost.
     static void free_vhost(orbs3_vhost_t* vh)
     {
         neo_strfree(&vh->domain);
+        orbs3_user_clear(&vh->admin);
         delete vh;
     }
 
