@@ -69,24 +69,31 @@ def pid_alive(pid):
         return False
 
 
-def session_of(pid):
+def stat_fields(pid):
+    """The fields of /proc/<pid>/stat behind the command name: state, ppid, pgrp, session, ..."""
     with open(f"/proc/{pid}/stat") as f:
-        return int(f.read().rsplit(")", 1)[1].split()[3])
+        return f.read().rsplit(")", 1)[1].split()
 
 
-def processes_in_session(sid):
-    found = []
+def live_processes():
+    """(pid, stat fields) of every process that still exists and is not a zombie."""
     for entry in os.listdir("/proc"):
         if not entry.isdigit():
             continue
         try:
-            with open(f"/proc/{entry}/stat") as f:
-                fields = f.read().rsplit(")", 1)[1].split()
+            fields = stat_fields(entry)
         except OSError:
             continue
-        if fields[0] != "Z" and int(fields[3]) == sid:
-            found.append(int(entry))
-    return found
+        if fields[0] != "Z":
+            yield int(entry), fields
+
+
+def session_of(pid):
+    return int(stat_fields(pid)[3])
+
+
+def processes_in_session(sid):
+    return [pid for pid, fields in live_processes() if int(fields[3]) == sid]
 
 
 def reap(pid, timeout=10.0):
@@ -339,20 +346,16 @@ def rss_kib(pid):
 def workers_of(master):
     """Pids of the master's children that carry a worker's title."""
     found = []
-    for entry in os.listdir("/proc"):
-        if not entry.isdigit():
+    for pid, fields in live_processes():
+        if int(fields[1]) != master:
             continue
         try:
-            with open(f"/proc/{entry}/stat") as f:
-                ppid = int(f.read().rsplit(")", 1)[1].split()[1])
-            if ppid != master:
-                continue
-            with open(f"/proc/{entry}/cmdline", "rb") as f:
+            with open(f"/proc/{pid}/cmdline", "rb") as f:
                 title = f.read().split(b"\0")[0]
-        except (OSError, IndexError, ValueError):
+        except (OSError, IndexError):
             continue
         if title.startswith(b"orbmux:http"):
-            found.append((int(entry), title))
+            found.append((pid, title))
     return found
 
 
