@@ -7,7 +7,6 @@
 #include <cstdint>
 
 #include "core/orbs3_tenant.h"
-#include "storage/orbs3_bucket_store.h"
 #include "memory/neo_list.h"
 
 // Every service and every vhost of the node, in the master, guarded by g_service_lock. A vhost stands in

@@ -17,6 +17,7 @@
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_xml.h"
 #include "memory/neo_files.h"
+#include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_record.h"
 
 neo_list_head_t orbs3_endpoints = {&orbs3_endpoints, &orbs3_endpoints};

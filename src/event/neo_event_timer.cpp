@@ -6,7 +6,7 @@
 #include <cstring>
 #include <optional>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "core/orbs3_log.h"
 
 // Empty from the start (a zeroed sentinel is black), so timers work before neo_event_timer_init runs.

@@ -6,7 +6,7 @@
 #include <sys/epoll.h>
 #include <unistd.h>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_string.h"
 

@@ -10,7 +10,7 @@
 #include <cstring>
 #include <string_view>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "event/neo_event_timer.h"

@@ -1,6 +1,6 @@
 #include "memory/neo_rbtree.h"
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 
 namespace {
 

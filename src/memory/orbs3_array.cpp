@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "memory/orbs3_palloc.h"
 
 namespace {

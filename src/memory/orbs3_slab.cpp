@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "core/orbs3_log.h"
 
 // Everything the pool reads back from the zone (pointers in lists, run lengths, shifts, bitmaps) is

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 #include "core/orbs3_log.h"
 #include "memory/neo_files.h"
 #include "s3/orbs3_s3_documents.h"

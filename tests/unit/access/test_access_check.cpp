@@ -9,6 +9,7 @@
 
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_service.h"
+#include "storage/orbs3_bucket_store.h"
 #include "s3/orbs3_s3_dispatch.h"
 
 namespace {

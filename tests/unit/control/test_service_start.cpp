@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "control/orbs3_service.h"
+#include "storage/orbs3_bucket_store.h"
 #include "control/orbs3_service_start.h"
 
 namespace {

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "control/orbs3_service.h"
+#include "storage/orbs3_bucket_store.h"
 #include "control/orbs3_vhost_file.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_prefix.h"

@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "core/orbs3_assert.h"
+#include "memory/orbs3_assert.h"
 
 namespace {
 

@@ -12,6 +12,7 @@
 #include <string_view>
 
 #include "control/orbs3_service.h"
+#include "storage/orbs3_bucket_store.h"
 #include "core/orbs3_config.h"
 #include "memory/neo_string.h"
 #include "storage/orbs3_bucket.h"
