@@ -66,10 +66,7 @@ int append_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
     char stamp[64];
     get_gmt_meta_time(stamp, sizeof stamp);
     orbs3_object_append_t a{st->position, body->file.size};
-    auto* buf = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, ORBS3_OBJECT_COPY_BUFFER));
-    if (buf == nullptr)
-        return ORBS3_S3_INTERNAL_ERROR;
-    if (int rc = orbs3_object_append_content(st->key, body->file.path, st->path.data_path, stamp, buf, &a); rc != 0)
+    if (int rc = orbs3_object_append_content(st->key, body->file.path, st->path.data_path, stamp, &a); rc != 0)
         return rc;
     const int64_t new_size = a.new_size, old_size = a.old_size;
     const char* etag = a.etag;

@@ -179,12 +179,9 @@ int orbs3_copy_object(orbs3_http_request_t* r)
         (rc = destination_admits(r, dst.get(), key, src.size)) != 0)
         return rc;
 
-    auto* buf = static_cast<uint8_t*>(orbs3_pnalloc(r->pool, ORBS3_OBJECT_COPY_BUFFER));
     char etag[ORBS3_REC_ETAG_CAP + 1] = "";
     orbs3_object_before_t before;
-    if (buf == nullptr)
-        return ORBS3_S3_INTERNAL_ERROR;
-    if ((rc = orbs3_object_copy_content(&src, key, &to, onto_itself, buf, etag, &before)) != 0)
+    if ((rc = orbs3_object_copy_content(&src, key, &to, onto_itself, etag, &before)) != 0)
         return rc;
     char stamp[64];
     get_gmt_meta_time(stamp, sizeof stamp);

@@ -31,94 +31,10 @@ struct temp_file {
     }
 };
 
-bool write_all(int fd, const uint8_t* p, std::size_t n)
-{
-    while (n > 0) {
-        ssize_t w = write(fd, p, n);
-        if (w < 0 && errno == EINTR)
-            continue;
-        if (w <= 0)
-            return false;
-        p += w;
-        n -= static_cast<std::size_t>(w);
-    }
-    return true;
-}
-
-// `size` bytes from `in` to `out`, both at their start. With md5 set the bytes pass through `buf` and
-// the digest; else the kernel copies them (sharing extents where the file system can), falling back to
-// the buffer where it can't. 0, or -1 when a read or write fails or the source ends early.
-int copy_bytes(int in, int out, int64_t size, neo_md5_t* md5, uint8_t* buf)
-{
-    int64_t done = 0;
-    if (md5 == nullptr) {
-        while (done < size) {
-            ssize_t n = copy_file_range(in, nullptr, out, nullptr, static_cast<std::size_t>(size - done), 0);
-            if (n < 0 && errno == EINTR)
-                continue;
-            if (n < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP) && done == 0)
-                break;
-            if (n <= 0)
-                return -1;
-            done += n;
-        }
-        if (done == size)
-            return 0;
-    }
-    while (done < size) {
-        std::size_t want = static_cast<std::size_t>(std::min<int64_t>(size - done, ORBS3_OBJECT_COPY_BUFFER));
-        ssize_t n = pread(in, buf, want, done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return -1;
-        if (md5 != nullptr)
-            (void)neo_md5_update(md5, buf, static_cast<std::size_t>(n));
-        if (!write_all(out, buf, static_cast<std::size_t>(n)))
-            return -1;
-        done += n;
-    }
-    return 0;
-}
-
 // Up to this size the new content is read back for its MD5, so the ETag stays the digest of the bytes
 // as after a PUT. Beyond it the read would cost more than the append itself, and the ETag is the digest
 // of "<key>:<bytes appended>:<time>", which names the change but is no digest of the content.
 constexpr int64_t kDigestWholeUpTo = 16 << 20;
-
-// `len` bytes of `in` from 0 into `out` at `at`. 0, or -1.
-int place_bytes(int in, int out, int64_t at, int64_t len, uint8_t* buf)
-{
-    int64_t done = 0;
-    loff_t src = 0, dst = at;
-    while (done < len) {
-        ssize_t n = copy_file_range(in, &src, out, &dst, static_cast<std::size_t>(len - done), 0);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n < 0 && (errno == EXDEV || errno == ENOSYS || errno == EINVAL || errno == EOPNOTSUPP))
-            break;
-        if (n <= 0)
-            return -1;
-        done += n;
-    }
-    while (done < len) {
-        ssize_t n = pread(in, buf, static_cast<std::size_t>(std::min<int64_t>(len - done, ORBS3_OBJECT_COPY_BUFFER)), done);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return -1;
-        for (ssize_t put = 0; put < n;) {
-            ssize_t w = pwrite(out, buf + put, static_cast<std::size_t>(n - put), at + done + put);
-            if (w < 0 && errno == EINTR)
-                continue;
-            if (w <= 0)
-                return -1;
-            put += w;
-        }
-        done += n;
-    }
-    return 0;
-}
 
 }  // namespace
 
@@ -189,20 +105,12 @@ void orbs3_object_meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_
     }
 }
 
-int orbs3_object_digest_file(int fd, int64_t size, uint8_t* buf, char out[33])
+int orbs3_object_digest_file(int fd, int64_t size, char out[33])
 {
     neo_md5_t md5;
-    if (neo_md5_init(&md5) != 0)
+    if (neo_md5_init(&md5) != 0 ||
+        orbs3_copy_range(fd, -1, 0, size, [&md5](const uint8_t* p, std::size_t n) { (void)neo_md5_update(&md5, p, n); }) != 0)
         return -1;
-    for (int64_t at = 0; at < size;) {
-        ssize_t n = pread(fd, buf, static_cast<std::size_t>(std::min<int64_t>(size - at, ORBS3_OBJECT_COPY_BUFFER)), at);
-        if (n < 0 && errno == EINTR)
-            continue;
-        if (n <= 0)
-            return -1;
-        (void)neo_md5_update(&md5, buf, static_cast<std::size_t>(n));
-        at += n;
-    }
     uint8_t sum[NEO_MD5_LEN];
     if (neo_md5_final(sum, &md5) != 0)
         return -1;
@@ -211,7 +119,7 @@ int orbs3_object_digest_file(int fd, int64_t size, uint8_t* buf, char out[33])
 }
 
 int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view key, const orbs3_object_path_t* to,
-                              bool onto_itself, uint8_t* buf, char (&etag)[ORBS3_REC_ETAG_CAP + 1],
+                              bool onto_itself, char (&etag)[ORBS3_REC_ETAG_CAP + 1],
                               orbs3_object_before_t* before)
 {
     const bool digest = !src->recorded_etag;
@@ -220,7 +128,7 @@ int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view
     if (onto_itself) {
         // The bytes stay; without a record their digest is read once, in place.
         *before = orbs3_object_before_commit(to->data_path);
-        return digest && orbs3_object_digest_file(src->file.get(), src->size, buf, etag) != 0
+        return digest && orbs3_object_digest_file(src->file.get(), src->size, etag) != 0
                    ? ORBS3_S3_INTERNAL_ERROR
                    : 0;
     }
@@ -232,7 +140,10 @@ int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view
     neo_md5_t md5;
     if (digest && neo_md5_init(&md5) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
-    if (copy_bytes(src->file.get(), out.get(), src->size, digest ? &md5 : nullptr, buf) != 0 || fsync(out.get()) != 0) {
+    orbs3_copy_observer observe;
+    if (digest)
+        observe = [&md5](const uint8_t* p, std::size_t n) { (void)neo_md5_update(&md5, p, n); };
+    if (orbs3_copy_range(src->file.get(), out.get(), 0, src->size, observe) != 0 || fsync(out.get()) != 0) {
         ipd_log(LOG_ERR, "copy to %s failed: %s", tmp.path, std::strerror(errno));
         return ORBS3_S3_INTERNAL_ERROR;
     }
@@ -251,7 +162,7 @@ int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view
 }
 
 int orbs3_object_append_content(std::string_view key, const char* body_path, const char* data_path,
-                                const char* stamp, uint8_t* buf, orbs3_object_append_t* a)
+                                const char* stamp, orbs3_object_append_t* a)
 {
     orbs3_fd in{open(body_path, O_RDONLY | O_CLOEXEC)};
     orbs3_fd out{open(data_path, O_RDWR | O_NOFOLLOW | O_CLOEXEC)};
@@ -263,7 +174,9 @@ int orbs3_object_append_content(std::string_view key, const char* body_path, con
     a->old_size = now.st_size;
     const int64_t at = std::min(a->position, a->old_size);
     a->new_size = std::max(a->old_size, at + a->length);
-    if (place_bytes(in.get(), out.get(), at, a->length, buf) != 0 || fsync(out.get()) != 0) {
+    // The copy writes at the descriptor's offset: the bytes land at `at`.
+    if (lseek(out.get(), at, SEEK_SET) != at || orbs3_copy_range(in.get(), out.get(), 0, a->length) != 0 ||
+        fsync(out.get()) != 0) {
         ipd_log(LOG_ERR, "append to %s failed: %s", data_path, std::strerror(errno));
         // The object keeps its length: what was written behind its old end is cut off again.
         if (ftruncate(out.get(), a->old_size) != 0)
@@ -271,7 +184,7 @@ int orbs3_object_append_content(std::string_view key, const char* body_path, con
                     std::strerror(errno));
         return ORBS3_S3_INTERNAL_ERROR;
     }
-    if (a->new_size > kDigestWholeUpTo || orbs3_object_digest_file(out.get(), a->new_size, buf, a->etag) != 0)
+    if (a->new_size > kDigestWholeUpTo || orbs3_object_digest_file(out.get(), a->new_size, a->etag) != 0)
         Compute_file_md5(key, a->length, stamp, a->etag);
     return 0;
 }

@@ -31,20 +31,15 @@
 // The metadata the record keeps, as views into it; the additional checksum too when `with_checksum`.
 void orbs3_object_meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_t* meta, bool with_checksum);
 
-// The MD5, in hex, of the file's first `size` bytes, read through `buf` (ORBS3_OBJECT_COPY_BUFFER
-// bytes). 0 or -1.
-[[nodiscard]] int orbs3_object_digest_file(int fd, int64_t size, uint8_t* buf, char out[33]);
-
-// Bytes that pass through user space go through one buffer of this size, whatever the object's size.
-inline constexpr std::size_t ORBS3_OBJECT_COPY_BUFFER = 256 * 1024;
+// The MD5, in hex, of the file's first `size` bytes. 0 or -1.
+[[nodiscard]] int orbs3_object_digest_file(int fd, int64_t size, char out[33]);
 
 // Copies the content of `src` (opened by orbs3_object_open) to the object at `to`, through a temporary
 // file that replaces it once flushed (a reader sees the old object or the copy, never a part); with
 // `onto_itself` the bytes stay where they are. *etag gets the source's recorded ETag or, when it has
-// none, the MD5 of the bytes; *before what stood at `to`. `buf` is ORBS3_OBJECT_COPY_BUFFER bytes.
-// 0, or KeyTooLong, InternalError.
+// none, the MD5 of the bytes; *before what stood at `to`. 0, or KeyTooLong, InternalError.
 [[nodiscard]] int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view key,
-                                            const orbs3_object_path_t* to, bool onto_itself, uint8_t* buf,
+                                            const orbs3_object_path_t* to, bool onto_itself,
                                             char (&etag)[ORBS3_REC_ETAG_CAP + 1], orbs3_object_before_t* before);
 
 // An append: `length` bytes written into the object at `position`, or at its end when `position` lies
@@ -56,8 +51,7 @@ struct orbs3_object_append_t {
     int64_t new_size = 0;
     char etag[33] = "";  // of the new content; of "<key>:<length>:<stamp>" past the size it is read back to
 };
-// Writes the bytes of the file at `body_path` into the object at `data_path` in place, flushed; `buf` is
-// ORBS3_OBJECT_COPY_BUFFER bytes. A failed write leaves the object its old length. 0; NoSuchKey when the
+// Writes the bytes of the file at `body_path` into the object at `data_path` in place, flushed. A failed write leaves the object its old length. 0; NoSuchKey when the
 // object has gone; InternalError.
 [[nodiscard]] int orbs3_object_append_content(std::string_view key, const char* body_path, const char* data_path,
-                                              const char* stamp, uint8_t* buf, orbs3_object_append_t* a);
+                                              const char* stamp, orbs3_object_append_t* a);
