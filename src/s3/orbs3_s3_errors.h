@@ -47,6 +47,7 @@ inline constexpr int ORBS3_S3_NO_SUCH_BUCKET = 0xc000063;
 inline constexpr int ORBS3_S3_NO_SUCH_KEY = 0xc000065;
 inline constexpr int ORBS3_S3_NO_SUCH_LIFECYCLE = 0xc000066;
 inline constexpr int ORBS3_S3_NO_SUCH_UPLOAD = 0xc000067;
+inline constexpr int ORBS3_S3_NO_SUCH_VERSION = 0xc000068;
 inline constexpr int ORBS3_S3_NOT_IMPLEMENTED = 0xc000069;
 inline constexpr int ORBS3_S3_REQUEST_TIMEOUT = 0xc000077;
 inline constexpr int ORBS3_S3_REQUEST_TIME_TOO_SKEWED = 0xc000078;

@@ -203,6 +203,7 @@ int orbs3_object_write_record(const orbs3_user_t* owner, std::string_view key, c
               pool_set(pool, &o->checksum_algorithm, meta->checksum_algorithm) &&
               pool_set(pool, &o->checksum, meta->checksum) &&
               pool_set(pool, &o->upload_id, meta->upload_id) &&
+              pool_set(pool, &o->version_id, meta->version_id) &&
               pool_set(pool, &o->parts, meta->parts) &&
               pool_set(pool, &o->part_checksums, meta->part_checksums);
     for (std::size_t i = 0; ok && i < meta->n; i++) {

@@ -44,6 +44,7 @@ struct orbs3_object_meta_t {
     std::string_view checksum_algorithm;  // "CRC32", ... once the upload's checksum matched
     std::string_view checksum;
     std::string_view upload_id;  // the multipart upload completed into the object
+    std::string_view version_id;  // the content's version id; empty: "null"
     std::string_view parts;           // of an assembled object, as its record keeps them
     std::string_view part_checksums;
     std::size_t n = 0;

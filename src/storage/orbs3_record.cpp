@@ -776,6 +776,10 @@ int orbs3_make_object_xml(const orbs3_object_t* o, char** text)
         }
     }
     w.str(root, "upload_id", o->upload_id, ORBS3_REC_ID_CAP);
+    w.str(root, "version_id", o->version_id, ORBS3_REC_ID_CAP);
+    if (o->delete_marker != 0)
+        w.u32(root, "delete_marker", o->delete_marker);
+    w.str(root, "displaced", o->displaced, ORBS3_REC_ID_CAP);
     return save_tree(xml, w.ok, object_ws, text);
 }
 
@@ -1033,6 +1037,9 @@ int parse_object_tree(orbs3_object_t* o, mxml_node_t* doc)
         r.str(t, "value", &m->value, ORBS3_REC_META_CAP);
     }
     r.str(root, "upload_id", &o->upload_id, ORBS3_REC_ID_CAP);
+    r.str(root, "version_id", &o->version_id, ORBS3_REC_ID_CAP);
+    r.u32(root, "delete_marker", &o->delete_marker);
+    r.str(root, "displaced", &o->displaced, ORBS3_REC_ID_CAP);
     if (!r.ok) {
         object_clear(o);
         return -1;

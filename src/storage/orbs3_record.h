@@ -116,6 +116,13 @@ struct orbs3_object_t {
     neo_list_head_t meta;            // orbs3_list_node_t carrying orbs3_tag_t: x-amz-meta-<key>, key lower case
     // The multipart upload this content was completed from: a Complete sent again finds its result here.
     orbs3_str_t upload_id;
+    // The content's version id; unset means "null": written while versioning was never enabled or was
+    // suspended. Versions and recycled contents keep their record, and with it this id.
+    orbs3_str_t version_id;
+    // A delete marker: a record without bytes in the version tree, naming the content its DELETE moved
+    // to the recycle tree (`displaced`, that content's suffix there), which removing the marker brings back.
+    uint32_t delete_marker;
+    orbs3_str_t displaced;
     orbs3_pool_t* pool;
 };
 
