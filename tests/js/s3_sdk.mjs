@@ -6,62 +6,15 @@
 // Environment: ORBMUX_ENDPOINT (http://127.0.0.1:PORT), ORBMUX_BUCKET (a bucket it creates),
 // AWS_ACCESS_KEY_ID, AWS_SECRET_ACCESS_KEY.
 
-import { createHash } from "node:crypto";
 import { Readable } from "node:stream";
 import {
-  S3Client, CreateBucketCommand, PutObjectCommand, GetObjectCommand, HeadObjectCommand, ListObjectsV2Command,
+  CreateBucketCommand, PutObjectCommand, GetObjectCommand, HeadObjectCommand, ListObjectsV2Command,
   DeleteObjectsCommand, CreateMultipartUploadCommand, UploadPartCommand, CompleteMultipartUploadCommand,
 } from "@aws-sdk/client-s3";
+import { body, bucket, bytes, crc32, report, s3, sha256, step } from "./common.mjs";
 
-const bucket = process.env.ORBMUX_BUCKET;
-const s3 = new S3Client({
-  endpoint: process.env.ORBMUX_ENDPOINT,
-  region: "us-east-1",
-  forcePathStyle: true,
-  maxAttempts: 1,
-  credentials: { accessKeyId: process.env.AWS_ACCESS_KEY_ID, secretAccessKey: process.env.AWS_SECRET_ACCESS_KEY },
-});
-
-// Deterministic pseudo-random bytes, a different stream for each seed, so a misplaced range or part shows.
-function bytes(size, seed) {
-  const out = Buffer.alloc(size);
-  let x = seed >>> 0 || 1;
-  for (let i = 0; i < size; i++) {
-    x ^= x << 13; x >>>= 0; x ^= x >>> 17; x ^= x << 5; x >>>= 0;
-    out[i] = x & 0xff;
-  }
-  return out;
-}
-// CRC-32 as x-amz-checksum-crc32 carries it (base64 of the four bytes, big-endian): the expected values
-// are computed here, not taken from the SDK under test.
-const CRC_TABLE = Array.from({ length: 256 }, (_, n) => {
-  let c = n;
-  for (let k = 0; k < 8; k++) c = c & 1 ? 0xedb88320 ^ (c >>> 1) : c >>> 1;
-  return c >>> 0;
-});
-function crc32(b) {
-  let c = 0xffffffff;
-  for (const x of b) c = CRC_TABLE[(c ^ x) & 0xff] ^ (c >>> 8);
-  const out = Buffer.alloc(4);
-  out.writeUInt32BE((c ^ 0xffffffff) >>> 0);
-  return out;
-}
-const sha256 = (b) => createHash("sha256").update(b).digest("hex");
-const body = async (reply) => Buffer.from(await reply.Body.transformToByteArray());
 const keysUnder = async (prefix) =>
   ((await s3.send(new ListObjectsV2Command({ Bucket: bucket, Prefix: prefix }))).Contents ?? []).map((c) => c.Key);
-
-const results = {};
-async function step(name, fn) {
-  try {
-    results[name] = { ok: true, ...(await fn()) };
-  } catch (e) {
-    results[name] = {
-      ok: false, error: e.name, message: String(e.message).slice(0, 400),
-      status: e.$metadata?.httpStatusCode ?? null,
-    };
-  }
-}
 
 const small = bytes(100 * 1024 + 7, 1);
 const partOne = bytes(5 * 1024 * 1024, 2);
@@ -166,4 +119,4 @@ await step("delete_objects", async () => {
   };
 });
 
-process.stdout.write(JSON.stringify(results) + "\n");
+report();
