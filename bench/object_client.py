@@ -2,6 +2,7 @@
 """Client side of bench/object_rps.sh: everything that needs a signature or a timed upload.
 
     object_client.py TENANT_JSON PORT prepare BUCKET KEY=FILE...    create the bucket, upload the files
+    object_client.py TENANT_JSON PORT versioning BUCKET STATUS      set the bucket's versioning (Enabled, ...)
     object_client.py TENANT_JSON PORT get-lua BUCKET KEY OUT.lua     wrk script: one signed GET
     object_client.py TENANT_JSON PORT put-lua BUCKET KEY BODY OUT.lua
                                                                     wrk script: one signed PUT of BODY, its
@@ -85,6 +86,9 @@ def main():
             key, path = pair.split("=", 1)
             with open(path, "rb") as fp:
                 s3.put_object(Bucket=args[0], Key=key, Body=fp.read())
+    elif cmd == "versioning":
+        bucket, status = args
+        client(tenant, port).put_bucket_versioning(Bucket=bucket, VersioningConfiguration={"Status": status})
     elif cmd == "get-lua":
         bucket, key, out = args
         path = f"/{bucket}/{key}"
