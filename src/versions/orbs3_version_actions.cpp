@@ -145,6 +145,8 @@ int restore(orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket, std::string_view
         return ORBS3_VERSION_MOVE_FAILED;
 
     object_ptr chosen_rec(orbs3_create_object_from_file(chosen.record));
+    if (chosen_rec && chosen_rec->delete_marker != 0)
+        return ORBS3_VERSION_MOVE_FAILED;  // a marker's record beside bytes: nothing sound to make live
     const bool chosen_is_null = chosen_rec ? orbs3_object_version_id(chosen_rec.get()) == ORBS3_NULL_VERSION_ID
                                            : from == source_tree::recycle;
     std::vector<orbs3_version_entry_t> list;

@@ -191,12 +191,19 @@ TEST_F(VersionActions, RefusedOrFailedActionsMoveNothing)
         {"climbing out", 1, 10, "../k.." + id, ORBS3_S3_INVALID_ARGUMENT},
         {"climbing out below", 1, 10, "d/../../k.." + id, ORBS3_S3_INVALID_ARGUMENT},
         {"reserved name", 1, 10, ".orbs3-v-k.." + id, ORBS3_S3_INVALID_ARGUMENT},
+        {"a marker's record beside bytes", 1, 10, "m.." + id, ORBS3_VERSION_MOVE_FAILED},
     };
     live("k", "live", fresh_id());
     old(version_, "k", id, "old", id);
     old(recycle_, "k", id, "old", id);
     write(version_, "d..2026_01_01_00_00_00/x", "another key's");
     write(recycle_, "d..2026_01_01_00_00_00/x", "another key's");
+    for (const std::string& tree : {version_, recycle_}) {
+        old(tree, "m", id, "bytes", id);
+        orbs3_version_file_t f;
+        ASSERT_EQ(orbs3_version_paths(tree, "m", id, &f), 0);
+        storage_test::write_file(f.record, "<object objectname=\"m\" delete_marker=\"1\" version_id=\"" + id + "\" />");
+    }
     const auto before = snapshot();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
