@@ -333,3 +333,24 @@ TEST_F(VersionActions, DeleteVersionRecyclesItAndPurgeRemovesOnlyWhatItNames)
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(VersionActions, ANullContentComingBackTakesTheNullIdFromANullVersion)
+{
+    bucket_->versioning.status = 1;
+    bucket_->versioning.save_num = 10;
+    const std::string live_id = fresh_id(), null_version = fresh_id(), real_version = fresh_id(),
+                      recycled = fresh_id();
+    live("k", "live", live_id);
+    old(version_, "k", null_version, "null version", "");
+    old(version_, "k", real_version, "real version", real_version);
+    old(recycle_, "k", recycled, "recycled null", "");
+    ASSERT_EQ(orbs3_restore_recycled(vh_, bucket_, "k.." + recycled), 0);
+    EXPECT_EQ(read_file(data_ + "/k"), "recycled null");
+    EXPECT_EQ(contents(version_), (std::map<std::string, std::string>{{"k.." + live_id, "live"},
+                                                                      {"k.." + real_version, "real version"}}));
+    EXPECT_EQ(contents(recycle_), (std::map<std::string, std::string>{{"k.." + null_version, "null version"}}));
+}
+
+}  // namespace
