@@ -203,8 +203,10 @@ def test_errors_of_the_actions(tenant):
         ("DELETE", BUCKET, "e..2026_11_24_18_00_01-000000deadbeef", "objectversion", UNKNOWN,
          f"{BUCKET}/e..2026_11_24_18_00_01-000000deadbeef"),
         ("GET", BUCKET, "nothing", "objectversion", UNKNOWN, f"{BUCKET}/nothing"),
-        # No key to restore; no such bucket.
+        # No key to restore; a name no bucket can have; no such bucket.
         ("PUT", BUCKET, "", "recycle", (b"400 Bad Request", b"InvalidArgument", None), BUCKET),
+        ("PUT", "b" * 200, f"e..{old_id}", "objectversion", (b"400 Bad Request", b"InvalidBucketName", None), ""),
+        ("DELETE", "b" * 200, "", "recycle", (b"400 Bad Request", b"InvalidBucketName", None), ""),
         ("PUT", "nobucket", f"e..{old_id}", "objectversion",
          (b"404 Not Found", b"NoSuchBucket", b"The specified bucket does not exist."), f"nobucket/e..{old_id}"),
     ]
