@@ -56,9 +56,9 @@ orbs3_s3_event_t s3_events[] = {
     {"PutBucketQuota", 0x28, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_quota
     {"GetBucketQuota", 0x29, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_quota
     {"PutBucketRename", 0x30, nullptr, 1, 0},
-    {"PutBucketRecycle", 0x31, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_recycle_restore_msg
+    {"PutBucketRecycle", 0x31, nullptr, 1, 0},
     {"GetBucketRecycle", 0x32, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_recycle
-    {"DeleteBucketRecycle", 0x33, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_recycle_msg
+    {"DeleteBucketRecycle", 0x33, nullptr, 1, 0},
     {"PutBucketVorneLifecycle", 0x50, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_lifecycle_vorne
     {"PutBucketVorneLifecycleEdit", 0x52, orbs3_s3_not_implemented, 1, 0},  // orbs3_edit_bucket_lifecycle_vorne
     {"DeleteBucketVorneLifecycle", 0x51, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_lifecycle_vorne
@@ -71,9 +71,9 @@ orbs3_s3_event_t s3_events[] = {
     {"DeleteObjects", 0x104, nullptr, 1, 0},
     {"AppendObject", 0x105, nullptr, 0, 0},
     {"CopyObject", 0x106, nullptr, 1, 0},
-    {"PutObjectVersionRestore", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_version_restore_msg
-    {"DeleteObjectVersion", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_version_del_msg
-    {"GetObjectVersion", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_object_version_list_msg
+    {"PutObjectVersionRestore", 0x107, nullptr, 1, 0},
+    {"DeleteObjectVersion", 0x107, nullptr, 1, 0},
+    {"GetObjectVersion", 0x107, nullptr, 1, 0},
     {"GetBucketObjVer", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_object_version
     {"PutObjectAcl", 0x108, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_acl
     {"GetObjectAcl", 0x109, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_object_acl

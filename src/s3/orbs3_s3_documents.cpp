@@ -740,3 +740,15 @@ char* make_copy_object_result_xmlstring(const char* last_modified, const char* e
     new_text_cstr(root, "ETag", etag);
     return save_doc(xml.get(), nullptr);
 }
+
+char* make_object_version_xml(std::string_view name, std::string_view key, uint64_t size,
+                              std::string_view last_modified)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "Object");
+    new_text_view(root, "Name", name);
+    new_text_view(root, "Path", key);
+    mxmlNewTextf(mxmlNewElement(root, "Size"), 0, "%" PRIu64, size);
+    new_text_view(root, "Date", last_modified);
+    return save_doc(xml.get(), nullptr);
+}

@@ -181,3 +181,9 @@ struct orbs3_list_uploads_doc_t {
 // ---- copy ----
 // CopyObjectResult with LastModified (the record's stamp) and ETag (quoted).
 [[nodiscard]] char* make_copy_object_result_xmlstring(const char* last_modified, const char* etag);
+
+// ---- object information ----
+// The Object document of the live object: Name (its record's name), Path (the key; never a path on disk),
+// Size and Date (its last write). Texts from keys are never cut.
+[[nodiscard]] char* make_object_version_xml(std::string_view name, std::string_view key, uint64_t size,
+                                            std::string_view last_modified);

@@ -9,6 +9,7 @@
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
+#include "storage/orbs3_version_handlers.h"
 
 int orbs3_storage_install_handlers()
 {
@@ -40,6 +41,11 @@ int orbs3_storage_install_handlers()
         {"ListParts", orbs3_list_parts_object},
         {"ListMultipartUploads", orbs3_list_multipart_uploads},
         {"GetBucketLocation", orbs3_get_bucket_location},
+        {"PutObjectVersionRestore", orbs3_object_version_restore_msg},
+        {"DeleteObjectVersion", orbs3_object_version_del_msg},
+        {"GetObjectVersion", orbs3_object_version_list_msg},
+        {"PutBucketRecycle", orbs3_object_recycle_restore_msg},
+        {"DeleteBucketRecycle", orbs3_delete_bucket_recycle_msg},
     };
     int rc = 0;
     for (const row& r : rows)

@@ -27,8 +27,8 @@ bool is_tail_char(char c)
     return is_digit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
-// Reads "N_N_N_N_N_N" from the front of `s` into f[6]; *used gets the bytes read. A number is 1 to 9
-// digits, so no value overflows.
+// Reads "N_N_N_N_N_N" from the front of `s` into f[6]; *used gets the bytes read. A number is 1 to 4
+// digits: stamps are written "%04d_%02d_...", and six longer numbers would overflow the stamp number.
 bool read_stamp(std::string_view s, int f[6], std::size_t* used)
 {
     std::size_t at = 0;
@@ -40,7 +40,7 @@ bool read_stamp(std::string_view s, int f[6], std::size_t* used)
         }
         std::size_t start = at;
         int v = 0;
-        while (at < s.size() && is_digit(s[at]) && at - start < 9)
+        while (at < s.size() && is_digit(s[at]) && at - start < 4)
             v = v * 10 + (s[at++] - '0');
         if (at == start)
             return false;

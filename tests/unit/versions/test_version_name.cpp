@@ -42,10 +42,12 @@ TEST(VersionName, SplitsStampedKeysWhoseKeysHoldDots)
         EXPECT_EQ(s.stamp, c.stamp);
     }
     // Refused: no "..", five numbers, a stamp in a directory only, a "." in the tail, an empty tail,
-    // nothing in front of the dots, trailing junk.
+    // nothing in front of the dots, trailing junk, numbers too long to be a stamp's (their stamp number
+    // would overflow).
     for (const char* bad : {"a", "a..2026_11_24_18_00", "a..2026_11_24_18_00_01/b", "a..2026_11_24_18_00_01-a.b",
                             "a..2026_11_24_18_00_01-", "..2026_11_24_18_00_01", "a..2026_11_24_18_00_01x",
-                            "a..2026_11_24_18_00_01_07", "", "a/", "a..x_1_2_3_4_5"}) {
+                            "a..2026_11_24_18_00_01_07", "", "a/", "a..x_1_2_3_4_5",
+                            "a..999999999_99_99_99_99_99", "a..2026_11_24_18_00_00001"}) {
         SCOPED_TRACE(bad);
         orbs3_stamped_key_t s;
         EXPECT_EQ(orbs3_split_stamped_key(bad, &s), ORBS3_VERSION_BAD_NAME);
@@ -57,6 +59,7 @@ TEST(VersionName, CheckDateAndIds)
     EXPECT_EQ(orbs3_check_date("..2026_11_24_18_00_01"), 20261124180001);
     EXPECT_EQ(orbs3_check_date(".."), -1);
     EXPECT_EQ(orbs3_check_date("..2026_11_24_18_00"), -1);
+    EXPECT_EQ(orbs3_check_date("..999999999_99_99_99_99_99"), -1);
 
     char a[ORBS3_VERSION_SUFFIX_LEN + 1];
     char b[ORBS3_VERSION_SUFFIX_LEN + 1];
