@@ -86,8 +86,6 @@ int bring_back(const orbs3_bucket_t* bucket, std::string_view key, std::string_v
     if (suffix.empty() || orbs3_version_paths(neo_getstr(&bucket->recycle_dir), key, suffix, &from) != 0 ||
         !regular_file(from.data))
         return 0;
-    if (orbs3_make_dir_by_name(key, path->data_path) != 0 || orbs3_make_dir_by_name(key, path->meta_path) != 0)
-        return -1;
     const orbs3_version_file_t live = orbs3_version_live_file(path);
     if (orbs3_version_move(&from, &live) == 0)
         return 1;

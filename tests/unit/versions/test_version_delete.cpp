@@ -205,6 +205,24 @@ TEST_F(VersionDelete, MarkersNameWhatTheyTookAndRemovingTheLatestBringsItBack)
     EXPECT_EQ(contents(recycle_), (std::map<std::string, bool>{{"v1", true}}));
 }
 
+TEST_F(VersionDelete, AMoveToTheLivePlaceMakesTheDirectoriesOfBothTrees)
+{
+    const std::string id = new_id();
+    put("x/y/k", "moved", id);
+    orbs3_object_path_t path;
+    ASSERT_EQ(orbs3_make_object_path(bucket_, "x/y/k", "", &path), 0);
+    orbs3_version_file_t kept;
+    ASSERT_EQ(orbs3_version_paths(recycle_, "x/y/k", id, &kept), 0);
+    const orbs3_version_file_t place = orbs3_version_live_file(&path);
+    ASSERT_EQ(orbs3_version_move(&place, &kept), 0);
+    // Both of the key's directories went meanwhile, as a delete that empties them removes them.
+    fs::remove_all(data_ + "/x");
+    fs::remove_all(meta_ + "/x");
+    ASSERT_EQ(orbs3_version_move(&kept, &place), 0);
+    EXPECT_EQ(live("x/y/k"), "moved");
+    EXPECT_NE(read_file(meta_ + "/x/y/k").find("e-moved"), std::string::npos);
+}
+
 TEST_F(VersionDelete, ALatestMarkerWhoseContentIsGoneMakesTheNewestVersionLive)
 {
     enable(10);
