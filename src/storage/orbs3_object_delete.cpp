@@ -89,8 +89,9 @@ int delete_one(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, std::strin
     if (orbs3_make_object_path(bucket, key, "", &path) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
     orbs3_commit_lock_t lock;
-    // A key whose directory is not there has nothing live to guard; its delete goes on without the lock.
-    if (key.back() != '/' && orbs3_commit_lock(path.data_path, &lock) != 0 && errno != ENOENT)
+    // A key whose directory is not there (or is an object) has nothing live to guard; its delete goes on
+    // without the lock.
+    if (key.back() != '/' && orbs3_commit_lock(path.data_path, &lock) != 0 && errno != ENOENT && errno != ENOTDIR)
         return ORBS3_S3_INTERNAL_ERROR;
     if (version_id != nullptr)
         return orbs3_version_delete_id(bucket, key, *version_id, done);

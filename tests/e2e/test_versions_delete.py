@@ -251,3 +251,10 @@ def test_two_deletes_within_one_second_keep_both_contents(tenant):
             kept.add(f.read())
     assert kept == set(bodies)
     assert not os.path.exists(tenant.version(PLAIN, "twice"))
+
+    # A key below an object names nothing: deleted already, on either bucket, and the object stays.
+    set_versioning(tenant, BUCKET, True)
+    for bucket in (PLAIN, BUCKET):
+        s3.put_object(Bucket=bucket, Key="file", Body=b"f")
+        assert s3.delete_object(Bucket=bucket, Key="file/below")["ResponseMetadata"]["HTTPStatusCode"] == 204
+        assert s3.get_object(Bucket=bucket, Key="file")["Body"].read() == b"f"
