@@ -80,7 +80,7 @@ bool version_id_of(orbs3_http_request_t* r, std::string* out)
 
 // One key's delete on a bucket that may hold versions: with `version_id` that version, else on an enabled
 // bucket a delete marker, else the object to the recycle tree (or destroyed, as the batch does). It holds
-// the key's commit lock, so that no write of the key comes between its steps. *counts gets the live
+// the key's commit lock, so that no write of the key comes between its steps. done->gone gets the live
 // objects that left (less those that came back).
 int delete_one(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, std::string_view key,
                const std::string* version_id, orbs3_remove_mode_t mode, orbs3_version_delete_t* done)
@@ -138,6 +138,8 @@ int orbs3_delete_object_msg(orbs3_http_request_t* r)
         orbs3_object_count_in_bucket(bucket.get(), -done.gone.objects, -done.gone.bytes);
         r->vhost->object_count.fetch_sub(done.gone.objects);
     }
+    if (st == ORBS3_S3_INVALID_ARGUMENT && by_version)
+        r->resp.message = "Invalid version id specified";
     if (st != 0)
         return st;
     if (done.version_id[0] == '\0' && !done.delete_marker)

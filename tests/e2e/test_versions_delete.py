@@ -167,6 +167,7 @@ def test_delete_by_version_id(tenant):
     for bad in ("not-an-id", "2026_11_24", "..%2F..%2Fescape"):
         status, _, reply = delete_version(tenant, BUCKET, key, bad)
         assert status == 400 and b"<Code>InvalidArgument</Code>" in reply, (bad, reply)
+        assert b"<Message>Invalid version id specified</Message>" in reply, reply
     assert s3.get_object(Bucket=BUCKET, Key=key)["Body"].read() == b"old bytes"
     s3.delete_object(Bucket=BUCKET, Key=key, VersionId=old_id)
     assert s3_error(lambda: s3.head_object(Bucket=BUCKET, Key=key))[0] == 404
