@@ -208,8 +208,11 @@ int orbs3_tree_has_files(const char* path, int depth)
             orbs3_record_is_temp(e->d_name))
             continue;
         struct stat st {};
-        if (fstatat(dirfd(d.get()), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0)
-            return errno == ENOENT ? 0 : -1;
+        if (fstatat(dirfd(d.get()), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno == ENOENT)
+                continue;  // gone since the listing: the rest still counts
+            return -1;
+        }
         if (!S_ISDIR(st.st_mode))
             return 1;
         char below[ORBS3_PATH_AREA];
