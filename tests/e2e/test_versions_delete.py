@@ -259,3 +259,14 @@ def test_two_deletes_within_one_second_keep_both_contents(tenant):
         s3.put_object(Bucket=bucket, Key="file", Body=b"f")
         assert s3.delete_object(Bucket=bucket, Key="file/below")["ResponseMetadata"]["HTTPStatusCode"] == 204
         assert s3.get_object(Bucket=bucket, Key="file")["Body"].read() == b"f"
+
+
+def test_suspended_delete_recycles_and_names_the_content(tenant):
+    s3 = tenant.client()
+    set_versioning(tenant, BUCKET, False)
+    s3.put_object(Bucket=BUCKET, Key="susp/k", Body=b"s")
+    got = s3.delete_object(Bucket=BUCKET, Key="susp/k")
+    # No marker while versioning is suspended; the reply names the content it took.
+    assert "DeleteMarker" not in got and got["VersionId"] == "null"
+    assert version_files(tenant, BUCKET, "susp/k") == []
+    assert [n for n in os.listdir(tenant.recycle(BUCKET, "susp")) if n.startswith("k..")]
