@@ -125,8 +125,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     INIT_LIST_HEAD(&keys);
     rc = parse_del_objects_xmlstring(text.get(), &keys, pool.get());
     CHECK(rc == 0 || rc == -1);
-    CHECK(walk<orbs3_del_key_t>(&keys, [](orbs3_del_key_t* k) { check_str(k->key, ORBS3_XML_DEL_KEY_MAX); }) <=
-          ORBS3_XML_MAX_DEL_OBJECTS);
+    CHECK(walk<orbs3_del_key_t>(&keys, [](orbs3_del_key_t* k) {
+              check_str(k->key, ORBS3_XML_DEL_KEY_MAX);
+              check_str(k->version_id, ORBS3_XML_DEL_KEY_MAX);
+          }) <= ORBS3_XML_MAX_DEL_OBJECTS);
 
     // Beyond the bounds nothing is taken.
     if (!orbs3_xml_within_bounds(text.get(), ORBS3_XML_BODY_BOUNDS)) {

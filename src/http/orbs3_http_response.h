@@ -142,6 +142,12 @@ ORBS3_HTTP_ETAG_MSG(append_object);
 ORBS3_HTTP_ETAG_MSG(upload_part_object);
 #undef ORBS3_HTTP_ETAG_MSG
 
+// The reply of DeleteObject on a bucket with versions: the lines of del_object, then `extra`, whole
+// header lines joined by CRLF (without the last one): x-amz-version-id, x-amz-delete-marker.
+[[nodiscard]] int orbs3_http_send_del_object_version_msg(orbs3_connection_t* c, uint32_t status,
+                                                         const char* connection, const char* origin,
+                                                         const char* extra);
+
 // "Location:/<bucket>".
 [[nodiscard]] int orbs3_http_send_put_bucket_msg(orbs3_connection_t* c, uint32_t status, const char* bucket,
                                                  const char* connection, const char* origin);

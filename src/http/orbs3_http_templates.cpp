@@ -32,6 +32,7 @@ constexpr tpl_line kTplA[] = {kDate, kConnection, kNoLength, kCors, kServer};
 constexpr tpl_line kTplB[] = {kDate, kConnection, kLength, kCors, kServer, kXml};
 // A whole header line of the caller's (the checksum a write verified), left out when there is none.
 constexpr tpl_line kExtra = {"", field::extra, false};
+constexpr tpl_line kTplAExtra[] = {kDate, kConnection, kNoLength, kCors, kServer, kExtra};
 constexpr tpl_line kTplC[] = {kDate, {"Etag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
 constexpr tpl_line kTplD[] = {kDate, {"ETag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
 constexpr tpl_line kTplG[] = {kDate, {"Location:/", field::bucket, false}, kNoLength, kConnection, kCors, kServer};
@@ -179,6 +180,13 @@ ORBS3_ETAG_MSG(upload_part_object, kTplD)
 #undef ORBS3_ETAG_MSG
 #undef ORBS3_DOC_MSG
 #undef ORBS3_NO_DOC_MSG
+
+int orbs3_http_send_del_object_version_msg(orbs3_connection_t* c, uint32_t status, const char* connection,
+                                           const char* origin, const char* extra)
+{
+    return send_template(c, status, kTplAExtra, {.connection = connection, .origin = origin, .extra = extra}, nullptr,
+                         "del_object_version");
+}
 
 int orbs3_http_send_msg(orbs3_connection_t* c, uint32_t status, const char* body, const char* connection,
                         const char* origin)

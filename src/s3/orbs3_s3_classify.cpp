@@ -505,6 +505,11 @@ int classify_delete(orbs3_http_request_t* r, bool virtual_style)
 
     if (names_operation(q)) {
         const char* a = match_query(q.entries(), orbs3_delete_object_params);
+        // A version id names a version of the object, not an upload; its value is longer than the
+        // words of the tables, so it is looked up by presence alone.
+        char id[FORM_VALUE_AREA];
+        if (a == nullptr && cgiFormString(q.entries(), "versionId", id, sizeof id) != cgiFormNotFound)
+            a = "DeleteObject";
         return set_action(r, a != nullptr ? a : "AbortMultipartUpload");
     }
     return set_action(r, "DeleteObject");

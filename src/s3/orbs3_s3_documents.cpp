@@ -116,7 +116,9 @@ const char* create_multipart_whitespace_cb(mxml_node_t* node, int where)
 }
 
 constexpr ws_row del_objects_rows[] = {
-    {"DeleteResult", L, true}, {"Deleted", LC, true}, {"Error", LC, true}, {"Key", LCC, false},
+    {"DeleteResult", L, true},   {"Deleted", LC, true},       {"Error", LC, true},
+    {"Key", LCC, false},         {"VersionId", LCC, false},   {"DeleteMarker", LCC, false},
+    {"DeleteMarkerVersionId", LCC, false},
 };
 const char* del_objects_whitespace_cb(mxml_node_t* node, int where)
 {
@@ -698,9 +700,15 @@ int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_p
 {
     return parse_records<orbs3_del_key_t>(text, nullptr, "Object", ORBS3_XML_MAX_DEL_OBJECTS, list, pool,
                                           [pool](mxml_node_t* o, orbs3_del_key_t* rec) {
-                                              std::string k;
+                                              std::string k, v;
                                               (void)elem_text(o, "Key", &k);
                                               if (k.size() > ORBS3_XML_DEL_KEY_MAX)
+                                                  return -1;
+                                              // A version id longer than a key can't name anything.
+                                              if (elem_text(o, "VersionId", &v) &&
+                                                  (v.size() > ORBS3_XML_DEL_KEY_MAX ||
+                                                   pool_str(&rec->version_id, v.c_str(), ORBS3_XML_DEL_KEY_MAX,
+                                                            pool) != 0))
                                                   return -1;
                                               return pool_str(&rec->key, k.c_str(), ORBS3_XML_DEL_KEY_MAX, pool);
                                           });
@@ -713,12 +721,24 @@ char* make_del_objects_xmlstring(neo_list_head_t* deleted, neo_list_head_t* fail
     neo_list_head_t* pos;
     if (deleted != nullptr) {
         list_for_each(pos, deleted) {
-            new_text_str(mxmlNewElement(root, "Deleted"), "Key", list_entry(pos, orbs3_del_key_t, link)->key);
+            const auto* k = list_entry(pos, orbs3_del_key_t, link);
+            mxml_node_t* d = mxmlNewElement(root, "Deleted");
+            new_text_str(d, "Key", k->key);
+            if (k->version_id.data != nullptr)
+                new_text_str(d, "VersionId", k->version_id);
+            if (k->delete_marker) {
+                new_text_cstr(d, "DeleteMarker", "true");
+                new_text_str(d, "DeleteMarkerVersionId", k->delete_marker_version_id);
+            }
         }
     }
     if (failed != nullptr) {
         list_for_each(pos, failed) {
-            new_text_str(mxmlNewElement(root, "Error"), "Key", list_entry(pos, orbs3_del_key_t, link)->key);
+            const auto* k = list_entry(pos, orbs3_del_key_t, link);
+            mxml_node_t* e = mxmlNewElement(root, "Error");
+            new_text_str(e, "Key", k->key);
+            if (k->version_id.data != nullptr)
+                new_text_str(e, "VersionId", k->version_id);
         }
     }
     return save_doc(xml.get(), del_objects_whitespace_cb);

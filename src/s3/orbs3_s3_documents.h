@@ -44,9 +44,13 @@ struct orbs3_part_t {
     orbs3_str_t checksum;
 };
 
+// One Object of a batch delete, and what its deletion did for the reply.
 struct orbs3_del_key_t {
     neo_list_head_t link;
     orbs3_str_t key;
+    orbs3_str_t version_id;  // the VersionId sent, unset when none; the reply echoes it
+    bool delete_marker;      // a delete marker was made or removed
+    orbs3_str_t delete_marker_version_id;
 };
 
 // One row of an object listing: an object (Contents), or a common prefix (is_dir).
@@ -173,7 +177,8 @@ struct orbs3_list_uploads_doc_t {
 // ---- batch delete ----
 // Appends one orbs3_del_key_t per Object to `list`.
 [[nodiscard]] int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool);
-// Both lists hold orbs3_del_key_t.
+// Both lists hold orbs3_del_key_t. A Deleted entry carries Key, VersionId when one was sent, and for a
+// marker made or removed DeleteMarker and DeleteMarkerVersionId; an Error entry Key and VersionId.
 [[nodiscard]] char* make_del_objects_xmlstring(neo_list_head_t* deleted, neo_list_head_t* failed);
 // Whether the Delete document asks for a quiet reply: a Quiet element whose text is "true" (any case).
 [[nodiscard]] bool parse_del_objects_quiet(const char* text);

@@ -1,6 +1,7 @@
 #include "storage/orbs3_bucket_ops.h"
 
 #include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -194,6 +195,35 @@ int orbs3_dir_has_entries(const char* path)
     return 0;
 }
 
+int orbs3_tree_has_files(const char* path, int depth)
+{
+    // Keys hold at most objectdirnum "/": anything deeper is not the bucket's, but still something.
+    if (depth > 64)
+        return 1;
+    neo_dir_ptr d(opendir(path));
+    if (!d)
+        return errno == ENOENT ? 0 : -1;
+    while (const dirent* e = readdir(d.get())) {
+        if (std::strcmp(e->d_name, ".") == 0 || std::strcmp(e->d_name, "..") == 0 ||
+            orbs3_record_is_temp(e->d_name))
+            continue;
+        struct stat st {};
+        if (fstatat(dirfd(d.get()), e->d_name, &st, AT_SYMLINK_NOFOLLOW) != 0) {
+            if (errno == ENOENT)
+                continue;  // gone since the listing: the rest still counts
+            return -1;
+        }
+        if (!S_ISDIR(st.st_mode))
+            return 1;
+        char below[ORBS3_PATH_AREA];
+        if (!neo_join(below, sizeof below, {path, "/", e->d_name}))
+            return -1;
+        if (int rc = orbs3_tree_has_files(below, depth + 1); rc != 0)
+            return rc;
+    }
+    return 0;
+}
+
 int orbs3_delete_bucket(const orbs3_vhost_t* /*vhost*/, const orbs3_bucket_t* bucket)
 {
     const char* meta_file = neo_getstr(&bucket->meta_file);
@@ -296,9 +326,11 @@ int orbs3_del_bucket(orbs3_http_request_t* r)
     if (int rc = request_bucket(r, ORBS3_ACCESS_DELETE, &b); rc != 0)
         return rc;
     std::string_view name = bucket_name(r);
-    // A bucket that holds objects (files or directory objects) stays; versions and recycled copies of an
-    // empty bucket go with it.
+    // A bucket that holds objects (files or directory objects), versions or delete markers stays; the
+    // recycled copies of an empty bucket go with it, and so do empty directories of its version tree.
     int full = orbs3_dir_has_entries(neo_getstr(&b->data_dir));
+    if (full == 0)
+        full = orbs3_tree_has_files(neo_getstr(&b->version_dir));
     if (full == 1)
         return fail(r, ORBS3_S3_BUCKET_NOT_EMPTY, name);
     if (full < 0)

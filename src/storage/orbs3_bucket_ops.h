@@ -33,6 +33,9 @@
 // 1 when the directory holds an entry (temporary files of a record replace aside), 0 when it holds none
 // or does not exist, -1 when it can't be read.
 [[nodiscard]] int orbs3_dir_has_entries(const char* path);
+// 1 when a file lies anywhere below the directory (temporary files of a record replace aside), stopping
+// at the first; 0 when none does or it does not exist; -1 when something can't be read.
+[[nodiscard]] int orbs3_tree_has_files(const char* path, int depth = 0);
 
 // Removes the bucket's record, then its meta, data, recycle and version directories with all they hold.
 // 0; -1 when the record or the data directory could not be removed (the name then stays taken).

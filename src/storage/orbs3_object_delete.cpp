@@ -1,8 +1,10 @@
 #include "storage/orbs3_object_delete.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "access/orbs3_access_check.h"
@@ -21,7 +23,12 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_body.h"
+#include "storage/orbs3_object_commit.h"
+#include "storage/orbs3_object_read.h"
 #include "storage/orbs3_object_remove.h"
+#include "s3/orbs3_s3_cgi.h"
+#include "versions/orbs3_object_version.h"
+#include "versions/orbs3_version_delete.h"
 
 namespace {
 
@@ -53,6 +60,54 @@ int check_content_md5(orbs3_http_request_t* r, const char* doc)
     return std::memcmp(want, got, sizeof want) != 0 ? ORBS3_S3_BAD_DIGEST : 0;
 }
 
+// The versionId of the query, when it names one. False when it is missing; an empty value is sent on as
+// one, which the engine refuses as no id at all.
+bool version_id_of(orbs3_http_request_t* r, std::string* out)
+{
+    if (r->args.len == 0)
+        return false;
+    std::string args(orbs3_str_view(r->args));
+    orbs3_cgi_form form(cgiParseGetFormInput(args.c_str()));
+    for (const cgiFormEntry* e = form.get(); e != nullptr; e = e->next) {
+        if (e->key != nullptr && std::strcmp(e->key, "versionId") == 0) {
+            out->assign(e->value != nullptr && e->value_length > 0 ? e->value : "",
+                        e->value != nullptr && e->value_length > 0 ? static_cast<std::size_t>(e->value_length) : 0);
+            return true;
+        }
+    }
+    return false;
+}
+
+// One key's delete on a bucket that may hold versions: with `version_id` that version, else on an enabled
+// bucket a delete marker, else the object to the recycle tree (or destroyed, as the batch does). It holds
+// the key's commit lock, so that no write of the key comes between its steps. done->gone gets the live
+// objects that left (less those that came back).
+int delete_one(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, std::string_view key,
+               const std::string* version_id, orbs3_remove_mode_t mode, orbs3_version_delete_t* done)
+{
+    orbs3_object_path_t path;
+    if (orbs3_make_object_path(bucket, key, "", &path) != 0)
+        return ORBS3_S3_KEY_TOO_LONG;
+    orbs3_commit_lock_t lock;
+    // A key whose directory is not there (or is an object) has nothing live to guard; its delete goes on
+    // without the lock.
+    if (key.back() != '/' && orbs3_commit_lock(path.data_path, &lock) != 0 && errno != ENOENT && errno != ENOTDIR)
+        return ORBS3_S3_INTERNAL_ERROR;
+    if (version_id != nullptr)
+        return orbs3_version_delete_id(bucket, key, *version_id, done);
+    if (bucket->versioning.status == 1 && key.back() != '/') {
+        const orbs3_version_owner_t owner{orbs3_str_view(r->user->UserId), orbs3_str_view(r->user->DisPlayName)};
+        return orbs3_version_delete_latest(bucket, key, owner, done);
+    }
+    if (orbs3_versioning_ever_set(bucket)) {
+        if (orbs3_object_ptr rec{orbs3_create_object_from_file(path.meta_path)}) {
+            const std::string_view id = orbs3_object_version_id(rec.get());
+            std::snprintf(done->version_id, sizeof done->version_id, "%.*s", static_cast<int>(id.size()), id.data());
+        }
+    }
+    return orbs3_object_remove(bucket, key, mode, &done->gone);
+}
+
 }  // namespace
 
 int orbs3_delete_object_msg(orbs3_http_request_t* r)
@@ -73,14 +128,27 @@ int orbs3_delete_object_msg(orbs3_http_request_t* r)
         return ORBS3_S3_NO_SUCH_BUCKET;
     if (orbs3_bucket_init_path(r->vhost, r->user, bucket.get(), name) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
-    orbs3_object_counts_t counts;
-    if (int st = orbs3_object_remove(bucket.get(), key, orbs3_remove_mode_t::recycle, &counts); st != 0)
-        return st;
-    if (counts.objects != 0) {
-        orbs3_object_count_in_bucket(bucket.get(), -counts.objects, -counts.bytes);
-        r->vhost->object_count.fetch_sub(counts.objects);
+    std::string version_id;
+    const bool by_version = version_id_of(r, &version_id);
+    orbs3_version_delete_t done;
+    const int st = delete_one(r, bucket.get(), key, by_version ? &version_id : nullptr, orbs3_remove_mode_t::recycle,
+                              &done);
+    // What left (or came back) is counted also when a later step failed.
+    if (done.gone.objects != 0 || done.gone.bytes != 0) {
+        orbs3_object_count_in_bucket(bucket.get(), -done.gone.objects, -done.gone.bytes);
+        r->vhost->object_count.fetch_sub(done.gone.objects);
     }
-    return replied(orbs3_http_send_del_object_msg(r->connection, 204, r->resp.connection, r->resp.origin));
+    if (st == ORBS3_S3_INVALID_ARGUMENT && by_version)
+        r->resp.message = "Invalid version id specified";
+    if (st != 0)
+        return st;
+    if (done.version_id[0] == '\0' && !done.delete_marker)
+        return replied(orbs3_http_send_del_object_msg(r->connection, 204, r->resp.connection, r->resp.origin));
+    char extra[128];
+    std::snprintf(extra, sizeof extra, "%s%sx-amz-version-id: %s", done.delete_marker ? "x-amz-delete-marker: true" : "",
+                  done.delete_marker ? "\r\n" : "", done.version_id[0] != '\0' ? done.version_id : "null");
+    return replied(
+        orbs3_http_send_del_object_version_msg(r->connection, 204, r->resp.connection, r->resp.origin, extra));
 }
 
 int orbs3_delete_object_vorne(orbs3_http_request_t* r)
@@ -135,17 +203,32 @@ int orbs3_delete_objects(orbs3_http_request_t* r)
     // A key that is not there counts as deleted, as S3 has it: the batch says what is no longer in the
     // bucket. Only keys that can't be keys, or that could not be removed, are errors. A directory key
     // names its directory object alone: the keys below it stay, as they do for DeleteObject.
+    // A VersionId deletes that version; without one, an enabled bucket gets a delete marker, and any
+    // other bucket loses the object for good, as before versions.
     orbs3_object_counts_t counts;
     neo_list_head_t *pos, *next;
     list_for_each_safe(pos, next, &keys) {
         auto* k = list_entry(pos, orbs3_del_key_t, link);
         const std::string_view key = orbs3_str_view(k->key);
         list_del(&k->link);
-        const bool ok = !key.empty() && orbs3_object_key_status(key) == 0 &&
-                        orbs3_object_remove(raw, key, orbs3_remove_mode_t::destroy, &counts) == 0;
+        bool ok = !key.empty() && orbs3_object_key_status(key) == 0;
+        if (ok) {
+            const std::string version_id(orbs3_str_view(k->version_id));
+            orbs3_version_delete_t done;
+            ok = delete_one(r, raw, key, k->version_id.data != nullptr ? &version_id : nullptr,
+                            orbs3_remove_mode_t::destroy, &done) == 0;
+            counts.objects += done.gone.objects;
+            counts.bytes += done.gone.bytes;
+            k->delete_marker = ok && done.delete_marker;
+            if (k->delete_marker) {
+                // A marker removed by its id is named by that id; one made has its own.
+                const char* id = k->version_id.data != nullptr ? k->version_id.data : done.version_id;
+                ok = orbs3_pstr_set(r->pool, &k->delete_marker_version_id, id, std::strlen(id)) == 0;
+            }
+        }
         list_add_tail(&k->link, ok ? &deleted : &failed);
     }
-    if (counts.objects != 0)
+    if (counts.objects != 0 || counts.bytes != 0)
         orbs3_object_count_in_bucket(raw, -counts.objects, -counts.bytes);
 
     neo_list_head_t none;

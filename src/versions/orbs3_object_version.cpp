@@ -85,7 +85,9 @@ int orbs3_version_move(const orbs3_version_file_t* from, const orbs3_version_fil
         errno = ENOENT;
         return -1;
     }
-    if (orbs3_make_dir_by_object_path(has_data ? to->data : to->record) != 0)
+    // The live place keeps bytes and record in two trees: each side gets its own directories.
+    if ((has_data && orbs3_make_dir_by_object_path(to->data) != 0) ||
+        (has_record && orbs3_make_dir_by_object_path(to->record) != 0))
         return -1;
     if (has_record && orbs3_move_noreplace(from->record, to->record) != 0)
         return -1;

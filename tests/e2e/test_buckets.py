@@ -247,11 +247,13 @@ def test_a_bucket_that_holds_objects_is_not_deleted(tenant):
     os.mkdir(os.path.join(data, "folder"))
     assert s3_error(lambda: s3.delete_bucket(Bucket="full")) == (409, "BucketNotEmpty")
     os.rmdir(os.path.join(data, "folder"))
-    # Old versions and recycled copies of an empty bucket go with it.
+    # A version keeps the bucket; recycled copies and an emptied version tree go with it.
     for top in ("version", "recycle"):
         os.makedirs(os.path.join(tenant.root, top, USER, "full", "d"))
         with open(os.path.join(tenant.root, top, USER, "full", "d", "old"), "w") as f:
             f.write("old")
+    assert s3_error(lambda: s3.delete_bucket(Bucket="full")) == (409, "BucketNotEmpty")
+    os.unlink(os.path.join(tenant.root, "version", USER, "full", "d", "old"))
     assert s3.delete_bucket(Bucket="full")["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert not any(p.startswith(tuple(f"{t}/{USER}/full" for t in ("data", "version", "recycle")))
                    or p.startswith(f"meta/{USER}/object/full") or p == f"meta/{USER}/bucket/full"

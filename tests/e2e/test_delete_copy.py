@@ -48,8 +48,12 @@ def test_delete_recycles_the_bytes_and_removes_emptied_directories(tenant):
 
     assert s3.delete_object(Bucket=BUCKET, Key="tree/deep/er/gone.txt")["ResponseMetadata"]["HTTPStatusCode"] == 204
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="tree/deep/er/gone.txt")) == (404, "NoSuchKey")
-    # The bytes lie in the recycle tree under the key and the time they were written.
-    with open(tenant.recycle(BUCKET, f"tree/deep/er/gone.txt..{stamp}"), "rb") as f:
+    # The bytes lie in the recycle tree under the key and the time they were written, made unique, with
+    # the object's record beside them.
+    names = os.listdir(tenant.recycle(BUCKET, "tree/deep/er"))
+    data = [n for n in names if n.startswith(f"gone.txt..{stamp}-")]
+    assert len(data) == 1 and f".orbs3-v-{data[0]}" in names, names
+    with open(tenant.recycle(BUCKET, f"tree/deep/er/{data[0]}"), "rb") as f:
         assert f.read() == b"to the bin"
     # The directories that held nothing else went, in both trees; the one with another key stayed.
     for path in (tenant.data(BUCKET, "tree/deep"), tenant.meta(BUCKET, "tree/deep")):

@@ -143,6 +143,22 @@ std::vector<template_case> all_templates()
                                 "\r\nLocation:/photos\r\nContent-Length:0\r\nConnection: close\r\n" + acao(o) +
                                 "Server: KELVANE\r\n\r\n";
                      }});
+    // A delete on a bucket with versions: the del_object lines, its version lines at the end; none, and
+    // it is del_object's reply byte for byte.
+    cases.push_back({"del_object_version",
+                     [](orbs3_connection_t* c, const char* o) {
+                         return orbs3_http_send_del_object_version_msg(
+                             c, 200, "keep-alive", o, "x-amz-delete-marker: true\r\nx-amz-version-id: v1");
+                     },
+                     [](const std::string& o) {
+                         std::string head = head_a(o);
+                         return head.insert(head.size() - 2, "x-amz-delete-marker: true\r\nx-amz-version-id: v1\r\n");
+                     }});
+    cases.push_back({"del_object_version_plain",
+                     [](orbs3_connection_t* c, const char* o) {
+                         return orbs3_http_send_del_object_version_msg(c, 200, "keep-alive", o, nullptr);
+                     },
+                     head_a});
     cases.push_back({"del_bucket",
                      [](orbs3_connection_t* c, const char* o) {
                          return orbs3_http_send_del_bucket_msg(c, 204, "keep-alive", o);

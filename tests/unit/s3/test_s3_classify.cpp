@@ -202,6 +202,8 @@ TEST(S3Classify, ActionBucketAndObjectFromMethodStyleAndPath)
         {"DELETE", "s3.example", "/b?X-Amz-Signature=s", P, "DeleteBucket", "b", ""},
         {"DELETE", "s3.example", "/b/k?uploadId=u", P, "AbortMultipartUpload", "b", "k", {}, {.upload_id = "u"}},
         {"DELETE", "s3.example", "/b/k?vorne", P, "DeleteObjectVorne", "b", "k"},
+        {"DELETE", "s3.example", "/b/k?versionId=2026_11_24_18_00_01-12345600abcdef", P, "DeleteObject", "b", "k"},
+        {"DELETE", "s3.example", "/b/k?uploadId=u1", P, "AbortMultipartUpload", "b", "k"},
         {"DELETE", "s3.example", "/b?lifecycle", P, "DeleteBucketLifeCycle", "b", ""},
         {"DELETE", "s3.example", "/b?tagging", P, "DeleteObjectTagging", "b", ""},
         {"DELETE", "s3.example", "/b?x", P, "AbortMultipartUpload", "b", ""},

@@ -342,12 +342,25 @@ TEST(S3Documents, BatchDeleteReadsKeysAndRefusesOverlongOnes)
     ASSERT_EQ(got.size(), 2u);
     EXPECT_STREQ(neo_getstr(&got[0]->key), "a b");
     EXPECT_STREQ(neo_getstr(&got[1]->key), "c/d&e");
+    EXPECT_EQ(got[0]->version_id.data, nullptr);
+    EXPECT_STREQ(neo_getstr(&got[1]->version_id), "1");
 
+    // The version sent is echoed; a marker made or removed says so, with its id, as S3 orders them.
+    got[0]->delete_marker = true;
+    got[0]->delete_marker_version_id = orbs3_str_t{2, const_cast<char*>("m1")};
     EXPECT_EQ(take(make_del_objects_xmlstring(&list, &list)),
-              kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a b</Key>\n\r</Deleted>\n\r<Deleted>"
-                      "\n\r\r<Key>c/d&amp;e</Key>"
+              kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a b</Key>\n\r\r<DeleteMarker>true</DeleteMarker>"
+                      "\n\r\r<DeleteMarkerVersionId>m1</DeleteMarkerVersionId>\n\r</Deleted>\n\r<Deleted>"
+                      "\n\r\r<Key>c/d&amp;e</Key>\n\r\r<VersionId>1</VersionId>"
                       "\n\r</Deleted>\n\r<Error>\n\r\r<Key>a b</Key>\n\r</Error>\n\r<Error>\n\r\r<Key>c/d&amp;e</Key>"
-                      "\n\r</Error>\n</DeleteResult>\n");
+                      "\n\r\r<VersionId>1</VersionId>\n\r</Error>\n</DeleteResult>\n");
+    // A version id no key could be is refused like an overlong key.
+    neo_list_head_t long_id;
+    INIT_LIST_HEAD(&long_id);
+    EXPECT_EQ(parse_del_objects_xmlstring(("<Delete><Object><Key>k</Key><VersionId>" + std::string(1024, 'v') +
+                                           "</VersionId></Object></Delete>").c_str(),
+                                          &long_id, pool.get()),
+              -1);
 
     const std::string k1023(1023, 'k');
     neo_list_head_t ok;

@@ -382,9 +382,18 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
     }
     EXPECT_TRUE(fs::exists(data_ + "/alice/full/key"));
 
-    // A left-over temporary of a record replace, versions and recycled copies are not objects.
+    // A version or a delete marker (a record alone), however deep, keeps the bucket too.
+    for (const char* left : {"/alice/empty/a/b/k..2026_11_24_18_00_01-00000100000001",
+                             "/alice/empty/.orbs3-v-k..2026_11_24_18_00_01-00000100000002"}) {
+        write_file(version_ + left, "v");
+        outcome kept = call(orbs3_del_bucket, alice_.get(), "empty");
+        EXPECT_EQ(kept.rc, ORBS3_S3_BUCKET_NOT_EMPTY) << left;
+        fs::remove(version_ + left);
+    }
+    // A left-over temporary of a record replace, recycled copies and empty directories of the version
+    // tree are not objects.
     write_file(data_ + "/alice/empty/" + std::string(ORBS3_RECORD_TMP_PREFIX) + "123", "t");
-    write_file(version_ + "/alice/empty/old-version", "v");
+    write_file(version_ + "/alice/empty/sub/" + std::string(ORBS3_RECORD_TMP_PREFIX) + "9", "t");
     write_file(recycle_ + "/alice/empty/recycled", "r");
     ASSERT_TRUE(fs::create_directories(version_ + "/alice/empty/sub/dir"));
     outcome o = call(orbs3_del_bucket, alice_.get(), "empty");

@@ -117,38 +117,6 @@ TEST_F(DeleteDirs, EmptiedParentsGoUpToTheFirstThatHoldsSomething)
     EXPECT_TRUE(fs::is_directory(data_) && fs::is_directory(meta_));
 }
 
-TEST_F(DeleteDirs, RecycledNamesCarryTheContentsStamp)
-{
-    char out[ORBS3_PATH_AREA];
-    ASSERT_EQ(orbs3_recycle_path(bucket_, "a/k.txt", "2026-11-23T16:13:01.000Z", out, sizeof out), 0);
-    EXPECT_EQ(std::string(out), recycle_ + "/a/k.txt..2026_11_23_16_13_01");
-    for (const char* bad : {"", "2026-11-23", "2026-11-23 16:13:01", "20x6-11-23T16:13:01Z"})
-        EXPECT_EQ(orbs3_recycle_path(bucket_, "k", bad, out, sizeof out), -1) << bad;
-    char small[16];
-    EXPECT_EQ(orbs3_recycle_path(bucket_, "k", "2026-11-23T16:13:01Z", small, sizeof small), -1);
-    EXPECT_EQ(small[0], '\0');
-}
-
-TEST_F(DeleteDirs, BytesWithoutRecordAreRecycledUnderTheirTime)
-{
-    fs::create_directories(data_ + "/r");
-    std::ofstream(data_ + "/r/k") << "bytes";
-    struct timespec times[2] = {{0, UTIME_OMIT}, {1700000000, 0}};  // 2023-11-14T22:13:20Z
-    ASSERT_EQ(utimensat(AT_FDCWD, (data_ + "/r/k").c_str(), times, 0), 0);
-    int64_t size = -1;
-    EXPECT_EQ(orbs3_delete_object_to_recycle(bucket_, "r/k", &size), ORBS3_RECYCLE_MOVED);
-    EXPECT_EQ(size, 5);
-    EXPECT_FALSE(in_data("r/k"));
-    std::ifstream back(recycle_ + "/r/k..2023_11_14_22_13_20");
-    std::string got;
-    back >> got;
-    EXPECT_EQ(got, "bytes");
-    // Nothing left: nothing to do, and a directory is no object.
-    EXPECT_EQ(orbs3_delete_object_to_recycle(bucket_, "r/k", &size), ORBS3_RECYCLE_NOTHING);
-    EXPECT_EQ(orbs3_delete_object_to_recycle(bucket_, "r", &size), ORBS3_RECYCLE_NOTHING);
-    EXPECT_TRUE(fs::is_directory(data_ + "/r"));
-}
-
 // Each removal takes what it names and counts exactly that; a key that is not there is removed already.
 TEST_F(DeleteDirs, RemoveTakesWhatItsModeNamesAndCountsIt)
 {
