@@ -9,6 +9,7 @@
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
+#include "versions/orbs3_version_conf.h"
 
 int orbs3_storage_install_handlers()
 {
@@ -40,6 +41,10 @@ int orbs3_storage_install_handlers()
         {"ListParts", orbs3_list_parts_object},
         {"ListMultipartUploads", orbs3_list_multipart_uploads},
         {"GetBucketLocation", orbs3_get_bucket_location},
+        {"PutBucketVersioning", orbs3_put_bucket_versioning},
+        {"GetBucketVersioning", orbs3_get_bucket_versioning},
+        {"PutBucketRecycleConf", orbs3_put_bucket_recycle_conf},
+        {"GetBucketRecycleConf", orbs3_get_bucket_recycle_conf},
     };
     int rc = 0;
     for (const row& r : rows)
