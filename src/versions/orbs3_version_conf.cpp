@@ -77,6 +77,11 @@ int orbs3_put_bucket_versioning(orbs3_http_request_t* r)
     orbs3_versioning_doc_t want;
     if (parse_bucket_versioning_xmlstring(body, &want) != 0)
         return fail(r, ORBS3_S3_MALFORMED_XML);
+    // A bucket whose versioning was never set is status 0 with save_num 0. Suspending with SaveNum 0 keeps
+    // no version either, as any number below 1 does, and is stored as -1 so the bucket still reads as one
+    // whose versioning was set: its versions keep their ids in replies.
+    if (want.status == 0 && want.save_num == 0)
+        want.save_num = -1;
     if (want.status == 1 && neo_mkdir_p(neo_getstr(&b->version_dir), ORBS3_DIR_MODE) != 0) {
         ipd_log(LOG_ERR, "version directory %s not made", neo_getstr(&b->version_dir));
         return fail(r, ORBS3_S3_INTERNAL_ERROR);
