@@ -5,6 +5,8 @@ bucket's authority list. One daemon serves the module.
 """
 
 import os
+import re
+import time
 import xml.etree.ElementTree as ET
 
 import pytest
@@ -15,7 +17,25 @@ from test_worker import DATE, check_error_reply
 USER = "vc-user"
 ADMIN = "admin"
 
-tenant = tenant_fixture("vc", "--user", USER)
+AGED = "recy-aged"
+YOUNG_CONTENT = "k..2026_01_02_03_04_05-000001abcdef01"
+
+
+def prepare(t):
+    """A bucket with a recycle bound, its recycle tree holding a content that entered it just now and an
+    empty directory idle for an hour, before the worker's first recycle pass (a minute after start)."""
+    t.client().create_bucket(Bucket=AGED)
+    assert t.one_reply(t.signed("PUT", f"/{AGED}?bucketrecycleconf",
+                                b"<RecycleConf><Days>1</Days></RecycleConf>")).startswith(b"HTTP/1.1 200 OK")
+    root = t.recycle(AGED)
+    os.makedirs(os.path.join(root, "d", "idle"))
+    with open(os.path.join(root, "d", YOUNG_CONTENT), "w") as f:
+        f.write("young")
+    hour_ago = time.time() - 3600
+    os.utime(os.path.join(root, "d", "idle"), (hour_ago, hour_ago))
+
+
+tenant = tenant_fixture("vc", "--user", USER, prepare=prepare)
 
 S3_DECL = b'<?xml version="1.0" encoding="UTF-8"?>\n'
 VC_OPEN = b'<VersioningConfiguration xmlns="http://s3.amazonaws.com/doc/2006-03-01/"'
@@ -189,3 +209,18 @@ def test_each_setting_needs_its_permission(tenant, granted, versioning_ok, recyc
     rec = record(tenant, bucket)
     assert rec.find("version").get("status") == "ENABLED"
     assert rec.get("recycle_days") == "5"
+
+
+def test_worker_pass_keeps_the_recycle_bound(tenant):
+    """The worker's first pass, a minute after start, walks the bucket with a bound: it keeps what entered
+    the tree within the bound, removes the directory that stood empty and idle, never the tree's root,
+    and tells at info level what it did."""
+    tenant.daemon.wait_log(r"INFO, recycle pass: \d+ buckets with an age bound", timeout=90)
+    log = tenant.daemon.log()
+    assert re.search(rf"INFO, recycle bin of bucket {AGED}: 0 contents \(0 bytes\) older than 1 days removed, "
+                     r"1 empty directories, 0 failures", log), log
+    assert re.search(r"INFO, recycle pass: \d+ buckets with an age bound, 0 contents \(0 bytes\) removed, "
+                     r"1 empty directories, 0 failures", log), log
+    root = tenant.recycle(AGED)
+    assert sorted(os.listdir(root)) == ["d"]
+    assert os.listdir(os.path.join(root, "d")) == [YOUNG_CONTENT]
