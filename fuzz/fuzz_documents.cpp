@@ -130,12 +130,35 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
               check_str(k->version_id, ORBS3_XML_DEL_KEY_MAX);
           }) <= ORBS3_XML_MAX_DEL_OBJECTS);
 
+    orbs3_versioning_doc_t versioning{7, 7};
+    rc = parse_bucket_versioning_xmlstring(text.get(), &versioning);
+    CHECK(rc == 0 || rc == -1);
+    CHECK(rc == 0 ? versioning.status <= 1 : (versioning.status == 7 && versioning.save_num == 7));
+    // What was read is written back and read again the same.
+    if (rc == 0) {
+        orbs3_versioning_doc_t back;
+        const std::string doc = make_bucket_versioning_xmlstring(versioning.status, versioning.save_num);
+        if (versioning.save_num > 0) {
+            CHECK(parse_bucket_versioning_xmlstring(doc.c_str(), &back) == 0);
+            CHECK(back.status == versioning.status && back.save_num == versioning.save_num);
+        }
+    }
+
+    int32_t days = -7;
+    rc = parse_bucket_recycle_conf_xmlstring(text.get(), &days);
+    CHECK(rc == 0 || rc == -1);
+    CHECK(rc == 0 ? days >= 0 : days == -7);
+
     // Beyond the bounds nothing is taken.
     if (!orbs3_xml_within_bounds(text.get(), ORBS3_XML_BODY_BOUNDS)) {
         neo_list_head_t l;
         INIT_LIST_HEAD(&l);
         CHECK(parse_del_objects_xmlstring(text.get(), &l, pool.get()) == -1);
         CHECK(parse_complete_multipart_upload_xmlstring(text.get(), &l, pool.get()) == -1);
+        orbs3_versioning_doc_t v;
+        CHECK(parse_bucket_versioning_xmlstring(text.get(), &v) == -1);
+        int32_t d = 0;
+        CHECK(parse_bucket_recycle_conf_xmlstring(text.get(), &d) == -1);
         CHECK(list_empty(&l));
     }
     check_text_round_trips(std::string_view(text.get(), std::strlen(text.get())), pool.get());

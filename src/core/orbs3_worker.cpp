@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <ctime>
 
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_vhost_file.h"
@@ -27,6 +28,7 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_storage_handlers.h"
+#include "versions/orbs3_recycle_age.h"
 
 orbs3_service_t* orbs3_service = nullptr;
 orbs3_connection_t* listen_c = nullptr;
@@ -95,6 +97,42 @@ void trace_counters()
     ipd_debug("connections accepted=%llu open=%lld closed=%llu free slots=%lld",
               static_cast<unsigned long long>(accepted), static_cast<long long>(orbs3_conn_counters.open.load()),
               static_cast<unsigned long long>(closed), static_cast<long long>(orbs3_conn_counters.free_slots.load()));
+}
+
+// The recycle bin's age bound is kept by a pass over every bucket of every vhost this worker serves, on
+// this main thread, which serves no request: a long walk delays only the worker's housekeeping, never a
+// client, and a stop asked meanwhile ends it between directories. Once shortly after start, then hourly:
+// the bound counts in days.
+constexpr uint64_t kRecycleFirstSec = 60;
+constexpr uint64_t kRecycleEverySec = 3600;
+orbs3_event_t g_recycle_ev;
+
+bool stop_asked()
+{
+    return process_terminate.load() != 0 || process_quit.load() != 0 || process_exit.load() != 0;
+}
+
+void recycle_pass(orbs3_event_t* ev)
+{
+    // The exit cancels timers by calling them without timedout: no walk then.
+    if (!ev->timedout || orbs3_service == nullptr)
+        return;
+    ev->timedout = 0;
+    const time_t now = std::time(nullptr);
+    orbs3_recycle_expired_t total;
+    int buckets = 0;
+    neo_list_head_t* pos;
+    list_for_each(pos, &orbs3_service->vhosts)
+    {
+        buckets += orbs3_recycle_expire_vhost(static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data), now, &total,
+                                              stop_asked);
+    }
+    ipd_log(LOG_INFO,
+            "recycle pass: %d buckets with an age bound, %llu contents (%llu bytes) removed, %llu empty "
+            "directories, %llu failures",
+            buckets, static_cast<unsigned long long>(total.contents), static_cast<unsigned long long>(total.bytes),
+            static_cast<unsigned long long>(total.dirs), static_cast<unsigned long long>(total.failed));
+    neo_event_add_timer(ev, kRecycleEverySec);
 }
 
 // Unlinks the vhost's node from the worker's service list and frees the vhost: the worker owns its copy.
@@ -468,6 +506,9 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
     if (orbs3_create_worker_threads() != 0)
         std::exit(-1);
 
+    g_recycle_ev.handler = recycle_pass;
+    neo_event_add_timer(&g_recycle_ev, kRecycleFirstSec);
+
     orbs3_list_vhost_for_debug();
     orbs3_service->started = 1;
     ipd_debug("worker process %s started", title);
@@ -489,6 +530,7 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
         }
         trace_counters();
         wait_one_second();
+        neo_event_expire_timers();
     }
     worker_exit();
 }

@@ -35,8 +35,8 @@ orbs3_s3_event_t s3_events[] = {
     {"PutBucketLifeCycle", 0x19, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_lifecycle
     {"GetBucketLifeCycle", 0x20, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_lifecycle
     {"DeleteBucketLifeCycle", 0x21, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_lifecycle
-    {"PutBucketVersioning", 0x22, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_versioning
-    {"GetBucketVersioning", 0x23, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_versioning
+    {"PutBucketVersioning", 0x22, nullptr, 1, 0},
+    {"GetBucketVersioning", 0x23, nullptr, 1, 0},
     {"PutBucketBlacklist", 0x24, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_blacklist
     {"PutBucketBlacklistStatus", 0x35, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_blacklist_status
     {"DeleteBucketBlacklist", 0x36, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_blacklist
@@ -62,8 +62,8 @@ orbs3_s3_event_t s3_events[] = {
     {"PutBucketVorneLifecycle", 0x50, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_lifecycle_vorne
     {"PutBucketVorneLifecycleEdit", 0x52, orbs3_s3_not_implemented, 1, 0},  // orbs3_edit_bucket_lifecycle_vorne
     {"DeleteBucketVorneLifecycle", 0x51, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_bucket_lifecycle_vorne
-    {"PutBucketRecycleConf", 0x53, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_recycle_conf
-    {"GetBucketRecycleConf", 0x54, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_recycle_conf
+    {"PutBucketRecycleConf", 0x53, nullptr, 1, 0},
+    {"GetBucketRecycleConf", 0x54, nullptr, 1, 0},
     {"PutBucketMigration", 0x34, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_migration
     {"PutObject", 0x101, nullptr, 0, 1},
     {"GetObject", 0x102, nullptr, 0, 0},

@@ -1,5 +1,6 @@
 #include "s3/orbs3_s3_documents.h"
 
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -123,6 +124,13 @@ constexpr ws_row del_objects_rows[] = {
 const char* del_objects_whitespace_cb(mxml_node_t* node, int where)
 {
     return ws_lookup(del_objects_rows, node, where);
+}
+
+// Nothing goes before the declaration: a document that does not start with it is not XML to a client.
+constexpr ws_row recycle_conf_rows[] = {{"RecycleConf", L, true}, {"Days", LC, false}};
+const char* recycle_conf_whitespace_cb(mxml_node_t* node, int where)
+{
+    return ws_lookup(recycle_conf_rows, node, where);
 }
 
 // Mini-XML writes control bytes in a text as they are, where a client's XML parser turns a carriage return
@@ -526,6 +534,78 @@ char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user)
     return make_acl(acl, user, make_bucket_acl_whitespace_cb);
 }
 
+namespace {
+
+// The root element of a loaded body when it is named `name`; null otherwise.
+mxml_node_t* root_named(mxml_node_t* holder, const char* name)
+{
+    for (mxml_node_t* n = mxmlGetFirstChild(holder); n != nullptr; n = mxmlGetNextSibling(n)) {
+        const char* e = mxmlGetElement(n);
+        if (e != nullptr && e[0] != '?' && e[0] != '!')
+            return std::strcmp(e, name) == 0 ? n : nullptr;
+    }
+    return nullptr;
+}
+
+// The element's text as a decimal number of 32 bits, blanks around it allowed; false for anything else,
+// an empty text included.
+bool elem_int32(mxml_node_t* node, const char* name, int32_t* out)
+{
+    const std::string word = elem_word(node, name);
+    const char* end = word.data() + word.size();
+    auto [p, ec] = std::from_chars(word.data(), end, *out);
+    return !word.empty() && ec == std::errc() && p == end;
+}
+
+}  // namespace
+
+// ---- versioning ----
+
+int parse_bucket_versioning_xmlstring(const char* text, orbs3_versioning_doc_t* out)
+{
+    if (out == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    mxml_node_t* root = doc != nullptr ? root_named(doc.get(), "VersioningConfiguration") : nullptr;
+    if (root == nullptr)
+        return -1;
+    const std::string status = elem_word(root, "Status");
+    orbs3_versioning_doc_t v;
+    if (strcasecmp(status.c_str(), "Enabled") == 0)
+        v.status = 1;
+    else if (strcasecmp(status.c_str(), "Suspended") != 0)
+        return -1;
+    if (orbs3_xml_find(root, "SaveNum") != nullptr && !elem_int32(root, "SaveNum", &v.save_num))
+        return -1;
+    *out = v;
+    return 0;
+}
+
+// ---- recycle bin ----
+
+int parse_bucket_recycle_conf_xmlstring(const char* text, int32_t* days)
+{
+    if (days == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    mxml_node_t* root = doc != nullptr ? root_named(doc.get(), "RecycleConf") : nullptr;
+    if (root == nullptr)
+        return -1;
+    int32_t d = 0;
+    if (orbs3_xml_find(root, "Days") != nullptr && (!elem_int32(root, "Days", &d) || d < 0))
+        return -1;
+    *days = d;
+    return 0;
+}
+
+char* make_bucket_recycle_conf_xmlstring(int32_t days)
+{
+    orbs3_xml_ptr xml = new_doc();
+    mxml_node_t* root = mxmlNewElement(xml.get(), "RecycleConf");
+    orbs3_xml_new_text_int(root, "Days", days);
+    return save_doc(xml.get(), recycle_conf_whitespace_cb);
+}
+
 // ---- multipart upload ----
 
 char* make_create_multipartupload_xmlstring(const char* bucket, const char* key, const char* upload_id)
@@ -596,6 +676,19 @@ std::string quoted(std::string_view etag)
 }
 
 }  // namespace
+
+std::string make_bucket_versioning_xmlstring(uint32_t status, int32_t save_num)
+{
+    std::string out;
+    out.append(kDocHead).append("<VersioningConfiguration").append(kS3Namespace);
+    if (status != 1 && save_num == 0)
+        return out.append("/>");
+    out.append(">");
+    elem(&out, "Status", status == 1 ? "Enabled" : "Suspended");
+    if (save_num > 0)
+        elem(&out, "SaveNum", std::to_string(save_num));
+    return out.append("</VersioningConfiguration>");
+}
 
 std::string orbs3_list_parts_xml(const orbs3_list_parts_doc_t& doc)
 {

@@ -124,6 +124,31 @@ struct orbs3_s3_bucket_row_t {
 [[nodiscard]] int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl);
 [[nodiscard]] char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user);
 
+// ---- versioning ----
+// A bucket's versioning setting as its documents carry it: status 1 enabled, 0 suspended; save_num, how
+// many old versions of a key stay (SaveNum, an extension of S3's document).
+struct orbs3_versioning_doc_t {
+    uint32_t status = 0;
+    int32_t save_num = 10;
+};
+// VersioningConfiguration with Status "Enabled" or "Suspended", in any case (MFADelete and other elements
+// are passed over), and an optional SaveNum, 10 when missing. 0; -1 for a body that does not load, whose
+// root is another element, whose Status is missing or another word, or whose SaveNum is not a decimal
+// number within 32 bits: S3 answers such a body MalformedXML, and a client must not find its bucket
+// suspended by a typing error.
+[[nodiscard]] int parse_bucket_versioning_xmlstring(const char* text, orbs3_versioning_doc_t* out);
+// The reply of GetBucketVersioning in S3's form, on one line: Status and, when save_num is above 0,
+// SaveNum. A bucket whose versioning was never set (status 0 and save_num 0) gets the empty element, which
+// clients read as "no Status".
+[[nodiscard]] std::string make_bucket_versioning_xmlstring(uint32_t status, int32_t save_num);
+
+// ---- recycle bin ----
+// RecycleConf with Days, the days a recycled content stays; a missing Days is 0 (kept for ever). 0; -1 for
+// a body that does not load, another root, or a Days that is not a decimal number from 0 to INT32_MAX: a
+// negative age means nothing, and a typing error must not read as "keep for ever".
+[[nodiscard]] int parse_bucket_recycle_conf_xmlstring(const char* text, int32_t* days);
+[[nodiscard]] char* make_bucket_recycle_conf_xmlstring(int32_t days);
+
 // ---- multipart upload ----
 [[nodiscard]] char* make_create_multipartupload_xmlstring(const char* bucket, const char* key, const char* upload_id);
 // Appends one orbs3_part_t per Part anywhere in the body.

@@ -19,6 +19,7 @@
 #include "memory/neo_string.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -171,6 +172,21 @@ orbs3_bucket_t* orbs3_get_bucket(const orbs3_vhost_t* vhost, const orbs3_user_t*
     if (b == nullptr)
         ipd_debug("bucket record %s can't be read", path);
     return b;
+}
+
+int orbs3_bucket_update(const char* meta_file, const std::function<int(orbs3_bucket_t*)>& change)
+{
+    if (meta_file == nullptr || meta_file[0] == '\0')
+        return -1;
+    orbs3_commit_lock_t lock;
+    if (orbs3_commit_lock(meta_file, &lock) != 0) {
+        ipd_log(LOG_ERR, "bucket record %s not locked: %s", meta_file, std::strerror(errno));
+        return -1;
+    }
+    orbs3_bucket_ptr fresh(read_bucket_file(meta_file));
+    if (!fresh || change(fresh.get()) != 0)
+        return -1;
+    return orbs3_save_bucket(fresh.get(), meta_file);
 }
 
 int orbs3_bucket_init(orbs3_vhost_t* vhost)

@@ -6,6 +6,7 @@
 // themselves; whoever fills a list frees its records with orbs3_free_bucket.
 #pragma once
 
+#include <functional>
 #include <string_view>
 
 #include "storage/orbs3_bucket.h"
@@ -33,6 +34,14 @@ struct orbs3_user_t;
 // orbs3_free_bucket. `user` is the requester and takes no part in the lookup.
 [[nodiscard]] orbs3_bucket_t* orbs3_get_bucket(const orbs3_vhost_t* vhost, const orbs3_user_t* user,
                                                std::string_view name);
+
+// Changes the bucket record at `meta_file` without losing a change another request makes meanwhile: every
+// writer of a live bucket's record holds an exclusive lock of the directory of records while it reads the
+// record again from its file, applies its change to that fresh copy and writes the whole record back. The
+// lock is on the directory because the record is replaced by rename. `change` gives 0 to write the record,
+// non-zero to leave it. 0; -1 when the lock can't be taken, the record can't be read or written, or
+// `change` refused.
+[[nodiscard]] int orbs3_bucket_update(const char* meta_file, const std::function<int(orbs3_bucket_t*)>& change);
 
 // Worker start: empties bucket_list, sets bucket_count to 0, then reads the records of every owner under
 // the meta root. 0, or -1 when the meta root can't be opened.

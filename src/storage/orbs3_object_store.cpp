@@ -234,17 +234,13 @@ int orbs3_object_write_record(const orbs3_user_t* owner, std::string_view key, c
 void orbs3_object_count_in_bucket(const orbs3_bucket_t* bucket, int64_t objects, int64_t bytes)
 {
     const char* meta_file = neo_getstr(&bucket->meta_file);
-    orbs3_bucket_t* fresh = orbs3_create_bucket_from_file(meta_file);
-    if (fresh == nullptr) {
-        ipd_log(LOG_ERR, "bucket record %s unreadable, statistics not changed", meta_file);
-        return;
-    }
     auto add = [](uint64_t v, int64_t d) { return d < 0 && v < static_cast<uint64_t>(-d) ? 0 : v + d; };
-    fresh->stat.object_count = add(fresh->stat.object_count, objects);
-    fresh->stat.storage_in_bytes = add(fresh->stat.storage_in_bytes, bytes);
-    if (orbs3_save_bucket(fresh, meta_file) != 0)
-        ipd_log(LOG_ERR, "bucket record %s not written: %s", meta_file, std::strerror(errno));
-    orbs3_free_bucket(fresh);
+    if (orbs3_bucket_update(meta_file, [&](orbs3_bucket_t* fresh) {
+            fresh->stat.object_count = add(fresh->stat.object_count, objects);
+            fresh->stat.storage_in_bytes = add(fresh->stat.storage_in_bytes, bytes);
+            return 0;
+        }) != 0)
+        ipd_log(LOG_ERR, "bucket record %s: statistics not changed: %s", meta_file, std::strerror(errno));
 }
 
 orbs3_object_before_t orbs3_object_before_commit(const char* data_path)

@@ -10,6 +10,7 @@
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
 #include "storage/orbs3_version_handlers.h"
+#include "versions/orbs3_version_conf.h"
 
 int orbs3_storage_install_handlers()
 {
@@ -46,6 +47,10 @@ int orbs3_storage_install_handlers()
         {"GetObjectVersion", orbs3_object_version_list_msg},
         {"PutBucketRecycle", orbs3_object_recycle_restore_msg},
         {"DeleteBucketRecycle", orbs3_delete_bucket_recycle_msg},
+        {"PutBucketVersioning", orbs3_put_bucket_versioning},
+        {"GetBucketVersioning", orbs3_get_bucket_versioning},
+        {"PutBucketRecycleConf", orbs3_put_bucket_recycle_conf},
+        {"GetBucketRecycleConf", orbs3_get_bucket_recycle_conf},
     };
     int rc = 0;
     for (const row& r : rows)

@@ -413,6 +413,10 @@ int parse_all(const char* text, orbs3_pool_t* pool)
     ok += parse_bucket_acl_xmlstring(text, &acl) == 0;
     ok += parse_complete_multipart_upload_xmlstring(text, &parts, pool) == 0;
     ok += parse_del_objects_xmlstring(text, &keys, pool) == 0;
+    orbs3_versioning_doc_t versioning;
+    ok += parse_bucket_versioning_xmlstring(text, &versioning) == 0;
+    int32_t days = 0;
+    ok += parse_bucket_recycle_conf_xmlstring(text, &days) == 0;
     return ok;
 }
 
@@ -658,3 +662,106 @@ TEST(S3Documents, DeepOrHugeBodiesAreRefusedBeforeLoading)
 }
 
 }  // namespace
+
+// The versioning setting a client sends: S3's clients send Status in its own spelling, and anything they
+// cannot have meant is refused rather than read as "suspended"; SaveNum is ours and defaults to 10.
+TEST(S3Documents, VersioningBodiesParseOrAreRefused)
+{
+    const std::string ns = " xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"";
+    struct row {
+        std::string body;
+        int rc;
+        uint32_t status;
+        int32_t save_num;
+    } rows[] = {
+        {"<VersioningConfiguration" + ns + "><Status>Enabled</Status></VersioningConfiguration>", 0, 1, 10},
+        {"<VersioningConfiguration><Status>Suspended</Status></VersioningConfiguration>", 0, 0, 10},
+        {"<VersioningConfiguration><Status> eNaBlEd\n</Status></VersioningConfiguration>", 0, 1, 10},
+        {"<VersioningConfiguration><Status>SUSPENDED</Status><SaveNum>3</SaveNum></VersioningConfiguration>", 0, 0,
+         3},
+        {"<VersioningConfiguration><MfaDelete>Disabled</MfaDelete><Status>Enabled</Status>"
+         "<SaveNum> 0 </SaveNum></VersioningConfiguration>",
+         0, 1, 0},
+        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>-2</SaveNum></VersioningConfiguration>", 0, 1,
+         -2},
+        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>2147483647</SaveNum></VersioningConfiguration>",
+         0, 1, 2147483647},
+        {"<VersioningConfiguration><Status>bogus</Status></VersioningConfiguration>", -1, 0, 0},
+        {"<VersioningConfiguration><Status></Status></VersioningConfiguration>", -1, 0, 0},
+        {"<VersioningConfiguration><Status>Enabledx</Status></VersioningConfiguration>", -1, 0, 0},
+        {"<VersioningConfiguration><SaveNum>3</SaveNum></VersioningConfiguration>", -1, 0, 0},
+        {"<VersioningConfiguration/>", -1, 0, 0},
+        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>ten</SaveNum></VersioningConfiguration>", -1, 0,
+         0},
+        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum></SaveNum></VersioningConfiguration>", -1, 0, 0},
+        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>3x</SaveNum></VersioningConfiguration>", -1, 0,
+         0},
+        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>2147483648</SaveNum></VersioningConfiguration>",
+         -1, 0, 0},
+        {"<Other><VersioningConfiguration><Status>Enabled</Status></VersioningConfiguration></Other>", -1, 0, 0},
+        {"<VersioningConfiguration><Status>Enabled</Status>", -1, 0, 0},
+        {"", -1, 0, 0},
+    };
+    for (const row& r : rows) {
+        orbs3_versioning_doc_t got{7, 7};
+        EXPECT_EQ(parse_bucket_versioning_xmlstring(r.body.c_str(), &got), r.rc) << r.body;
+        if (r.rc == 0) {
+            EXPECT_EQ(got.status, r.status) << r.body;
+            EXPECT_EQ(got.save_num, r.save_num) << r.body;
+        } else {
+            EXPECT_EQ(got.status, 7u) << "a refused body leaves the setting alone: " << r.body;
+        }
+    }
+}
+
+TEST(S3Documents, VersioningReplyShowsWhatIsSet)
+{
+    const std::string head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<VersioningConfiguration"
+                             " xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"";
+    struct row {
+        uint32_t status;
+        int32_t save_num;
+        std::string tail;
+    } rows[] = {
+        {0, 0, "/>"},  // never set
+        {1, 10, "><Status>Enabled</Status><SaveNum>10</SaveNum></VersioningConfiguration>"},
+        {0, 10, "><Status>Suspended</Status><SaveNum>10</SaveNum></VersioningConfiguration>"},
+        {1, 0, "><Status>Enabled</Status></VersioningConfiguration>"},
+        {0, -1, "><Status>Suspended</Status></VersioningConfiguration>"},
+    };
+    for (const row& r : rows)
+        EXPECT_EQ(make_bucket_versioning_xmlstring(r.status, r.save_num), head + r.tail) << r.status << r.save_num;
+    // What the writer says, the parser reads back.
+    orbs3_versioning_doc_t back;
+    ASSERT_EQ(parse_bucket_versioning_xmlstring(make_bucket_versioning_xmlstring(1, 4).c_str(), &back), 0);
+    EXPECT_EQ(back.status, 1u);
+    EXPECT_EQ(back.save_num, 4);
+}
+
+TEST(S3Documents, RecycleConfBodiesParseOrAreRefused)
+{
+    struct row {
+        const char* body;
+        int rc;
+        int32_t days;
+    } rows[] = {
+        {"<RecycleConf><Days>7</Days></RecycleConf>", 0, 7},
+        {"<RecycleConf><Days> 0 </Days></RecycleConf>", 0, 0},
+        {"<RecycleConf/>", 0, 0},
+        {"<RecycleConf><Days>2147483647</Days></RecycleConf>", 0, 2147483647},
+        {"<RecycleConf><Days>-1</Days></RecycleConf>", -1, 0},
+        {"<RecycleConf><Days>seven</Days></RecycleConf>", -1, 0},
+        {"<RecycleConf><Days></Days></RecycleConf>", -1, 0},
+        {"<RecycleConf><Days>99999999999</Days></RecycleConf>", -1, 0},
+        {"<Other><RecycleConf><Days>7</Days></RecycleConf></Other>", -1, 0},
+        {"<RecycleConf><Days>7</Days>", -1, 0},
+        {"", -1, 0},
+    };
+    for (const row& r : rows) {
+        int32_t got = 55;
+        EXPECT_EQ(parse_bucket_recycle_conf_xmlstring(r.body, &got), r.rc) << r.body;
+        EXPECT_EQ(got, r.rc == 0 ? r.days : 55) << r.body;
+    }
+    EXPECT_EQ(take(make_bucket_recycle_conf_xmlstring(7)),
+              kDecl + "\n<RecycleConf>\n\r<Days>7</Days>\n</RecycleConf>\n");
+}

@@ -9,9 +9,12 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
+#include <vector>
 
 #include "control/orbs3_service.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_object_store.h"
 #include "storage/orbs3_record.h"
 #include "storage/storage_fixture.h"
 
@@ -281,3 +284,50 @@ TEST_F(BucketStore, UserListHoldsOnlyThatOwnersBuckets)
 }
 
 }  // namespace
+
+// A settings change and the statistics of concurrent writes each read, change and write the whole record:
+// without the record lock one of them writes back a copy older than the other's change, and a count or
+// the versioning setting is lost.
+TEST_F(BucketStore, ConcurrentRecordChangesAreAllKept)
+{
+    const std::string path = put(alice_, "busy");
+    ASSERT_FALSE(path.empty());
+    bucket_ptr b(orbs3_get_bucket(&vh_, nullptr, "busy"));
+    ASSERT_TRUE(b);
+    ASSERT_EQ(orbs3_bucket_init_path(&vh_, nullptr, b.get(), "busy"), 0);
+    constexpr int kThreads = 4, kEach = 25;
+    std::vector<std::thread> threads;
+    for (int t = 0; t < kThreads; t++)
+        threads.emplace_back([&] {
+            for (int i = 0; i < kEach; i++)
+                orbs3_object_count_in_bucket(b.get(), 1, 10);
+        });
+    threads.emplace_back([&] {
+        for (int i = 0; i < kEach; i++)
+            EXPECT_EQ(orbs3_bucket_update(path.c_str(), [i](orbs3_bucket_t* fresh) {
+                          fresh->versioning.status = 1;
+                          fresh->versioning.save_num = i + 1;
+                          return 0;
+                      }),
+                      0);
+    });
+    for (auto& t : threads)
+        t.join();
+    bucket_ptr after(orbs3_create_bucket_from_file(path.c_str()));
+    ASSERT_TRUE(after);
+    EXPECT_EQ(after->stat.object_count, 7u + kThreads * kEach);
+    EXPECT_EQ(after->stat.storage_in_bytes, 10u * kThreads * kEach);
+    EXPECT_EQ(after->versioning.status, 1u);
+    EXPECT_EQ(after->versioning.save_num, kEach);
+
+    // A change that refuses writes nothing; a record that is gone is not made again.
+    EXPECT_EQ(orbs3_bucket_update(path.c_str(), [](orbs3_bucket_t* fresh) {
+                  fresh->recycle_days = 9;
+                  return -1;
+              }),
+              -1);
+    after.reset(orbs3_create_bucket_from_file(path.c_str()));
+    EXPECT_EQ(after->recycle_days, 0);
+    EXPECT_EQ(orbs3_bucket_update((path + "-gone").c_str(), [](orbs3_bucket_t*) { return 0; }), -1);
+    EXPECT_FALSE(fs::exists(path + "-gone"));
+}
