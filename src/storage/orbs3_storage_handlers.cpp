@@ -9,6 +9,7 @@
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
+#include "versions/orbs3_list_versions.h"
 
 int orbs3_storage_install_handlers()
 {
@@ -40,6 +41,9 @@ int orbs3_storage_install_handlers()
         {"ListParts", orbs3_list_parts_object},
         {"ListMultipartUploads", orbs3_list_multipart_uploads},
         {"GetBucketLocation", orbs3_get_bucket_location},
+        {"GetBucketVersions", orbs3_list_object_versions},
+        {"GetBucketObjVer", orbs3_get_bucket_object_version},
+        {"GetBucketRecycle", orbs3_get_bucket_recycle},
     };
     int rc = 0;
     for (const row& r : rows)
