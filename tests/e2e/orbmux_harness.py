@@ -416,6 +416,9 @@ class Tenant:
     def recycle(self, bucket, key=""):
         return os.path.join(self.root, "recycle", self.user, bucket, key)
 
+    def version(self, bucket, key=""):
+        return os.path.join(self.root, "version", self.user, bucket, key)
+
     def temp_files(self):
         """Every temporary file of the data and meta trees: a commit in the making, or one left behind."""
         found = []
