@@ -13,6 +13,9 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <system_error>
+
+#include <unistd.h>
 
 #include "memory/neo_files.h"
 #include "memory/orbs3_palloc.h"
@@ -54,8 +57,9 @@ bool lay_out()
 {
     g_meta = g_root + "/meta";
     g_version = g_root + "/version";
-    std::filesystem::create_directories(g_meta);
-    std::filesystem::create_directories(g_version);
+    std::error_code ec;
+    std::filesystem::create_directories(g_meta, ec);
+    std::filesystem::create_directories(g_version, ec);
     for (int i = 0; i < kKeys; i++) {
         char key[32];
         std::snprintf(key, sizeof key, "k%05d", i);
@@ -118,14 +122,15 @@ int main(int argc, char** argv)
 {
     benchmark::Initialize(&argc, argv);
     const char* tmp = argc > 1 ? argv[1] : std::getenv("TMPDIR");
-    g_root = std::string(tmp != nullptr ? tmp : "/tmp") + "/orbmux-version-list-bench";
-    std::filesystem::remove_all(g_root);
+    g_root = std::string(tmp != nullptr ? tmp : "/tmp") + "/orbmux-version-list-bench-" + std::to_string(getpid());
+    std::error_code ec;
+    std::filesystem::remove_all(g_root, ec);
     if (!lay_out()) {
         std::fprintf(stderr, "laying out the trees under %s failed\n", g_root.c_str());
         return 1;
     }
     benchmark::RunSpecifiedBenchmarks();
     benchmark::Shutdown();
-    std::filesystem::remove_all(g_root);
+    std::filesystem::remove_all(g_root, ec);
     return 0;
 }

@@ -101,9 +101,11 @@ int orbs3_key_walk::next(orbs3_walk_key_t* out)
         }
         if (!wanted(k))
             continue;
+        out->files.clear();
+        for (uint32_t i = e.first; i != kNone; i = f.files[i].next)
+            out->files.emplace_back(f.names, f.files[i].at, f.files[i].len);
         out->rel = k;
         out->key = std::move(k);
-        out->files = std::move(e.files);
         return 1;
     }
     return 0;
@@ -186,11 +188,18 @@ int orbs3_key_walk::push(const std::string& p)
             gk.assign(key_name);
             auto [at, fresh] = groups.try_emplace(gk, f.entries.size());
             if (fresh)
-                f.entries.push_back(entry_t{gk, false, {}});
-            f.entries[at->second].files.emplace_back(name);
+                f.entries.push_back(entry_t{gk, false});
+            if (f.files.size() >= kNone || f.names.size() + name.size() >= kNone)
+                continue;  // billions of names in one directory: the rest is not listed
+            entry_t& e = f.entries[at->second];
+            const auto i = static_cast<uint32_t>(f.files.size());
+            f.files.push_back({static_cast<uint32_t>(f.names.size()), static_cast<uint32_t>(name.size()), kNone});
+            f.names.append(name);
+            (e.first == kNone ? e.first : f.files[e.last].next) = i;
+            e.last = i;
             continue;
         }
-        f.entries.push_back(entry_t{k.substr(p.size()), type == DT_DIR, {}});
+        f.entries.push_back(entry_t{k.substr(p.size()), type == DT_DIR});
     }
     stack_.push_back(std::move(f));
     return 0;

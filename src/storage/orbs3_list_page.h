@@ -82,14 +82,23 @@ private:
         bool passes(std::string_view k) const;
         bool may_enter(std::string_view p) const;
     };
+    static constexpr uint32_t kNone = UINT32_MAX;
     struct entry_t {
         std::string sort_name;  // a directory's name ends in "/"
         bool dir;
-        std::vector<std::string> files;
+        uint32_t first = kNone, last = kNone;  // a grouping tree: the key's chain in frame_t::files
+    };
+    // A grouping tree's file names lie in one buffer of their directory, chained per key, so that
+    // reading a directory of many old contents costs no allocation per file.
+    struct file_t {
+        uint32_t at, len;
+        uint32_t next;
     };
     struct frame_t {
         std::string prefix;  // the key prefix of this directory: "" or ending in "/"
         std::vector<entry_t> entries;
+        std::string names;
+        std::vector<file_t> files;
         std::size_t pos = 0;
         std::size_t sorted = 0;
         bool marker = false;  // the directory object's record is still to be given

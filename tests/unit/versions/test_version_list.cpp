@@ -35,17 +35,17 @@ enum class old_kind {
     half,       // record only, no marker: a crash between the two moves; never listed
 };
 
-struct old_spec {
+struct old_entry {
     std::string suffix;
     old_kind kind;
     bool null_id = false;  // the record says "null" (kept while versioning was off)
 };
 
-struct key_spec {
+struct key_history {
     std::string key;
     bool live = false;
     std::string live_id;        // empty: "null"
-    std::vector<old_spec> olds;  // newest first
+    std::vector<old_entry> olds;  // newest first
 };
 
 struct row {
@@ -101,21 +101,21 @@ uint64_t size_of(const std::string& key, const std::string& suffix)
     return (std::hash<std::string>{}(key + "|" + suffix) % 5000) + 1;
 }
 
-// A bucket's meta and version trees laid out from specs, with things in them that are no content.
+// A bucket's meta and version trees laid out from key histories, with things in them that are no content.
 struct trees {
     temp_dir dir;
     std::string meta = dir("meta"), version = dir("version");
 
-    void lay(const std::vector<key_spec>& keys)
+    void lay(const std::vector<key_history>& keys)
     {
         ASSERT_EQ(neo_mkdir_p(meta.c_str(), 0700), 0);
         ASSERT_EQ(neo_mkdir_p(version.c_str(), 0700), 0);
-        for (const key_spec& k : keys) {
+        for (const key_history& k : keys) {
             if (k.live) {
                 const std::string path = meta + "/" + k.key + (k.key.ends_with('/') ? ".orbs3-dir" : "");
                 write_file(path, record_text(k.key, size_of(k.key, ""), k.live_id, false, "2026-11-24T11:00:00.000Z"));
             }
-            for (const old_spec& o : k.olds) {
+            for (const old_entry& o : k.olds) {
                 orbs3_version_file_t f;
                 ASSERT_EQ(orbs3_version_paths(version, k.key, o.suffix, &f), 0) << k.key;
                 const uint64_t size = size_of(k.key, o.suffix);
@@ -135,16 +135,16 @@ struct trees {
 };
 
 // The rows the model says for `keys` under prefix and delimiter.
-std::vector<row> model(std::vector<key_spec> keys, const std::string& prefix, const std::string& delim)
+std::vector<row> model(std::vector<key_history> keys, const std::string& prefix, const std::string& delim)
 {
-    std::sort(keys.begin(), keys.end(), [](const key_spec& a, const key_spec& b) { return a.key < b.key; });
+    std::sort(keys.begin(), keys.end(), [](const key_history& a, const key_history& b) { return a.key < b.key; });
     std::vector<row> out;
     std::string last_cp;
-    for (const key_spec& k : keys) {
+    for (const key_history& k : keys) {
         std::vector<row> rows;
         if (k.live)
             rows.push_back({"V", k.key, k.live_id.empty() ? "null" : k.live_id, true});
-        for (const old_spec& o : k.olds) {
+        for (const old_entry& o : k.olds) {
             if (o.kind == old_kind::half)
                 continue;
             const std::string id = o.kind == old_kind::bare ? o.suffix : o.null_id ? "null" : o.suffix;
@@ -227,7 +227,7 @@ void check_paging(const trees& t, const std::vector<row>& whole, const std::stri
     }
 }
 
-std::vector<key_spec> hand_keys()
+std::vector<key_history> hand_keys()
 {
     return {
         // ".." in names and directories: a version name splits at its last "..".
@@ -255,7 +255,7 @@ std::vector<key_spec> hand_keys()
 
 TEST(VersionList, ListsLiveAndOldContentsInKeyOrderNewestFirst)
 {
-    const std::vector<key_spec> keys = hand_keys();
+    const std::vector<key_history> keys = hand_keys();
     trees t;
     t.lay(keys);
     struct view {
@@ -272,7 +272,7 @@ TEST(VersionList, ListsLiveAndOldContentsInKeyOrderNewestFirst)
 
 TEST(VersionList, RowsCarryTheirOwnContentsFields)
 {
-    const std::vector<key_spec> keys = hand_keys();
+    const std::vector<key_history> keys = hand_keys();
     trees t;
     t.lay(keys);
     orbs3_pool_ptr pool(orbs3_create_mem_block(4096));
@@ -310,7 +310,7 @@ TEST(VersionList, RowsCarryTheirOwnContentsFields)
 
 TEST(VersionList, ResumePoints)
 {
-    const std::vector<key_spec> keys = hand_keys();
+    const std::vector<key_history> keys = hand_keys();
     trees t;
     t.lay(keys);
     const std::vector<row> all = model(keys, "", "");
@@ -361,12 +361,12 @@ TEST(VersionList, ResumePoints)
 }
 
 // Random trees: keys from parts that sort around "/" and hold "..", each with a random history.
-std::vector<key_spec> random_keys(unsigned seed)
+std::vector<key_history> random_keys(unsigned seed)
 {
     static const std::vector<std::string> parts = {"a", "a.", "a..b", "b", "-", "0", "x y", "\xc3\xa9", "k..", "ab"};
     std::mt19937 rng(seed);
     auto pick = [&](std::size_t n) { return std::uniform_int_distribution<std::size_t>(0, n - 1)(rng); };
-    std::map<std::string, key_spec> keys;
+    std::map<std::string, key_history> keys;
     std::set<std::string> dirs;
     unsigned tail = 1;
     for (int i = 0; i < 14; i++) {
@@ -381,7 +381,7 @@ std::vector<key_spec> random_keys(unsigned seed)
             continue;
         for (std::size_t at = key.find('/'); at != std::string::npos; at = key.find('/', at + 1))
             dirs.insert(key.substr(0, at));
-        key_spec k{key, pick(3) != 0, "", {}};
+        key_history k{key, pick(3) != 0, "", {}};
         if (k.live && pick(2) == 0)
             k.live_id = suffix_of(59, 0, tail++);
         for (std::size_t v = 0, n = pick(4); v < n; v++) {
@@ -391,7 +391,7 @@ std::vector<key_spec> random_keys(unsigned seed)
         }
         keys[key] = k;
     }
-    std::vector<key_spec> out;
+    std::vector<key_history> out;
     for (auto& [_, k] : keys)
         out.push_back(k);
     return out;
@@ -401,7 +401,7 @@ TEST(VersionList, EveryPageSizeOfRandomTreesGivesEveryRowOnce)
 {
     for (unsigned seed : {1u, 2u, 3u, 4u}) {
         SCOPED_TRACE("seed " + std::to_string(seed));
-        const std::vector<key_spec> keys = random_keys(seed);
+        const std::vector<key_history> keys = random_keys(seed);
         trees t;
         t.lay(keys);
         for (const char* delim : {"", "/", ".."}) {
