@@ -291,3 +291,38 @@ def test_flat_listings_of_the_version_and_recycle_trees(tenant):
     for word in ("bucketobjver", "recycle"):
         for prefix in ("../..", "../" + USER, "d/../..", ".orbs3-tmp"):
             assert "<Code>InvalidArgument</Code>" in flat(tenant, word, {"prefix": prefix}, status=400), prefix
+
+
+def test_every_listing_runs_the_access_check_of_list_objects(tenant):
+    """A bucket whose address rule for this peer grants one bucket permission: each listing of old contents
+    is refused or answered exactly as ListObjects is."""
+    s3 = tenant.client()
+    s3.create_bucket(Bucket="guarded")
+    path = os.path.join(tenant.root, "meta", USER, "bucket", "guarded")
+
+    def grant(permission):
+        tree = ET.parse(path)
+        root = tree.getroot()
+        root.set("authaddr_status", "start")
+        for old in root.findall("authaddr_list"):
+            root.remove(old)
+        rule = ET.SubElement(ET.SubElement(root, "authaddr_list"), "rule", id="a1", status="start")
+        ET.SubElement(rule, "addrs", addr="127.0.0.1", mask="32")
+        ET.SubElement(rule, "bucket", **{permission: "yes"})
+        ET.SubElement(rule, "object")
+        tree.write(path + ".new", xml_declaration=True, encoding="utf-8")
+        os.rename(path + ".new", path)
+
+    def statuses():
+        out = []
+        for query in ("", "?versions", "?bucketobjver", "?recycle"):
+            reply = tenant.one_reply(tenant.signed("GET", "/guarded" + query))
+            out.append(status_of(reply))
+            if status_of(reply) == 403:
+                assert b"<Code>AccessDenied</Code>" in reply, reply
+        return out
+
+    grant("read")
+    assert statuses() == [403] * 4
+    grant("list")
+    assert statuses() == [200] * 4
