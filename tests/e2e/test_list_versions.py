@@ -326,3 +326,18 @@ def test_every_listing_runs_the_access_check_of_list_objects(tenant):
     assert statuses() == [403] * 4
     grant("list")
     assert statuses() == [200] * 4
+
+
+def test_aws_cli_and_rclone_list_the_versions(tenant, tmp_path):
+    from orbmux_harness import run
+    import json
+    env = tenant.env(str(tmp_path))
+    out = json.loads(run(tenant.aws() + ["s3api", "list-object-versions", "--bucket", BUCKET, "--page-size", "2"], env))
+    assert sorted((v["Key"], v["VersionId"]) for v in out["Versions"]) == \
+        sorted((k, i) for kind, k, i, _ in model() if kind == "V")
+    assert sorted((m["Key"], m["VersionId"], m["IsLatest"]) for m in out["DeleteMarkers"]) == \
+        sorted((k, i, latest) for kind, k, i, latest in model() if kind == "D")
+    # rclone shows every version but the markers, the older ones under a name that carries their time.
+    lines = run(["/usr/bin/rclone", "lsf", "-R", "--files-only", "--s3-versions", "--s3-list-chunk", "3",
+                 "--s3-no-check-bucket", f"om:{BUCKET}"], tenant.rclone(str(tmp_path))).splitlines()
+    assert len(lines) == len([r for r in model() if r[0] == "V" and not r[1].endswith("/")]), lines
