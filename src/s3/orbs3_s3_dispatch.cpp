@@ -57,7 +57,7 @@ orbs3_s3_event_t s3_events[] = {
     {"GetBucketQuota", 0x29, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_quota
     {"PutBucketRename", 0x30, nullptr, 1, 0},
     {"PutBucketRecycle", 0x31, nullptr, 1, 0},
-    {"GetBucketRecycle", 0x32, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_recycle
+    {"GetBucketRecycle", 0x32, nullptr, 1, 0},
     {"DeleteBucketRecycle", 0x33, nullptr, 1, 0},
     {"PutBucketVorneLifecycle", 0x50, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_bucket_lifecycle_vorne
     {"PutBucketVorneLifecycleEdit", 0x52, orbs3_s3_not_implemented, 1, 0},  // orbs3_edit_bucket_lifecycle_vorne
@@ -74,7 +74,7 @@ orbs3_s3_event_t s3_events[] = {
     {"PutObjectVersionRestore", 0x107, nullptr, 1, 0},
     {"DeleteObjectVersion", 0x107, nullptr, 1, 0},
     {"GetObjectVersion", 0x107, nullptr, 1, 0},
-    {"GetBucketObjVer", 0x107, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_object_version
+    {"GetBucketObjVer", 0x107, nullptr, 1, 0},
     {"PutObjectAcl", 0x108, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_acl
     {"GetObjectAcl", 0x109, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_object_acl
     {"PutObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_tagging
@@ -124,6 +124,7 @@ orbs3_s3_event_t s3_events[] = {
     {"DeleteServiceUserAk", 0x238, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_service_user_accesskey
     {"GetBucketLifeCycleHistory", 0x55, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_bucket_lifecycle_history
     {"GetBucketLocation", 0x56, nullptr, 1, 0},
+    {"GetBucketVersions", 0x57, nullptr, 1, 0},
     {"", 0, nullptr, 0, 0},
 };
 

@@ -787,6 +787,62 @@ std::string orbs3_list_uploads_xml(const orbs3_list_uploads_doc_t& doc)
     return out;
 }
 
+std::string orbs3_list_versions_xml(const orbs3_list_versions_doc_t& doc)
+{
+    auto enc = [&](std::string_view s) { return doc.url_encode ? orbs3_list_url_encode(s) : std::string(s); };
+    std::string out;
+    open_doc(&out, "ListVersionsResult");
+    elem(&out, "Name", doc.bucket);
+    elem(&out, "Prefix", enc(doc.prefix));
+    elem(&out, "KeyMarker", enc(doc.key_marker));
+    elem(&out, "VersionIdMarker", doc.version_id_marker);
+    elem(&out, "MaxKeys", std::to_string(doc.max_keys));
+    if (!doc.delimiter.empty())
+        elem(&out, "Delimiter", enc(doc.delimiter));
+    if (doc.url_encode)
+        elem(&out, "EncodingType", "url");
+    elem(&out, "IsTruncated", doc.truncated ? "true" : "false");
+    if (doc.truncated) {
+        elem(&out, "NextKeyMarker", enc(doc.next_key_marker));
+        if (!doc.next_version_id_marker.empty())
+            elem(&out, "NextVersionIdMarker", doc.next_version_id_marker);
+    }
+    if (doc.rows == nullptr) {
+        out.append("</ListVersionsResult>");
+        return out;
+    }
+    neo_list_head_t* pos;
+    list_for_each(pos, doc.rows) {
+        const auto* row = list_entry(pos, orbs3_version_row_t, link);
+        if (row->kind == orbs3_version_row_kind::common_prefix)
+            continue;
+        const bool marker = row->kind == orbs3_version_row_kind::delete_marker;
+        out.append(marker ? "<DeleteMarker>" : "<Version>");
+        elem(&out, "Key", enc(orbs3_str_view(row->key)));
+        elem(&out, "VersionId", orbs3_str_view(row->version_id));
+        elem(&out, "IsLatest", row->is_latest ? "true" : "false");
+        elem(&out, "LastModified", orbs3_str_view(row->last_modified));
+        if (!marker) {
+            if (row->etag.len != 0)
+                elem(&out, "ETag", quoted(orbs3_str_view(row->etag)));
+            elem(&out, "Size", std::to_string(row->size));
+            out.append("<StorageClass>STANDARD</StorageClass>");
+        }
+        identity(&out, "Owner", orbs3_str_view(row->owner_id), orbs3_str_view(row->owner_display_name));
+        out.append(marker ? "</DeleteMarker>" : "</Version>");
+    }
+    list_for_each(pos, doc.rows) {
+        const auto* row = list_entry(pos, orbs3_version_row_t, link);
+        if (row->kind != orbs3_version_row_kind::common_prefix)
+            continue;
+        out.append("<CommonPrefixes>");
+        elem(&out, "Prefix", enc(orbs3_str_view(row->key)));
+        out.append("</CommonPrefixes>");
+    }
+    out.append("</ListVersionsResult>");
+    return out;
+}
+
 // ---- batch delete ----
 
 int parse_del_objects_xmlstring(const char* text, neo_list_head_t* list, orbs3_pool_t* pool)

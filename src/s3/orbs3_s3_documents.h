@@ -120,6 +120,34 @@ struct orbs3_s3_bucket_row_t {
 // blank reads the key that is stored.
 [[nodiscard]] std::string orbs3_list_url_encode(std::string_view text);
 
+// ---- version list ----
+// One row of a ListObjectVersions page: a Version, a DeleteMarker, or a common prefix (in `key`).
+enum class orbs3_version_row_kind : uint8_t { version, delete_marker, common_prefix };
+struct orbs3_version_row_t {
+    neo_list_head_t link;
+    orbs3_version_row_kind kind;
+    bool is_latest;
+    orbs3_str_t key;
+    orbs3_str_t version_id;
+    orbs3_str_t last_modified;
+    orbs3_str_t etag;  // bare hex, quoted by the writer; empty (no ETag element) when not known
+    uint64_t size;
+    orbs3_str_t owner_id;
+    orbs3_str_t owner_display_name;
+};
+struct orbs3_list_versions_doc_t {
+    std::string_view bucket, prefix, delimiter, key_marker, version_id_marker;
+    // Shown on a truncated page; the id only when not empty (a page that ends in a common prefix).
+    std::string_view next_key_marker, next_version_id_marker;
+    int max_keys = 1000;
+    bool truncated = false;
+    bool url_encode = false;  // encoding-type=url: keys, prefixes, delimiter and key markers URL-encoded
+    neo_list_head_t* rows = nullptr;  // orbs3_version_row_t in listing order
+};
+// The ListVersionsResult of one page, written by hand like the other listings of several kinds of rows:
+// the Version and DeleteMarker rows in their order, then the CommonPrefixes.
+[[nodiscard]] std::string orbs3_list_versions_xml(const orbs3_list_versions_doc_t& doc);
+
 // ---- access control ----
 [[nodiscard]] int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl);
 [[nodiscard]] char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user);

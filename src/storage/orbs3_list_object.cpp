@@ -35,16 +35,6 @@ const cgiFormEntry* find(const cgiFormEntry* form, const char* key)
     return nullptr;
 }
 
-std::optional<std::string_view> value(const cgiFormEntry* form, const char* key)
-{
-    const cgiFormEntry* e = find(form, key);
-    if (e == nullptr)
-        return std::nullopt;
-    if (e->value == nullptr || e->value_length <= 0)
-        return std::string_view();
-    return std::string_view(e->value, static_cast<std::size_t>(e->value_length));
-}
-
 int fail(orbs3_http_request_t* r, uint32_t status)
 {
     std::string_view name = orbs3_str_view(r->req_msg.bucket);
@@ -56,20 +46,30 @@ int fail(orbs3_http_request_t* r, uint32_t status)
 
 }  // namespace
 
+std::optional<std::string_view> orbs3_list_param(const cgiFormEntry* form, const char* key)
+{
+    const cgiFormEntry* e = find(form, key);
+    if (e == nullptr)
+        return std::nullopt;
+    if (e->value == nullptr || e->value_length <= 0)
+        return std::string_view();
+    return std::string_view(e->value, static_cast<std::size_t>(e->value_length));
+}
+
 int orbs3_list_params_from_query(const cgiFormEntry* form, orbs3_list_params_t* p, const char** message)
 {
     auto refuse = [message](const char* text) {
         *message = text;
         return ORBS3_S3_INVALID_ARGUMENT;
     };
-    if (auto t = value(form, "list-type"); t && !t->empty()) {
+    if (auto t = orbs3_list_param(form, "list-type"); t && !t->empty()) {
         if (*t == "2")
             p->v2 = true;
         else if (*t != "1")
             return refuse("Invalid List Type specified in Request");
     }
     // A count beyond the page size is as good as the page size; anything but digits is refused.
-    if (auto m = value(form, "max-keys"); m && !m->empty()) {
+    if (auto m = orbs3_list_param(form, "max-keys"); m && !m->empty()) {
         int v = 0;
         for (char c : *m) {
             if (c < '0' || c > '9')
@@ -78,20 +78,20 @@ int orbs3_list_params_from_query(const cgiFormEntry* form, orbs3_list_params_t* 
         }
         p->max_keys = std::min(v, ORBS3_LIST_MAX_KEYS);
     }
-    if (auto e = value(form, "encoding-type"); e && !e->empty()) {
+    if (auto e = orbs3_list_param(form, "encoding-type"); e && !e->empty()) {
         if (*e != "url")
             return refuse("Invalid Encoding Method specified in Request");
         p->url = true;
     }
-    p->prefix = value(form, "prefix").value_or(std::string_view());
-    p->delimiter = value(form, "delimiter").value_or(std::string_view());
-    if (auto f = value(form, "fetch-owner"); f && f->size() == 4)
+    p->prefix = orbs3_list_param(form, "prefix").value_or(std::string_view());
+    p->delimiter = orbs3_list_param(form, "delimiter").value_or(std::string_view());
+    if (auto f = orbs3_list_param(form, "fetch-owner"); f && f->size() == 4)
         p->fetch_owner = strncasecmp(f->data(), "true", 4) == 0;
     if (p->v2) {
-        p->start_after = value(form, "start-after");
-        p->continuation = value(form, "continuation-token");
+        p->start_after = orbs3_list_param(form, "start-after");
+        p->continuation = orbs3_list_param(form, "continuation-token");
     } else {
-        p->marker = value(form, "marker");
+        p->marker = orbs3_list_param(form, "marker");
     }
     return 0;
 }

@@ -26,6 +26,10 @@ struct orbs3_list_params_t {
     bool fetch_owner = false;  // fetch-owner=true, in any case
 };
 
+// The value of the query parameter `key` in `form` (null for none), whole, a decoded %00 included; an
+// empty view for a parameter without value, nullopt when it is absent.
+[[nodiscard]] std::optional<std::string_view> orbs3_list_param(const cgiFormEntry* form, const char* key);
+
 // Fills `p` from the decoded query `form` (null for none). 0, or ORBS3_S3_INVALID_ARGUMENT with *message
 // set for what S3 refuses too: a list-type other than 1 or 2, a max-keys that is not a decimal count, an
 // encoding-type other than "url".

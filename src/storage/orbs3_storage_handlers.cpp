@@ -11,6 +11,7 @@
 #include "storage/orbs3_object_delete.h"
 #include "storage/orbs3_version_handlers.h"
 #include "versions/orbs3_version_conf.h"
+#include "versions/orbs3_list_versions.h"
 
 int orbs3_storage_install_handlers()
 {
@@ -51,6 +52,9 @@ int orbs3_storage_install_handlers()
         {"GetBucketVersioning", orbs3_get_bucket_versioning},
         {"PutBucketRecycleConf", orbs3_put_bucket_recycle_conf},
         {"GetBucketRecycleConf", orbs3_get_bucket_recycle_conf},
+        {"GetBucketVersions", orbs3_list_object_versions},
+        {"GetBucketObjVer", orbs3_get_bucket_object_version},
+        {"GetBucketRecycle", orbs3_get_bucket_recycle},
     };
     int rc = 0;
     for (const row& r : rows)

@@ -218,12 +218,15 @@ int orbs3_version_list_key(std::string_view tree, std::string_view key, std::vec
         }
         (record ? it->has_record : it->has_data) = true;
     }
-    std::sort(out->begin(), out->end(), [](const orbs3_version_entry_t& a, const orbs3_version_entry_t& b) {
-        if (a.stamp != b.stamp)
-            return a.stamp > b.stamp;
-        return std::strcmp(a.suffix, b.suffix) > 0;
-    });
+    std::sort(out->begin(), out->end(), orbs3_version_newer);
     return 0;
+}
+
+bool orbs3_version_newer(const orbs3_version_entry_t& a, const orbs3_version_entry_t& b)
+{
+    if (a.stamp != b.stamp)
+        return a.stamp > b.stamp;
+    return std::strcmp(a.suffix, b.suffix) > 0;
 }
 
 std::string_view orbs3_object_version_id(const orbs3_object_t* rec)

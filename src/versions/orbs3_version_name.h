@@ -86,6 +86,9 @@ struct orbs3_version_entry_t {
     bool has_data;    // the bytes are there
     bool has_record;  // the record is there
 };
+// Whether `a` is newer than `b`: the later stamp, then on one stamp the greater suffix (the later made).
+[[nodiscard]] bool orbs3_version_newer(const orbs3_version_entry_t& a, const orbs3_version_entry_t& b);
+
 // The contents of `key` in `tree`: names that are exactly "<name>..<suffix>" or the record prefix and
 // that (a key "a" does not see the versions of "ba" or "a..b"), joined by suffix, newest first (suffix
 // descending, which orders by stamp and then by the moment the name was made). A directory that does not

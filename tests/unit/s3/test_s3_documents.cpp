@@ -765,3 +765,55 @@ TEST(S3Documents, RecycleConfBodiesParseOrAreRefused)
     EXPECT_EQ(take(make_bucket_recycle_conf_xmlstring(7)),
               kDecl + "\n<RecycleConf>\n\r<Days>7</Days>\n</RecycleConf>\n");
 }
+namespace {
+
+// A version listing: rows in their order with CommonPrefixes last, a marker without size and ETag, a
+// content of unknown ETag without one, key texts URL-encoded on request and control bytes as references.
+TEST(S3Documents, VersionListLayout)
+{
+    orbs3_version_row_t rows[4]{};
+    rows[0] = {{}, orbs3_version_row_kind::version, true, S("k"), S("null"), S("2026-11-24T10:00:00.000Z"), S("abc"),
+               5, S("u"), S("alice")};
+    rows[1] = {{}, orbs3_version_row_kind::common_prefix, false, S("a b/"), {}, {}, {}, 0, {}, {}};
+    rows[2] = {{}, orbs3_version_row_kind::delete_marker, false, S("k"), S("v2"), S("t2"), S("e"), 9, S("u"), S("alice")};
+    rows[3] = {{}, orbs3_version_row_kind::version, false, S("k\x01+"), S("v1"), S("t1"), {}, 7, S("u"), S("alice")};
+    neo_list_head_t list;
+    INIT_LIST_HEAD(&list);
+    for (auto& r : rows)
+        list_add_tail(&r.link, &list);
+    orbs3_list_versions_doc_t doc;
+    doc.bucket = "b";
+    doc.prefix = "k";
+    doc.rows = &list;
+    const std::string owner = "<Owner><ID>u</ID><DisplayName>alice</DisplayName></Owner>";
+    EXPECT_EQ(orbs3_list_versions_xml(doc),
+              "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ListVersionsResult "
+              "xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><Name>b</Name><Prefix>k</Prefix><KeyMarker></KeyMarker>"
+              "<VersionIdMarker></VersionIdMarker><MaxKeys>1000</MaxKeys><IsTruncated>false</IsTruncated>"
+              "<Version><Key>k</Key><VersionId>null</VersionId><IsLatest>true</IsLatest>"
+              "<LastModified>2026-11-24T10:00:00.000Z</LastModified><ETag>&quot;abc&quot;</ETag><Size>5</Size>"
+              "<StorageClass>STANDARD</StorageClass>" + owner + "</Version>"
+              "<DeleteMarker><Key>k</Key><VersionId>v2</VersionId><IsLatest>false</IsLatest>"
+              "<LastModified>t2</LastModified>" + owner + "</DeleteMarker>"
+              "<Version><Key>k&#1;+</Key><VersionId>v1</VersionId><IsLatest>false</IsLatest>"
+              "<LastModified>t1</LastModified><Size>7</Size><StorageClass>STANDARD</StorageClass>" + owner +
+              "</Version><CommonPrefixes><Prefix>a b/</Prefix></CommonPrefixes></ListVersionsResult>");
+    // Truncated: the next markers, the id only when the page ended on a version; encoded texts.
+    doc.truncated = true;
+    doc.url_encode = true;
+    doc.delimiter = "/";
+    doc.key_marker = "a b";
+    doc.next_key_marker = "k\x01+";
+    doc.next_version_id_marker = "v1";
+    std::string got = orbs3_list_versions_xml(doc);
+    for (const char* part : {"<KeyMarker>a%20b</KeyMarker>", "<Delimiter>/</Delimiter><EncodingType>url</EncodingType>"
+                             "<IsTruncated>true</IsTruncated><NextKeyMarker>k%01%2B</NextKeyMarker>"
+                             "<NextVersionIdMarker>v1</NextVersionIdMarker>",
+                             "<Key>k%01%2B</Key>", "<Prefix>a%20b/</Prefix>"})
+        EXPECT_NE(got.find(part), std::string::npos) << part << "\n" << got;
+    doc.next_version_id_marker = {};
+    got = orbs3_list_versions_xml(doc);
+    EXPECT_EQ(got.find("NextVersionIdMarker"), std::string::npos) << got;
+}
+
+}  // namespace
