@@ -29,6 +29,7 @@
 #include "storage/orbs3_object_body.h"
 #include "storage/orbs3_object_write.h"
 #include "storage/orbs3_record.h"
+#include "versions/orbs3_version_name.h"
 
 namespace {
 
@@ -116,6 +117,20 @@ int orbs3_append_object(orbs3_http_request_t* r)
     struct stat data {};
     if (!st->record || lstat(st->path.data_path, &data) != 0 || !S_ISREG(data.st_mode))
         return ORBS3_S3_NO_SUCH_KEY;
+    // An append changes the bytes in place, and a version id must always name the same bytes: where
+    // versions are kept, or the object carries an id, new content comes whole, by PUT.
+    if (raw->versioning.status == 1) {
+        r->resp.message = "Appending is not allowed on a bucket with versioning enabled: an append changes an "
+                          "object's bytes in place, while a version id must always name the same bytes. Write "
+                          "the whole object with PUT instead.";
+        return ORBS3_S3_INVALID_BUCKET_STATE;
+    }
+    if (orbs3_object_version_id(st->record.get()) != ORBS3_NULL_VERSION_ID) {
+        r->resp.message = "Appending is not allowed to an object that has a version id: an append changes an "
+                          "object's bytes in place, while a version id must always name the same bytes. Write "
+                          "the whole object with PUT instead.";
+        return ORBS3_S3_INVALID_BUCKET_STATE;
+    }
 
     if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)
         return ORBS3_S3_MISSING_CONTENT_LENGTH;
