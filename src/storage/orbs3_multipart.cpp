@@ -32,6 +32,7 @@
 #include "storage/orbs3_object_body.h"
 #include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_object_copy.h"
+#include "storage/orbs3_object_read.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -125,7 +126,8 @@ int check_whole_checksum(orbs3_http_request_t* r, std::string_view alg, std::str
 int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
 {
     orbs3_str_t sb{}, sk{};
-    if (int rc = orbs3_parse_copy_source(r, r->pool, &sb, &sk); rc != 0)
+    std::string_view version;
+    if (int rc = orbs3_parse_copy_source(r, r->pool, &sb, &sk, &version); rc != 0)
         return rc;
     orbs3_bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, orbs3_str_view(sb)));
     if (!src)
@@ -136,17 +138,16 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return ORBS3_S3_ACCESS_DENIED;
     if (orbs3_bucket_init_path(r->vhost, r->user, src.get(), orbs3_str_view(sb)) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
-    char src_path[ORBS3_PATH_AREA];
-    if (orbs3_get_object_path(src.get(), orbs3_str_view(sk), src_path, nullptr, nullptr, nullptr) != 0)
+    orbs3_object_source_t source;
+    if (int rc = orbs3_open_copy_source(r, src.get(), orbs3_str_view(sk), version, &source); rc != 0)
+        return rc == ORBS3_S3_KEY_TOO_LONG ? ORBS3_S3_NO_SUCH_KEY : rc;
+    // A directory object has no bytes to copy.
+    if (!source.file.valid())
         return ORBS3_S3_NO_SUCH_KEY;
-    orbs3_fd in(open(src_path, O_RDONLY | O_CLOEXEC));
-    struct stat st;
-    if (in.get() < 0 || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return ORBS3_S3_NO_SUCH_KEY;
-    int64_t first = 0, len = st.st_size;
+    int64_t first = 0, len = source.size;
     std::string_view range;
     if (orbs3_http_find_header(r, "x-amz-copy-source-range", &range)) {
-        const int rc = orbs3_multipart_parse_copy_range(range, st.st_size, &first, &len);
+        const int rc = orbs3_multipart_parse_copy_range(range, source.size, &first, &len);
         if (rc == ORBS3_S3_INVALID_ARGUMENT)
             r->resp.message = "The x-amz-copy-source-range value must be of the form bytes=first-last where first "
                               "and last are the zero-based offsets of the first and last bytes to copy";
@@ -157,7 +158,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return ORBS3_S3_ENTITY_TOO_LARGE;
 
     orbs3_multipart_part_t part;
-    if (int rc = orbs3_multipart_copy_part(ctx->h, number, in.get(), first, len, &part); rc != 0)
+    if (int rc = orbs3_multipart_copy_part(ctx->h, number, source.file.get(), first, len, &part); rc != 0)
         return rc;
     char hex[2 * NEO_MD5_LEN + 1];
     *neo_hex(hex, part.md5, NEO_MD5_LEN) = '\0';

@@ -83,6 +83,9 @@ TEST_F(ObjectWrite, CopyOntoItselfWithVersioningKeepsTheOldContentApart)
     ASSERT_EQ(orbs3_object_copy_content(&src, &commit, true, &lock, etag), 0);
     EXPECT_TRUE(lock.dir.valid());
     EXPECT_TRUE(orbs3_version_id_valid(commit.version_id) && commit.version_id[0] != 'n');
+    meta.version_id = commit.version_id;
+    ASSERT_EQ(orbs3_object_write_record(&owner, "a/src", self.meta_path, self.data_path, etag, 5, commit.stamp, &meta),
+              0);
     orbs3_version_ref_t ref;
     ASSERT_EQ(orbs3_version_find(bucket_, "a/src", "null", &ref), 0);
     ASSERT_EQ(ref.place, orbs3_version_place_t::version);
