@@ -170,7 +170,6 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     return 0;
 }
 
-
 bool orbs3_object_says_version(const orbs3_bucket_t* bucket, std::string_view id)
 {
     return (!id.empty() && id != ORBS3_NULL_VERSION_ID) || orbs3_versioning_ever_set(bucket);

@@ -32,15 +32,12 @@ int read_test_pause()
     return ec == std::errc() && end == v.data() + v.size() && ms > 0 ? ms : 0;
 }
 
-// Read before main: workers forked from the master inherit it.
+// Test hook: the milliseconds a commit waits between keeping the old content and moving the new one in,
+// so that a test can kill a worker inside that window (docs/development.md). Read once, before main:
+// workers forked from the master inherit it. 0 (no wait) when unset or not a number.
 const int g_test_pause_ms = read_test_pause();
 
 }  // namespace
-
-int orbs3_commit_test_pause_ms()
-{
-    return g_test_pause_ms;
-}
 
 int orbs3_object_versionable(const orbs3_bucket_t* bucket, std::string_view key)
 {

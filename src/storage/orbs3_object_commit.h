@@ -65,8 +65,3 @@ struct orbs3_commit_t {
 // status (InternalError also when the old content could not be kept: it is then still live), `tmp` left
 // where it was for the caller to remove.
 [[nodiscard]] int orbs3_object_commit_file(const orbs3_conditional_t* c, const char* tmp, orbs3_commit_t* commit);
-
-// Test hook: the milliseconds a commit waits between keeping the old content and moving the new one in,
-// from ORBS3_TEST_VERSION_PAUSE_MS (read once, when the process starts; 0 when unset or not a number), so
-// that a test can kill a worker inside that window.
-[[nodiscard]] int orbs3_commit_test_pause_ms();

@@ -40,25 +40,24 @@ void describe(std::string_view key, time_t file_mtime, orbs3_object_source_t* ou
     }
 }
 
-// A key without a live object whose newest entry in the version tree is a delete marker: the marker's id
-// into `out`. Whether it is one.
-bool latest_is_marker(const orbs3_bucket_t* bucket, std::string_view key, orbs3_object_source_t* out)
+// For a key without a live object: when the newest entry of its versions is a delete marker, out says so
+// and gets the marker's id.
+void find_latest_marker(const orbs3_bucket_t* bucket, std::string_view key, orbs3_object_source_t* out)
 {
     const std::string_view tree(neo_getstr(&bucket->version_dir));
     std::vector<orbs3_version_entry_t> list;
     if (orbs3_version_list_key(tree, key, &list) != 0 || list.empty() || list.front().has_data ||
         !list.front().has_record)
-        return false;
+        return;
     orbs3_version_file_t f;
     if (orbs3_version_paths(tree, key, list.front().suffix, &f) != 0)
-        return false;
+        return;
     orbs3_object_ptr rec(orbs3_create_object_from_file(f.record));
     if (!rec || rec->delete_marker == 0)
-        return false;
+        return;
     const std::string_view id = orbs3_object_version_id(rec.get());
     std::snprintf(out->version_id, sizeof out->version_id, "%.*s", static_cast<int>(id.size()), id.data());
     out->delete_marker = true;
-    return true;
 }
 
 }  // namespace
@@ -88,7 +87,7 @@ int orbs3_object_open(const orbs3_bucket_t* bucket, std::string_view key, orbs3_
     if (key.back() != '/') {
         const int rc = orbs3_object_open_file(key, path.data_path, path.meta_path, out);
         if (rc == ORBS3_S3_NO_SUCH_KEY && orbs3_versioning_ever_set(bucket))
-            (void)latest_is_marker(bucket, key, out);
+            find_latest_marker(bucket, key, out);
         return rc;
     }
     char marker[ORBS3_PATH_AREA];
