@@ -10,6 +10,7 @@ import hashlib
 import os
 import re
 import signal
+import socket
 import threading
 import time
 
@@ -274,6 +275,23 @@ def test_append_is_refused_where_ids_name_bytes(tenant):
     code, reply = append(tenant, b, "other", 3, b"d")
     assert code == 200, reply
     assert s3.get_object(Bucket=b, Key="other")["Body"].read() == b"abcd"
+    # An append whose body is still coming when the object is replaced by content with an id is refused
+    # when it ends: its bytes never land in the content the id names.
+    s3.put_object(Bucket=b, Key="slow", Body=b"null")
+    body = b"appended"
+    data = tenant.signed("POST", f"/{b}/slow?append&position=4", body, close=True)
+    with socket.create_connection(("127.0.0.1", tenant.port), timeout=30) as s:
+        s.sendall(data[:-3])
+        time.sleep(0.5)
+        set_versioning(tenant, b, "Enabled")
+        vid = s3.put_object(Bucket=b, Key="slow", Body=b"with an id")["VersionId"]
+        s.sendall(data[-3:])
+        reply = b""
+        while chunk := s.recv(65536):
+            reply += chunk
+    assert status_of(reply) == 409 and b"InvalidBucketState" in reply, reply
+    assert s3.get_object(Bucket=b, Key="slow", VersionId=vid)["Body"].read() == b"with an id"
+    assert s3.get_object(Bucket=b, Key="slow", VersionId="null")["Body"].read() == b"null"
 
 
 def test_a_bucket_that_never_had_versioning_tells_no_ids(tenant):
