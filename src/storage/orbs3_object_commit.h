@@ -11,8 +11,8 @@
 // object's name, which fails when the name exists, also against a writer that takes no lock.
 // Limits: across nodes the lock is only as good as the cluster file system's flock (where a directory
 // can't be locked at all, commits go on without it and say so once in the log); writers that take no
-// lock (CopyObject on a bucket that never had versioning, DeleteObject, append) are ordered only by their
-// own renames.
+// lock (CopyObject and append on a bucket that never had versioning, DeleteObject) are ordered only by
+// their own renames.
 //
 // The commit is also where the content being replaced leaves its key: after the conditions and before
 // the rename, under the lock, orbs3_object_version_update keeps it as a version (or recycles it) as the
