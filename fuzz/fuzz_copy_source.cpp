@@ -2,7 +2,8 @@
 // byte even) or X-Copy-Source (odd) header of an otherwise fixed head, parsed as the connection parses
 // it. Checked after: a source that passes is a legal bucket name and a key every other request could
 // name (no "." or ".." or empty component, no NUL, no leading "/", no server names), both NUL-terminated
-// and no longer than the header; encoding the key again and parsing that gives the same bucket and key.
+// and no longer than the header; a version id it names is well-formed; encoding the key again and
+// parsing that gives the same bucket and key.
 #include <syslog.h>
 
 #include <cstddef>
@@ -22,6 +23,7 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_copy.h"
+#include "versions/orbs3_version_name.h"
 
 namespace {
 
@@ -45,13 +47,16 @@ int parse(std::string_view name, std::string_view value, std::string* bucket, st
     if (parser_http_request_handler(r) != 0)
         return -1;
     orbs3_str_t b{}, k{};
-    const int rc = orbs3_parse_copy_source(r, q.pool.get(), &b, &k);
+    std::string_view version;
+    const int rc = orbs3_parse_copy_source(r, q.pool.get(), &b, &k, &version);
     if (rc != 0) {
         CHECK(rc == static_cast<int>(ORBS3_S3_INVALID_ARGUMENT) || rc == static_cast<int>(ORBS3_S3_KEY_TOO_LONG) ||
               rc == static_cast<int>(ORBS3_S3_INVALID_URI) || rc == static_cast<int>(ORBS3_S3_INTERNAL_ERROR));
         return rc;
     }
     CHECK(b.data != nullptr && b.data[b.len] == '\0' && k.data != nullptr && k.data[k.len] == '\0');
+    // A version named is one this server could have made, so it can never name a path.
+    CHECK(version.empty() || orbs3_version_id_valid(version));
     CHECK(b.len + k.len < value.size());
     *bucket = std::string(orbs3_str_view(b));
     *key = std::string(orbs3_str_view(k));

@@ -30,6 +30,9 @@ struct orbs3_http_resp_t {
     char request_id[ORBS3_RESP_REQUEST_ID_LEN];  // 32 lower-case hex digits
     char resource[ORBS3_RESP_RESOURCE_LEN];      // the Resource of an error document
     const char* message;  // a message of the error's own instead of its row's (static text), or null
+    // Whole header lines an error reply carries besides its own (CRLF between them, in the request's
+    // pool), or null: what a delete marker answers with.
+    const char* headers;
 };
 
 // The list-based head of object downloads.

@@ -98,13 +98,15 @@ void orbs3_http_send_response_data_again(orbs3_event_t* ev);
 // nothing. The caller closes the connection.
 [[nodiscard]] int orbs3_http_send_error_page(orbs3_connection_t* c, uint32_t status);
 
-// An XML document, "Server: KELVANE 1.0".
+// An XML document, "Server: KELVANE 1.0". `extra`, when set, is one or more whole header lines (CRLF
+// between them, none at the end) behind the others: the version id of a write.
 [[nodiscard]] int orbs3_http_send_msg(orbs3_connection_t* c, uint32_t status, const char* body,
-                                      const char* connection, const char* origin);
+                                      const char* connection, const char* origin, const char* extra = nullptr);
 // An S3 error document, as orbs3_http_send_msg with an "x-amz-request-id" line: the id the document's
-// RequestId names.
+// RequestId names; `extra` as there (a delete marker's headers).
 [[nodiscard]] int orbs3_http_send_error_msg(orbs3_connection_t* c, uint32_t status, const char* request_id,
-                                            const char* body, const char* connection, const char* origin);
+                                            const char* body, const char* connection, const char* origin,
+                                            const char* extra = nullptr);
 // The answer to a preflight: both origin and the requested headers echoed.
 [[nodiscard]] int orbs3_http_send_options_msg(orbs3_connection_t* c, uint32_t status, const char* connection,
                                               const char* origin, const char* allow_headers);
@@ -131,8 +133,8 @@ ORBS3_HTTP_DOC_MSG(list_objects);
 #undef ORBS3_HTTP_DOC_MSG
 
 // With the ETag of the object: "Etag:" for put, "ETag:" for append and upload part. `extra`, when
-// set, is one more whole header line (without its CRLF) at the end: the checksum the write verified, which
-// clients compare with their own.
+// set, is one or more whole header lines (CRLF between them, none at the end) at the end: the checksum the
+// write verified, which clients compare with their own, and the version id of the content written.
 #define ORBS3_HTTP_ETAG_MSG(name)                                                                        \
     [[nodiscard]] int orbs3_http_send_##name##_msg(orbs3_connection_t* c, uint32_t status, const char* etag, \
                                                     const char* connection, const char* origin,           \

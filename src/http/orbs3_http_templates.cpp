@@ -37,10 +37,11 @@ constexpr tpl_line kTplC[] = {kDate, {"Etag: ", field::etag, false}, kConnection
 constexpr tpl_line kTplD[] = {kDate, {"ETag: ", field::etag, false}, kConnection, kNoLength, kCors, kServer, kExtra};
 constexpr tpl_line kTplG[] = {kDate, {"Location:/", field::bucket, false}, kNoLength, kConnection, kCors, kServer};
 constexpr tpl_line kTplH[] = {kDate, kNoLength, kCors, kConnection, kServer};
-constexpr tpl_line kTplI[] = {kDate, kLength, kConnection, kCors, {"Server: KELVANE 1.0", field::none, false}, kXml};
+constexpr tpl_line kTplI[] = {kDate, kLength, kConnection, kCors, {"Server: KELVANE 1.0", field::none, false}, kXml,
+                              kExtra};
 // An S3 error document: the lines of I with the request id the document names.
 constexpr tpl_line kTplErr[] = {kDate, kLength, kConnection, kCors, {"Server: KELVANE 1.0", field::none, false},
-                                {"x-amz-request-id: ", field::request_id, false}, kXml};
+                                {"x-amz-request-id: ", field::request_id, false}, kXml, kExtra};
 constexpr tpl_line kTplJ[] = {kDate,
                               kConnection,
                               kLength,
@@ -189,20 +190,22 @@ int orbs3_http_send_del_object_version_msg(orbs3_connection_t* c, uint32_t statu
 }
 
 int orbs3_http_send_msg(orbs3_connection_t* c, uint32_t status, const char* body, const char* connection,
-                        const char* origin)
+                        const char* origin, const char* extra)
 {
     if (body == nullptr)
         return -1;
-    return send_template(c, status, kTplI, {.connection = connection, .origin = origin}, body, "message");
+    return send_template(c, status, kTplI, {.connection = connection, .origin = origin, .extra = extra}, body,
+                         "message");
 }
 
 int orbs3_http_send_error_msg(orbs3_connection_t* c, uint32_t status, const char* request_id, const char* body,
-                              const char* connection, const char* origin)
+                              const char* connection, const char* origin, const char* extra)
 {
     if (body == nullptr)
         return -1;
-    return send_template(c, status, kTplErr, {.connection = connection, .origin = origin, .request_id = request_id},
-                         body, "error");
+    return send_template(c, status, kTplErr,
+                         {.connection = connection, .origin = origin, .request_id = request_id, .extra = extra}, body,
+                         "error");
 }
 
 int orbs3_http_send_put_bucket_msg(orbs3_connection_t* c, uint32_t status, const char* bucket,

@@ -324,7 +324,7 @@ int orbs3_s3_send_error(orbs3_http_request_t* r, int status)
     // A body left unread closes the connection after the reply; the client is told so.
     const char* connection = orbs3_http_body_consumed(r) ? r->resp.connection : "close";
     int rc = orbs3_http_send_error_msg(r->connection, http_status, r->resp.request_id, body, connection,
-                                       r->resp.origin);
+                                       r->resp.origin, r->resp.headers);
     __free__(doc);
     return rc == 0 ? status : -1;
 }

@@ -32,6 +32,7 @@
 #include "storage/orbs3_object_body.h"
 #include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_object_copy.h"
+#include "storage/orbs3_object_read.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -125,7 +126,8 @@ int check_whole_checksum(orbs3_http_request_t* r, std::string_view alg, std::str
 int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
 {
     orbs3_str_t sb{}, sk{};
-    if (int rc = orbs3_parse_copy_source(r, r->pool, &sb, &sk); rc != 0)
+    std::string_view version;
+    if (int rc = orbs3_parse_copy_source(r, r->pool, &sb, &sk, &version); rc != 0)
         return rc;
     orbs3_bucket_ptr src(orbs3_get_bucket(r->vhost, r->user, orbs3_str_view(sb)));
     if (!src)
@@ -136,17 +138,16 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return ORBS3_S3_ACCESS_DENIED;
     if (orbs3_bucket_init_path(r->vhost, r->user, src.get(), orbs3_str_view(sb)) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
-    char src_path[ORBS3_PATH_AREA];
-    if (orbs3_get_object_path(src.get(), orbs3_str_view(sk), src_path, nullptr, nullptr, nullptr) != 0)
+    orbs3_object_source_t source;
+    if (int rc = orbs3_open_copy_source(r, src.get(), orbs3_str_view(sk), version, &source); rc != 0)
+        return rc == ORBS3_S3_KEY_TOO_LONG ? ORBS3_S3_NO_SUCH_KEY : rc;
+    // A directory object has no bytes to copy.
+    if (!source.file.valid())
         return ORBS3_S3_NO_SUCH_KEY;
-    orbs3_fd in(open(src_path, O_RDONLY | O_CLOEXEC));
-    struct stat st;
-    if (in.get() < 0 || fstat(in.get(), &st) != 0 || !S_ISREG(st.st_mode))
-        return ORBS3_S3_NO_SUCH_KEY;
-    int64_t first = 0, len = st.st_size;
+    int64_t first = 0, len = source.size;
     std::string_view range;
     if (orbs3_http_find_header(r, "x-amz-copy-source-range", &range)) {
-        const int rc = orbs3_multipart_parse_copy_range(range, st.st_size, &first, &len);
+        const int rc = orbs3_multipart_parse_copy_range(range, source.size, &first, &len);
         if (rc == ORBS3_S3_INVALID_ARGUMENT)
             r->resp.message = "The x-amz-copy-source-range value must be of the form bytes=first-last where first "
                               "and last are the zero-based offsets of the first and last bytes to copy";
@@ -157,7 +158,7 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
         return ORBS3_S3_ENTITY_TOO_LARGE;
 
     orbs3_multipart_part_t part;
-    if (int rc = orbs3_multipart_copy_part(ctx->h, number, in.get(), first, len, &part); rc != 0)
+    if (int rc = orbs3_multipart_copy_part(ctx->h, number, source.file.get(), first, len, &part); rc != 0)
         return rc;
     char hex[2 * NEO_MD5_LEN + 1];
     *neo_hex(hex, part.md5, NEO_MD5_LEN) = '\0';
@@ -168,13 +169,19 @@ int upload_part_copy(orbs3_http_request_t* r, upload_ctx* ctx, int number)
 
 // The reply of a Complete, the same for the first request and for one sent again.
 int send_complete_result(orbs3_http_request_t* r, const orbs3_bucket_t* b, std::string_view key, const char* etag,
-                         std::string_view checksum_alg, std::string_view checksum)
+                         std::string_view checksum_alg, std::string_view checksum, std::string_view version_id)
 {
     const std::string_view host =
         r->headers_in.host != nullptr ? orbs3_str_view(r->headers_in.host->value) : std::string_view();
     const std::string_view bucket = neo_getstr(&b->name);
     const std::string location = "http://" + std::string(host) + "/" + std::string(bucket) + "/" + std::string(key);
-    return send_document(r, orbs3_complete_upload_xml(location, bucket, key, etag, checksum_alg, checksum));
+    const std::string doc = orbs3_complete_upload_xml(location, bucket, key, etag, checksum_alg, checksum);
+    std::string version;
+    orbs3_object_version_line(b, version_id, &version);
+    return orbs3_http_send_msg(r->connection, 200, doc.c_str(), r->resp.connection, r->resp.origin,
+                               version.c_str()) == 0
+               ? 0
+               : -1;
 }
 
 // A Complete of an upload that is no more. When it was completed and the key still holds its result
@@ -197,7 +204,8 @@ int answer_completed(orbs3_http_request_t* r, const upload_ctx& ctx, std::string
         return ORBS3_S3_NO_SUCH_UPLOAD;
     ipd_log(LOG_INFO, "upload %.*s: Complete sent again, answered with its result", static_cast<int>(id.size()),
             id.data());
-    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag, orbs3_str_view(rec->checksum_algorithm), orbs3_str_view(rec->checksum));
+    return send_complete_result(r, ctx.bucket.get(), ctx.key, etag, orbs3_str_view(rec->checksum_algorithm),
+                                orbs3_str_view(rec->checksum), orbs3_str_view(rec->version_id));
 }
 
 // The parts a Complete document names. 0, MalformedXML (no parts included) or InternalError.
@@ -248,9 +256,9 @@ void object_meta_of(const orbs3_multipart_upload_t& up, const orbs3_multipart_pl
 // key's lock and with the write conditions checked again. 0 once the object stands, else the status for
 // which the upload is given back.
 int assemble_and_commit(orbs3_http_request_t* r, const upload_ctx& ctx, const orbs3_multipart_plan_t& plan,
-                        const orbs3_conditional_t& cond, const orbs3_object_path_t& path,
-                        orbs3_object_before_t* before)
+                        const orbs3_conditional_t& cond, orbs3_commit_t* commit)
 {
+    const orbs3_object_path_t& path = *commit->path;
     if (int rc = check_whole_checksum(r, plan.checksum_algorithm, plan.checksum); rc != 0)
         return rc;
     // The assembled object obeys the same file_threshold as one sent whole.
@@ -271,13 +279,12 @@ int assemble_and_commit(orbs3_http_request_t* r, const upload_ctx& ctx, const or
         ipd_log(LOG_ERR, "commit lock for %s: %s", path.data_path, std::strerror(errno));
         return ORBS3_S3_INTERNAL_ERROR;
     }
-    if (int rc = orbs3_object_commit_file(&cond, tmp.path, path.data_path, path.meta_path, before); rc != 0)
+    if (int rc = orbs3_object_commit_file(&cond, tmp.path, commit); rc != 0)
         return rc;
     tmp.keep();
-    char stamp[64];
-    get_gmt_meta_time(stamp, sizeof stamp);
-    if (orbs3_object_write_record(r->user, ctx.key, path.meta_path, path.data_path, plan.etag, plan.total, stamp, &meta) !=
-        0)
+    meta.version_id = commit->version_id;
+    if (orbs3_object_write_record(r->user, ctx.key, path.meta_path, path.data_path, plan.etag, plan.total,
+                                  commit->stamp, &meta) != 0)
         ipd_log(LOG_ERR, "record %s not written: the object is served without it", path.meta_path);
     return 0;
 }
@@ -468,18 +475,19 @@ int orbs3_complete_multipart_upload_object(orbs3_http_request_t* r)
     if (int rc = orbs3_multipart_claim(ctx.h, &claimed); rc != 0)
         return rc;
     orbs3_multipart_plan_t plan;
-    orbs3_object_before_t before;
+    orbs3_commit_t commit{ctx.bucket.get(), ctx.key, &path};
     int rc = orbs3_multipart_plan(ctx.h, req, orbs3_conf.multipart_min_part, &plan);
     if (rc == 0)
-        rc = assemble_and_commit(r, ctx, plan, cond, path, &before);
+        rc = assemble_and_commit(r, ctx, plan, cond, &commit);
     if (rc != 0) {
         // A refusal gives the upload back, so the client may correct its document and try again.
         orbs3_multipart_release(ctx.h, claimed);
         return rc;
     }
-    orbs3_object_count_commit(r->vhost, ctx.bucket.get(), before, plan.total);
+    orbs3_object_count_commit(r->vhost, ctx.bucket.get(), commit.before, plan.total);
     orbs3_multipart_drop(ctx.h, claimed);
-    return send_complete_result(r, ctx.bucket.get(), ctx.key, plan.etag, plan.checksum_algorithm, plan.checksum);
+    return send_complete_result(r, ctx.bucket.get(), ctx.key, plan.etag, plan.checksum_algorithm, plan.checksum,
+                                commit.version_id);
 }
 
 int orbs3_abort_multipart_upload_object(orbs3_http_request_t* r)

@@ -21,7 +21,10 @@
 #include "http/orbs3_http_header.h"
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_record.h"
+#include "s3/orbs3_s3_signature.h"
+#include "versions/orbs3_object_version.h"
 
 namespace {
 
@@ -84,7 +87,8 @@ int orbs3_object_request_bucket(orbs3_http_request_t* r, int object_code, orbs3_
         return st;
     // A write makes the key's paths and names beside them: a key whose paths would not fit is refused
     // before anything is made, whichever write it is.
-    if (object_code == ORBS3_ACCESS_WRITE && !orbs3_object_key_fits(b, *key)) {
+    if (object_code == ORBS3_ACCESS_WRITE &&
+        (!orbs3_object_key_fits(b, *key) || orbs3_object_versionable(b, *key) != 0)) {
         orbs3_free_bucket(b);
         return ORBS3_S3_KEY_TOO_LONG;
     }
@@ -166,3 +170,36 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     return 0;
 }
 
+bool orbs3_object_says_version(const orbs3_bucket_t* bucket, std::string_view id)
+{
+    return (!id.empty() && id != ORBS3_NULL_VERSION_ID) || orbs3_versioning_ever_set(bucket);
+}
+
+void orbs3_object_version_line(const orbs3_bucket_t* bucket, std::string_view id, std::string* lines)
+{
+    if (!orbs3_object_says_version(bucket, id))
+        return;
+    if (!lines->empty())
+        lines->append("\r\n");
+    lines->append("x-amz-version-id: ");
+    lines->append(id.empty() ? ORBS3_NULL_VERSION_ID : id);
+}
+
+int orbs3_object_version_param(orbs3_http_request_t* r, std::string_view* id)
+{
+    *id = {};
+    if (orbs3_str_view(r->args).find("versionId") == std::string_view::npos)
+        return 0;
+    orbs3_sign_query_t q;
+    if (orbs3_sign_parse_query(r, &q) != 0)
+        return ORBS3_S3_INTERNAL_ERROR;
+    const orbs3_sign_param_t* p = orbs3_sign_query_find(&q, "versionId");
+    if (p == nullptr)
+        return 0;
+    if (!orbs3_version_id_valid(p->value)) {
+        r->resp.message = "Invalid version id specified";
+        return ORBS3_S3_INVALID_ARGUMENT;
+    }
+    *id = p->value;
+    return 0;
+}

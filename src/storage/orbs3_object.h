@@ -4,6 +4,7 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
 #include <string_view>
 
 #include "http/orbs3_http_conditional.h"
@@ -32,6 +33,18 @@
 // What an uploader says of an object (orbs3_object_meta_t), from the request's headers. 0, or ORBS3_S3_METADATA_TOO_LARGE when the user metadata
 // passes 2 KiB (names and values) or 64 headers, or a standard header passes 1023 bytes.
 [[nodiscard]] int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta);
+
+// Whether a reply about content with version id `id` (empty: "null") names it in x-amz-version-id: on a
+// bucket whose versioning was ever set, or for a content with a real id. A bucket that never had
+// versioning keeps the replies it always gave.
+[[nodiscard]] bool orbs3_object_says_version(const orbs3_bucket_t* bucket, std::string_view id);
+// The x-amz-version-id header line (without CRLF) for such a reply, appended to `lines` behind a CRLF
+// when they hold a line already; nothing when the reply names no version.
+void orbs3_object_version_line(const orbs3_bucket_t* bucket, std::string_view id, std::string* lines);
+
+// The ?versionId= of the request, decoded; empty when none is given. 0, InvalidArgument for an id that
+// can't name a version, or InternalError.
+[[nodiscard]] int orbs3_object_version_param(orbs3_http_request_t* r, std::string_view* id);
 
 // PUT of an object: 200 with its ETag.
 int orbs3_put_object(orbs3_http_request_t* r);

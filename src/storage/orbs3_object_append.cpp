@@ -27,8 +27,11 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_body.h"
+#include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_object_write.h"
 #include "storage/orbs3_record.h"
+#include "versions/orbs3_object_version.h"
+#include "versions/orbs3_version_name.h"
 
 namespace {
 
@@ -59,10 +62,36 @@ int read_position(orbs3_http_request_t* r, int64_t* position)
     return orbs3_parse_length(p->value, position) ? 0 : ORBS3_S3_INVALID_ARGUMENT;
 }
 
+// An append changes the bytes in place, and a version id must always name the same bytes: where versions
+// are kept (`enabled`), or the object carries an id, new content comes whole, by PUT.
+int refuse_versioned(orbs3_http_request_t* r, bool enabled)
+{
+    r->resp.message = enabled ? "Appending is not allowed on a bucket with versioning enabled: an append changes "
+                                "an object's bytes in place, while a version id must always name the same bytes. "
+                                "Write the whole object with PUT instead."
+                              : "Appending is not allowed to an object that has a version id: an append changes "
+                                "an object's bytes in place, while a version id must always name the same bytes. "
+                                "Write the whole object with PUT instead.";
+    return ORBS3_S3_INVALID_BUCKET_STATE;
+}
+
 // The body is whole and verified: into the object it goes.
 int append_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
 {
     auto* st = static_cast<append_state_t*>(body->owner);
+    // Where versions may be kept, the append holds the key's commit lock: a write that keeps the object
+    // as a version meanwhile would otherwise have the bytes land in that version. Under the lock the
+    // object is checked again: content written with an id since the request began is not appended to.
+    orbs3_commit_lock_t lock;
+    if (orbs3_versioning_ever_set(st->bucket)) {
+        if (orbs3_commit_lock(st->path.data_path, &lock) != 0) {
+            ipd_log(LOG_ERR, "commit lock for %s: %s", st->path.data_path, std::strerror(errno));
+            return ORBS3_S3_INTERNAL_ERROR;
+        }
+        st->record.reset(orbs3_create_object_from_file(st->path.meta_path));
+        if (st->record && orbs3_object_version_id(st->record.get()) != ORBS3_NULL_VERSION_ID)
+            return refuse_versioned(r, false);
+    }
     char stamp[64];
     get_gmt_meta_time(stamp, sizeof stamp);
     orbs3_object_append_t a{st->position, body->file.size};
@@ -78,6 +107,7 @@ int append_done(orbs3_http_request_t* r, orbs3_object_body_t* body)
     if (orbs3_object_write_record(r->user, st->key, st->path.meta_path, st->path.data_path, etag, new_size, stamp,
                                   &meta) != 0)
         ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->path.meta_path);
+    lock = {};
     if (new_size != old_size)
         orbs3_object_count_in_bucket(st->bucket, 0, new_size - old_size);
 
@@ -116,6 +146,12 @@ int orbs3_append_object(orbs3_http_request_t* r)
     struct stat data {};
     if (!st->record || lstat(st->path.data_path, &data) != 0 || !S_ISREG(data.st_mode))
         return ORBS3_S3_NO_SUCH_KEY;
+    // An append changes the bytes in place, and a version id must always name the same bytes: where
+    // versions are kept, or the object carries an id, new content comes whole, by PUT.
+    if (raw->versioning.status == 1)
+        return refuse_versioned(r, true);
+    if (orbs3_object_version_id(st->record.get()) != ORBS3_NULL_VERSION_ID)
+        return refuse_versioned(r, false);
 
     if (r->headers_in.content_length == nullptr && !r->headers_in.chunked)
         return ORBS3_S3_MISSING_CONTENT_LENGTH;

@@ -11,6 +11,7 @@
 #include <cstring>
 #include <ctime>
 #include <memory>
+#include <string>
 #include <string_view>
 
 #include "access/orbs3_access_check.h"
@@ -31,6 +32,7 @@
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_read.h"
 #include "storage/orbs3_object_write.h"
+#include "versions/orbs3_object_version.h"
 
 namespace {
 
@@ -55,17 +57,30 @@ bool escapes_well_formed(std::string_view text)
 
 }  // namespace
 
-int orbs3_parse_copy_source(orbs3_http_request_t* r, orbs3_pool_t* pool, orbs3_str_t* bucket, orbs3_str_t* key)
+int orbs3_parse_copy_source(orbs3_http_request_t* r, orbs3_pool_t* pool, orbs3_str_t* bucket, orbs3_str_t* key,
+                            std::string_view* version_id)
 {
+    static constexpr std::string_view kVersion = "?versionId=";
+    if (version_id != nullptr)
+        *version_id = {};
     std::string_view source;
     if (!orbs3_http_find_header(r, "x-amz-copy-source", &source) &&
         !orbs3_http_find_header(r, "x-copy-source", &source))
         return ORBS3_S3_INVALID_ARGUMENT;
     if (source.starts_with('/'))
         source.remove_prefix(1);
-    // The version suffix is cut before decoding: a "?" that belongs to the key arrives as %3F.
-    if (std::size_t q = source.find("?versionId="); q != std::string_view::npos)
+    // The version suffix is cut before decoding: a "?" that belongs to the key arrives as %3F. An id holds
+    // nothing that needs decoding.
+    if (std::size_t q = source.find(kVersion); q != std::string_view::npos) {
+        const std::string_view id = source.substr(q + kVersion.size());
+        if (!orbs3_version_id_valid(id)) {
+            r->resp.message = "Invalid version id specified";
+            return ORBS3_S3_INVALID_ARGUMENT;
+        }
+        if (version_id != nullptr)
+            *version_id = id;
         source = source.substr(0, q);
+    }
     if (source.empty() || !escapes_well_formed(source))
         return ORBS3_S3_INVALID_ARGUMENT;
 
@@ -91,6 +106,19 @@ int orbs3_parse_copy_source(orbs3_http_request_t* r, orbs3_pool_t* pool, orbs3_s
     if (orbs3_pstr_set(pool, bucket, b.data(), b.size()) != 0 || orbs3_pstr_set(pool, key, k.data(), k.size()) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
     return 0;
+}
+
+int orbs3_open_copy_source(orbs3_http_request_t* r, const orbs3_bucket_t* bucket, std::string_view key,
+                           std::string_view version_id, orbs3_object_source_t* src)
+{
+    if (version_id.empty())
+        return orbs3_object_open(bucket, key, src);
+    const int rc = orbs3_object_open_version(bucket, key, version_id, src);
+    if (rc == ORBS3_S3_METHOD_NOT_ALLOWED) {
+        r->resp.message = "The source of a copy request may not specifically refer to a delete marker by version id.";
+        return ORBS3_S3_INVALID_REQUEST;
+    }
+    return rc;
 }
 
 // ---- CopyObject ----
@@ -143,13 +171,14 @@ int destination_admits(orbs3_http_request_t* r, const orbs3_bucket_t* dst, std::
 int orbs3_copy_object(orbs3_http_request_t* r)
 {
     orbs3_str_t src_name{}, src_key{};
+    std::string_view src_version;
     orbs3_bucket_t* raw = nullptr;
     std::string_view key;
     int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_WRITE, &raw, &key);
     if (rc != 0)
         return rc;
     orbs3_bucket_ptr dst(raw), src_bucket;
-    if ((rc = orbs3_parse_copy_source(r, r->pool, &src_name, &src_key)) != 0)
+    if ((rc = orbs3_parse_copy_source(r, r->pool, &src_name, &src_key, &src_version)) != 0)
         return rc;
     // A directory key holds no bytes to copy, and a copy makes no directory objects.
     if (key.back() == '/')
@@ -162,7 +191,7 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     src_bucket.reset(raw);
     orbs3_object_source_t src;
     orbs3_object_path_t to;
-    if ((rc = orbs3_object_open(src_bucket.get(), skey, &src)) != 0)
+    if ((rc = orbs3_open_copy_source(r, src_bucket.get(), skey, src_version, &src)) != 0)
         return rc;
     if (orbs3_make_object_path(dst.get(), key, "", &to) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
@@ -170,29 +199,46 @@ int orbs3_copy_object(orbs3_http_request_t* r)
     const orbs3_conditional_t cond = orbs3_object_conditions(r, "x-amz-copy-source-");
     if (orbs3_http_conditional_result(&cond, src.etag, src.mtime) != ORBS3_CONDITIONAL_PROCEED)
         return ORBS3_S3_PRECONDITION_FAILED;
-    // The same data file, whatever names led to it.
+    // The same data file, whatever names led to it; a copy from an old version of the key is no copy onto
+    // itself.
     orbs3_object_path_t from;
     const bool onto_itself = orbs3_make_object_path(src_bucket.get(), skey, "", &from) == 0 &&
-                             std::strcmp(from.data_path, to.data_path) == 0;
+                             std::strcmp(from.data_path, to.data_path) == 0 && !src.old_version;
     orbs3_object_meta_t meta;
     if ((rc = copy_meta(r, src.record.get(), onto_itself, &meta)) != 0 ||
         (rc = destination_admits(r, dst.get(), key, src.size)) != 0)
         return rc;
 
     char etag[ORBS3_REC_ETAG_CAP + 1] = "";
-    orbs3_object_before_t before;
-    if ((rc = orbs3_object_copy_content(&src, key, &to, onto_itself, etag, &before)) != 0)
-        return rc;
-    char stamp[64];
-    get_gmt_meta_time(stamp, sizeof stamp);
-    if (orbs3_object_write_record(r->user, key, to.meta_path, to.data_path, etag, src.size, stamp, &meta) != 0)
-        ipd_log(LOG_ERR, "record %s not written: the copy is served without it", to.meta_path);
-    orbs3_object_count_commit(r->vhost, dst.get(), before, src.size);
+    orbs3_commit_t commit{dst.get(), key, &to};
+    {
+        // Held (on a bucket that ever had versioning) until the record is written: data file and record
+        // come from one writer.
+        orbs3_commit_lock_t lock;
+        if ((rc = orbs3_object_copy_content(&src, &commit, onto_itself, &lock, etag)) != 0)
+            return rc;
+        meta.version_id = commit.version_id;
+        if (orbs3_object_write_record(r->user, key, to.meta_path, to.data_path, etag, src.size, commit.stamp, &meta) !=
+            0)
+            ipd_log(LOG_ERR, "record %s not written: the copy is served without it", to.meta_path);
+    }
+    orbs3_object_count_commit(r->vhost, dst.get(), commit.before, src.size);
 
     char quoted[ORBS3_REC_ETAG_CAP + 3];
     std::snprintf(quoted, sizeof quoted, "\"%s\"", etag);
-    neo_cstr_ptr doc(make_copy_object_result_xmlstring(stamp, quoted));
+    neo_cstr_ptr doc(make_copy_object_result_xmlstring(commit.stamp, quoted));
     if (!doc)
         return ORBS3_S3_INTERNAL_ERROR;
-    return orbs3_http_send_msg(r->connection, 200, doc.get(), r->resp.connection, r->resp.origin) == 0 ? 0 : -1;
+    // The source's id goes back when the client named it, or when its bucket tells ids at all.
+    std::string extra;
+    orbs3_object_version_line(dst.get(), commit.version_id, &extra);
+    if (!src_version.empty() || orbs3_object_says_version(src_bucket.get(), src.version_id)) {
+        if (!extra.empty())
+            extra.append("\r\n");
+        extra.append("x-amz-copy-source-version-id: ");
+        extra.append(src.version_id[0] != '\0' ? std::string_view(src.version_id) : ORBS3_NULL_VERSION_ID);
+    }
+    return orbs3_http_send_msg(r->connection, 200, doc.get(), r->resp.connection, r->resp.origin, extra.c_str()) == 0
+               ? 0
+               : -1;
 }

@@ -296,6 +296,21 @@ int send_object(orbs3_http_request_t* r, orbs3_fd* file, int64_t offset, int64_t
     return rc == 0 ? 0 : -1;
 }
 
+// A key whose latest entry, or a version asked for by id, is a delete marker: the error `status` with the
+// headers that say so, as S3 answers it.
+int refuse_delete_marker(orbs3_http_request_t* r, const orbs3_object_source_t& src, int status)
+{
+    static constexpr std::string_view kLines = "x-amz-delete-marker: true\r\nx-amz-version-id: ";
+    const std::size_t id_len = std::strlen(src.version_id);
+    auto* text = static_cast<char*>(orbs3_pnalloc(r->pool, kLines.size() + id_len + 1));
+    if (text == nullptr)
+        return ORBS3_S3_INTERNAL_ERROR;
+    std::memcpy(text, kLines.data(), kLines.size());
+    std::memcpy(text + kLines.size(), src.version_id, id_len + 1);
+    r->resp.headers = text;
+    return status;
+}
+
 }  // namespace
 
 int orbs3_get_object(orbs3_http_request_t* r)
@@ -309,9 +324,13 @@ int orbs3_get_object(orbs3_http_request_t* r)
     reply_choices_t choices;
     if (rc = read_reply_choices(r, &choices); rc != 0)
         return rc;
-    orbs3_object_source_t src;
-    if (rc = orbs3_object_open(raw, key, &src); rc != 0)
+    std::string_view version;
+    if (rc = orbs3_object_version_param(r, &version); rc != 0)
         return rc;
+    orbs3_object_source_t src;
+    rc = version.empty() ? orbs3_object_open(raw, key, &src) : orbs3_object_open_version(raw, key, version, &src);
+    if (rc != 0)
+        return src.delete_marker ? refuse_delete_marker(r, src, rc) : rc;
     const int64_t size = src.size;
     object_view_t o{};
     o.record = src.record.get();
@@ -336,6 +355,10 @@ int orbs3_get_object(orbs3_http_request_t* r)
     char len_text[24];
     std::snprintf(len_text, sizeof len_text, "%" PRId64, length);
     if (add_object_headers(r, o, key, choices) != 0 || orbs3_http_set_response_headers(r, "Content-Length", len_text) != 0)
+        return -1;
+    if (orbs3_object_says_version(raw, src.version_id) &&
+        orbs3_http_set_response_headers(r, "x-amz-version-id",
+                                        src.version_id[0] != '\0' ? src.version_id : "null") != 0)
         return -1;
     return send_object(r, &src.file, offset, length);
 }

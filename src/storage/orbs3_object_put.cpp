@@ -48,8 +48,7 @@ struct put_state_t {
     orbs3_object_body_t body;  // the temporary file, its digests and what the request asks verified
     orbs3_bucket_t* bucket = nullptr;
     std::string_view key;
-    char final_path[ORBS3_PATH_AREA] = "";
-    char meta_path[ORBS3_PATH_AREA] = "";
+    orbs3_object_path_t path;
     orbs3_object_meta_t meta;
     orbs3_conditional_t cond{};  // If-Match, If-None-Match: checked before the body and again at the commit
 
@@ -70,34 +69,34 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
         ipd_log(LOG_ERR, "fsync %s failed: %s", tmp, std::strerror(errno));
         return ORBS3_S3_INTERNAL_ERROR;
     }
-    orbs3_object_before_t before;
+    orbs3_commit_t commit{st->bucket, st->key, &st->path};
     {
         // The record is written under the lock too: data file and record always come from one writer.
         orbs3_commit_lock_t lock;
-        if (orbs3_commit_lock(st->final_path, &lock) != 0) {
-            ipd_log(LOG_ERR, "commit lock for %s: %s", st->final_path, std::strerror(errno));
+        if (orbs3_commit_lock(st->path.data_path, &lock) != 0) {
+            ipd_log(LOG_ERR, "commit lock for %s: %s", st->path.data_path, std::strerror(errno));
             return ORBS3_S3_INTERNAL_ERROR;
         }
-        if (int rc = orbs3_object_commit_file(&st->cond, tmp, st->final_path, st->meta_path, &before); rc != 0)
+        if (int rc = orbs3_object_commit_file(&st->cond, tmp, &commit); rc != 0)
             return rc;
         body->committed = true;
 
-        char stamp[64];
-        get_gmt_meta_time(stamp, sizeof stamp);
         if (body->checksum.alg != orbs3_checksum_alg::none) {
             st->meta.checksum_algorithm = orbs3_checksum_word(body->checksum.alg);
             st->meta.checksum = body->checksum_value;
         }
-        if (orbs3_object_write_record(r->user, st->key, st->meta_path, st->final_path, body->file.etag, body->file.size,
-                                      stamp, &st->meta) != 0)
-            ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->meta_path);
+        st->meta.version_id = commit.version_id;
+        if (orbs3_object_write_record(r->user, st->key, st->path.meta_path, st->path.data_path, body->file.etag,
+                                      body->file.size, commit.stamp, &st->meta) != 0)
+            ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->path.meta_path);
     }
-    orbs3_object_count_commit(r->vhost, st->bucket, before, body->file.size);
+    orbs3_object_count_commit(r->vhost, st->bucket, commit.before, body->file.size);
     char etag[40];
     std::snprintf(etag, sizeof etag, "\"%s\"", body->file.etag);
-    const std::string checksum_line = orbs3_object_body_checksum_line(*body);
+    std::string extra = orbs3_object_body_checksum_line(*body);
+    orbs3_object_version_line(st->bucket, commit.version_id, &extra);
     return orbs3_http_send_put_object_msg(r->connection, 200, etag, r->resp.connection, r->resp.origin,
-                                          checksum_line.c_str()) == 0
+                                          extra.c_str()) == 0
                ? 0
                : -1;
 }
@@ -225,16 +224,13 @@ int orbs3_put_object(orbs3_http_request_t* r)
         return put_directory_object(r, raw, key);
     }
 
-    orbs3_object_path_t path;
     // A write whose condition fails now is refused before its body is read; the commit checks again.
-    if (rc = orbs3_object_prepare_write(raw, key, &st->cond, &path); rc != 0)
+    if (rc = orbs3_object_prepare_write(raw, key, &st->cond, &st->path); rc != 0)
         return rc;
-    std::snprintf(st->final_path, sizeof st->final_path, "%s", path.data_path);
-    std::snprintf(st->meta_path, sizeof st->meta_path, "%s", path.meta_path);
 
     // The temporary file lies beside the object, on the same file system, so the commit is one rename.
     int fd = -1;
-    if (rc = orbs3_object_temp_create(key, path.data_path, st->body.file.path, sizeof st->body.file.path, &fd);
+    if (rc = orbs3_object_temp_create(key, st->path.data_path, st->body.file.path, sizeof st->body.file.path, &fd);
         rc != 0)
         return rc;
     close(fd);

@@ -13,7 +13,9 @@
 #include "memory/neo_string.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_file_helpers.h"
+#include "http/orbs3_http_response.h"
 #include "storage/orbs3_object_commit.h"
+#include "versions/orbs3_object_version.h"
 
 namespace {
 
@@ -77,8 +79,8 @@ int orbs3_object_prepare_write(const orbs3_bucket_t* bucket, std::string_view ke
         return ORBS3_S3_KEY_TOO_LONG;
     if (int st = orbs3_object_check_conditions(cond, path->data_path, path->meta_path); st != 0)
         return st;
-    if (orbs3_make_dir_by_name(key, path->data_path) != 0 || orbs3_make_dir_by_name(key, path->recycle_path) != 0 ||
-        (bucket->versioning.status == 1 && orbs3_make_dir_by_name(key, path->version_path) != 0))
+    // The key's directory in the version tree is made by the move that first keeps a version there.
+    if (orbs3_make_dir_by_name(key, path->data_path) != 0 || orbs3_make_dir_by_name(key, path->recycle_path) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
     return 0;
 }
@@ -118,23 +120,26 @@ int orbs3_object_digest_file(int fd, int64_t size, char out[33])
     return 0;
 }
 
-int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view key, const orbs3_object_path_t* to,
-                              bool onto_itself, char (&etag)[ORBS3_REC_ETAG_CAP + 1],
-                              orbs3_object_before_t* before)
+int orbs3_object_copy_content(const orbs3_object_source_t* src, orbs3_commit_t* commit, bool onto_itself,
+                              orbs3_commit_lock_t* lock, char (&etag)[ORBS3_REC_ETAG_CAP + 1])
 {
+    const orbs3_object_path_t* to = commit->path;
+    const bool versioned = orbs3_versioning_ever_set(commit->bucket);
     const bool digest = !src->recorded_etag;
     if (!digest)
         std::snprintf(etag, sizeof etag, "%s", src->etag);
-    if (onto_itself) {
+    if (onto_itself && !versioned) {
         // The bytes stay; without a record their digest is read once, in place.
-        *before = orbs3_object_before_commit(to->data_path);
+        commit->before = orbs3_object_before_commit(to->data_path);
+        get_gmt_meta_time(commit->stamp, sizeof commit->stamp);
+        commit->version_id[0] = '\0';
         return digest && orbs3_object_digest_file(src->file.get(), src->size, etag) != 0
                    ? ORBS3_S3_INTERNAL_ERROR
                    : 0;
     }
     temp_file tmp;
     int made = -1;
-    if (int rc = orbs3_object_temp_create(key, to->data_path, tmp.path, sizeof tmp.path, &made); rc != 0)
+    if (int rc = orbs3_object_temp_create(commit->key, to->data_path, tmp.path, sizeof tmp.path, &made); rc != 0)
         return rc;
     orbs3_fd out(made);
     neo_md5_t md5;
@@ -153,9 +158,15 @@ int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view
             return ORBS3_S3_INTERNAL_ERROR;
         *neo_hex(etag, sum, sizeof sum) = '\0';
     }
-    // A copy carries no write conditions: the commit is the plain replace every writer goes through.
+    // A copy carries no write conditions: the commit is the plain replace every writer goes through. Where
+    // a version may be kept it takes the key's lock, so that the old content leaves and the new one comes
+    // in as one step against other writers.
+    if (versioned && orbs3_commit_lock(to->data_path, lock) != 0) {
+        ipd_log(LOG_ERR, "commit lock for %s: %s", to->data_path, std::strerror(errno));
+        return ORBS3_S3_INTERNAL_ERROR;
+    }
     const orbs3_conditional_t none{};
-    if (int rc = orbs3_object_commit_file(&none, tmp.path, to->data_path, to->meta_path, before); rc != 0)
+    if (int rc = orbs3_object_commit_file(&none, tmp.path, commit); rc != 0)
         return rc;
     tmp.committed = true;
     return 0;

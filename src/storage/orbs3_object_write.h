@@ -10,6 +10,7 @@
 #include "http/orbs3_http_conditional.h"
 #include "memory/neo_md5.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_object_commit.h"
 #include "storage/orbs3_object_store.h"
 #include "storage/orbs3_object_read.h"
 #include "storage/orbs3_record.h"
@@ -23,7 +24,7 @@
 
 // Readies `key` of the bucket for new content: no other key's file or directory stands in its way, the
 // write's conditions hold against the key as it is now, and the key's directories exist (in the data and
-// recycle trees, and the version tree of a versioned bucket). 0 with *path set; KeyConflict, KeyTooLong,
+// recycle trees). 0 with *path set; KeyConflict, KeyTooLong,
 // the status of a failed condition, or InternalError.
 [[nodiscard]] int orbs3_object_prepare_write(const orbs3_bucket_t* bucket, std::string_view key,
                                              const orbs3_conditional_t* cond, orbs3_object_path_t* path);
@@ -34,13 +35,17 @@ void orbs3_object_meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_
 // The MD5, in hex, of the file's first `size` bytes. 0 or -1.
 [[nodiscard]] int orbs3_object_digest_file(int fd, int64_t size, char out[33]);
 
-// Copies the content of `src` (opened by orbs3_object_open) to the object at `to`, through a temporary
-// file that replaces it once flushed (a reader sees the old object or the copy, never a part); with
-// `onto_itself` the bytes stay where they are. *etag gets the source's recorded ETag or, when it has
-// none, the MD5 of the bytes; *before what stood at `to`. 0, or KeyTooLong, InternalError.
-[[nodiscard]] int orbs3_object_copy_content(const orbs3_object_source_t* src, std::string_view key,
-                                            const orbs3_object_path_t* to, bool onto_itself,
-                                            char (&etag)[ORBS3_REC_ETAG_CAP + 1], orbs3_object_before_t* before);
+// Copies the content of `src` (opened by orbs3_object_open) to commit->key of commit->bucket, through a
+// temporary file that replaces it once flushed (a reader sees the old object or the copy, never a part)
+// by the commit step, which keeps the replaced content as a version as the bucket says. On a bucket whose
+// versioning was ever set the commit runs under the key's lock, which is left held in *lock for the
+// record to be written under it. With `onto_itself` on a bucket that never had versioning the bytes stay
+// where they are (elsewhere they are copied: a version never shares its bytes with the live object).
+// *etag gets the source's recorded ETag or, when it has none, the MD5 of the bytes; *commit what the
+// commit step tells. 0, or KeyTooLong, InternalError.
+[[nodiscard]] int orbs3_object_copy_content(const orbs3_object_source_t* src, orbs3_commit_t* commit,
+                                            bool onto_itself, orbs3_commit_lock_t* lock,
+                                            char (&etag)[ORBS3_REC_ETAG_CAP + 1]);
 
 // An append: `length` bytes written into the object at `position`, or at its end when `position` lies
 // beyond it, so that no gap can arise.

@@ -247,14 +247,14 @@ int orbs3_version_find(const orbs3_bucket_t* bucket, std::string_view key, std::
     // The live object first: its record tells its id.
     if (orbs3_get_object_path(bucket, key, ref->file.data, ref->file.record, nullptr, nullptr) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
-    if (orbs3_object_t* live = orbs3_create_object_from_file(ref->file.record)) {
-        const bool match = orbs3_object_version_id(live) == id;
-        orbs3_free_object(live);
-        struct stat st {};
-        if (match && stat(ref->file.data, &st) == 0 && S_ISREG(st.st_mode)) {
-            ref->place = orbs3_version_place_t::live;
-            return 0;
-        }
+    // A live data file without a record carries no id: it is the "null" content.
+    orbs3_object_t* live = orbs3_create_object_from_file(ref->file.record);
+    const bool match = live != nullptr ? orbs3_object_version_id(live) == id : id == ORBS3_NULL_VERSION_ID;
+    orbs3_free_object(live);
+    struct stat st {};
+    if (match && stat(ref->file.data, &st) == 0 && S_ISREG(st.st_mode)) {
+        ref->place = orbs3_version_place_t::live;
+        return 0;
     }
     ref->place = orbs3_version_place_t::version;
     const std::string_view tree(neo_getstr(&bucket->version_dir));

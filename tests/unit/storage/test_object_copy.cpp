@@ -25,13 +25,14 @@ struct parsed {
     test_request t;
     orbs3_str_t bucket{};
     orbs3_str_t key{};
+    std::string_view version;
     int rc = -99;
 
     explicit parsed(std::string headers) : t("PUT /dst/k HTTP/1.1\r\nHost: h\r\n" + headers + "\r\n")
     {
         if (t.r == nullptr || parser_http_request_handler(t.r) != 0)
             return;
-        rc = orbs3_parse_copy_source(t.r, t.r->pool, &bucket, &key);
+        rc = orbs3_parse_copy_source(t.r, t.r->pool, &bucket, &key, &version);
     }
 };
 
@@ -45,6 +46,7 @@ TEST_F(CopySource, BucketAndKeyDecodedFromEitherHeader)
         int rc;
         std::string_view bucket;
         std::string_view key;
+        std::string_view version = {};
     };
     const row rows[] = {
         {"x-amz-copy-source: src/a/b.txt\r\n", ok, "src", "a/b.txt"},
@@ -59,9 +61,13 @@ TEST_F(CopySource, BucketAndKeyDecodedFromEitherHeader)
         {"x-amz-copy-source: src/what%3F\r\n", ok, "src", "what?"},
         // A slash sent escaped still separates bucket and key.
         {"x-amz-copy-source: src%2Fa%2Fb\r\n", ok, "src", "a/b"},
-        // The version suffix is dropped; only the text before it names the key.
-        {"x-amz-copy-source: /src/k%3FversionId%3Dx?versionId=3HL4kqtJlcpXroDTDmJ\r\n", ok, "src", "k?versionId=x"},
-        {"x-amz-copy-source: src/dir/?versionId=null\r\n", ok, "src", "dir/"},
+        // The version suffix names the version; only the text before it names the key.
+        {"x-amz-copy-source: /src/k%3FversionId%3Dx?versionId=2026_11_24_18_00_01-123456abcdef01\r\n", ok, "src",
+         "k?versionId=x", "2026_11_24_18_00_01-123456abcdef01"},
+        {"x-amz-copy-source: src/dir/?versionId=null\r\n", ok, "src", "dir/", "null"},
+        // An id that can't be one of this server's is refused, not taken for the live object.
+        {"x-amz-copy-source: /src/k?versionId=3HL4kqtJlcpXroDTDmJ\r\n", bad, "", ""},
+        {"x-amz-copy-source: /src/k?versionId=\r\n", bad, "", ""},
     };
     for (const row& c : rows) {
         parsed p(c.headers);
@@ -71,6 +77,7 @@ TEST_F(CopySource, BucketAndKeyDecodedFromEitherHeader)
             continue;
         EXPECT_EQ(sv(p.bucket), c.bucket) << c.headers;
         EXPECT_EQ(sv(p.key), c.key) << c.headers;
+        EXPECT_EQ(p.version, c.version) << c.headers;
         EXPECT_EQ(p.bucket.data[p.bucket.len], '\0');
         EXPECT_EQ(p.key.data[p.key.len], '\0');
     }

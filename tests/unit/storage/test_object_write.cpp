@@ -1,12 +1,14 @@
 #include "storage/orbs3_object_write.h"
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include <string>
 #include <vector>
 
 #include "s3/orbs3_s3_errors.h"
 #include "storage/storage_fixture.h"
+#include "versions/orbs3_version_name.h"
 
 namespace {
 
@@ -34,21 +36,65 @@ TEST_F(ObjectWrite, CopyReplacesTheDestinationWholeAndDigestsBytesWithoutRecord)
     for (const bool existed : {false, true}) {
         // The destination's directories are made on the way; the second copy replaces the first.
         char etag[ORBS3_REC_ETAG_CAP + 1] = "";
-        orbs3_object_before_t before;
-        ASSERT_EQ(orbs3_object_copy_content(&src, "b/c/dst", &to, false, etag, &before), 0);
+        orbs3_commit_t commit{bucket_, "b/c/dst", &to};
+        orbs3_commit_lock_t lock;
+        ASSERT_EQ(orbs3_object_copy_content(&src, &commit, false, &lock, etag), 0);
         EXPECT_STREQ(etag, "5d41402abc4b2a76b9719d911017c592");  // MD5 of "hello"
-        EXPECT_EQ(before.existed, existed);
+        EXPECT_EQ(commit.before.existed, existed);
+        EXPECT_FALSE(lock.dir.valid());  // no versions kept here: no lock taken
         EXPECT_EQ(storage_test::read_file(to.data_path), "hello");
         EXPECT_TRUE(no_temp_in(data_ + "/b/c"));
     }
     // Onto itself the bytes stay where they are, and still get their digest.
     orbs3_object_path_t self;
     ASSERT_EQ(orbs3_make_object_path(bucket_, "a/src", "", &self), 0);
+    struct stat before_copy {}, after_copy {};
+    ASSERT_EQ(stat(self.data_path, &before_copy), 0);
     char etag[ORBS3_REC_ETAG_CAP + 1] = "";
-    orbs3_object_before_t before;
-    ASSERT_EQ(orbs3_object_copy_content(&src, "a/src", &self, true, etag, &before), 0);
+    orbs3_commit_t commit{bucket_, "a/src", &self};
+    orbs3_commit_lock_t lock;
+    ASSERT_EQ(orbs3_object_copy_content(&src, &commit, true, &lock, etag), 0);
     EXPECT_STREQ(etag, "5d41402abc4b2a76b9719d911017c592");
-    EXPECT_TRUE(before.existed && no_temp_in(data_ + "/a"));
+    EXPECT_TRUE(commit.before.existed && no_temp_in(data_ + "/a"));
+    ASSERT_EQ(stat(self.data_path, &after_copy), 0);
+    EXPECT_EQ(before_copy.st_ino, after_copy.st_ino);
+}
+
+// Onto itself where versions are kept, the copy is a new content: the old one becomes a version on its
+// own inode (a version never shares its bytes with the live object), under the key's lock, which the
+// copy leaves held for the record.
+TEST_F(ObjectWrite, CopyOntoItselfWithVersioningKeepsTheOldContentApart)
+{
+    bucket_->versioning.status = 1;
+    bucket_->versioning.save_num = 10;
+    write(data_, "a/src", "hello");
+    orbs3_object_path_t self;
+    ASSERT_EQ(orbs3_make_object_path(bucket_, "a/src", "", &self), 0);
+    orbs3_user_t owner{};
+    orbs3_object_meta_t meta;
+    ASSERT_EQ(orbs3_object_write_record(&owner, "a/src", self.meta_path, self.data_path,
+                                        "5d41402abc4b2a76b9719d911017c592", 5, "2026-11-24T18:00:01.000Z", &meta),
+              0);
+    orbs3_object_source_t src;
+    ASSERT_EQ(orbs3_object_open(bucket_, "a/src", &src), 0);
+    char etag[ORBS3_REC_ETAG_CAP + 1] = "";
+    orbs3_commit_t commit{bucket_, "a/src", &self};
+    orbs3_commit_lock_t lock;
+    ASSERT_EQ(orbs3_object_copy_content(&src, &commit, true, &lock, etag), 0);
+    EXPECT_TRUE(lock.dir.valid());
+    EXPECT_TRUE(orbs3_version_id_valid(commit.version_id) && commit.version_id[0] != 'n');
+    meta.version_id = commit.version_id;
+    ASSERT_EQ(orbs3_object_write_record(&owner, "a/src", self.meta_path, self.data_path, etag, 5, commit.stamp, &meta),
+              0);
+    orbs3_version_ref_t ref;
+    ASSERT_EQ(orbs3_version_find(bucket_, "a/src", "null", &ref), 0);
+    ASSERT_EQ(ref.place, orbs3_version_place_t::version);
+    struct stat live {}, old {};
+    ASSERT_EQ(stat(self.data_path, &live), 0);
+    ASSERT_EQ(stat(ref.file.data, &old), 0);
+    EXPECT_NE(live.st_ino, old.st_ino);
+    EXPECT_EQ(storage_test::read_file(self.data_path), "hello");
+    EXPECT_EQ(storage_test::read_file(ref.file.data), "hello");
 }
 
 TEST_F(ObjectWrite, TempFileLiesBesideTheObjectAndOnlyAKeyMakesItsDirectory)

@@ -111,6 +111,22 @@ TEST_F(ObjectVersion, NullContentIsKeptOnlyWhileEnabledAndOnceOnly)
     EXPECT_EQ(contents(recycle_), (std::map<std::string, int>{{"b", 1}}));
 }
 
+// A live object without a record (written before records were kept) carries no id: it is the "null"
+// content, even when the version tree holds a "null" version of the key from earlier.
+TEST_F(ObjectVersion, ALiveObjectWithoutRecordIsTheNullVersion)
+{
+    bucket_->versioning.status = 1;
+    bucket_->versioning.save_num = 10;
+    ASSERT_EQ(put("k", "old null", ""), 0);
+    ASSERT_EQ(put("k", "with id", new_id()), 0);
+    write(data_, "k", "bare");
+    std::filesystem::remove(meta_ + "/k");
+    orbs3_version_ref_t ref;
+    ASSERT_EQ(orbs3_version_find(bucket_, "k", "null", &ref), 0);
+    EXPECT_EQ(ref.place, orbs3_version_place_t::live);
+    EXPECT_EQ(read_file(ref.file.data), "bare");
+}
+
 TEST_F(ObjectVersion, AFailedMoveLeavesTheOldContentLiveAndTheWriteRefused)
 {
     bucket_->versioning.status = 1;
