@@ -55,7 +55,8 @@ def plant_version(t, s3, bucket, key, body, vid, when):
     stamp = time.strftime("%Y-%m-%dT%H:%M:%S.000Z", time.gmtime(when))
     rec = re.sub(r'objectname="[^"]*"', f'objectname="{key}"', rec, count=1)
     rec = re.sub(r'last_modified="[^"]*"', f'last_modified="{stamp}"', rec, count=1)
-    rec = rec.replace("<object ", f'<object version_id="{vid}" ', 1)
+    # The scratch write may have had an id of its own (versioning enabled): the planted one replaces it.
+    rec = re.sub(r' version_id="[^"]*"', "", rec, count=1).replace("<object ", f'<object version_id="{vid}" ', 1)
     d, name = split(key)
     where = t.version(bucket, d)
     os.makedirs(where, exist_ok=True)
