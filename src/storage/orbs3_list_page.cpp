@@ -22,11 +22,6 @@
 
 namespace {
 
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
 }  // namespace
 
 bool orbs3_key_walk::bound_t::passes(std::string_view k) const
@@ -258,7 +253,7 @@ int orbs3_list_page(const char* meta_dir, const orbs3_list_query_t* query, orbs3
         if (rc == 0)
             break;
         // A record that does not parse is no object, and makes no common prefix either.
-        object_ptr rec;
+        orbs3_object_ptr rec;
         char path[ORBS3_PATH_AREA];
         if (orbs3_tree_path(meta_dir, item.rel, path) == 0)
             rec.reset(orbs3_create_object_from_file(path));

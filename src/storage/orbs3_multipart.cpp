@@ -196,8 +196,7 @@ int answer_completed(orbs3_http_request_t* r, const upload_ctx& ctx, std::string
     orbs3_object_path_t path;
     if (!orbs3_multipart_document_etag(req, etag) || orbs3_make_object_path(ctx.bucket.get(), ctx.key, "", &path) != 0)
         return ORBS3_S3_NO_SUCH_UPLOAD;
-    std::unique_ptr<orbs3_object_t, void (*)(orbs3_object_t*)> rec(orbs3_create_object_from_file(path.meta_path),
-                                                                    orbs3_free_object);
+    orbs3_object_ptr rec(orbs3_create_object_from_file(path.meta_path));
     const orbs3_object_before_t now = orbs3_object_before_commit(path.data_path);
     if (!rec || orbs3_str_view(rec->upload_id) != id || orbs3_str_view(rec->etag) != etag || !now.existed ||
         now.size != static_cast<int64_t>(rec->size))

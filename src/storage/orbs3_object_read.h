@@ -13,11 +13,6 @@
 #include "storage/orbs3_record.h"
 #include "versions/orbs3_version_name.h"
 
-struct orbs3_object_free_t {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using orbs3_object_ptr = std::unique_ptr<orbs3_object_t, orbs3_object_free_t>;
-
 struct orbs3_object_source_t {
     orbs3_fd file;              // the data file; not open for a directory object
     int64_t size = 0;

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string_view>
 
 #include "memory/neo_list.h"
@@ -205,6 +206,11 @@ inline constexpr std::string_view ORBS3_RECORD_TMP_PREFIX = ".orbs3-tmp-";
 // An empty record in its own pool, lists not initialised: the directory entries of a listing.
 [[nodiscard]] orbs3_object_t* orbs3_create_object_block();
 void orbs3_free_object(orbs3_object_t* object);
+// The owner of a record read from a file: frees it, and its pool, on every way out.
+struct orbs3_object_free_t {
+    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
+};
+using orbs3_object_ptr = std::unique_ptr<orbs3_object_t, orbs3_object_free_t>;
 // Every record of a listing and its list node (nodes from calloc); the head is left empty.
 void orbs3_free_object_list(neo_list_head_t* list);
 

@@ -15,11 +15,6 @@
 
 namespace {
 
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
 bool exists(const char* path)
 {
     struct stat st {};
@@ -30,17 +25,6 @@ bool regular_file(const char* path)
 {
     struct stat st {};
     return lstat(path, &st) == 0 && S_ISREG(st.st_mode);
-}
-
-// A record stamp for content that has none of its own: the file's modification time.
-void stamp_of_file(const char* path, char (&out)[64])
-{
-    struct stat st {};
-    time_t t = lstat(path, &st) == 0 ? st.st_mtime : time(nullptr);
-    struct tm tm {};
-    gmtime_r(&t, &tm);
-    std::snprintf(out, sizeof out, "%04d-%02d-%02dT%02d:%02d:%02d.000Z", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
 }
 
 // A fresh suffix with the stamp of `suffix` (its first 19 bytes when they are the padded form), else of now.
@@ -54,12 +38,9 @@ int fresh_like(std::string_view suffix, char (&out)[ORBS3_VERSION_SUFFIX_LEN + 1
         if (orbs3_version_new_suffix(stamp, out) == 0)
             return 0;
     }
-    time_t now = time(nullptr);
-    struct tm tm {};
-    gmtime_r(&now, &tm);
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return orbs3_version_new_suffix(stamp, out);
+    char now[32];
+    orbs3_version_record_stamp(time(nullptr), now);
+    return orbs3_version_new_suffix(now, out);
 }
 
 }  // namespace
@@ -128,6 +109,26 @@ int orbs3_version_to_recycle(const orbs3_bucket_t* bucket, std::string_view key,
     return ORBS3_VERSION_MOVE_FAILED;
 }
 
+int orbs3_version_recycle_nulls(const orbs3_bucket_t* bucket, std::string_view key,
+                                std::vector<orbs3_version_entry_t>* list)
+{
+    const std::string_view tree(neo_getstr(&bucket->version_dir));
+    for (auto it = list->begin(); it != list->end();) {
+        orbs3_version_file_t f;
+        orbs3_object_ptr rec;
+        if (it->has_data && it->has_record && orbs3_version_paths(tree, key, it->suffix, &f) == 0)
+            rec.reset(orbs3_create_object_from_file(f.record));
+        if (rec && rec->delete_marker == 0 && orbs3_object_version_id(rec.get()) == ORBS3_NULL_VERSION_ID) {
+            if (orbs3_version_to_recycle(bucket, key, &f, it->suffix) != 0)
+                return ORBS3_VERSION_MOVE_FAILED;
+            it = list->erase(it);
+        } else {
+            ++it;
+        }
+    }
+    return 0;
+}
+
 int orbs3_version_retire_eldest(const orbs3_bucket_t* bucket, std::string_view key,
                                 const std::vector<orbs3_version_entry_t>& list)
 {
@@ -151,7 +152,7 @@ int orbs3_object_version_update(const orbs3_bucket_t* bucket, std::string_view k
         return 0;
     const bool enabled = bucket->versioning.status == 1;
     const std::string_view tree(neo_getstr(&bucket->version_dir));
-    object_ptr live(orbs3_create_object_from_file(path->meta_path));
+    orbs3_object_ptr live(orbs3_create_object_from_file(path->meta_path));
     const std::string_view live_id = orbs3_object_version_id(live.get());
     const bool live_there = regular_file(path->data_path);
     const bool keep = live_there && (live_id != ORBS3_NULL_VERSION_ID || enabled);
@@ -161,41 +162,16 @@ int orbs3_object_version_update(const orbs3_bucket_t* bucket, std::string_view k
     std::vector<orbs3_version_entry_t> list;
     if (orbs3_version_list_key(tree, key, &list) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
-    if (new_is_null) {
-        // One "null" per key: the new content takes the id, the old "null" version leaves the history.
-        for (auto it = list.begin(); it != list.end();) {
-            orbs3_version_file_t f;
-            object_ptr rec;
-            if (it->has_data && it->has_record && orbs3_version_paths(tree, key, it->suffix, &f) == 0)
-                rec.reset(orbs3_create_object_from_file(f.record));
-            if (rec && rec->delete_marker == 0 && orbs3_object_version_id(rec.get()) == ORBS3_NULL_VERSION_ID) {
-                if (orbs3_version_to_recycle(bucket, key, &f, it->suffix) != 0)
-                    return ORBS3_S3_INTERNAL_ERROR;
-                it = list.erase(it);
-            } else {
-                ++it;
-            }
-        }
-    }
+    // One "null" per key: the new content takes the id, the old "null" version leaves the history.
+    if (new_is_null && orbs3_version_recycle_nulls(bucket, key, &list) != 0)
+        return ORBS3_S3_INTERNAL_ERROR;
     if (!keep)
         return 0;
 
     const orbs3_version_file_t from = orbs3_version_live_file(path);
     char suffix[ORBS3_VERSION_SUFFIX_LEN + 1];
-    if (live_id != ORBS3_NULL_VERSION_ID) {
-        std::snprintf(suffix, sizeof suffix, "%.*s", static_cast<int>(live_id.size()), live_id.data());
-    } else {
-        char stamp[64];
-        if (live && live->last_modified.len != 0)
-            std::snprintf(stamp, sizeof stamp, "%s", neo_getstr(&live->last_modified));
-        else
-            stamp_of_file(path->data_path, stamp);
-        if (orbs3_version_new_suffix(stamp, suffix) != 0) {
-            stamp_of_file(path->data_path, stamp);
-            if (orbs3_version_new_suffix(stamp, suffix) != 0)
-                return ORBS3_S3_INTERNAL_ERROR;
-        }
-    }
+    if (orbs3_version_leaving_suffix(live.get(), path->data_path, suffix) != 0)
+        return ORBS3_S3_INTERNAL_ERROR;
     if (bucket->versioning.save_num <= 0)
         return orbs3_version_to_recycle(bucket, key, &from, suffix) == 0 ? 0 : ORBS3_S3_INTERNAL_ERROR;
 

@@ -41,6 +41,11 @@
 [[nodiscard]] int orbs3_object_version_update(const orbs3_bucket_t* bucket, std::string_view key,
                                               const orbs3_object_path_t* path, bool new_is_null);
 
+// Moves every "null" content of `list` (the key's entries in the version tree) to the recycle tree and
+// out of the list: a key whose new content has the id "null" keeps no other. 0 or ORBS3_VERSION_MOVE_FAILED.
+[[nodiscard]] int orbs3_version_recycle_nulls(const orbs3_bucket_t* bucket, std::string_view key,
+                                              std::vector<orbs3_version_entry_t>* list);
+
 // The eldest of `list` (the key's entries in the version tree, newest first) to the recycle tree; a delete
 // marker, having no bytes, is removed. 0, or ORBS3_VERSION_RETIRE_FAILED.
 [[nodiscard]] int orbs3_version_retire_eldest(const orbs3_bucket_t* bucket, std::string_view key,

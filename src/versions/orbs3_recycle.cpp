@@ -15,36 +15,6 @@
 #include "storage/orbs3_record.h"
 #include "versions/orbs3_object_version.h"
 
-namespace {
-
-// A file's modification time in the record's form, for a data file that lost its record.
-void stamp_of(time_t t, char (&out)[64])
-{
-    struct tm tm {};
-    gmtime_r(&t, &tm);
-    std::snprintf(out, sizeof out, "%04d-%02d-%02dT%02d:%02d:%02d.000Z", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-}
-
-// The name the content takes in the recycle tree: its version id when it has a real one, else a fresh
-// suffix from the time it was written (the record's, else the file's).
-int recycle_suffix(const orbs3_object_t* rec, time_t mtime, char (&out)[ORBS3_VERSION_SUFFIX_LEN + 1])
-{
-    const std::string_view id = orbs3_object_version_id(rec);
-    if (id != ORBS3_NULL_VERSION_ID && orbs3_version_id_valid(id)) {
-        std::snprintf(out, sizeof out, "%.*s", static_cast<int>(id.size()), id.data());
-        return 0;
-    }
-    char stamp[64];
-    if (rec != nullptr && rec->last_modified.len != 0 &&
-        orbs3_version_new_suffix(orbs3_str_view(rec->last_modified), out) == 0)
-        return 0;
-    stamp_of(mtime, stamp);
-    return orbs3_version_new_suffix(stamp, out);
-}
-
-}  // namespace
-
 int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_view key, int64_t* size,
                                    char (*suffix)[ORBS3_VERSION_SUFFIX_LEN + 1])
 {
@@ -69,7 +39,7 @@ int orbs3_delete_object_to_recycle(const orbs3_bucket_t* bucket, std::string_vie
     *size = rec ? static_cast<int64_t>(rec->size) : static_cast<int64_t>(data.st_size);
 
     char name[ORBS3_VERSION_SUFFIX_LEN + 1];
-    if (recycle_suffix(rec.get(), data.st_mtime, name) != 0)
+    if (orbs3_version_leaving_suffix(rec.get(), path.data_path, name) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
     orbs3_version_file_t recycled;
     if (orbs3_version_paths(neo_getstr(&bucket->recycle_dir), key, name, &recycled) != 0)

@@ -25,11 +25,6 @@
 
 namespace {
 
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
 bool regular_file(const char* path)
 {
     struct stat st {};
@@ -37,29 +32,6 @@ bool regular_file(const char* path)
 }
 
 using suffix_t = char[ORBS3_VERSION_SUFFIX_LEN + 1];
-
-// The name under which the live content leaves its key: its id when it has a real one, else a fresh
-// suffix from its record's stamp, or from its file's modification time when it has no record.
-int leaving_suffix(const orbs3_object_t* rec, const char* data_path, suffix_t& out)
-{
-    const std::string_view id = orbs3_object_version_id(rec);
-    if (id != ORBS3_NULL_VERSION_ID) {
-        if (id.size() > ORBS3_VERSION_SUFFIX_LEN)
-            return -1;
-        std::snprintf(out, sizeof out, "%.*s", static_cast<int>(id.size()), id.data());
-        return 0;
-    }
-    if (rec != nullptr && orbs3_version_new_suffix(orbs3_str_view(rec->last_modified), out) == 0)
-        return 0;
-    struct stat st {};
-    const time_t t = lstat(data_path, &st) == 0 ? st.st_mtime : time(nullptr);
-    struct tm tm {};
-    gmtime_r(&t, &tm);
-    char stamp[64];
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
-    return orbs3_version_new_suffix(stamp, out);
-}
 
 // A record for old content that has none: its digest and size, the bucket's owner, its name's stamp as
 // the time it was written, and, for a version, its name's suffix as its id (the id it was found by).
@@ -86,28 +58,6 @@ int write_rebuilt_record(const orbs3_bucket_t* bucket, std::string_view key, con
     if (orbs3_version_id_valid(id) && id != ORBS3_NULL_VERSION_ID)
         meta.version_id = id;
     return orbs3_object_write_record(&owner, key, path->meta_path, path->data_path, etag, st.st_size, when, &meta);
-}
-
-// A key holds one "null" content: one coming back takes the id from a "null" version, which goes to the
-// recycle tree. Marker records and contents without a record are left alone.
-int recycle_null_versions(const orbs3_bucket_t* bucket, std::string_view key,
-                          std::vector<orbs3_version_entry_t>* list)
-{
-    const std::string_view tree(neo_getstr(&bucket->version_dir));
-    for (auto it = list->begin(); it != list->end();) {
-        orbs3_version_file_t f;
-        object_ptr rec;
-        if (it->has_data && it->has_record && orbs3_version_paths(tree, key, it->suffix, &f) == 0)
-            rec.reset(orbs3_create_object_from_file(f.record));
-        if (rec && rec->delete_marker == 0 && orbs3_object_version_id(rec.get()) == ORBS3_NULL_VERSION_ID) {
-            if (orbs3_version_to_recycle(bucket, key, &f, it->suffix) != 0)
-                return ORBS3_VERSION_MOVE_FAILED;
-            it = list->erase(it);
-        } else {
-            ++it;
-        }
-    }
-    return 0;
 }
 
 enum class source_tree { version, recycle };
@@ -144,7 +94,7 @@ int restore(orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket, std::string_view
     if (locked != 0 || !regular_file(chosen.data))
         return ORBS3_VERSION_MOVE_FAILED;
 
-    object_ptr chosen_rec(orbs3_create_object_from_file(chosen.record));
+    orbs3_object_ptr chosen_rec(orbs3_create_object_from_file(chosen.record));
     if (chosen_rec && chosen_rec->delete_marker != 0)
         return ORBS3_VERSION_MOVE_FAILED;  // a marker's record beside bytes: nothing sound to make live
     const bool chosen_is_null = chosen_rec ? orbs3_object_version_id(chosen_rec.get()) == ORBS3_NULL_VERSION_ID
@@ -155,16 +105,16 @@ int restore(orbs3_vhost_t* vhost, const orbs3_bucket_t* bucket, std::string_view
     // The bound counts the versions that stay: the one coming back leaves the tree.
     if (from == source_tree::version)
         std::erase_if(list, [&](const orbs3_version_entry_t& e) { return sk.suffix == e.suffix; });
-    if (chosen_is_null && recycle_null_versions(bucket, key, &list) != 0)
+    if (chosen_is_null && orbs3_version_recycle_nulls(bucket, key, &list) != 0)
         return ORBS3_VERSION_MOVE_FAILED;
 
     const orbs3_object_before_t before = orbs3_object_before_commit(path.data_path);
     const orbs3_version_file_t live = orbs3_version_live_file(&path);
     orbs3_version_file_t away{};
     if (before.existed) {
-        object_ptr live_rec(orbs3_create_object_from_file(path.meta_path));
+        orbs3_object_ptr live_rec(orbs3_create_object_from_file(path.meta_path));
         suffix_t suffix;
-        if (leaving_suffix(live_rec.get(), path.data_path, suffix) != 0)
+        if (orbs3_version_leaving_suffix(live_rec.get(), path.data_path, suffix) != 0)
             return ORBS3_VERSION_MOVE_FAILED;
         if (enabled && bucket->versioning.save_num > 0) {
             if (static_cast<int64_t>(list.size()) >= bucket->versioning.save_num &&

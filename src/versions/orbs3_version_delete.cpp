@@ -131,12 +131,8 @@ int orbs3_version_delete_latest(const orbs3_bucket_t* bucket, std::string_view k
     if (key.empty() || key.back() == '/' || orbs3_make_object_path(bucket, key, "", &path) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
     const std::string_view tree(neo_getstr(&bucket->version_dir));
-    char stamp[64];
-    const time_t now = time(nullptr);
-    struct tm tm {};
-    gmtime_r(&now, &tm);
-    std::snprintf(stamp, sizeof stamp, "%04d-%02d-%02dT%02d:%02d:%02d.000Z", tm.tm_year + 1900, tm.tm_mon + 1,
-                  tm.tm_mday, tm.tm_hour, tm.tm_min, tm.tm_sec);
+    char stamp[32];
+    orbs3_version_record_stamp(time(nullptr), stamp);
     suffix_t id;
     orbs3_version_file_t marker;
     if (orbs3_version_new_suffix(stamp, id) != 0)

@@ -23,11 +23,6 @@
 
 namespace {
 
-struct object_free {
-    void operator()(orbs3_object_t* o) const noexcept { orbs3_free_object(o); }
-};
-using object_ptr = std::unique_ptr<orbs3_object_t, object_free>;
-
 // The key component a file of the version tree belongs to: "<name>..<suffix>" and its record
 // ".orbs3-v-<name>..<suffix>" both belong to <name>. Temporary files and names that are no content of a
 // key a client could have stored belong to none.
@@ -95,7 +90,7 @@ void format_stamp(int64_t stamp, char (&out)[64])
 // A row of one key before it goes on the page.
 struct candidate_t {
     orbs3_version_row_kind kind = orbs3_version_row_kind::version;
-    object_ptr rec;                // null for a content without a record
+    orbs3_object_ptr rec;                // null for a content without a record
     bool live = false;
     orbs3_version_entry_t entry{};  // the version tree's entry (not for the live object)
     std::string id;
@@ -104,7 +99,7 @@ struct candidate_t {
 };
 
 // The rows of `key`: its live record (null for none) and its version tree entries, newest first.
-void rows_of(const orbs3_version_trees_t* trees, std::string_view key, object_ptr live,
+void rows_of(const orbs3_version_trees_t* trees, std::string_view key, orbs3_object_ptr live,
              const std::vector<orbs3_version_entry_t>& olds, std::vector<candidate_t>* out)
 {
     out->clear();
@@ -244,12 +239,12 @@ struct side_t {
     }
 };
 
-object_ptr live_record(std::string_view meta_dir, std::string_view rel)
+orbs3_object_ptr live_record(std::string_view meta_dir, std::string_view rel)
 {
     char path[ORBS3_PATH_AREA];
     if (orbs3_tree_path(meta_dir, rel, path) != 0)
         return nullptr;
-    return object_ptr(orbs3_create_object_from_file(path));
+    return orbs3_object_ptr(orbs3_create_object_from_file(path));
 }
 
 // The rows of the key marker behind its version id marker, read straight from the key's own files.

@@ -108,6 +108,40 @@ int orbs3_version_new_suffix(std::string_view stamp, char (&out)[ORBS3_VERSION_S
     return 0;
 }
 
+void orbs3_version_record_stamp(time_t t, char (&out)[32])
+{
+    struct tm tm {};
+    gmtime_r(&t, &tm);
+    // Years past 9999 can't be written in the form; such a clock is clamped rather than cut.
+    if (tm.tm_year + 1900 > 9999 || tm.tm_year + 1900 < 0) {
+        tm = {};
+        tm.tm_mday = 1;
+        tm.tm_year = 70;
+    }
+    // Each field reduced to its width, so the text always fits.
+    auto field = [](int v, unsigned mod) { return static_cast<unsigned>(v) % mod; };
+    std::snprintf(out, sizeof out, "%04u-%02u-%02uT%02u:%02u:%02u.000Z", field(tm.tm_year + 1900, 10000),
+                  field(tm.tm_mon + 1, 100), field(tm.tm_mday, 100), field(tm.tm_hour, 100), field(tm.tm_min, 100),
+                  field(tm.tm_sec, 100));
+}
+
+int orbs3_version_leaving_suffix(const orbs3_object_t* rec, const char* data_path,
+                                 char (&out)[ORBS3_VERSION_SUFFIX_LEN + 1])
+{
+    const std::string_view id = orbs3_object_version_id(rec);
+    if (id != ORBS3_NULL_VERSION_ID && id.size() <= ORBS3_VERSION_SUFFIX_LEN && orbs3_version_id_valid(id)) {
+        std::snprintf(out, sizeof out, "%.*s", static_cast<int>(id.size()), id.data());
+        return 0;
+    }
+    if (rec != nullptr && rec->last_modified.len != 0 &&
+        orbs3_version_new_suffix(orbs3_str_view(rec->last_modified), out) == 0)
+        return 0;
+    struct stat st {};
+    char stamp[32];
+    orbs3_version_record_stamp(lstat(data_path, &st) == 0 ? st.st_mtime : time(nullptr), stamp);
+    return orbs3_version_new_suffix(stamp, out);
+}
+
 bool orbs3_version_id_valid(std::string_view id)
 {
     if (id == ORBS3_NULL_VERSION_ID)
@@ -248,9 +282,8 @@ int orbs3_version_find(const orbs3_bucket_t* bucket, std::string_view key, std::
     if (orbs3_get_object_path(bucket, key, ref->file.data, ref->file.record, nullptr, nullptr) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
     // A live data file without a record carries no id: it is the "null" content.
-    orbs3_object_t* live = orbs3_create_object_from_file(ref->file.record);
-    const bool match = live != nullptr ? orbs3_object_version_id(live) == id : id == ORBS3_NULL_VERSION_ID;
-    orbs3_free_object(live);
+    const orbs3_object_ptr live(orbs3_create_object_from_file(ref->file.record));
+    const bool match = live ? orbs3_object_version_id(live.get()) == id : id == ORBS3_NULL_VERSION_ID;
     struct stat st {};
     if (match && stat(ref->file.data, &st) == 0 && S_ISREG(st.st_mode)) {
         ref->place = orbs3_version_place_t::live;
@@ -261,10 +294,9 @@ int orbs3_version_find(const orbs3_bucket_t* bucket, std::string_view key, std::
     auto found = [&](std::string_view suffix) {
         if (orbs3_version_paths(tree, key, suffix, &ref->file) != 0)
             return false;
-        orbs3_object_t* rec = orbs3_create_object_from_file(ref->file.record);
-        const bool marker = rec != nullptr && rec->delete_marker != 0;
-        const bool same_id = rec == nullptr ? id == suffix : orbs3_object_version_id(rec) == id;
-        orbs3_free_object(rec);
+        const orbs3_object_ptr rec(orbs3_create_object_from_file(ref->file.record));
+        const bool marker = rec && rec->delete_marker != 0;
+        const bool same_id = rec ? orbs3_object_version_id(rec.get()) == id : id == suffix;
         struct stat st {};
         const bool bytes = stat(ref->file.data, &st) == 0 && S_ISREG(st.st_mode);
         if (!same_id || (!bytes && !marker))

@@ -17,6 +17,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <ctime>
 #include <string_view>
 #include <vector>
 
@@ -42,6 +43,16 @@ inline constexpr int ORBS3_VERSION_BAD_NAME = 10004;        // no ".." and compl
 // A fresh suffix for a content whose record stamp is `stamp` ("YYYY-MM-DDThh:mm:ss[.mmmZ]"). 0, or -1
 // when the stamp is not of that form.
 [[nodiscard]] int orbs3_version_new_suffix(std::string_view stamp, char (&out)[ORBS3_VERSION_SUFFIX_LEN + 1]);
+
+// The records' time form "YYYY-MM-DDThh:mm:ss.000Z" of `t` (UTC): the stamp of a content that has no
+// record of its own (its file's modification time) or of a delete marker (now).
+void orbs3_version_record_stamp(time_t t, char (&out)[32]);
+
+// The suffix a content takes when it leaves its live place: its version id when it has a real one, else
+// a fresh suffix of the time it was written (its record's stamp, else the modification time of its bytes
+// at `data_path`, else now). 0 or -1.
+[[nodiscard]] int orbs3_version_leaving_suffix(const orbs3_object_t* rec, const char* data_path,
+                                               char (&out)[ORBS3_VERSION_SUFFIX_LEN + 1]);
 
 // Whether a client's version id can name a version: "null", or a suffix as made above.
 [[nodiscard]] bool orbs3_version_id_valid(std::string_view id);
