@@ -165,25 +165,6 @@ def test_recycle_conf_byte_for_byte(tenant):
     check_ok(call(tenant, "GET", path), conf(b"30"))
 
 
-def grant_only(t, bucket, *perms):
-    """Puts the bucket's address list in force with one rule for this peer granting only `perms`."""
-    path = os.path.join(t.root, "meta", USER, "bucket", bucket)
-    tree = ET.parse(path)
-    root = tree.getroot()
-    root.set("authaddr_status", "start")
-    rules = root.find("authaddr_list")
-    if rules is None:
-        rules = ET.SubElement(root, "authaddr_list")
-    for old in list(rules):
-        rules.remove(old)
-    rule = ET.SubElement(rules, "rule", id="a1", status="start")
-    ET.SubElement(rule, "addrs", addr="127.0.0.1", mask="32")
-    ET.SubElement(rule, "bucket", {p: "yes" for p in perms})
-    ET.SubElement(rule, "object")
-    tree.write(path + ".new", xml_declaration=True, encoding="utf-8")
-    os.rename(path + ".new", path)
-
-
 @pytest.mark.parametrize("granted, versioning_ok, recycle_ok", [
     (("list",), False, False),
     (("version",), True, False),
@@ -193,7 +174,7 @@ def grant_only(t, bucket, *perms):
 def test_each_setting_needs_its_permission(tenant, granted, versioning_ok, recycle_ok):
     bucket = "guard-" + granted[0]
     tenant.client().create_bucket(Bucket=bucket)
-    grant_only(tenant, bucket, *granted)
+    tenant.grant_only(bucket, granted)
     denied = (b"403 Forbidden", b"AccessDenied", b"Access Denied", b"/")
     for path, body, allowed in [(f"/{bucket}?versioning", versioning_doc(b"Enabled"), versioning_ok),
                                 (f"/{bucket}?bucketrecycleconf", b"<RecycleConf><Days>5</Days></RecycleConf>",
