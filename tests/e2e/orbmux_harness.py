@@ -422,12 +422,13 @@ class Tenant:
     def bucket_record(self, bucket):
         return os.path.join(self.root, "meta", self.user, "bucket", bucket)
 
-    def set_versioning(self, bucket, status, save_num=None):
+    def set_versioning(self, bucket, status, save_num=None, who="user"):
         """PutBucketVersioning, sent raw so that the bound (SaveNum) can go with it."""
         body = f"<VersioningConfiguration><Status>{status}</Status>"
         if save_num is not None:
             body += f"<SaveNum>{save_num}</SaveNum>"
-        code, reply = self.request("PUT", f"/{bucket}?versioning", (body + "</VersioningConfiguration>").encode())
+        code, reply = self.request("PUT", f"/{bucket}?versioning", (body + "</VersioningConfiguration>").encode(),
+                                   who=who)
         assert code == 200, reply
 
     def grant_only(self, bucket, bucket_perms, object_perms=()):
@@ -446,6 +447,13 @@ class Tenant:
         ET.SubElement(rule, "object", {p: "yes" for p in object_perms})
         tree.write(path + ".new", xml_declaration=True, encoding="utf-8")
         os.rename(path + ".new", path)
+
+    def bucket_stat(self, bucket):
+        """(object_count, storage_in_bytes) of the bucket's record."""
+        with open(self.bucket_record(bucket)) as f:
+            text = f.read()
+        return tuple(int(m.group(1)) if (m := re.search(rf'<stat\b[^>]*\b{name}="(\d+)"', text)) else 0
+                     for name in ("object_count", "storage_in_bytes"))
 
     def contents(self, bucket):
         """Every content file of the bucket's live, version and recycle trees: {bytes: [(tree, path)]}.

@@ -35,20 +35,12 @@ def delete_version(t, bucket, key, vid):
     return status, headers_of(reply), reply
 
 
-def bucket_stat(t, bucket):
-    with open(t.bucket_record(bucket)) as f:
-        text = f.read()
-    count = re.search(r'object_count="(\d+)"', text)
-    size = re.search(r'storage_in_bytes="(\d+)"', text)
-    return int(count.group(1)) if count else 0, int(size.group(1)) if size else 0
-
-
 def test_delete_leaves_a_marker_and_deleting_the_marker_brings_the_object_back(tenant):
     s3 = tenant.client()
     tenant.set_versioning(BUCKET, "Enabled")
     put = s3.put_object(Bucket=BUCKET, Key="docs/a.txt", Body=b"alpha", ContentType="text/x-alpha",
                         Metadata={"colour": "blue"})
-    before = bucket_stat(tenant, BUCKET)
+    before = tenant.bucket_stat(BUCKET)
 
     got = s3.delete_object(Bucket=BUCKET, Key="docs/a.txt")
     assert got["ResponseMetadata"]["HTTPStatusCode"] == 204
@@ -56,7 +48,7 @@ def test_delete_leaves_a_marker_and_deleting_the_marker_brings_the_object_back(t
     marker = got["VersionId"]
     assert re.fullmatch(r"\d{4}_\d\d_\d\d_\d\d_\d\d_\d\d-\d{6}[0-9a-f]{8}", marker), marker
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="docs/a.txt")) == (404, "NoSuchKey")
-    assert bucket_stat(tenant, BUCKET) == (before[0] - 1, before[1] - 5)
+    assert tenant.bucket_stat(BUCKET) == (before[0] - 1, before[1] - 5)
     # The marker is a record alone in the version tree; the content lies in the recycle tree.
     assert tenant.old_names("version", BUCKET, "docs/a.txt") == [f".orbs3-v-a.txt..{marker}"]
     recycled = [n for n in os.listdir(tenant.recycle(BUCKET, "docs")) if n.startswith("a.txt..")]
@@ -81,7 +73,7 @@ def test_delete_leaves_a_marker_and_deleting_the_marker_brings_the_object_back(t
     assert back["ContentType"] == "text/x-alpha" and back["Metadata"] == {"colour": "blue"}
     assert tenant.old_names("version", BUCKET, "docs/a.txt") == []
     assert not [n for n in os.listdir(tenant.recycle(BUCKET, "docs")) if n.startswith("a.txt..")]
-    assert bucket_stat(tenant, BUCKET) == before
+    assert tenant.bucket_stat(BUCKET) == before
     assert not tenant.temp_files()
 
 
@@ -92,7 +84,7 @@ def test_delete_by_version_id(tenant):
     old_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"old bytes", Metadata={"origin": "old"})["VersionId"]
     mid_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"middle")["VersionId"]
     live_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"live")["VersionId"]
-    before = bucket_stat(tenant, BUCKET)
+    before = tenant.bucket_stat(BUCKET)
 
     # An old version: it lies in the recycle tree under its own name, with its record; the live stays.
     status, head, _ = delete_version(tenant, BUCKET, key, mid_id)
@@ -109,7 +101,7 @@ def test_delete_by_version_id(tenant):
     got = s3.get_object(Bucket=BUCKET, Key=key)
     assert got["Body"].read() == b"old bytes" and got["ETag"] == f'"{md5(b"old bytes")}"'
     assert got["Metadata"] == {"origin": "old"}
-    assert bucket_stat(tenant, BUCKET) == (before[0], before[1] - 4 + 9)
+    assert tenant.bucket_stat(BUCKET) == (before[0], before[1] - 4 + 9)
     assert tenant.old_names("version", BUCKET, key) == []
 
     # Unknown but well-formed ids are deleted already; malformed ones are refused.
