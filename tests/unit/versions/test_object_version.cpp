@@ -9,7 +9,6 @@
 #include <string>
 #include <vector>
 
-#include "s3/orbs3_s3_errors.h"
 #include "versions/version_fixture.h"
 
 namespace {
@@ -78,19 +77,6 @@ TEST_F(ObjectVersion, ALiveObjectWithoutRecordIsTheNullVersion)
     ASSERT_EQ(orbs3_version_find(bucket_, "k", "null", &ref), 0);
     EXPECT_EQ(ref.place, orbs3_version_place_t::live);
     EXPECT_EQ(read_file(ref.file.data), "bare");
-}
-
-TEST_F(ObjectVersion, AFailedMoveLeavesTheOldContentLiveAndTheWriteRefused)
-{
-    enable(10);
-    put("d/k", "old", new_id());
-    // A file where the key's version directory must go: the move can't be made.
-    write(version_, "d", "in the way");
-    orbs3_object_path_t path;
-    ASSERT_EQ(orbs3_make_object_path(bucket_, "d/k", "", &path), 0);
-    EXPECT_EQ(orbs3_object_version_update(bucket_, "d/k", &path, false), ORBS3_S3_INTERNAL_ERROR);
-    EXPECT_EQ(read_file(data_ + "/d/k"), "old");
-    EXPECT_TRUE(in_meta("d/k"));
 }
 
 TEST_F(ObjectVersion, SaveNumZeroKeepsNoVersionAndPromoteBringsTheNewestBack)
