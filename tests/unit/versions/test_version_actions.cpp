@@ -109,23 +109,6 @@ TEST_F(VersionActions, RestoredContentWithoutRecordGetsOneFromItsBytesAndItsDire
     EXPECT_EQ(id_of(r.get()), "2026_01_02_03_04_05") << "found by its name, it keeps that id";
 }
 
-TEST_F(VersionActions, NullLiveContentLeavesUnderAFreshNameOfItsStamp)
-{
-    enable(10);
-    const std::string old_id = new_id();
-    live("k", "null one", "");
-    old(version_, "k", old_id, "versioned", old_id);
-    ASSERT_EQ(orbs3_restore_version(vh_, bucket_, "k.." + old_id), 0);
-    std::vector<orbs3_version_entry_t> list;
-    ASSERT_EQ(orbs3_version_list_key(version_, "k", &list), 0);
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(std::string(list[0].suffix).substr(0, 20), "2026_11_24_18_00_01-");
-    auto v = rec(version_, "k", list[0].suffix);
-    ASSERT_TRUE(v);
-    EXPECT_EQ(id_of(v.get()), "null");
-    EXPECT_EQ(named(version_), (std::map<std::string, std::string>{{std::string("k..") + list[0].suffix, "null one"}}));
-}
-
 TEST_F(VersionActions, RefusedOrFailedActionsMoveNothing)
 {
     const std::string id = new_id();
@@ -161,8 +144,7 @@ TEST_F(VersionActions, RefusedOrFailedActionsMoveNothing)
     const auto before = snapshot();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        bucket_->versioning.status = c.status;
-        bucket_->versioning.save_num = c.save_num;
+        enable(c.save_num, c.status);
         EXPECT_EQ(orbs3_restore_version(vh_, bucket_, c.stamped), c.want);
         EXPECT_EQ(snapshot(), before);
         if (c.status == 1) {
@@ -194,8 +176,7 @@ TEST_F(VersionActions, RecycledContentComesBackAndTheLiveOneGoesBySetting)
             std::filesystem::remove_all(d);
             std::filesystem::create_directories(d);
         }
-        bucket_->versioning.status = c.status;
-        bucket_->versioning.save_num = c.save_num;
+        enable(c.save_num, c.status);
         const std::string live_id = c.live_has_id ? new_id() : "";
         const std::string gone_id = new_id();
         live("k", "live", live_id);
@@ -216,6 +197,7 @@ TEST_F(VersionActions, RecycledContentComesBackAndTheLiveOneGoesBySetting)
         auto moved = rec(tree, "k", name.substr(3));
         ASSERT_TRUE(moved) << "its record went with it";
         EXPECT_EQ(storage_test::str(moved->etag), "e-live");
+        EXPECT_EQ(id_of(moved.get()), c.live_has_id ? live_id : "null") << "a null content stays null";
         EXPECT_EQ(named(std::string(c.live_goes_to) == "recycle" ? version_ : recycle_).size(), 0u);
     }
 }
