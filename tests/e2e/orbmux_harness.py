@@ -369,6 +369,12 @@ def status_of(reply):
     return int(reply.split(b" ", 2)[1])
 
 
+def headers_of(reply):
+    """The header fields of a raw reply, names in lower case."""
+    head = reply.split(b"\r\n\r\n", 1)[0].decode()
+    return {k.strip().lower(): v.strip() for k, v in (line.split(":", 1) for line in head.split("\r\n")[1:])}
+
+
 # ---- one tenant on its own daemon: the fixture the S3 modules share ----
 
 TMP_PREFIX = ".orbs3-tmp-"

@@ -11,7 +11,7 @@ import secrets
 import time
 from datetime import timezone
 
-from orbmux_harness import md5, s3_error, tenant_fixture
+from orbmux_harness import headers_of, md5, s3_error, tenant_fixture
 
 USER = "vd-user"
 BUCKET = "vdel"
@@ -23,11 +23,6 @@ tenant = tenant_fixture("vd", "--user", USER, buckets=[BUCKET, PLAIN])
 def new_id():
     stamp = time.strftime("%Y_%m_%d_%H_%M_%S", time.gmtime())
     return f"{stamp}-{secrets.randbelow(10**6):06d}{secrets.token_hex(4)}"
-
-
-def headers_of(reply):
-    head = reply.split(b"\r\n\r\n", 1)[0].decode()
-    return {k.strip().lower(): v.strip() for k, v in (line.split(":", 1) for line in head.split("\r\n")[1:])}
 
 
 def delete_version(t, bucket, key, vid):
