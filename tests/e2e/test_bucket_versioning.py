@@ -52,23 +52,21 @@ def versioning_doc(status, save_num=None):
     return body + b"</VersioningConfiguration>"
 
 
-def ok_reply(got, date, doc=None):
-    """The exact 200 of a settings action: no document for a PUT, the XML document for a GET."""
-    if doc is None:
-        return (b"HTTP/1.1 200 OK\r\nDate: " + date + b"\r\nConnection: keep-alive\r\nContent-Length:0\r\n"
-                b"Server: KELVANE\r\n\r\n")
-    return (b"HTTP/1.1 200 OK\r\nDate: " + date + b"\r\nConnection: keep-alive\r\nContent-Length:"
-            + str(len(doc)).encode() + b"\r\nServer: KELVANE\r\nContent-Type: text/xml\r\n\r\n" + doc)
-
-
 def call(t, method, path, body=b"", who="user"):
     return t.one_reply(t.signed(method, path, body, who=who))
 
 
-def check_ok(got, doc=None):
+def check_ok(got, doc=None, etag=False):
+    """Asserts the exact 200 of a settings or stamped-key action: without a document (an empty Etag line
+    where the action moved a content) or with its XML document."""
     m = DATE.search(got)
     assert m, got
-    want = ok_reply(got, m.group(1), doc)
+    want = (b"HTTP/1.1 200 OK\r\nDate: " + m.group(1) + b"\r\n" + (b"Etag: \r\n" if etag else b"")
+            + b"Connection: keep-alive\r\nContent-Length:")
+    if doc is None:
+        want += b"0\r\nServer: KELVANE\r\n\r\n"
+    else:
+        want += str(len(doc)).encode() + b"\r\nServer: KELVANE\r\nContent-Type: text/xml\r\n\r\n" + doc
     assert got == want, f"\n got {got!r}\nwant {want!r}"
 
 
