@@ -369,6 +369,12 @@ def status_of(reply):
     return int(reply.split(b" ", 2)[1])
 
 
+def headers_of(reply):
+    """The header fields of a raw reply, names in lower case."""
+    head = reply.split(b"\r\n\r\n", 1)[0].decode()
+    return {k.strip().lower(): v.strip() for k, v in (line.split(":", 1) for line in head.split("\r\n")[1:])}
+
+
 # ---- one tenant on its own daemon: the fixture the S3 modules share ----
 
 TMP_PREFIX = ".orbs3-tmp-"
@@ -421,6 +427,61 @@ class Tenant:
 
     def bucket_record(self, bucket):
         return os.path.join(self.root, "meta", self.user, "bucket", bucket)
+
+    def set_versioning(self, bucket, status, save_num=None, who="user"):
+        """PutBucketVersioning, sent raw so that the bound (SaveNum) can go with it."""
+        body = f"<VersioningConfiguration><Status>{status}</Status>"
+        if save_num is not None:
+            body += f"<SaveNum>{save_num}</SaveNum>"
+        code, reply = self.request("PUT", f"/{bucket}?versioning", (body + "</VersioningConfiguration>").encode(),
+                                   who=who)
+        assert code == 200, reply
+
+    def grant_only(self, bucket, bucket_perms, object_perms=()):
+        """Puts the bucket's address list in force with one rule for the peer 127.0.0.1 granting only the
+        permissions named, in place of any rules it had."""
+        import xml.etree.ElementTree as ET
+        path = self.bucket_record(bucket)
+        tree = ET.parse(path)
+        root = tree.getroot()
+        root.set("authaddr_status", "start")
+        for old in root.findall("authaddr_list"):
+            root.remove(old)
+        rule = ET.SubElement(ET.SubElement(root, "authaddr_list"), "rule", id="a1", status="start")
+        ET.SubElement(rule, "addrs", addr="127.0.0.1", mask="32")
+        ET.SubElement(rule, "bucket", {p: "yes" for p in bucket_perms})
+        ET.SubElement(rule, "object", {p: "yes" for p in object_perms})
+        tree.write(path + ".new", xml_declaration=True, encoding="utf-8")
+        os.rename(path + ".new", path)
+
+    def bucket_stat(self, bucket):
+        """(object_count, storage_in_bytes) of the bucket's record."""
+        with open(self.bucket_record(bucket)) as f:
+            text = f.read()
+        return tuple(int(m.group(1)) if (m := re.search(rf'<stat\b[^>]*\b{name}="(\d+)"', text)) else 0
+                     for name in ("object_count", "storage_in_bytes"))
+
+    def contents(self, bucket):
+        """Every content file of the bucket's live, version and recycle trees: {bytes: [(tree, path)]}.
+        Records and temporary files (the reserved ".orbs3-" names) are left aside."""
+        seen = {}
+        for top, root in (("data", self.data(bucket)), ("version", self.version(bucket)),
+                          ("recycle", self.recycle(bucket))):
+            for base, _, files in os.walk(root):
+                for f in files:
+                    if not f.startswith(".orbs3-"):
+                        with open(os.path.join(base, f), "rb") as fh:
+                            seen.setdefault(fh.read(), []).append((top, os.path.join(base, f)))
+        return seen
+
+    def old_names(self, tree, bucket, key):
+        """The names of `key`'s old contents and their records in the "version" or "recycle" tree."""
+        d, _, name = key.rpartition("/")
+        where = self.version(bucket, d) if tree == "version" else self.recycle(bucket, d)
+        try:
+            return sorted(n for n in os.listdir(where) if n.split("..")[0] in (name, f".orbs3-v-{name}"))
+        except FileNotFoundError:
+            return []
 
     def temp_files(self):
         """Every temporary file of the data and meta trees: a commit in the making, or one left behind."""

@@ -1,8 +1,8 @@
 """Listings of old contents end to end: ListObjectVersions through boto3 and its paginator and as raw
 documents, and the flat listings of the version tree (?bucketobjver) and the recycle tree (?recycle). The
-histories are laid out by real PUTs whose bytes and records are then moved into the version tree under
-stamped names, as an overwrite keeps them; every listing is compared with a model computed here. One
-daemon serves the module.
+histories are made by overwrites and deletes with versioning enabled or suspended (only what no request
+makes is laid by hand: bytes without record or tail, a record whose bytes a crash left behind); every
+listing is compared with a model computed here. One daemon serves the module.
 """
 
 import hashlib
@@ -22,68 +22,57 @@ def sfx(minute, second, tail):
     return f"2026_11_24_10_{minute:02d}_{second:02d}-{tail:06d}{tail:08x}"
 
 
-# key -> (live, live version id or None for "null", old contents newest first: (kind, suffix))
-# kinds: "v" a version (bytes and record), "d" a delete marker (record only), "bare" bytes without a record.
-HISTORY = {
-    "a": (True, None, [("v", sfx(5, 0, 1)), ("v", sfx(4, 0, 2))]),
-    "a..b": (True, sfx(9, 0, 3), [("v", sfx(3, 0, 4))]),
-    "a.": (False, None, [("v", sfx(1, 0, 5))]),
-    "d/k": (False, None, [("d", sfx(7, 0, 6)), ("v", sfx(6, 0, 7))]),
-    "d/k..y": (True, None, [("d", sfx(7, 0, 8))]),
-    "d/sub/x": (True, None, [("v", sfx(2, 0, 9))]),
-    "m1": (False, None, [("d", sfx(8, 0, 10))]),
-    "m2": (True, None, [("v", sfx(8, 1, 12)), ("d", sfx(8, 1, 11)), ("v", sfx(8, 0, 13))]),
-    "dir/": (True, None, []),
-    "legacy": (False, None, [("bare", sfx(3, 3, 14))]),
-    "c d/e+f": (True, None, [("v", sfx(2, 2, 15))]),
+# key -> (steps: "p"/"x" a PUT/DELETE while versioning is enabled, "P"/"X" while suspended; the step that
+# wrote the live content, None when none is live; the old contents newest first: (kind, step that made it)).
+# kinds: "v" a version (bytes and record), "d" a delete marker (record only).
+PLAN = {
+    "a": ("ppP", 2, [("v", 1), ("v", 0)]),
+    "a..b": ("pp", 1, [("v", 0)]),
+    "a.": ("ppX", None, [("v", 0)]),
+    "d/k": ("ppx", None, [("d", 2), ("v", 0)]),
+    "d/k..y": ("pxP", 2, [("d", 1)]),
+    "d/sub/x": ("pP", 1, [("v", 0)]),
+    "m1": ("px", None, [("d", 1)]),
+    "m2": ("ppxpP", 4, [("v", 3), ("d", 2), ("v", 0)]),
+    "dir/": ("P", 0, []),
+    "c d/e+f": ("pP", 1, [("v", 0)]),
 }
+# What the plan made, filled in by prepare: key -> (live, live version id or None for "null", old contents
+# newest first: (kind, id)), "bare" bytes without a record among them; and each content's bytes by (key, id).
+HISTORY = {}
+BODIES = {}
+LEGACY = sfx(3, 3, 14)
 
 
-def body_of(key, suffix=""):
-    return b"" if key.endswith("/") else f"{key} as of {suffix or 'now'}".encode()
-
-
-def with_attrs(record, **attrs):
-    extra = "".join(f' {k}="{v}"' for k, v in attrs.items())
-    return record.replace("<object ", f"<object{extra} ", 1)
-
-
-def keep_as_old(t, key, kind, suffix):
-    """PUT the content, then move its bytes and record into the version tree as `kind` under `suffix`."""
-    s3 = t.client()
-    s3.put_object(Bucket=BUCKET, Key=key, Body=b"" if kind == "d" else body_of(key, suffix))
-    head, _, name = key.rpartition("/")
-    vdir = t.version(BUCKET, head)
-    os.makedirs(vdir, exist_ok=True)
-    with open(t.meta(BUCKET, key)) as f:
-        record = f.read()
-    os.unlink(t.meta(BUCKET, key))
-    if kind == "d":
-        os.unlink(t.data(BUCKET, key))
-    else:
-        os.rename(t.data(BUCKET, key), os.path.join(vdir, f"{name}..{suffix}"))
-    if kind != "bare":
-        attrs = {"version_id": suffix, **({"delete_marker": "1"} if kind == "d" else {})}
-        with open(os.path.join(vdir, f".orbs3-v-{name}..{suffix}"), "w") as f:
-            f.write(with_attrs(record, **attrs))
+def body_of(key, vid=None):
+    """The bytes of `key`'s content `vid`, its live one when None."""
+    return BODIES[(key, vid or HISTORY[key][1] or "null")]
 
 
 def prepare(t):
     s3 = t.client()
-    for key, (live, live_id, olds) in HISTORY.items():
-        for kind, suffix in reversed(olds):
-            keep_as_old(t, key, kind, suffix)
-        if live:
-            s3.put_object(Bucket=BUCKET, Key=key, Body=body_of(key))
-            if live_id:
-                with open(t.meta(BUCKET, key) if not key.endswith("/") else
-                          os.path.join(t.meta(BUCKET, key), ".orbs3-dir")) as f:
-                    record = f.read()
-                with open(t.meta(BUCKET, key), "w") as f:
-                    f.write(with_attrs(record, version_id=live_id))
-    # Nobody's content: a temporary file, a record whose bytes a crash left behind, a name without stamp.
-    for rel, text in ((".orbs3-tmp-1", "x"), (f".orbs3-v-ghost..{sfx(1, 1, 16)}", "<object />"),
-                      ("no-stamp..here", "x")):
+    status = None
+    for key, (steps, live, olds) in PLAN.items():
+        ids = []
+        for n, step in enumerate(steps):
+            want = "Enabled" if step.islower() else "Suspended"
+            if want != status:
+                t.set_versioning(BUCKET, want)
+                status = want
+            if step.lower() == "p":
+                body = b"" if key.endswith("/") else f"{key} #{n}".encode()
+                ids.append(s3.put_object(Bucket=BUCKET, Key=key, Body=body).get("VersionId", "null"))
+                BODIES[(key, ids[-1])] = body
+            else:
+                ids.append(s3.delete_object(Bucket=BUCKET, Key=key).get("VersionId", "null"))
+        live_id = None if live is None or ids[live] == "null" else ids[live]
+        HISTORY[key] = (live is not None, live_id, [(kind, ids[n]) for kind, n in olds])
+    # Bytes kept before contents had records; nobody's content: a temporary file, a record whose bytes a
+    # crash left behind, a name without stamp.
+    HISTORY["legacy"] = (False, None, [("bare", LEGACY)])
+    BODIES[("legacy", LEGACY)] = b"legacy bytes"
+    for rel, text in ((f"legacy..{LEGACY}", "legacy bytes"), (".orbs3-tmp-1", "x"),
+                      (f".orbs3-v-ghost..{sfx(1, 1, 16)}", "<object />"), ("no-stamp..here", "x")):
         with open(t.version(BUCKET, rel), "w") as f:
             f.write(text)
 
@@ -150,13 +139,12 @@ def test_every_key_of_both_trees_in_key_order_live_first_then_newest(tenant):
     assert sorted(markers) == sorted((k, i) for kind, k, i, _ in model() if kind == "D")
     assert sorted(versions) == sorted((k, i) for kind, k, i, _ in model() if kind == "V")
     for (key, vid), v in versions.items():
-        live = vid == "null" or vid == HISTORY[key][1]
         if key == "legacy":
             # No record: the stamp, the file's size, no ETag.
             assert v["LastModified"].isoformat() == "2026-11-24T10:03:03+00:00" and "ETag" not in v
             assert v["Size"] == len(body_of(key, vid))
             continue
-        body = body_of(key) if live else body_of(key, vid)
+        body = body_of(key, vid)
         assert v["Size"] == len(body) and v["ETag"] == '"%s"' % hashlib.md5(body).hexdigest(), (key, vid)
         assert v["StorageClass"] == "STANDARD" and v["Owner"]["DisplayName"] == USER
 
@@ -298,21 +286,6 @@ def test_every_listing_runs_the_access_check_of_list_objects(tenant):
     is refused or answered exactly as ListObjects is."""
     s3 = tenant.client()
     s3.create_bucket(Bucket="guarded")
-    path = os.path.join(tenant.root, "meta", USER, "bucket", "guarded")
-
-    def grant(permission):
-        tree = ET.parse(path)
-        root = tree.getroot()
-        root.set("authaddr_status", "start")
-        for old in root.findall("authaddr_list"):
-            root.remove(old)
-        rule = ET.SubElement(ET.SubElement(root, "authaddr_list"), "rule", id="a1", status="start")
-        ET.SubElement(rule, "addrs", addr="127.0.0.1", mask="32")
-        ET.SubElement(rule, "bucket", **{permission: "yes"})
-        ET.SubElement(rule, "object")
-        tree.write(path + ".new", xml_declaration=True, encoding="utf-8")
-        os.rename(path + ".new", path)
-
     def statuses():
         out = []
         for query in ("", "?versions", "?bucketobjver", "?recycle"):
@@ -322,9 +295,9 @@ def test_every_listing_runs_the_access_check_of_list_objects(tenant):
                 assert b"<Code>AccessDenied</Code>" in reply, reply
         return out
 
-    grant("read")
+    tenant.grant_only("guarded", ["read"])
     assert statuses() == [403] * 4
-    grant("list")
+    tenant.grant_only("guarded", ["list"])
     assert statuses() == [200] * 4
 
 

@@ -1,8 +1,8 @@
 """Object versions as users drive them with their clients: the AWS SDK for JavaScript v3 (default
-checksums), boto3 with its paginator, the AWS CLI's s3api and rclone's --s3-versions view, all on one
-daemon; and the server's own recycle actions that bring a deleted content back or remove it for good."""
+checksums), the AWS CLI's s3api and rclone's --s3-versions view, all on one daemon; and the server's own
+recycle actions that bring a deleted content back or remove it for good. (boto3's paginator and writes over
+a versioned key are in the listing and write modules.)"""
 
-import hashlib
 import json
 import os
 import re
@@ -18,14 +18,6 @@ JS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "js")
 BUCKET = "vers"
 
 tenant = tenant_fixture("versions-clients", "--user", "ver-user", buckets=(BUCKET,))
-
-
-def enable(s3, bucket, status="Enabled"):
-    s3.put_bucket_versioning(Bucket=bucket, VersioningConfiguration={"Status": status})
-
-
-def md5(data):
-    return '"%s"' % hashlib.md5(data).hexdigest()
 
 
 @pytest.fixture(scope="module")
@@ -74,62 +66,10 @@ def test_js_sdk_versions_with_default_checksums(js_report):
     assert [v[1:3] for v in suspended["versions"]] == [["null", True], [ids[2], False], [ids[1], False]]
 
 
-def test_boto3_pages_versions_of_several_keys_exactly(tenant):
-    s3 = tenant.client()
-    s3.create_bucket(Bucket="pages")
-    enable(s3, "pages")
-    keys = ["a", "a..b", "b/c", "b/d", "c"]
-    for round_ in range(3):
-        for k in keys:
-            s3.put_object(Bucket="pages", Key=k, Body=f"{k}-{round_}".encode())
-    s3.delete_object(Bucket="pages", Key="c")
-    whole = s3.list_object_versions(Bucket="pages")
-    entries = sorted([("V", v["Key"], v["VersionId"]) for v in whole["Versions"]] +
-                     [("M", m["Key"], m["VersionId"]) for m in whole["DeleteMarkers"]])
-    # The delete moved c's live content to the recycle tree: two versions of c stay, under the marker.
-    assert len(whole["Versions"]) == 14 and len(whole["DeleteMarkers"]) == 1
-    for size in (1, 2):
-        seen = []
-        for page in s3.get_paginator("list_object_versions").paginate(Bucket="pages",
-                                                                       PaginationConfig={"PageSize": size}):
-            assert len(page.get("Versions", [])) + len(page.get("DeleteMarkers", [])) <= size
-            seen += [("V", v["Key"], v["VersionId"]) for v in page.get("Versions", [])]
-            seen += [("M", m["Key"], m["VersionId"]) for m in page.get("DeleteMarkers", [])]
-        assert sorted(seen) == entries and len(seen) == len(set(seen)), size
-    # Newest first within a key, and exactly one latest per key.
-    for k in keys:
-        mine = [v for v in whole["Versions"] if v["Key"] == k]
-        bodies = [s3.get_object(Bucket="pages", Key=k, VersionId=v["VersionId"])["Body"].read() for v in mine]
-        assert bodies == [f"{k}-{r}".encode() for r in ((1, 0) if k == "c" else (2, 1, 0))]
-    latest = [e["Key"] for e in whole["Versions"] + whole["DeleteMarkers"] if e["IsLatest"]]
-    assert sorted(latest) == sorted(keys)
-    grouped = s3.list_object_versions(Bucket="pages", Delimiter="/")
-    assert [p["Prefix"] for p in grouped["CommonPrefixes"]] == ["b/"]
-
-
-def test_complete_and_copy_over_a_versioned_key_keep_the_old_content(tenant):
-    s3 = tenant.client()
-    s3.create_bucket(Bucket="mpu")
-    enable(s3, "mpu")
-    first = s3.put_object(Bucket="mpu", Key="k", Body=b"first")["VersionId"]
-    part = os.urandom(5 << 20)
-    up = s3.create_multipart_upload(Bucket="mpu", Key="k")["UploadId"]
-    etag = s3.upload_part(Bucket="mpu", Key="k", UploadId=up, PartNumber=1, Body=part)["ETag"]
-    done = s3.complete_multipart_upload(Bucket="mpu", Key="k", UploadId=up,
-                                        MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": etag}]})
-    s3.put_object(Bucket="mpu", Key="src", Body=b"copied")
-    copy = s3.copy_object(Bucket="mpu", Key="k", CopySource={"Bucket": "mpu", "Key": "src"})
-    ids = [v["VersionId"] for v in s3.list_object_versions(Bucket="mpu", Prefix="k")["Versions"]]
-    assert ids == [copy["VersionId"], done["VersionId"], first]
-    old = s3.get_object(Bucket="mpu", Key="k", VersionId=done["VersionId"])
-    assert old["ETag"] == done["ETag"] and old["ETag"].endswith('-1"') and old["Body"].read() == part
-    assert s3.get_object(Bucket="mpu", Key="k", VersionId=first)["Body"].read() == b"first"
-
-
 def test_aws_cli_lists_versions_and_gets_one(tenant, tmp_path):
     s3 = tenant.client()
     s3.create_bucket(Bucket="cli")
-    enable(s3, "cli")
+    s3.put_bucket_versioning(Bucket="cli", VersioningConfiguration={"Status": "Enabled"})
     ids = [s3.put_object(Bucket="cli", Key="doc.txt", Body=f"text {i}".encode())["VersionId"] for i in range(2)]
     env = tenant.env(str(tmp_path))
     listed = json.loads(run(tenant.aws() + ["s3api", "list-object-versions", "--bucket", "cli"], env))
@@ -144,7 +84,7 @@ def test_aws_cli_lists_versions_and_gets_one(tenant, tmp_path):
 def test_rclone_shows_old_versions(tenant, tmp_path):
     s3 = tenant.client()
     s3.create_bucket(Bucket="rcl")
-    enable(s3, "rcl")
+    s3.put_bucket_versioning(Bucket="rcl", VersioningConfiguration={"Status": "Enabled"})
     s3.put_object(Bucket="rcl", Key="dir/file.txt", Body=b"old")
     time.sleep(1.1)  # rclone names an old version by its time, to the second
     s3.put_object(Bucket="rcl", Key="dir/file.txt", Body=b"newer")

@@ -3,10 +3,6 @@ recycles the content, DELETE ?versionId= takes exactly the version named (the li
 marker, bringing back what a latest marker took away), DeleteObjects by version id, DeleteBucket refused
 while versions or markers are left, and two deletes of one key within one second keeping both contents.
 One daemon serves the module.
-
-Versioning is switched by editing the bucket record's version element, which every request reads afresh;
-old versions are planted in the version tree by moving a real object's bytes and record there, as a
-versioned overwrite leaves them.
 """
 
 import os
@@ -15,7 +11,7 @@ import secrets
 import time
 from datetime import timezone
 
-from orbmux_harness import md5, s3_error, tenant_fixture
+from orbmux_harness import headers_of, md5, s3_error, tenant_fixture
 
 USER = "vd-user"
 BUCKET = "vdel"
@@ -24,51 +20,9 @@ PLAIN = "vdel-plain"
 tenant = tenant_fixture("vd", "--user", USER, buckets=[BUCKET, PLAIN])
 
 
-def set_versioning(t, bucket, enabled, save_num=10):
-    path = t.bucket_record(bucket)
-    with open(path) as f:
-        text = f.read()
-    status = "ENABLED" if enabled else "SUSPENDED"
-    text, n = re.subn(r"<version\b[^>]*/>", f'<version num="{save_num}" status="{status}"/>', text)
-    assert n == 1, text
-    with open(path, "w") as f:
-        f.write(text)
-
-
-def new_id(when=None):
-    stamp = time.strftime("%Y_%m_%d_%H_%M_%S", time.gmtime(when or time.time()))
+def new_id():
+    stamp = time.strftime("%Y_%m_%d_%H_%M_%S", time.gmtime())
     return f"{stamp}-{secrets.randbelow(10**6):06d}{secrets.token_hex(4)}"
-
-
-def split(key):
-    d, _, name = key.rpartition("/")
-    return d, name
-
-
-def plant_version(t, s3, bucket, key, body, vid, when):
-    """An old version of `key` with id `vid`: a real object written under a scratch key, then its bytes
-    and record moved into the version tree, the record naming the key and the id."""
-    scratch = f"scratch-{secrets.token_hex(4)}"
-    s3.put_object(Bucket=bucket, Key=scratch, Body=body, Metadata={"origin": vid})
-    with open(t.meta(bucket, scratch)) as f:
-        rec = f.read()
-    stamp = time.strftime("%Y-%m-%dT%H:%M:%S.000Z", time.gmtime(when))
-    rec = re.sub(r'objectname="[^"]*"', f'objectname="{key}"', rec, count=1)
-    rec = re.sub(r'last_modified="[^"]*"', f'last_modified="{stamp}"', rec, count=1)
-    # The scratch write may have had an id of its own (versioning enabled): the planted one replaces it.
-    rec = re.sub(r' version_id="[^"]*"', "", rec, count=1).replace("<object ", f'<object version_id="{vid}" ', 1)
-    d, name = split(key)
-    where = t.version(bucket, d)
-    os.makedirs(where, exist_ok=True)
-    with open(os.path.join(where, f".orbs3-v-{name}..{vid}"), "w") as f:
-        f.write(rec)
-    os.rename(t.data(bucket, scratch), os.path.join(where, f"{name}..{vid}"))
-    os.unlink(t.meta(bucket, scratch))
-
-
-def headers_of(reply):
-    head = reply.split(b"\r\n\r\n", 1)[0].decode()
-    return {k.strip().lower(): v.strip() for k, v in (line.split(":", 1) for line in head.split("\r\n")[1:])}
 
 
 def delete_version(t, bucket, key, vid):
@@ -76,28 +30,12 @@ def delete_version(t, bucket, key, vid):
     return status, headers_of(reply), reply
 
 
-def version_files(t, bucket, key):
-    d, name = split(key)
-    try:
-        return sorted(n for n in os.listdir(t.version(bucket, d)) if n.split("..")[0] in (name, f".orbs3-v-{name}"))
-    except FileNotFoundError:
-        return []
-
-
-def bucket_stat(t, bucket):
-    with open(t.bucket_record(bucket)) as f:
-        text = f.read()
-    count = re.search(r'object_count="(\d+)"', text)
-    size = re.search(r'storage_in_bytes="(\d+)"', text)
-    return int(count.group(1)) if count else 0, int(size.group(1)) if size else 0
-
-
 def test_delete_leaves_a_marker_and_deleting_the_marker_brings_the_object_back(tenant):
     s3 = tenant.client()
-    set_versioning(tenant, BUCKET, True)
+    tenant.set_versioning(BUCKET, "Enabled")
     put = s3.put_object(Bucket=BUCKET, Key="docs/a.txt", Body=b"alpha", ContentType="text/x-alpha",
                         Metadata={"colour": "blue"})
-    before = bucket_stat(tenant, BUCKET)
+    before = tenant.bucket_stat(BUCKET)
 
     got = s3.delete_object(Bucket=BUCKET, Key="docs/a.txt")
     assert got["ResponseMetadata"]["HTTPStatusCode"] == 204
@@ -105,9 +43,9 @@ def test_delete_leaves_a_marker_and_deleting_the_marker_brings_the_object_back(t
     marker = got["VersionId"]
     assert re.fullmatch(r"\d{4}_\d\d_\d\d_\d\d_\d\d_\d\d-\d{6}[0-9a-f]{8}", marker), marker
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="docs/a.txt")) == (404, "NoSuchKey")
-    assert bucket_stat(tenant, BUCKET) == (before[0] - 1, before[1] - 5)
+    assert tenant.bucket_stat(BUCKET) == (before[0] - 1, before[1] - 5)
     # The marker is a record alone in the version tree; the content lies in the recycle tree.
-    assert version_files(tenant, BUCKET, "docs/a.txt") == [f".orbs3-v-a.txt..{marker}"]
+    assert tenant.old_names("version", BUCKET, "docs/a.txt") == [f".orbs3-v-a.txt..{marker}"]
     recycled = [n for n in os.listdir(tenant.recycle(BUCKET, "docs")) if n.startswith("a.txt..")]
     assert len(recycled) == 1
     with open(tenant.recycle(BUCKET, f"docs/{recycled[0]}"), "rb") as f:
@@ -128,21 +66,20 @@ def test_delete_leaves_a_marker_and_deleting_the_marker_brings_the_object_back(t
     assert back["Body"].read() == b"alpha"
     assert back["ETag"] == put["ETag"]
     assert back["ContentType"] == "text/x-alpha" and back["Metadata"] == {"colour": "blue"}
-    assert version_files(tenant, BUCKET, "docs/a.txt") == []
+    assert tenant.old_names("version", BUCKET, "docs/a.txt") == []
     assert not [n for n in os.listdir(tenant.recycle(BUCKET, "docs")) if n.startswith("a.txt..")]
-    assert bucket_stat(tenant, BUCKET) == before
+    assert tenant.bucket_stat(BUCKET) == before
     assert not tenant.temp_files()
 
 
 def test_delete_by_version_id(tenant):
     s3 = tenant.client()
-    set_versioning(tenant, BUCKET, True)
+    tenant.set_versioning(BUCKET, "Enabled")
     key = "byid/k"
-    old_id, mid_id = new_id(time.time() - 120), new_id(time.time() - 60)
-    plant_version(tenant, s3, BUCKET, key, b"old bytes", old_id, time.time() - 120)
-    plant_version(tenant, s3, BUCKET, key, b"middle", mid_id, time.time() - 60)
-    live_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"live").get("VersionId", "null")
-    before = bucket_stat(tenant, BUCKET)
+    old_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"old bytes", Metadata={"origin": "old"})["VersionId"]
+    mid_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"middle")["VersionId"]
+    live_id = s3.put_object(Bucket=BUCKET, Key=key, Body=b"live")["VersionId"]
+    before = tenant.bucket_stat(BUCKET)
 
     # An old version: it lies in the recycle tree under its own name, with its record; the live stays.
     status, head, _ = delete_version(tenant, BUCKET, key, mid_id)
@@ -158,9 +95,9 @@ def test_delete_by_version_id(tenant):
     assert status == 204 and head["x-amz-version-id"] == live_id
     got = s3.get_object(Bucket=BUCKET, Key=key)
     assert got["Body"].read() == b"old bytes" and got["ETag"] == f'"{md5(b"old bytes")}"'
-    assert got["Metadata"] == {"origin": old_id}
-    assert bucket_stat(tenant, BUCKET) == (before[0], before[1] - 4 + 9)
-    assert version_files(tenant, BUCKET, key) == []
+    assert got["Metadata"] == {"origin": "old"}
+    assert tenant.bucket_stat(BUCKET) == (before[0], before[1] - 4 + 9)
+    assert tenant.old_names("version", BUCKET, key) == []
 
     # Unknown but well-formed ids are deleted already; malformed ones are refused.
     status, head, _ = delete_version(tenant, BUCKET, key, new_id())
@@ -177,9 +114,8 @@ def test_delete_by_version_id(tenant):
 
 def test_delete_objects_by_version_id(tenant):
     s3 = tenant.client()
-    set_versioning(tenant, BUCKET, True)
-    v1 = new_id(time.time() - 60)
-    plant_version(tenant, s3, BUCKET, "batch/a", b"a-old", v1, time.time() - 60)
+    tenant.set_versioning(BUCKET, "Enabled")
+    v1 = s3.put_object(Bucket=BUCKET, Key="batch/a", Body=b"a-old")["VersionId"]
     s3.put_object(Bucket=BUCKET, Key="batch/a", Body=b"a-live")
     s3.put_object(Bucket=BUCKET, Key="batch/b", Body=b"b-live")
     marker = s3.delete_object(Bucket=BUCKET, Key="batch/b")["VersionId"]
@@ -202,7 +138,7 @@ def test_delete_objects_by_version_id(tenant):
     # b's marker is gone and its content back; a has a marker over nothing else.
     assert s3.get_object(Bucket=BUCKET, Key="batch/b")["Body"].read() == b"b-live"
     assert s3_error(lambda: s3.get_object(Bucket=BUCKET, Key="batch/a"))[0] == 404
-    assert version_files(tenant, BUCKET, "batch/a") == [f".orbs3-v-a..{made['DeleteMarkerVersionId']}"]
+    assert tenant.old_names("version", BUCKET, "batch/a") == [f".orbs3-v-a..{made['DeleteMarkerVersionId']}"]
     with open(tenant.recycle(BUCKET, f"batch/a..{v1}"), "rb") as f:
         assert f.read() == b"a-old"
 
@@ -211,12 +147,17 @@ def test_delete_bucket_waits_for_its_versions_and_markers(tenant):
     s3 = tenant.client()
     name = "vdel-gone"
     s3.create_bucket(Bucket=name)
-    set_versioning(tenant, name, True)
-    vid = new_id()
-    plant_version(tenant, s3, name, "d/k", b"old", vid, time.time())
+    tenant.set_versioning(name, "Enabled")
+    vid = s3.put_object(Bucket=name, Key="d/k", Body=b"old")["VersionId"]
+    s3.put_object(Bucket=name, Key="d/k", Body=b"new")
+    # A version alone: the live content deleted while suspended, so no marker is left.
+    tenant.set_versioning(name, "Suspended")
+    s3.delete_object(Bucket=name, Key="d/k")
+    assert s3_error(lambda: s3.head_object(Bucket=name, Key="d/k"))[0] == 404
     assert s3_error(lambda: s3.delete_bucket(Bucket=name)) == (409, "BucketNotEmpty")
     # Only a marker left: still not empty.
     s3.delete_object(Bucket=name, Key="d/k", VersionId=vid)
+    tenant.set_versioning(name, "Enabled")
     marker = s3.delete_object(Bucket=name, Key="m")["VersionId"]
     assert s3_error(lambda: s3.delete_bucket(Bucket=name)) == (409, "BucketNotEmpty")
     # Once the version tree is empty (the recycle tree does not count), the bucket goes.
@@ -255,7 +196,7 @@ def test_two_deletes_within_one_second_keep_both_contents(tenant):
     assert not os.path.exists(tenant.version(PLAIN, "twice"))
 
     # A key below an object names nothing: deleted already, on either bucket, and the object stays.
-    set_versioning(tenant, BUCKET, True)
+    tenant.set_versioning(BUCKET, "Enabled")
     for bucket in (PLAIN, BUCKET):
         s3.put_object(Bucket=bucket, Key="file", Body=b"f")
         assert s3.delete_object(Bucket=bucket, Key="file/below")["ResponseMetadata"]["HTTPStatusCode"] == 204
@@ -264,10 +205,10 @@ def test_two_deletes_within_one_second_keep_both_contents(tenant):
 
 def test_suspended_delete_recycles_and_names_the_content(tenant):
     s3 = tenant.client()
-    set_versioning(tenant, BUCKET, False)
+    tenant.set_versioning(BUCKET, "Suspended")
     s3.put_object(Bucket=BUCKET, Key="susp/k", Body=b"s")
     got = s3.delete_object(Bucket=BUCKET, Key="susp/k")
     # No marker while versioning is suspended; the reply names the content it took.
     assert "DeleteMarker" not in got and got["VersionId"] == "null"
-    assert version_files(tenant, BUCKET, "susp/k") == []
+    assert tenant.old_names("version", BUCKET, "susp/k") == []
     assert [n for n in os.listdir(tenant.recycle(BUCKET, "susp")) if n.startswith("k..")]

@@ -14,11 +14,10 @@ import socket
 import threading
 import time
 
-import pytest
 from botocore.exceptions import ClientError
 
-from orbmux_harness import (DEFAULT_ORBMUX_CONF, md5, s3_error, status_of, tenant_fixture, wait_for, wait_port,
-                             worker_pids)
+from orbmux_harness import (DEFAULT_ORBMUX_CONF, headers_of, md5, s3_error, status_of, tenant_fixture, wait_for,
+                             wait_port, worker_pids)
 
 USER = "vw-user"
 MIN_PART = 1024
@@ -34,47 +33,6 @@ tenant = tenant_fixture(
         'objectdirnum="10"', f'objectdirnum="10" multipart_min_part="{MIN_PART}"'))
 
 
-def set_versioning(t, bucket, status, save_num=10):
-    """Sets the bucket's versioning. PutBucketVersioning is asked first (with the SaveNum the bound
-    needs); where this build does not answer it yet, the bucket record's version element is written
-    directly, which the daemon reads again on every request."""
-    body = (f"<VersioningConfiguration><Status>{status}</Status><SaveNum>{save_num}</SaveNum>"
-            f"</VersioningConfiguration>").encode()
-    code, reply = t.request("PUT", f"/{bucket}?versioning", body)
-    if code == 200:
-        return
-    assert code == 501, reply
-    path = os.path.join(t.root, "meta", t.user, "bucket", bucket)
-    with open(path) as f:
-        text = f.read()
-    word = "ENABLED" if status == "Enabled" else "SUSPENDED"
-    text, n = re.subn(r'<version [^>]*/>', f'<version num="{save_num}" status="{word}" />', text)
-    assert n == 1, text
-    tmp = path + ".new"
-    with open(tmp, "w") as f:
-        f.write(text)
-    os.rename(tmp, path)
-
-
-def trees(t, bucket):
-    return {top: os.path.join(t.root, top, t.user, bucket) for top in ("data", "version", "recycle")}
-
-
-def contents(t, bucket):
-    """Every content file of the bucket's live, version and recycle trees: {bytes: [(tree, path)]}.
-    Records and temporary files (the reserved ".orbs3-" names) are left aside."""
-    seen = {}
-    for top, root in trees(t, bucket).items():
-        for base, _, files in os.walk(root):
-            for f in files:
-                if f.startswith(".orbs3-"):
-                    continue
-                p = os.path.join(base, f)
-                with open(p, "rb") as fh:
-                    seen.setdefault(fh.read(), []).append((top, p))
-    return seen
-
-
 def record_etag(path):
     """The ETag the record of the content at `path` (live or old) gives it."""
     top, name = os.path.split(path)
@@ -87,33 +45,13 @@ def record_etag(path):
         return re.search(r'etag="([^"]+)"', f.read()).group(1)
 
 
-def header(reply, name):
-    m = re.search(rb"\r\n" + name.encode() + rb":\s*([^\r]*)\r\n", reply.split(b"\r\n\r\n", 1)[0] + b"\r\n",
-                  re.IGNORECASE)
-    return m.group(1).decode() if m else None
-
-
-def write_marker(t, bucket, key, stamp="2030-01-01T00:00:00.000Z"):
-    """A delete marker of `key` laid into the version tree as the engine keeps one (a record without
-    bytes), for the read paths to meet; the DELETE that makes them is tested with it. Its id."""
-    tail = "%06d%08x" % (int(time.time() * 1e6) % 1000000, int.from_bytes(os.urandom(4), "big"))
-    vid = stamp[:19].replace("-", "_").replace("T", "_").replace(":", "_") + "-" + tail
-    d, name = os.path.split(key)
-    where = os.path.join(trees(t, bucket)["version"], d)
-    os.makedirs(where, exist_ok=True)
-    with open(os.path.join(where, f".orbs3-v-{name}..{vid}"), "w") as f:
-        f.write(f'<?xml version="1.0" encoding="utf-8"?>\n<object objectname="{key}" last_modified="{stamp}" '
-                f'version_id="{vid}" delete_marker="1" />\n')
-    return vid
-
-
 def test_overwrites_are_kept_and_served_by_id(tenant):
     s3 = tenant.client()
     b = "vw-basic"
     # Written before versioning was ever set: no id told, and the content's id is "null".
     first = s3.put_object(Bucket=b, Key="d/k", Body=b"null content", ContentType="text/first")
     assert "VersionId" not in first
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     ids, bodies = [], []
     for i in range(3):
         body = f"version {i} ".encode() * (i + 1)
@@ -156,28 +94,29 @@ def test_overwrites_are_kept_and_served_by_id(tenant):
 def test_delete_markers_answer_for_themselves(tenant):
     s3 = tenant.client()
     b = "vw-basic"
+    tenant.set_versioning(b, "Enabled")
     s3.put_object(Bucket=b, Key="m/k", Body=b"before the marker")
-    vid = write_marker(tenant, b, "m/k")
+    vid = s3.delete_object(Bucket=b, Key="m/k")["VersionId"]
     # By id: 405 with the marker's headers, for GET and HEAD alike.
     for method in ("GET", "HEAD"):
         code, reply = tenant.request(method, f"/{b}/m/k?versionId={vid}")
         assert code == 405, reply
-        assert header(reply, "x-amz-delete-marker") == "true" and header(reply, "x-amz-version-id") == vid
+        h = headers_of(reply)
+        assert h.get("x-amz-delete-marker") == "true" and h.get("x-amz-version-id") == vid
         if method == "GET":
             assert b"<Code>MethodNotAllowed</Code>" in reply
-    # Without an id, once the key has no live object and the marker is its newest entry: NoSuchKey
-    # that says so. (The live object is moved aside here as a DELETE with versioning moves it.)
-    os.rename(os.path.join(trees(tenant, b)["data"], "m/k"), os.path.join(trees(tenant, b)["recycle"], "m-k-gone"))
+    # Without an id, the marker being the key's newest entry: NoSuchKey that says so.
     code, reply = tenant.request("GET", f"/{b}/m/k")
     assert code == 404 and b"<Code>NoSuchKey</Code>" in reply
-    assert header(reply, "x-amz-delete-marker") == "true" and header(reply, "x-amz-version-id") == vid
+    h = headers_of(reply)
+    assert h.get("x-amz-delete-marker") == "true" and h.get("x-amz-version-id") == vid
     # A copy may not name a marker.
     err = s3_error(lambda: s3.copy_object(Bucket=b, Key="m/copy",
                                           CopySource={"Bucket": b, "Key": "m/k", "VersionId": vid}))
     assert err == (400, "InvalidRequest"), err
     # A key that never had a marker answers plain NoSuchKey.
     code, reply = tenant.request("GET", f"/{b}/m/never")
-    assert code == 404 and header(reply, "x-amz-delete-marker") is None
+    assert code == 404 and headers_of(reply).get("x-amz-delete-marker") is None
 
 
 def multipart(s3, bucket, key, parts):
@@ -192,7 +131,7 @@ def multipart(s3, bucket, key, parts):
 def test_complete_over_a_versioned_key_keeps_both_with_their_etags(tenant):
     s3 = tenant.client()
     b = "vw-multi"
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     single = s3.put_object(Bucket=b, Key="k", Body=b"sent whole")
     parts = [os.urandom(2 * MIN_PART), os.urandom(300)]
     done = multipart(s3, b, "k", parts)
@@ -212,7 +151,7 @@ def test_complete_over_a_versioned_key_keeps_both_with_their_etags(tenant):
 def test_copy_from_a_version_and_onto_itself(tenant):
     s3 = tenant.client()
     b = "vw-copy"
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     v1 = s3.put_object(Bucket=b, Key="src", Body=b"one", Metadata={"v": "1"})["VersionId"]
     v2 = s3.put_object(Bucket=b, Key="src", Body=b"two")["VersionId"]
     r = s3.copy_object(Bucket=b, Key="dst", CopySource={"Bucket": b, "Key": "src", "VersionId": v1})
@@ -240,7 +179,7 @@ def test_copy_from_a_version_and_onto_itself(tenant):
     assert r["VersionId"] != restored and r["CopySourceVersionId"] == restored
     assert s3.head_object(Bucket=b, Key="src")["Metadata"] == {"v": "again"}
     assert s3.head_object(Bucket=b, Key="src", VersionId=restored)["Metadata"] == {"v": "1"}
-    kept = contents(tenant, b)[b"one"]
+    kept = tenant.contents(b)[b"one"]
     inodes = {os.stat(p).st_ino for _, p in kept}
     assert len(inodes) == len(kept), "a version shares its bytes with another content"
     # A bad id in the source is refused, an unknown one is NoSuchVersion.
@@ -261,12 +200,12 @@ def test_append_is_refused_where_ids_name_bytes(tenant):
     s3.put_object(Bucket=b, Key="grow", Body=b"abc")
     code, reply = append(tenant, b, "grow", 3, b"def")
     assert code == 200, reply
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     code, reply = append(tenant, b, "grow", 6, b"ghi")
     assert code == 409 and b"<Code>InvalidBucketState</Code>" in reply and b"version id" in reply, reply
     vid = s3.put_object(Bucket=b, Key="grow", Body=b"with an id")["VersionId"]
     # Suspended, the object written while enabled still carries its id: still refused.
-    set_versioning(tenant, b, "Suspended")
+    tenant.set_versioning(b, "Suspended")
     code, reply = append(tenant, b, "grow", 10, b"!")
     assert code == 409 and b"InvalidBucketState" in reply, reply
     assert s3.get_object(Bucket=b, Key="grow", VersionId=vid)["Body"].read() == b"with an id"
@@ -283,7 +222,7 @@ def test_append_is_refused_where_ids_name_bytes(tenant):
     with socket.create_connection(("127.0.0.1", tenant.port), timeout=30) as s:
         s.sendall(data[:-3])
         time.sleep(0.5)
-        set_versioning(tenant, b, "Enabled")
+        tenant.set_versioning(b, "Enabled")
         vid = s3.put_object(Bucket=b, Key="slow", Body=b"with an id")["VersionId"]
         s.sendall(data[-3:])
         reply = b""
@@ -298,17 +237,17 @@ def test_a_bucket_that_never_had_versioning_tells_no_ids(tenant):
     s3 = tenant.client()
     b = PLAIN
     code, reply = tenant.request("PUT", f"/{b}/k", b"plain")
-    assert code == 200 and header(reply, "x-amz-version-id") is None
+    assert code == 200 and headers_of(reply).get("x-amz-version-id") is None
     for method in ("GET", "HEAD"):
         code, reply = tenant.request(method, f"/{b}/k")
-        assert code == 200 and header(reply, "x-amz-version-id") is None
+        assert code == 200 and headers_of(reply).get("x-amz-version-id") is None
     r = s3.copy_object(Bucket=b, Key="k2", CopySource={"Bucket": b, "Key": "k"})
     assert "VersionId" not in r and "CopySourceVersionId" not in r
     done = multipart(s3, b, "k3", [os.urandom(MIN_PART), b"end"])
     assert "VersionId" not in done
     s3.put_object(Bucket=b, Key="k", Body=b"again")
-    assert not os.path.exists(trees(tenant, b)["version"]) or not any(
-        files for _, _, files in os.walk(trees(tenant, b)["version"]))
+    assert not os.path.exists(tenant.version(b)) or not any(
+        files for _, _, files in os.walk(tenant.version(b)))
     # A version id on a bucket without versions: only "null", the live object, is there.
     assert s3.get_object(Bucket=b, Key="k", VersionId="null")["Body"].read() == b"again"
 
@@ -318,7 +257,7 @@ def test_a_key_too_long_for_version_names_is_refused_before_its_body(tenant):
     b = "vw-long"
     name = "n" * 220
     s3.put_object(Bucket=b, Key=f"d/{name}", Body=b"fits without versions")
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     assert s3_error(lambda: s3.put_object(Bucket=b, Key=f"d/{name}", Body=b"x"))[1] == "KeyTooLongError"
     # Refused on its head alone: a body announced and never sent is not waited for.
     head = tenant.sign("PUT", f"/{b}/d/{name}", "UNSIGNED-PAYLOAD") + "Content-Length: 10485760\r\n\r\n"
@@ -331,7 +270,7 @@ def test_a_key_too_long_for_version_names_is_refused_before_its_body(tenant):
 def test_concurrent_puts_of_one_key_keep_every_body_once(tenant):
     s3 = tenant.client()
     b = "vw-race"
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     n = 8
     bodies = [f"body {i} ".encode() + os.urandom(64) for i in range(n)]
     barrier = threading.Barrier(n)
@@ -355,7 +294,7 @@ def test_concurrent_puts_of_one_key_keep_every_body_once(tenant):
     assert not errors, errors
     print(f"{n} concurrent PUTs took {elapsed:.3f}s")
     assert len({r["VersionId"] for r in replies}) == n
-    seen = contents(tenant, b)
+    seen = tenant.contents(b)
     for body in bodies:
         places = seen.get(body, [])
         assert len(places) == 1, (body[:8], places)
@@ -370,13 +309,13 @@ def test_concurrent_puts_of_one_key_keep_every_body_once(tenant):
 def test_save_num_bounds_a_burst_within_one_second(tenant):
     s3 = tenant.client()
     b = "vw-bound"
-    set_versioning(tenant, b, "Enabled", save_num=3)
+    tenant.set_versioning(b, "Enabled", 3)
     bodies = [f"burst {i}".encode() for i in range(6)]
     started = time.monotonic()
     for body in bodies:
         s3.put_object(Bucket=b, Key="k", Body=body)
     print(f"6 PUTs (5 overwrites) took {time.monotonic() - started:.3f}s")
-    seen = contents(tenant, b)
+    seen = tenant.contents(b)
     where = {body: [tree for tree, _ in seen.get(body, [])] for body in bodies}
     assert where == {bodies[0]: ["recycle"], bodies[1]: ["recycle"], bodies[2]: ["version"],
                      bodies[3]: ["version"], bodies[4]: ["version"], bodies[5]: ["data"]}, where
@@ -387,10 +326,10 @@ def test_save_num_bounds_a_burst_within_one_second(tenant):
 def test_a_keep_that_cannot_be_made_fails_the_put_and_leaves_the_old_object(tenant):
     s3 = tenant.client()
     b = "vw-fail"
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     old = s3.put_object(Bucket=b, Key="inj/k", Body=b"old content")
     # A file where the key's version directory must go.
-    blocker = os.path.join(trees(tenant, b)["version"], "inj")
+    blocker = os.path.join(tenant.version(b), "inj")
     os.makedirs(os.path.dirname(blocker), exist_ok=True)
     with open(blocker, "w") as f:
         f.write("in the way")
@@ -408,7 +347,7 @@ def test_a_worker_killed_between_keep_and_commit_loses_no_content(tenant):
     """The commit waits ORBS3_TEST_VERSION_PAUSE_MS between keeping the old content and renaming the new
     one in; the worker is killed there. After a restart every acknowledged content exists exactly once."""
     b = "vw-kill"
-    set_versioning(tenant, b, "Enabled")
+    tenant.set_versioning(b, "Enabled")
     s3 = tenant.client()
     acked = [f"acked {i}".encode() for i in range(3)]
     for body in acked:
@@ -428,7 +367,7 @@ def test_a_worker_killed_between_keep_and_commit_loses_no_content(tenant):
         th = threading.Thread(target=put)
         th.start()
         # In the window: the last content has left the live place, the new one is not in yet.
-        live = os.path.join(trees(tenant, b)["data"], "k")
+        live = os.path.join(tenant.data(b), "k")
         wait_for(lambda: not os.path.exists(live), timeout=10, what="the old content kept, the commit waiting")
         for pid in worker_pids(tenant):
             os.kill(pid, signal.SIGKILL)
@@ -439,7 +378,7 @@ def test_a_worker_killed_between_keep_and_commit_loses_no_content(tenant):
         tenant.daemon.stop()
         tenant.daemon = tenant.box.start("-d")
         wait_port(tenant.port)
-    seen = contents(tenant, b)
+    seen = tenant.contents(b)
     for body in acked:
         assert len(seen.get(body, [])) == 1, (body, seen.get(body))
     s3 = tenant.client()

@@ -10,54 +10,21 @@
 #include "memory/neo_md5.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_object_store.h"
-#include "storage/storage_fixture.h"
 #include "versions/orbs3_version_actions.h"
 #include "versions/orbs3_version_name.h"
+#include "versions/version_fixture.h"
 
 namespace {
 
-using storage_test::bucket_fixture;
-using storage_test::read_file;
+using version_test::read_file;
 
-constexpr const char* kStamp = "2026-11-24T18:00:01.000Z";
-
-class VersionActions : public bucket_fixture {
+class VersionActions : public version_test::version_fixture {
 protected:
-    void SetUp() override
-    {
-        bucket_fixture::SetUp();
-        version_ = storage_test::str(bucket_->version_dir);
-        std::filesystem::create_directories(version_);
-    }
-
-    static std::string record(const std::string& key, const std::string& etag, std::size_t size,
-                              const std::string& id, const char* stamp = kStamp)
-    {
-        return "<object objectname=\"" + key + "\" etag=\"" + etag + "\" last_modified=\"" + stamp + "\" size=\"" +
-               std::to_string(size) + "\"" + (id.empty() ? "" : " version_id=\"" + id + "\"") + " />";
-    }
     // The live object `key`: its bytes and a record with ETag "e-<bytes>", "" as id for "null".
     void live(const std::string& key, const std::string& bytes, const std::string& id)
     {
         write(data_, key, bytes);
         write(meta_, key, record(key, "e-" + bytes, bytes.size(), id));
-    }
-    // An old content of `key` in `tree` named by `suffix`, with a record (ETag "e-<bytes>") when `id` is
-    // not "-" ("" for "null").
-    static void old(const std::string& tree, const std::string& key, const std::string& suffix,
-                    const std::string& bytes, const std::string& id)
-    {
-        orbs3_version_file_t f;
-        ASSERT_EQ(orbs3_version_paths(tree, key, suffix, &f), 0);
-        storage_test::write_file(f.data, bytes);
-        if (id != "-")
-            storage_test::write_file(f.record, record(key, "e-" + bytes, bytes.size(), id));
-    }
-    std::string fresh_id()
-    {
-        char id[ORBS3_VERSION_SUFFIX_LEN + 1];
-        EXPECT_EQ(orbs3_version_new_suffix(kStamp, id), 0);
-        return id;
     }
     // The record of `key`'s content `suffix` in `tree`, or the live record with an empty suffix.
     std::unique_ptr<orbs3_object_t, void (*)(orbs3_object_t*)> rec(const std::string& tree, const std::string& key,
@@ -78,16 +45,6 @@ protected:
                 seen[e.path().string()] = read_file(e.path().string());
         return seen;
     }
-    // The bytes of each content of `tree`, by the name they lie under (records aside).
-    static std::map<std::string, std::string> contents(const std::string& tree)
-    {
-        std::map<std::string, std::string> seen;
-        for (const auto& e : std::filesystem::recursive_directory_iterator(tree))
-            if (e.is_regular_file() && !orbs3_version_is_record_name(e.path().filename().string()))
-                seen[std::filesystem::relative(e.path(), tree).string()] = read_file(e.path().string());
-        return seen;
-    }
-    std::string version_;
 };
 
 std::string id_of(const orbs3_object_t* r)
@@ -97,11 +54,10 @@ std::string id_of(const orbs3_object_t* r)
 
 TEST_F(VersionActions, RestoreTwiceSwapsBackAndForthWithOwnNamesAndRecords)
 {
-    bucket_->versioning.status = 1;
-    bucket_->versioning.save_num = 10;
+    enable(10);
     for (const std::string key : {"k", "d/k", "a..b/c..d", "x...y", "d/k..2026_01_01_00_00_00"}) {
         SCOPED_TRACE(key);
-        const std::string live_id = fresh_id(), old_id = fresh_id();
+        const std::string live_id = new_id(), old_id = new_id();
         live(key, "now-" + key, live_id);
         old(version_, key, old_id, "then-" + key, old_id);
 
@@ -127,13 +83,12 @@ TEST_F(VersionActions, RestoreTwiceSwapsBackAndForthWithOwnNamesAndRecords)
         ASSERT_EQ(list.size(), 1u);
         EXPECT_EQ(list[0].suffix, old_id);
     }
-    EXPECT_TRUE(contents(recycle_).empty());
+    EXPECT_TRUE(named(recycle_).empty());
 }
 
 TEST_F(VersionActions, RestoredContentWithoutRecordGetsOneFromItsBytesAndItsDirectoriesBack)
 {
-    bucket_->versioning.status = 1;
-    bucket_->versioning.save_num = 10;
+    enable(10);
     // No live object, and the key's directories went with its last one.
     old(version_, "d/k", "2026_01_02_03_04_05", "old bytes", "-");
     ASSERT_FALSE(std::filesystem::exists(data_ + "/d"));
@@ -154,27 +109,9 @@ TEST_F(VersionActions, RestoredContentWithoutRecordGetsOneFromItsBytesAndItsDire
     EXPECT_EQ(id_of(r.get()), "2026_01_02_03_04_05") << "found by its name, it keeps that id";
 }
 
-TEST_F(VersionActions, NullLiveContentLeavesUnderAFreshNameOfItsStamp)
-{
-    bucket_->versioning.status = 1;
-    bucket_->versioning.save_num = 10;
-    const std::string old_id = fresh_id();
-    live("k", "null one", "");
-    old(version_, "k", old_id, "versioned", old_id);
-    ASSERT_EQ(orbs3_restore_version(vh_, bucket_, "k.." + old_id), 0);
-    std::vector<orbs3_version_entry_t> list;
-    ASSERT_EQ(orbs3_version_list_key(version_, "k", &list), 0);
-    ASSERT_EQ(list.size(), 1u);
-    EXPECT_EQ(std::string(list[0].suffix).substr(0, 20), "2026_11_24_18_00_01-");
-    auto v = rec(version_, "k", list[0].suffix);
-    ASSERT_TRUE(v);
-    EXPECT_EQ(id_of(v.get()), "null");
-    EXPECT_EQ(contents(version_), (std::map<std::string, std::string>{{std::string("k..") + list[0].suffix, "null one"}}));
-}
-
 TEST_F(VersionActions, RefusedOrFailedActionsMoveNothing)
 {
-    const std::string id = fresh_id();
+    const std::string id = new_id();
     struct {
         const char* what;
         int status;
@@ -193,7 +130,7 @@ TEST_F(VersionActions, RefusedOrFailedActionsMoveNothing)
         {"reserved name", 1, 10, ".orbs3-v-k.." + id, ORBS3_S3_INVALID_ARGUMENT},
         {"a marker's record beside bytes", 1, 10, "m.." + id, ORBS3_VERSION_MOVE_FAILED},
     };
-    live("k", "live", fresh_id());
+    live("k", "live", new_id());
     old(version_, "k", id, "old", id);
     old(recycle_, "k", id, "old", id);
     write(version_, "d..2026_01_01_00_00_00/x", "another key's");
@@ -207,8 +144,7 @@ TEST_F(VersionActions, RefusedOrFailedActionsMoveNothing)
     const auto before = snapshot();
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        bucket_->versioning.status = c.status;
-        bucket_->versioning.save_num = c.save_num;
+        enable(c.save_num, c.status);
         EXPECT_EQ(orbs3_restore_version(vh_, bucket_, c.stamped), c.want);
         EXPECT_EQ(snapshot(), before);
         if (c.status == 1) {
@@ -240,10 +176,9 @@ TEST_F(VersionActions, RecycledContentComesBackAndTheLiveOneGoesBySetting)
             std::filesystem::remove_all(d);
             std::filesystem::create_directories(d);
         }
-        bucket_->versioning.status = c.status;
-        bucket_->versioning.save_num = c.save_num;
-        const std::string live_id = c.live_has_id ? fresh_id() : "";
-        const std::string gone_id = fresh_id();
+        enable(c.save_num, c.status);
+        const std::string live_id = c.live_has_id ? new_id() : "";
+        const std::string gone_id = new_id();
         live("k", "live", live_id);
         old(recycle_, "k", gone_id, "deleted", gone_id);
 
@@ -251,7 +186,7 @@ TEST_F(VersionActions, RecycledContentComesBackAndTheLiveOneGoesBySetting)
         EXPECT_EQ(read_file(data_ + "/k"), "deleted");
         EXPECT_EQ(id_of(rec(version_, "k", "").get()), gone_id);
         const std::string& tree = std::string(c.live_goes_to) == "recycle" ? recycle_ : version_;
-        const auto there = contents(tree);
+        const auto there = named(tree);
         ASSERT_EQ(there.size(), 1u);
         EXPECT_EQ(there.begin()->second, "live");
         const std::string name = there.begin()->first;
@@ -262,28 +197,28 @@ TEST_F(VersionActions, RecycledContentComesBackAndTheLiveOneGoesBySetting)
         auto moved = rec(tree, "k", name.substr(3));
         ASSERT_TRUE(moved) << "its record went with it";
         EXPECT_EQ(storage_test::str(moved->etag), "e-live");
-        EXPECT_EQ(contents(std::string(c.live_goes_to) == "recycle" ? version_ : recycle_).size(), 0u);
+        EXPECT_EQ(id_of(moved.get()), c.live_has_id ? live_id : "null") << "a null content stays null";
+        EXPECT_EQ(named(std::string(c.live_goes_to) == "recycle" ? version_ : recycle_).size(), 0u);
     }
 }
 
 TEST_F(VersionActions, TheBoundCountsTheVersionsThatStay)
 {
-    bucket_->versioning.status = 1;
-    bucket_->versioning.save_num = 2;
+    enable(2);
     const std::string eldest = "2026_01_01_00_00_00-000000aaaaaaaa", newer = "2026_01_02_00_00_00-000000bbbbbbbb";
-    live("k", "live", fresh_id());
+    live("k", "live", new_id());
     old(version_, "k", eldest, "v1", eldest);
     old(version_, "k", newer, "v2", newer);
     // Restoring one of two versions keeps two: the one coming back makes room for the live one.
     ASSERT_EQ(orbs3_restore_version(vh_, bucket_, "k.." + newer), 0);
-    EXPECT_EQ(contents(version_).size(), 2u);
-    EXPECT_TRUE(contents(recycle_).empty());
+    EXPECT_EQ(named(version_).size(), 2u);
+    EXPECT_TRUE(named(recycle_).empty());
     // A recycled content coming back adds the live one as a third: the eldest is retired.
-    const std::string gone = fresh_id();
+    const std::string gone = new_id();
     old(recycle_, "k", gone, "deleted", gone);
     ASSERT_EQ(orbs3_restore_recycled(vh_, bucket_, "k.." + gone), 0);
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, std::string>{{"k.." + eldest, "v1"}}));
-    EXPECT_EQ(contents(version_).size(), 2u);
+    EXPECT_EQ(named(recycle_), (std::map<std::string, std::string>{{"k.." + eldest, "v1"}}));
+    EXPECT_EQ(named(version_).size(), 2u);
     EXPECT_EQ(read_file(data_ + "/k"), "deleted");
 }
 
@@ -293,7 +228,7 @@ TEST_F(VersionActions, CountsFollowTheLiveContent)
     const std::string meta_file = storage_test::str(bucket_->meta_file);
     std::filesystem::create_directories(std::filesystem::path(meta_file).parent_path());
     ASSERT_EQ(orbs3_save_bucket(bucket_, meta_file.c_str()), 0);
-    const std::string a = fresh_id(), b = fresh_id();
+    const std::string a = new_id(), b = new_id();
     old(recycle_, "k", a, "12345", a);
     old(recycle_, "k", b, "123", b);
     auto stat_of = [&] {
@@ -311,11 +246,11 @@ TEST_F(VersionActions, CountsFollowTheLiveContent)
 
 TEST_F(VersionActions, DeleteVersionRecyclesItAndPurgeRemovesOnlyWhatItNames)
 {
-    const std::string id = fresh_id(), other = fresh_id();
+    const std::string id = new_id(), other = new_id();
     old(version_, "d/k", id, "old", id);
     ASSERT_EQ(orbs3_delete_version(bucket_, "d/k.." + id), 0);
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, std::string>{{"d/k.." + id, "old"}}));
-    EXPECT_TRUE(contents(version_).empty());
+    EXPECT_EQ(named(recycle_), (std::map<std::string, std::string>{{"d/k.." + id, "old"}}));
+    EXPECT_TRUE(named(version_).empty());
     orbs3_version_file_t f;
     ASSERT_EQ(orbs3_version_paths(recycle_, "d/k", id, &f), 0);
     EXPECT_TRUE(std::filesystem::exists(f.record)) << "the record went along";
@@ -328,7 +263,7 @@ TEST_F(VersionActions, DeleteVersionRecyclesItAndPurgeRemovesOnlyWhatItNames)
                                     "../d/k.." + other})
         EXPECT_EQ(orbs3_purge_recycled(bucket_, gone), 0) << gone;
     EXPECT_FALSE(std::filesystem::exists(f.record));
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, std::string>{{"d/k.." + other, "kept"},
+    EXPECT_EQ(named(recycle_), (std::map<std::string, std::string>{{"d/k.." + other, "kept"},
                                                                       {"d/k..2026_01_01_00_00_00/x", "another key's"}}));
 }
 
@@ -338,19 +273,18 @@ namespace {
 
 TEST_F(VersionActions, ANullContentComingBackTakesTheNullIdFromANullVersion)
 {
-    bucket_->versioning.status = 1;
-    bucket_->versioning.save_num = 10;
-    const std::string live_id = fresh_id(), null_version = fresh_id(), real_version = fresh_id(),
-                      recycled = fresh_id();
+    enable(10);
+    const std::string live_id = new_id(), null_version = new_id(), real_version = new_id(),
+                      recycled = new_id();
     live("k", "live", live_id);
     old(version_, "k", null_version, "null version", "");
     old(version_, "k", real_version, "real version", real_version);
     old(recycle_, "k", recycled, "recycled null", "");
     ASSERT_EQ(orbs3_restore_recycled(vh_, bucket_, "k.." + recycled), 0);
     EXPECT_EQ(read_file(data_ + "/k"), "recycled null");
-    EXPECT_EQ(contents(version_), (std::map<std::string, std::string>{{"k.." + live_id, "live"},
+    EXPECT_EQ(named(version_), (std::map<std::string, std::string>{{"k.." + live_id, "live"},
                                                                       {"k.." + real_version, "real version"}}));
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, std::string>{{"k.." + null_version, "null version"}}));
+    EXPECT_EQ(named(recycle_), (std::map<std::string, std::string>{{"k.." + null_version, "null version"}}));
 }
 
 }  // namespace

@@ -13,53 +13,21 @@
 
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_object_read.h"
-#include "storage/storage_fixture.h"
 #include "versions/orbs3_object_version.h"
 #include "versions/orbs3_recycle.h"
 #include "versions/orbs3_version_delete.h"
+#include "versions/version_fixture.h"
 
 namespace fs = std::filesystem;
 
 namespace {
 
-using storage_test::read_file;
+using version_test::read_file;
 
-constexpr const char* kStamp = "2026-11-24T18:00:01.000Z";
-
-class VersionDelete : public storage_test::bucket_fixture {
+class VersionDelete : public version_test::version_fixture {
 protected:
-    void SetUp() override
-    {
-        bucket_fixture::SetUp();
-        version_ = storage_test::str(bucket_->version_dir);
-    }
-    // A write of `bytes` to `key` as a PUT makes it, all in one second: the old content handed to the
-    // version step, the new bytes renamed over the live file, the record written. "" writes a "null" id.
-    void put(const std::string& key, const std::string& bytes, const std::string& id = "")
-    {
-        orbs3_object_path_t path;
-        ASSERT_EQ(orbs3_make_object_path(bucket_, key, "", &path), 0);
-        ASSERT_EQ(orbs3_object_version_update(bucket_, key, &path, id.empty()), 0);
-        write(data_, key + ".tmp", bytes);
-        fs::rename(data_ + "/" + key + ".tmp", path.data_path);
-        write(meta_, key,
-              "<object objectname=\"" + key + "\" etag=\"e-" + bytes + "\" last_modified=\"" + kStamp +
-                  "\" size=\"" + std::to_string(bytes.size()) + "\"" +
-                  (id.empty() ? "" : " version_id=\"" + id + "\"") + " />");
-    }
-    std::string new_id()
-    {
-        char id[ORBS3_VERSION_SUFFIX_LEN + 1];
-        EXPECT_EQ(orbs3_version_new_suffix(kStamp, id), 0);
-        return id;
-    }
-    void enable(int save_num)
-    {
-        bucket_->versioning.status = 1;
-        bucket_->versioning.save_num = save_num;
-    }
     // Every content of a tree by its bytes, each with whether the record beside it names those bytes.
-    static std::map<std::string, bool> contents(const std::string& root)
+    static std::map<std::string, bool> recorded(const std::string& root)
     {
         std::map<std::string, bool> seen;
         if (!fs::exists(root))
@@ -91,7 +59,6 @@ protected:
     {
         return in_data(key) ? read_file(data_ + "/" + key) : std::string("<none>");
     }
-    std::string version_;
 };
 
 TEST_F(VersionDelete, RecycleKeepsEveryContentOfOneSecondWithItsRecord)
@@ -115,7 +82,7 @@ TEST_F(VersionDelete, RecycleKeepsEveryContentOfOneSecondWithItsRecord)
             EXPECT_TRUE(std::string(suffix).starts_with("2026_11_24_18_00_01-")) << suffix;
         }
     }
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, bool>{{"first", true}, {"second", true}, {"third", true}}));
+    EXPECT_EQ(recorded(recycle_), (std::map<std::string, bool>{{"first", true}, {"second", true}, {"third", true}}));
 
     // Bytes without a record are named by their modification time; nothing left is nothing to do.
     write(data_, "r/k", "bytes");
@@ -161,7 +128,7 @@ TEST_F(VersionDelete, MarkersNameWhatTheyTookAndRemovingTheLatestBringsItBack)
     EXPECT_EQ(first.gone.objects, 1);
     EXPECT_EQ(first.gone.bytes, 2);
     EXPECT_EQ(live("d/k"), "<none>");
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, bool>{{"v1", true}}));
+    EXPECT_EQ(recorded(recycle_), (std::map<std::string, bool>{{"v1", true}}));
     auto list = entries("d/k");
     ASSERT_EQ(list.size(), 1u);
     ASSERT_TRUE(list[0]);
@@ -202,7 +169,7 @@ TEST_F(VersionDelete, MarkersNameWhatTheyTookAndRemovingTheLatestBringsItBack)
     EXPECT_EQ(live("d/k"), "v2");
     EXPECT_NE(read_file(meta_ + "/d/k").find("e-v2"), std::string::npos);
     EXPECT_TRUE(entries("d/k").empty());
-    EXPECT_EQ(contents(recycle_), (std::map<std::string, bool>{{"v1", true}}));
+    EXPECT_EQ(recorded(recycle_), (std::map<std::string, bool>{{"v1", true}}));
 }
 
 TEST_F(VersionDelete, AMoveToTheLivePlaceMakesTheDirectoriesOfBothTrees)
@@ -272,7 +239,7 @@ TEST_F(VersionDelete, DeleteByIdTakesExactlyTheContentNamed)
         EXPECT_FALSE(out.delete_marker) << w.id;
         EXPECT_EQ(live("a/k"), w.live) << w.id;
         EXPECT_EQ(out.gone.objects, w.objects_gone) << w.id;
-        EXPECT_EQ(contents(recycle_), w.recycled) << w.id;
+        EXPECT_EQ(recorded(recycle_), w.recycled) << w.id;
         if (w.rc == 0) {
             EXPECT_EQ(std::string(out.version_id), w.id);
         }
