@@ -159,7 +159,7 @@ struct orbs3_http_request_t {
     orbs3_vhost_t* vhost;
     uint32_t host_style;
     orbs3_http_resp_t resp;
-    orbs3_user_t* user;
+    orbs3_user_t* user;  // null for a request without credentials (orbs3_s3_anonymous_action)
     int32_t header_length;
     uint64_t request_length;
     uint64_t received;

@@ -202,22 +202,53 @@ int body_failure_status(int rc)
     }
 }
 
+// The actions a request without credentials may try, by method: reading an object or a listing, and
+// writing an object. Their handlers decide by the ACL of the bucket or the object whether it goes on.
+struct anonymous_row {
+    string_view action;
+    uint32_t methods;
+};
+constexpr anonymous_row kAnonymous[] = {
+    {"GetObject", ORBS3_HTTP_GET | ORBS3_HTTP_HEAD},
+    {"ListObject", ORBS3_HTTP_GET | ORBS3_HTTP_HEAD},
+    {"PutObject", ORBS3_HTTP_PUT},
+};
+
+}  // namespace
+
+bool orbs3_s3_anonymous_action(string_view action, uint32_t method)
+{
+    for (const anonymous_row& a : kAnonymous) {
+        if (a.action == action && (a.methods & method) != 0)
+            return true;
+    }
+    return false;
+}
+
+namespace {
+
 // Steps 5 to 9: who sends the request, whether they may, and the handler.
 int admit_and_run(orbs3_http_request_t* r)
 {
     char key[ORBS3_ACCESS_KEY_ID_LEN];
     int found = orbs3_s3_request_access_key(r, key);
-    if (found == ORBS3_AUTH_NONE)
-        return ORBS3_S3_INVALID_ACCESS_KEY_ID;
-    if (found != 0)
-        return ORBS3_S3_AUTH_HEADER_MALFORMED;
     orbs3_vhost_t* vh = r->vhost;
-    orbs3_user_t* user = orbs3_check_accesskeyid_exist(&vh->admin, key, vh);
-    if (user == nullptr)
-        return ORBS3_S3_INVALID_ACCESS_KEY_ID;
+    orbs3_user_t* user = nullptr;
+    if (found == ORBS3_AUTH_NONE) {
+        // No credentials at all: a public reader or writer, who is nobody's user. Credentials that are
+        // present but fail never come here: they are refused below, whatever the ACLs grant.
+        if (!orbs3_s3_anonymous_action(r->event->name, r->method))
+            return ORBS3_S3_ACCESS_DENIED;
+    } else if (found != 0) {
+        return ORBS3_S3_AUTH_HEADER_MALFORMED;
+    } else {
+        user = orbs3_check_accesskeyid_exist(&vh->admin, key, vh);
+        if (user == nullptr)
+            return ORBS3_S3_INVALID_ACCESS_KEY_ID;
+    }
     r->user = user;
 
-    if (orbs3_conf.verify_signatures) {
+    if (user != nullptr && orbs3_conf.verify_signatures) {
         const char* secret = orbs3_s3_user_secret(user, key);
         if (secret == nullptr)
             return ORBS3_S3_INVALID_ACCESS_KEY_ID;

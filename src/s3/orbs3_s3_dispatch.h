@@ -36,6 +36,11 @@ extern orbs3_s3_event_t s3_events[];
 // The row of an action name (exact, length first), or null.
 [[nodiscard]] const orbs3_s3_event_t* orbs3_s3_find_event(std::string_view name);
 
+// Whether a request without any credentials may try `action` with `method` (ORBS3_HTTP_*): GET and HEAD
+// of an object or a listing, PUT of an object. Such a request runs with a null r->user, and the handler
+// admits it only by the public bits of the bucket's or the object's ACL; any other action is AccessDenied.
+[[nodiscard]] bool orbs3_s3_anonymous_action(std::string_view action, uint32_t method);
+
 // The listener's response handler. 0 when the handler replied; a status code after an error reply;
 // -2 while the operation goes on; -1 or ORBS3_HTTP_CLOSED (-9) after a body failure.
 int orbs3_events_process(orbs3_http_request_t* r);

@@ -30,6 +30,7 @@
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_list_object.h"
+#include "storage/orbs3_object.h"
 #include "storage/orbs3_record.h"
 
 namespace {
@@ -89,6 +90,12 @@ int orbs3_request_bucket(orbs3_http_request_t* r, const int* bucket_code, const 
         return fail(r, ORBS3_S3_NO_SUCH_BUCKET, name);
     if (orbs3_access_check_chain(r->vhost, r->user, b.get(), r->connection->peer, bucket_code, object_code, chain) !=
         0)
+        return fail(r, ORBS3_S3_ACCESS_DENIED, "/");
+    // Without credentials only the bucket's own ACL can let the request on.
+    if (r->user == nullptr &&
+        orbs3_anonymous_bucket_status(b.get(), bucket_code != nullptr   ? *bucket_code
+                                               : object_code != nullptr ? *object_code
+                                                                        : ORBS3_ACCESS_NONE) != 0)
         return fail(r, ORBS3_S3_ACCESS_DENIED, "/");
     if (orbs3_bucket_init_path(r->vhost, r->user, b.get(), name) != 0)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, name);

@@ -44,6 +44,36 @@ void set_resource(orbs3_http_request_t* r, std::string_view bucket, std::string_
 
 }  // namespace
 
+int orbs3_anonymous_bucket_status(const orbs3_bucket_t* bucket, int code)
+{
+    switch (code) {
+    case ORBS3_ACCESS_LIST: return (bucket->acl & ORBS3_ACL_ALL_USERS_READ) != 0 ? 0 : ORBS3_S3_ACCESS_DENIED;
+    case ORBS3_ACCESS_WRITE: return (bucket->acl & ORBS3_ACL_ALL_USERS_WRITE) != 0 ? 0 : ORBS3_S3_ACCESS_DENIED;
+    case ORBS3_ACCESS_READ: return 0;
+    default: return ORBS3_S3_ACCESS_DENIED;
+    }
+}
+
+int orbs3_anonymous_object_status(const orbs3_bucket_t* bucket, const orbs3_object_t* record, int open_status)
+{
+    if (open_status == ORBS3_S3_NO_SUCH_KEY || open_status == ORBS3_S3_NO_SUCH_VERSION)
+        return (bucket->acl & ORBS3_ACL_ALL_USERS_READ) != 0 ? open_status : ORBS3_S3_ACCESS_DENIED;
+    if (open_status != 0)
+        return open_status;
+    return record != nullptr && (record->acl & ORBS3_ACL_ALL_USERS_READ) != 0 ? 0 : ORBS3_S3_ACCESS_DENIED;
+}
+
+const orbs3_user_t* orbs3_object_writer(const orbs3_http_request_t* r, const orbs3_bucket_t* bucket,
+                                        orbs3_user_t* stand_in)
+{
+    if (r->user != nullptr)
+        return r->user;
+    *stand_in = orbs3_user_t{};
+    stand_in->UserId = bucket->owner_id;
+    stand_in->DisPlayName = bucket->owner_name;
+    return stand_in;
+}
+
 int orbs3_object_access_bucket(orbs3_http_request_t* r, std::string_view name, int object_code, orbs3_bucket_t** out)
 {
     *out = nullptr;
@@ -51,7 +81,8 @@ int orbs3_object_access_bucket(orbs3_http_request_t* r, std::string_view name, i
     if (b == nullptr)
         return ORBS3_S3_NO_SUCH_BUCKET;
     if (orbs3_access_check_chain(r->vhost, r->user, b, r->connection->peer, nullptr, &object_code,
-                                 orbs3_access_chain_t::full) != 0) {
+                                 orbs3_access_chain_t::full) != 0 ||
+        (r->user == nullptr && orbs3_anonymous_bucket_status(b, object_code) != 0)) {
         orbs3_free_bucket(b);
         std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
         return ORBS3_S3_ACCESS_DENIED;

@@ -12,6 +12,7 @@
 #include "storage/orbs3_bucket.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object_store.h"
+#include "storage/orbs3_record.h"
 
 // The checks every object action starts with: bucket and key present and legal, the bucket's record
 // read, the access chain run with the object code, and for a write (ORBS3_ACCESS_WRITE) the key's paths
@@ -24,6 +25,24 @@
 // paths filled; the caller frees it), or NoSuchBucket, AccessDenied (r->resp.resource "/"), InternalError.
 [[nodiscard]] int orbs3_object_access_bucket(orbs3_http_request_t* r, std::string_view name, int object_code,
                                              orbs3_bucket_t** out);
+
+// What a request without credentials may do with a bucket for the access code of its action: list it
+// (ORBS3_ACCESS_LIST) when the bucket's ACL grants READ to all users, write an object into it
+// (ORBS3_ACCESS_WRITE) when it grants WRITE to all users, read an object (ORBS3_ACCESS_READ) as far as the
+// bucket goes (the object's own ACL decides, orbs3_anonymous_object_status). 0 or ORBS3_S3_ACCESS_DENIED.
+[[nodiscard]] int orbs3_anonymous_bucket_status(const orbs3_bucket_t* bucket, int code);
+// Whether such a request may read a content: `open_status` is what opening it gave (0, NoSuchKey, ...),
+// `record` its record (null when it has none). A content whose record grants READ to all users is read
+// (0); a missing one (NoSuchKey, NoSuchVersion) is told only where the bucket lets all users list it, AccessDenied elsewhere so
+// that a private bucket's key names are not probed; any other failure stands. The status to answer.
+[[nodiscard]] int orbs3_anonymous_object_status(const orbs3_bucket_t* bucket, const orbs3_object_t* record,
+                                                int open_status);
+// The user a write records as the owner of what it makes: the requester, or for a request without
+// credentials the bucket's owner, written into `stand_in`. The bucket owner keeps every object of the
+// bucket in hand (its ACL, its deletion), as S3 does under bucket-owner-enforced ownership; a public
+// writer is nobody this tenant knows.
+[[nodiscard]] const orbs3_user_t* orbs3_object_writer(const orbs3_http_request_t* r, const orbs3_bucket_t* bucket,
+                                                      orbs3_user_t* stand_in);
 
 // The request's conditional headers: `prefix` + "if-match", "if-none-match", "if-modified-since" and
 // "if-unmodified-since", as views into its headers. "" for GET, HEAD and writes (which look at the first

@@ -324,11 +324,27 @@ int orbs3_get_object(orbs3_http_request_t* r)
     reply_choices_t choices;
     if (rc = read_reply_choices(r, &choices); rc != 0)
         return rc;
+    // A link to a public object must not make it served as another type (text/html on this host), as S3
+    // holds: only a signed request chooses reply headers.
+    for (std::size_t i = 0; r->user == nullptr && i < kChoices; i++) {
+        if (choices.value[i]) {
+            r->resp.message = "Request specific response headers cannot be used for anonymous GET requests.";
+            return ORBS3_S3_INVALID_REQUEST;
+        }
+    }
     std::string_view version;
     if (rc = orbs3_object_version_param(r, &version); rc != 0)
         return rc;
     orbs3_object_source_t src;
     rc = version.empty() ? orbs3_object_open(raw, key, &src) : orbs3_object_open_version(raw, key, version, &src);
+    // A public reader learns nothing of a content its ACL does not show, not even its ETag in a 304.
+    if (r->user == nullptr) {
+        const int open_status = src.delete_marker ? ORBS3_S3_NO_SUCH_KEY : rc;
+        if (int st = orbs3_anonymous_object_status(raw, src.record.get(), open_status); st != open_status) {
+            std::snprintf(r->resp.resource, sizeof r->resp.resource, "/");
+            return st;
+        }
+    }
     if (rc != 0)
         return src.delete_marker ? refuse_delete_marker(r, src, rc) : rc;
     const int64_t size = src.size;

@@ -86,7 +86,8 @@ int commit(orbs3_http_request_t* r, orbs3_object_body_t* body)
             st->meta.checksum = body->checksum_value;
         }
         st->meta.version_id = commit.version_id;
-        if (orbs3_object_write_record(r->user, st->key, st->path.meta_path, st->path.data_path, body->file.etag,
+        orbs3_user_t stand_in;
+        if (orbs3_object_write_record(orbs3_object_writer(r, st->bucket, &stand_in), st->key, st->path.meta_path, st->path.data_path, body->file.etag,
                                       body->file.size, commit.stamp, &st->meta) != 0)
             ipd_log(LOG_ERR, "record %s not written: the object is served without it", st->path.meta_path);
     }
@@ -134,7 +135,8 @@ int put_directory_object(orbs3_http_request_t* r, orbs3_bucket_t* bucket, std::s
         fresh = access(marker, F_OK) != 0;
         char stamp[64];
         get_gmt_meta_time(stamp, sizeof stamp);
-        if (orbs3_object_write_record(r->user, key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
+        orbs3_user_t stand_in;
+        if (orbs3_object_write_record(orbs3_object_writer(r, bucket, &stand_in), key, marker, path.data_path, kEmptyEtag, 0, stamp, &meta) != 0)
             return ORBS3_S3_INTERNAL_ERROR;
     }
     // Writing the record again over an existing directory object adds no object.

@@ -25,7 +25,7 @@ import urllib.parse
 import pytest
 
 from orbmux_harness import DEFAULT_ORBMUX_CONF, SLOWDOWN, Sandbox, free_port, wait_for, wait_port
-from test_worker import DATE, INVALID_ACCESS_KEY, REQUEST, check_error_reply, read_replies
+from test_worker import ACCESS_DENIED, DATE, INVALID_ACCESS_KEY, REQUEST, check_error_reply, read_replies
 
 TIMEOUT = 2
 HTTP_CONF = f'<?xml version="1.0"?>\n<http timeout="{TIMEOUT}"/>\n'
@@ -339,7 +339,7 @@ def test_pipelined_requests_are_answered_in_order_and_connection_close_ends_them
         c.answered(b"bucket/one")
         c.answered(b"bucket/two", kind="put")
         c.answered(b"bucket/three", head_only=True)  # the HEAD reply, third: the order holds
-        check_error_reply(c.reply(), b"403 Forbidden", *INVALID_ACCESS_KEY, b"/")  # a refusal in line
+        check_error_reply(c.reply(), b"403 Forbidden", *ACCESS_DENIED, b"/")  # a refusal in line
         c.answered(b"bucket/four", b"close")
         c.eof()
     stored(engine[0], "two", body)

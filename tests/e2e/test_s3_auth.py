@@ -30,7 +30,7 @@ except ImportError:
     botocore_crt_auth = None
 
 from orbmux_harness import SLOWDOWN, run_tool, tenant_fixture
-from test_worker import DATE, INVALID_ACCESS_KEY, check_error_reply
+from test_worker import ACCESS_DENIED, DATE, INVALID_ACCESS_KEY, check_error_reply
 
 DOMAIN = "s3.test"
 BUCKET = "bkt"
@@ -354,10 +354,10 @@ def signed(t, method, path, query="", headers=(), body=b"", signer=S3SigV4Auth, 
 def test_requests_without_readable_credentials_are_refused_byte_exact(tenant):
     host = ("Host", f"127.0.0.1:{tenant.port}")
     forbidden = b"403 Forbidden"
-    # No credentials at all: the caller is unknown.
-    for method in ("GET", "HEAD", "DELETE"):
-        got = tenant.one_reply(wire(method, "/bkt/some/key", [host]), head_only=method == "HEAD")
-        check_error_reply(got, forbidden, *INVALID_ACCESS_KEY, b"/", head_only=method == "HEAD")
+    # No credentials at all, for actions nobody may take without them.
+    for method, target in (("GET", "/bkt/some/key?acl"), ("HEAD", "/bkt/some/key?tagging"), ("DELETE", "/bkt/some/key")):
+        got = tenant.one_reply(wire(method, target, [host]), head_only=method == "HEAD")
+        check_error_reply(got, forbidden, *ACCESS_DENIED, b"/", head_only=method == "HEAD")
     # A presigned query of a key nobody has.
     query = ("X-Amz-Algorithm=AWS4-HMAC-SHA256&X-Amz-Credential=AKIANOSUCHKEY0000000%2F20260101%2Fus-east-1%2Fs3"
              "%2Faws4_request&X-Amz-Date=20260101T000000Z&X-Amz-Expires=600&X-Amz-SignedHeaders=host"
@@ -390,7 +390,7 @@ def test_a_signed_preflight_gets_the_preflight_reply_and_an_unsigned_one_is_refu
                 b"Access-Control-Allow-Headers: " + asked.encode() + b"\r\nServer: KELVANE\r\n\r\n")
         assert got == want, got
     got = tenant.one_reply(wire("OPTIONS", "/bkt/obj", [("Host", f"127.0.0.1:{tenant.port}"), *cors]))
-    assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and b"<Code>InvalidAccessKeyId</Code>" in got, got
+    assert got.startswith(b"HTTP/1.1 403 Forbidden\r\n") and b"<Code>AccessDenied</Code>" in got, got
 
 
 class UnsignedPayload(S3SigV4Auth):

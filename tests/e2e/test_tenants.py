@@ -1,8 +1,8 @@
 """Tenants loaded from their files at start: one worker per (ssl, address, port) with an active host.
 
 One daemon serves the whole module: it needs about six seconds to decide, without a cluster controller,
-that it starts offline. A served port answers a request without credentials 403 InvalidAccessKeyId from
-the S3 front end, which is enough to tell that a worker serves it.
+that it starts offline. A served port answers a request without credentials for an object's ACL 403
+AccessDenied from the S3 front end, which is enough to tell that a worker serves it.
 """
 
 import os

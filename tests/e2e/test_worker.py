@@ -1,7 +1,7 @@
 """The worker process and its event loop, for one provisioned tenant on a free port.
 
-The requests here carry no credentials, so the S3 front end answers each one 403 InvalidAccessKeyId
-before any action runs; the worker's debug trace ("accept fd=.. on thread ..", "close fd=.. on
+The requests here carry no credentials and ask for an object's ACL, which nobody may read without them,
+so the S3 front end answers each one 403 AccessDenied before any action runs; the worker's debug trace ("accept fd=.. on thread ..", "close fd=.. on
 thread ..", the counters line) shows how connections were spread and that each one was closed again.
 """
 
@@ -21,7 +21,7 @@ from orbmux_harness import (DEBUG_FILE, OFFLINE_START, Sandbox, free_port, pid_a
 DATE = re.compile(
     rb"\r\nDate: ((Sun|Mon|Tue|Wed|Thu|Fri|Sat), [1-9]\d? "
     rb"(Jan|Feb|Mar|Apr|May|Jun|jul|Aug|Sept|Oct|Nov|Dec) \d{4} \d\d:\d\d:\d\d GMT)\r\n")
-REQUEST = b"GET /bucket/object HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: e2e\r\n\r\n"
+REQUEST = b"GET /bucket/object?acl HTTP/1.1\r\nHost: 127.0.0.1\r\nUser-Agent: e2e\r\n\r\n"
 ACCEPT_LINE = re.compile(r"accept fd=(\d+) on thread (-?\d+)")
 CLOSE_LINE = re.compile(r"close fd=(\d+) on thread (-?\d+)")
 COUNTERS_LINE = re.compile(r"connections accepted=(\d+) open=(-?\d+) closed=(\d+) free slots=(-?\d+)")
@@ -34,6 +34,7 @@ ANY_REQUEST_ID = b"0" * 32
 
 INVALID_ACCESS_KEY = (b"InvalidAccessKeyId",
                       b"The HARROWMINT access key ID you provided does not exist in our records.")
+ACCESS_DENIED = (b"AccessDenied", b"Access Denied")
 
 
 def error_document(code, message, resource, request_id):
@@ -53,8 +54,8 @@ def error_reply(status, code, message, resource, date, request_id, connection=b"
 
 
 def expected_reply(date, request_id=ANY_REQUEST_ID, connection=b"keep-alive", head_only=False):
-    """The reply to a request without credentials."""
-    return error_reply(b"403 Forbidden", *INVALID_ACCESS_KEY, b"/", date, request_id, connection, head_only)
+    """The reply to REQUEST."""
+    return error_reply(b"403 Forbidden", *ACCESS_DENIED, b"/", date, request_id, connection, head_only)
 
 
 def check_error_reply(got, status, code, message, resource, connection=b"keep-alive", head_only=False):
@@ -88,7 +89,7 @@ def read_replies(sock, n=1, ids=None):
         size = len(expected_reply(m.group(1)))  # a request id is always 32 digits
         while len(data) < size:
             data += more()
-        request_id = check_error_reply(data[:size], b"403 Forbidden", *INVALID_ACCESS_KEY, b"/")
+        request_id = check_error_reply(data[:size], b"403 Forbidden", *ACCESS_DENIED, b"/")
         if ids is not None:
             ids.append(request_id)
         data = data[size:]

@@ -81,7 +81,8 @@ TEST_F(Dispatch, AdmissionRefusesWhatItCannotPlaceAndRunsTheHandlerOfAKnownKey)
         const char* resource;
     };
     const row rows[] = {
-        {"", static_cast<int>(ORBS3_S3_INVALID_ACCESS_KEY_ID), "InvalidAccessKeyId", "/"},
+        // No credentials: DeleteObject is no action a public request may try.
+        {"", static_cast<int>(ORBS3_S3_ACCESS_DENIED), "AccessDenied", "/"},
         {"Authorization: Bearer x\r\n", static_cast<int>(ORBS3_S3_AUTH_HEADER_MALFORMED),
          "AuthorizationHeaderMalformed", "/"},
         {"Authorization: AWS NOSUCHKEY:abc\r\n", static_cast<int>(ORBS3_S3_INVALID_ACCESS_KEY_ID), "InvalidAccessKeyId",
@@ -118,6 +119,43 @@ TEST_F(Dispatch, AdmissionRefusesWhatItCannotPlaceAndRunsTheHandlerOfAKnownKey)
                       "\r\nAuthorization: AWS ADMINKEY:abcdefghijklmnopqrstuvwxyz0=\r\n\r\n",
                   &reply),
               static_cast<int>(ORBS3_S3_SIGNATURE_DOES_NOT_MATCH));
+}
+
+// Only reads of objects and listings and writes of objects get to their handler without credentials; a
+// presigned query or a failed credential never counts as none.
+TEST_F(Dispatch, RequestsWithoutCredentialsReachOnlyThePublicActions)
+{
+    const struct {
+        const char* head;
+        const char* code;
+    } rows[] = {
+        // Reached the handler: the bucket's name check answers (an unconfigured process has no buckets).
+        {"GET /b/k HTTP/1.1", "InvalidBucketName"},
+        {"HEAD /b/k HTTP/1.1", ""},
+        {"GET /b HTTP/1.1", "InvalidBucketName"},
+        {"GET /b?list-type=2 HTTP/1.1", "InvalidBucketName"},
+        {"PUT /b/k HTTP/1.1\r\nContent-Length: 0", "InvalidBucketName"},
+        // Refused before any handler.
+        {"GET / HTTP/1.1", "AccessDenied"},
+        {"GET /b?acl HTTP/1.1", "AccessDenied"},
+        {"GET /b/k?uploadId=1 HTTP/1.1", "AccessDenied"},
+        {"GET /b?versions HTTP/1.1", "AccessDenied"},
+        {"POST /b/k HTTP/1.1\r\nContent-Length: 0", "AccessDenied"},
+        {"PUT /b HTTP/1.1\r\nContent-Length: 0", "AccessDenied"},
+        {"PUT /b/k HTTP/1.1\r\nx-amz-copy-source: /a/k\r\nContent-Length: 0", "AccessDenied"},
+        {"DELETE /b HTTP/1.1", "AccessDenied"},
+        {"GET /b/k?X-Amz-Credential=NOSUCHKEY%2F20260101%2Fus-east-1%2Fs3%2Faws4_request HTTP/1.1",
+         "InvalidAccessKeyId"},
+    };
+    for (const auto& w : rows) {
+        SCOPED_TRACE(w.head);
+        std::string reply;
+        (void)run(std::string(w.head) + "\r\nHost: s3.example\r\n\r\n", &reply);
+        EXPECT_EQ(code_of(reply), w.code) << reply;
+        if (w.head[0] == 'H') {
+            EXPECT_NE(reply.find("HTTP/1.1 400"), std::string::npos) << reply;
+        }
+    }
 }
 
 TEST_F(Dispatch, OriginOtherThanHostIsEchoedUnlessItDoesNotFit)

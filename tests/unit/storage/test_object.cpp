@@ -5,6 +5,7 @@
 #include <cstring>
 #include <string>
 
+#include "access/orbs3_access_check.h"
 #include "s3/orbs3_s3_errors.h"
 #include "storage/storage_fixture.h"
 
@@ -40,6 +41,58 @@ TEST(Object, SizeLimitOfTenantAndBucket)
         neo_strdup(&vh->service_rec->quota.file_threshold, text, 20);
         b->quota.file_threshold = 0;
         EXPECT_EQ(orbs3_object_size_limit(vh.get(), b.get()), -1) << text;
+    }
+}
+
+// Without credentials a request goes as far as the public bits allow: the bucket's for a listing and a
+// write, the content's own record for a read; a missing key is told only where the bucket is listable.
+TEST(Object, RequestsWithoutCredentialsFollowThePublicBits)
+{
+    constexpr uint32_t owner = ORBS3_ACL_FULL_CONTROL;
+    constexpr uint32_t read = ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_ALL_USERS_READ;
+    constexpr uint32_t read_write = read | ORBS3_ACL_ALL_USERS_WRITE;
+    constexpr uint32_t authenticated = ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_AUTH_USERS_READ;
+    constexpr int denied = ORBS3_S3_ACCESS_DENIED;
+    const struct {
+        uint32_t bucket_acl;
+        int code;
+        int status;
+    } bucket_rows[] = {
+        {owner, ORBS3_ACCESS_LIST, denied},          {authenticated, ORBS3_ACCESS_LIST, denied},
+        {read, ORBS3_ACCESS_LIST, 0},                {read, ORBS3_ACCESS_WRITE, denied},
+        {read_write, ORBS3_ACCESS_WRITE, 0},         {owner, ORBS3_ACCESS_READ, 0},
+        {read_write, ORBS3_ACCESS_DELETE, denied},   {read_write, ORBS3_ACCESS_COPY, denied},
+        {read_write, ORBS3_ACCESS_AUTHORITY, denied},
+    };
+    storage_test::bucket_ptr b(orbs3_bucket_new());
+    ASSERT_NE(b, nullptr);
+    for (const auto& w : bucket_rows) {
+        b->acl = w.bucket_acl;
+        EXPECT_EQ(orbs3_anonymous_bucket_status(b.get(), w.code), w.status) << std::hex << w.bucket_acl << " " << w.code;
+    }
+
+    orbs3_object_t rec{};
+    const struct {
+        uint32_t bucket_acl;
+        int record_acl;  // -1: the content has no record
+        int open_status;
+        int status;
+    } object_rows[] = {
+        {owner, read, 0, 0},
+        {read, owner, 0, denied},  // a public bucket does not make its objects public
+        {read, authenticated, 0, denied},
+        {read, -1, 0, denied},
+        {read, read, ORBS3_S3_NO_SUCH_KEY, ORBS3_S3_NO_SUCH_KEY},
+        {owner, read, ORBS3_S3_NO_SUCH_KEY, denied},
+        {read, read, ORBS3_S3_NO_SUCH_VERSION, ORBS3_S3_NO_SUCH_VERSION},
+        {owner, read, ORBS3_S3_NO_SUCH_VERSION, denied},
+        {owner, read, ORBS3_S3_INVALID_ARGUMENT, ORBS3_S3_INVALID_ARGUMENT},
+    };
+    for (const auto& w : object_rows) {
+        b->acl = w.bucket_acl;
+        rec.acl = static_cast<uint32_t>(w.record_acl);
+        EXPECT_EQ(orbs3_anonymous_object_status(b.get(), w.record_acl < 0 ? nullptr : &rec, w.open_status), w.status)
+            << std::hex << w.bucket_acl << " " << w.record_acl << " " << w.open_status;
     }
 }
 
