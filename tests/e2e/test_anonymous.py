@@ -158,3 +158,35 @@ def test_credentials_are_still_checked_and_the_blacklist_still_applies(tenant, b
     assert (status, code(body)) == (403, "AccessDenied")
     status, _, body = curl(f"{tenant.endpoint}/pub", source="127.0.0.2")
     assert (status, code(body)) == (403, "AccessDenied")
+
+
+def test_a_version_is_read_by_its_own_acl(tenant, buckets):
+    s3 = buckets
+    s3.create_bucket(Bucket="vers")
+    tenant.set_versioning("vers", "Enabled")
+    set_acl(tenant.bucket_record("vers"), FULL_CONTROL | ALL_USERS_READ)
+    old = s3.put_object(Bucket="vers", Key="doc", Body=b"old text")["VersionId"]
+    new = s3.put_object(Bucket="vers", Key="doc", Body=b"new text")["VersionId"]
+    folder = os.path.dirname(tenant.version("vers", "doc"))
+    records = []
+    for name in os.listdir(folder):
+        with open(os.path.join(folder, name), "rb") as f:
+            if f'version_id="{old}"'.encode() in f.read():
+                records.append(os.path.join(folder, name))
+    assert len(records) == 1, os.listdir(folder)
+    set_acl(records[0], FULL_CONTROL | ALL_USERS_READ)
+
+    url = f"{tenant.endpoint}/vers/doc"
+    assert curl(f"{url}?versionId={old}")[::2] == (200, b"old text")
+    for target in (url, f"{url}?versionId={new}"):
+        status, _, body = curl(target)
+        assert (status, code(body)) == (403, "AccessDenied"), target
+    set_acl(tenant.meta("vers", "doc"), FULL_CONTROL | ALL_USERS_READ)
+    assert curl(url)[::2] == (200, b"new text")
+    status, _, body = curl(f"{url}?versionId={old[:-1]}{'A' if old[-1] != 'A' else 'B'}")
+    assert (status, code(body)) == (404, "NoSuchVersion")
+    # The same missing version in a private bucket tells nothing.
+    set_acl(tenant.bucket_record("vers"), FULL_CONTROL)
+    status, _, body = curl(f"{url}?versionId={old[:-1]}{'A' if old[-1] != 'A' else 'B'}")
+    assert (status, code(body)) == (403, "AccessDenied")
+    assert curl(f"{url}?versionId={old}")[::2] == (200, b"old text")
