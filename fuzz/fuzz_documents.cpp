@@ -112,7 +112,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     CHECK(rc == 0 || rc == -1);
     CHECK(rc == 0 || acl == 0x80000000u);
     CHECK((acl & ~(0x80000000u | ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_READ | ORBS3_ACL_WRITE | ORBS3_ACL_READ_ACP |
-                   ORBS3_ACL_WRITE_ACP)) == 0);
+                   ORBS3_ACL_WRITE_ACP | ORBS3_ACL_ALL_USERS_READ | ORBS3_ACL_ALL_USERS_WRITE |
+                   ORBS3_ACL_AUTH_USERS_READ)) == 0);
 
     neo_list_head_t parts;
     INIT_LIST_HEAD(&parts);

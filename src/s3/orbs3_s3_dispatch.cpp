@@ -75,8 +75,8 @@ orbs3_s3_event_t s3_events[] = {
     {"DeleteObjectVersion", 0x107, nullptr, 1, 0},
     {"GetObjectVersion", 0x107, nullptr, 1, 0},
     {"GetBucketObjVer", 0x107, nullptr, 1, 0},
-    {"PutObjectAcl", 0x108, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_acl
-    {"GetObjectAcl", 0x109, orbs3_s3_not_implemented, 1, 0},  // orbs3_get_object_acl
+    {"PutObjectAcl", 0x108, nullptr, 1, 0},
+    {"GetObjectAcl", 0x109, nullptr, 1, 0},
     {"PutObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_tagging
     {"GetObjectTagging", 0x115, orbs3_s3_not_implemented, 0, 0},  // orbs3_get_object_tagging
     {"DeleteObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_object_tagging

@@ -101,7 +101,7 @@ const char* list_objects_whitespace_cb(mxml_node_t* node, int where)
 constexpr ws_row bucket_acl_rows[] = {
     {"AccessControlPolicy", L, true}, {"Owner", LC, true},       {"AccessControlList", LC, true},
     {"Grant", LCC, true},             {"Grantee", LCCC, true},   {"Permission", LCCC, false},
-    {"ID", LCCCC, false},             {"DisplayName", LCCCC, false},
+    {"ID", LCCCC, false},             {"DisplayName", LCCCC, false}, {"URI", LCCCC, false},
 };
 const char* make_bucket_acl_whitespace_cb(mxml_node_t* node, int where)
 {
@@ -332,7 +332,29 @@ constexpr struct {
     {ORBS3_ACL_READ_ACP, "READ_ACP"},         {ORBS3_ACL_WRITE_ACP, "WRITE_ACP"},
 };
 
-// Permissions are not per grantee: every Grant's Permission adds its bit.
+// An element with the whole text: keys and tokens are never cut, unlike the capped texts of records.
+mxml_node_t* new_text_view(mxml_node_t* parent, const char* name, std::string_view text)
+{
+    mxml_node_t* e = mxmlNewElement(parent, name);
+    if (e != nullptr && !text.empty())
+        mxmlNewText(e, 0, marked(text).c_str());
+    return e;
+}
+
+// The group bits a permission gives a group grantee; 0 for the permissions groups do not keep.
+uint32_t group_bits(std::string_view uri, uint32_t perm)
+{
+    const bool all = uri == ORBS3_ACL_ALL_USERS_URI;
+    uint32_t bits = 0;
+    if (perm == ORBS3_ACL_READ || perm == ORBS3_ACL_FULL_CONTROL)
+        bits |= all ? ORBS3_ACL_ALL_USERS_READ : ORBS3_ACL_AUTH_USERS_READ;
+    if (all && (perm == ORBS3_ACL_WRITE || perm == ORBS3_ACL_FULL_CONTROL))
+        bits |= ORBS3_ACL_ALL_USERS_WRITE;
+    return bits;
+}
+
+// Permissions to users are not per grantee: every user Grant's Permission adds its bit. A Grant to a
+// group (a Grantee with a URI) adds the group's bits instead; an unknown group fails the document.
 int parse_acl(const char* text, uint32_t* acl)
 {
     if (acl == nullptr)
@@ -346,29 +368,72 @@ int parse_acl(const char* text, uint32_t* acl)
     uint32_t bits = 0;
     for (mxml_node_t* g = next_elem(nullptr, list, "Grant"); g != nullptr; g = next_elem(g, list, "Grant")) {
         const std::string p = elem_word(g, "Permission");
+        uint32_t perm = 0;
         for (const auto& w : acl_words) {
             if (p == w.name)
-                bits |= w.bit;
+                perm = w.bit;
+        }
+        mxml_node_t* grantee = next_elem(nullptr, g, "Grantee");
+        std::string uri;
+        if (grantee != nullptr && elem_text(grantee, "URI", &uri)) {
+            if (uri != ORBS3_ACL_ALL_USERS_URI && uri != ORBS3_ACL_AUTH_USERS_URI)
+                return -1;
+            bits |= group_bits(uri, perm);
+        } else {
+            bits |= perm;
         }
     }
     *acl |= bits;
     return 0;
 }
 
-char* make_acl(uint32_t acl, const orbs3_user_t* user, mxml_save_cb_t cb)
+// A Grantee element as S3 writes it: the schema-instance namespace and its type, which clients read.
+mxml_node_t* new_grantee(mxml_node_t* grant, const char* type)
+{
+    mxml_node_t* e = mxmlNewElement(grant, "Grantee");
+    mxmlElementSetAttr(e, "xmlns:xsi", "http://www.w3.org/2001/XMLSchema-instance");
+    mxmlElementSetAttr(e, "xsi:type", type);
+    return e;
+}
+
+char* make_acl(uint32_t acl, std::string_view owner_id, std::string_view owner_name, mxml_save_cb_t cb)
 {
     orbs3_xml_ptr xml = new_doc();
     mxml_node_t* root = mxmlNewElement(xml.get(), "AccessControlPolicy");
-    add_identity(mxmlNewElement(root, "Owner"), user);
+    mxml_node_t* owner = mxmlNewElement(root, "Owner");
+    new_text_view(owner, "ID", owner_id);
+    new_text_view(owner, "DisplayName", owner_name);
     mxml_node_t* list = mxmlNewElement(root, "AccessControlList");
     for (const auto& w : acl_words) {
         if ((acl & w.bit) == 0)
             continue;
         mxml_node_t* grant = mxmlNewElement(list, "Grant");
-        add_identity(mxmlNewElement(grant, "Grantee"), user);
+        mxml_node_t* grantee = new_grantee(grant, "CanonicalUser");
+        new_text_view(grantee, "ID", owner_id);
+        new_text_view(grantee, "DisplayName", owner_name);
         mxmlNewText(mxmlNewElement(grant, "Permission"), 0, w.name);
     }
-    return save_doc(xml.get(), cb);
+    constexpr struct {
+        uint32_t bit;
+        std::string_view uri;
+        const char* permission;
+    } group_words[] = {
+        {ORBS3_ACL_ALL_USERS_READ, ORBS3_ACL_ALL_USERS_URI, "READ"},
+        {ORBS3_ACL_ALL_USERS_WRITE, ORBS3_ACL_ALL_USERS_URI, "WRITE"},
+        {ORBS3_ACL_AUTH_USERS_READ, ORBS3_ACL_AUTH_USERS_URI, "READ"},
+    };
+    for (const auto& w : group_words) {
+        if ((acl & w.bit) == 0)
+            continue;
+        mxml_node_t* grant = mxmlNewElement(list, "Grant");
+        new_text_view(new_grantee(grant, "Group"), "URI", w.uri);
+        mxmlNewText(mxmlNewElement(grant, "Permission"), 0, w.permission);
+    }
+    // The Grantee's attributes stay on its line: the writer would break them at its default margin.
+    mxmlSetWrapMargin(0);
+    char* text = save_doc(xml.get(), cb);
+    mxmlSetWrapMargin(72);
+    return text;
 }
 
 }  // namespace
@@ -451,14 +516,6 @@ std::string orbs3_list_url_encode(std::string_view text)
 
 namespace {
 
-// An element with the whole text: keys and tokens are never cut, unlike the capped texts of records.
-mxml_node_t* new_text_view(mxml_node_t* parent, const char* name, std::string_view text)
-{
-    mxml_node_t* e = mxmlNewElement(parent, name);
-    if (e != nullptr && !text.empty())
-        mxmlNewText(e, 0, marked(text).c_str());
-    return e;
-}
 
 }  // namespace
 
@@ -529,9 +586,9 @@ int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl)
     return parse_acl(text, acl);
 }
 
-char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user)
+char* make_acl_xmlstring(uint32_t acl, std::string_view owner_id, std::string_view owner_name)
 {
-    return make_acl(acl, user, make_bucket_acl_whitespace_cb);
+    return make_acl(acl, owner_id, owner_name, make_bucket_acl_whitespace_cb);
 }
 
 namespace {

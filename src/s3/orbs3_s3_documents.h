@@ -149,8 +149,11 @@ struct orbs3_list_versions_doc_t {
 [[nodiscard]] std::string orbs3_list_versions_xml(const orbs3_list_versions_doc_t& doc);
 
 // ---- access control ----
+// An AccessControlPolicy body into the mask of s3/orbs3_s3_acl.h (or-ed into *acl). 0 or -1.
 [[nodiscard]] int parse_bucket_acl_xmlstring(const char* text, uint32_t* acl);
-[[nodiscard]] char* make_bucket_acl_xmlstring(uint32_t acl, const orbs3_user_t* user);
+// The ACL document of a bucket or object: its owner as Owner and as the grantee of each permission bit,
+// and a Group grant for each group bit.
+[[nodiscard]] char* make_acl_xmlstring(uint32_t acl, std::string_view owner_id, std::string_view owner_name);
 
 // ---- versioning ----
 // A bucket's versioning setting as its documents carry it: status 1 enabled, 0 suspended; save_num, how

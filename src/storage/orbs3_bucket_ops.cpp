@@ -29,6 +29,7 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_file_helpers.h"
 #include "storage/orbs3_layout.h"
+#include "storage/orbs3_object.h"
 #include "storage/orbs3_list_object.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_record.h"
@@ -282,10 +283,14 @@ int orbs3_put_bucket(orbs3_http_request_t* r)
         return fail(r, mine ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU : ORBS3_S3_BUCKET_ALREADY_EXISTS, name);
     }
 
+    uint32_t acl = ORBS3_ACL_FULL_CONTROL;
+    bool given = false;
+    if (int rc = orbs3_object_acl_from_request(r, &acl, &given); rc != 0)
+        return fail(r, rc, name);
     orbs3_bucket_ptr b(orbs3_bucket_new(2048));
     if (!b)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
-    b->acl = ORBS3_ACL_FULL_CONTROL;
+    b->acl = acl;
     char stamp[64];
     get_gmt_meta_time(stamp, sizeof stamp);
     char endpoint[ORBS3_PATH_AREA];
@@ -525,8 +530,14 @@ int orbs3_put_bucket_acl(orbs3_http_request_t* r)
     if (body == nullptr)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, name);
     uint32_t acl = 0;
-    if (parse_bucket_acl_xmlstring(body, &acl) != 0 || acl == 0)
-        return fail(r, ORBS3_S3_MISSING_REQUEST_BODY, name);
+    bool given = false;
+    if (int rc = orbs3_object_acl_from_request(r, &acl, &given); rc != 0)
+        return fail(r, rc, name);
+    // The ACL comes in the headers or in the body, never both.
+    if (given && *body != '\0')
+        return fail(r, ORBS3_S3_UNEXPECTED_CONTENT, name);
+    if (!given && (parse_bucket_acl_xmlstring(body, &acl) != 0 || acl == 0))
+        return fail(r, *body == '\0' ? ORBS3_S3_MISSING_REQUEST_BODY : ORBS3_S3_MALFORMED_ACL_ERROR, name);
     orbs3_bucket_ptr b;
     if (int rc = request_bucket(r, ORBS3_ACCESS_AUTHORITY, &b); rc != 0)
         return rc;
@@ -541,7 +552,7 @@ int orbs3_get_bucket_acl(orbs3_http_request_t* r)
     orbs3_bucket_ptr b;
     if (int rc = request_bucket(r, ORBS3_ACCESS_AUTHORITY, &b); rc != 0)
         return rc;
-    neo_cstr_ptr doc(make_bucket_acl_xmlstring(b->acl, r->user));
+    neo_cstr_ptr doc(make_acl_xmlstring(b->acl, orbs3_str_view(b->owner_id), orbs3_str_view(b->owner_name)));
     if (!doc)
         return fail(r, ORBS3_S3_INTERNAL_ERROR, bucket_name(r));
     return sent(

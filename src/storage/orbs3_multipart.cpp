@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <charconv>
 #include <cstdio>
 #include <cstring>
 #include <memory>
@@ -237,6 +238,10 @@ void object_meta_of(const orbs3_multipart_upload_t& up, const orbs3_multipart_pl
     meta->content_disposition = up.content_disposition;
     meta->content_encoding = up.content_encoding;
     meta->expires = up.expires;
+    uint32_t acl = 0;
+    const char* end = up.acl.data() + up.acl.size();
+    if (!up.acl.empty() && std::from_chars(up.acl.data(), end, acl).ptr == end)
+        meta->acl = acl;
     for (const auto& [k, v] : up.meta) {
         if (meta->n == ORBS3_OBJECT_META_MAX)
             break;
@@ -339,6 +344,7 @@ orbs3_multipart_upload_t upload_of(const orbs3_http_request_t* r, std::string_vi
     up.content_disposition = meta.content_disposition;
     up.content_encoding = meta.content_encoding;
     up.expires = meta.expires;
+    up.acl = std::to_string(meta.acl);
     for (std::size_t i = 0; i < meta.n; i++)
         up.meta.emplace_back(meta.keys[i], meta.values[i]);
     return up;

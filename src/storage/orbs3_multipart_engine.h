@@ -49,6 +49,8 @@ struct orbs3_multipart_upload_t {
     // The additional checksum the upload declared (x-amz-checksum-algorithm, "CRC32", ...) and the form
     // of the object's ("COMPOSITE" or "FULL_OBJECT"); empty when none was declared.
     std::string checksum_algorithm, checksum_type;
+    // The ACL mask (s3/orbs3_s3_acl.h) Create's headers gave, in decimal; empty: private.
+    std::string acl;
 };
 
 // A part as its record keeps it.

@@ -118,6 +118,8 @@ std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up)
     put_field(&out, "content-disposition", up.content_disposition);
     put_field(&out, "content-encoding", up.content_encoding);
     put_field(&out, "expires", up.expires);
+    if (!up.acl.empty())
+        put_field(&out, "acl", up.acl);
     if (!up.checksum_algorithm.empty()) {
         put_field(&out, "checksum-algorithm", up.checksum_algorithm);
         put_field(&out, "checksum-type", up.checksum_type);
@@ -149,6 +151,7 @@ int orbs3_multipart_parse_upload(std::string_view text, orbs3_multipart_upload_t
                              : name == "expires"             ? &up->expires
                              : name == "checksum-algorithm"  ? &up->checksum_algorithm
                              : name == "checksum-type"       ? &up->checksum_type
+                             : name == "acl"                 ? &up->acl
                                                              : nullptr;
         if (field != nullptr)
             return get_encoded(value, field);

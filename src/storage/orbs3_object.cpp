@@ -17,6 +17,7 @@
 #include "memory/neo_files.h"
 #include "memory/neo_md5.h"
 #include "memory/neo_string.h"
+#include "s3/orbs3_s3_acl.h"
 #include "s3/orbs3_s3_errors.h"
 #include "http/orbs3_http_header.h"
 #include "storage/orbs3_bucket_store.h"
@@ -148,8 +149,27 @@ orbs3_conditional_t orbs3_object_conditions(orbs3_http_request_t* r, std::string
     return c;
 }
 
+int orbs3_object_acl_from_request(orbs3_http_request_t* r, uint32_t* acl, bool* given)
+{
+    orbs3_acl_headers_t h;
+    (void)orbs3_http_find_header(r, "x-amz-acl", &h.canned);
+    (void)orbs3_http_find_header(r, "x-amz-grant-read", &h.read);
+    (void)orbs3_http_find_header(r, "x-amz-grant-write", &h.write);
+    (void)orbs3_http_find_header(r, "x-amz-grant-read-acp", &h.read_acp);
+    (void)orbs3_http_find_header(r, "x-amz-grant-write-acp", &h.write_acp);
+    (void)orbs3_http_find_header(r, "x-amz-grant-full-control", &h.full_control);
+    const int rc = orbs3_acl_from_headers(h, acl);
+    *given = rc == 1;
+    if (rc == -2)
+        return ORBS3_S3_INVALID_REQUEST;
+    return rc < 0 ? ORBS3_S3_INVALID_ARGUMENT : 0;
+}
+
 int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta)
 {
+    bool acl_given = false;
+    if (int rc = orbs3_object_acl_from_request(r, &meta->acl, &acl_given); rc != 0)
+        return rc;
     static constexpr std::string_view prefix = "x-amz-meta-";
     std::size_t total = 0;
     bool too_large = false;

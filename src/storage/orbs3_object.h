@@ -49,9 +49,15 @@
 // two only), "x-amz-copy-source-" for the source of a copy.
 [[nodiscard]] orbs3_conditional_t orbs3_object_conditions(orbs3_http_request_t* r, std::string_view prefix = {});
 
-// What an uploader says of an object (orbs3_object_meta_t), from the request's headers. 0, or ORBS3_S3_METADATA_TOO_LARGE when the user metadata
+// What an uploader says of an object (orbs3_object_meta_t), from the request's headers, its ACL headers
+// included. 0, InvalidArgument or InvalidRequest for an ACL orbs3_object_acl_from_request refuses, or ORBS3_S3_METADATA_TOO_LARGE when the user metadata
 // passes 2 KiB (names and values) or 64 headers, or a standard header passes 1023 bytes.
 [[nodiscard]] int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta);
+
+// The ACL the request's headers give (x-amz-acl, x-amz-grant-*), as the mask of s3/orbs3_s3_acl.h. 0 with
+// *given false when they give none, 0 with *acl set and *given true, or InvalidArgument (a canned name or
+// grantee S3 does not know) or InvalidRequest (a canned ACL beside grant headers).
+[[nodiscard]] int orbs3_object_acl_from_request(orbs3_http_request_t* r, uint32_t* acl, bool* given);
 
 // Whether a reply about content with version id `id` (empty: "null") names it in x-amz-version-id: on a
 // bucket whose versioning was ever set, or for a content with a real id. A bucket that never had

@@ -144,7 +144,10 @@ int copy_meta(orbs3_http_request_t* r, const orbs3_object_t* rec, bool onto_itse
     if (!replace) {
         if (rec != nullptr)
             orbs3_object_meta_from_record(rec, meta, true);
-        return 0;
+        // A copy never takes the source's ACL: the request's, or private.
+        bool given = false;
+        meta->acl = ORBS3_ACL_FULL_CONTROL;
+        return orbs3_object_acl_from_request(r, &meta->acl, &given);
     }
     if (int rc = orbs3_object_meta_from_request(r, meta); rc != 0)
         return rc;

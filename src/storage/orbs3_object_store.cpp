@@ -189,7 +189,7 @@ int orbs3_object_write_record(const orbs3_user_t* owner, std::string_view key, c
     INIT_LIST_HEAD(&o->meta);
     orbs3_pool_t* pool = o->pool;
     o->size = static_cast<uint64_t>(size);
-    o->acl = ORBS3_ACL_FULL_CONTROL;
+    o->acl = meta->acl;
     std::snprintf(o->path, sizeof o->path, "%s", data_path);
     std::snprintf(o->fpath, sizeof o->fpath, "%s", meta_path);
     bool ok = pool_set(pool, &o->name, key) && pool_set(pool, &o->etag, etag) &&

@@ -47,13 +47,14 @@ struct orbs3_object_meta_t {
     std::string_view version_id;  // the content's version id; empty: "null"
     std::string_view parts;           // of an assembled object, as its record keeps them
     std::string_view part_checksums;
+    uint32_t acl = ORBS3_ACL_FULL_CONTROL;  // the mask of s3/orbs3_s3_acl.h the uploader gave
     std::size_t n = 0;
     std::string_view keys[ORBS3_OBJECT_META_MAX];  // lower case, without "x-amz-meta-"
     std::string_view values[ORBS3_OBJECT_META_MAX];
 };
 
 // Writes the object's record at `meta_path` (its directories made as needed), replacing any old one
-// whole: owner `owner`, acl 1, the given ETag, size and time stamp, and `meta`. 0 or -1.
+// whole: owner `owner`, meta->acl, the given ETag, size and time stamp, and `meta`. 0 or -1.
 [[nodiscard]] int orbs3_object_write_record(const orbs3_user_t* owner, std::string_view key,
                                             const char* meta_path, const char* data_path, const char* etag,
                                             int64_t size, const char* stamp, const orbs3_object_meta_t* meta);

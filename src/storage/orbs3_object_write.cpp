@@ -92,6 +92,7 @@ void orbs3_object_meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_
     meta->content_disposition = orbs3_str_view(rec->content_disposition);
     meta->content_encoding = orbs3_str_view(rec->content_encoding);
     meta->expires = orbs3_str_view(rec->expires);
+    meta->acl = rec->acl;
     if (with_checksum) {
         meta->checksum_algorithm = orbs3_str_view(rec->checksum_algorithm);
         meta->checksum = orbs3_str_view(rec->checksum);

@@ -7,6 +7,7 @@
 #include "storage/orbs3_list_object.h"
 #include "storage/orbs3_multipart.h"
 #include "storage/orbs3_object.h"
+#include "storage/orbs3_object_acl.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
 #include "storage/orbs3_version_handlers.h"
@@ -35,6 +36,8 @@ int orbs3_storage_install_handlers()
         {"DeleteObjects", orbs3_delete_objects},
         {"AppendObject", orbs3_append_object},
         {"CopyObject", orbs3_copy_object},
+        {"PutObjectAcl", orbs3_put_object_acl},
+        {"GetObjectAcl", orbs3_get_object_acl},
         {"DeleteObjectVorne", orbs3_delete_object_vorne},
         {"CreateMultipartUpload", orbs3_create_multipart_upload_object},
         {"CompleteMultipartUpload", orbs3_complete_multipart_upload_object},

@@ -137,7 +137,7 @@ def test_boto3_bucket_lifecycle_and_acl(tenant, sig):
     # A body without a grant changes nothing.
     assert s3_error(lambda: s3.put_bucket_acl(Bucket=name, AccessControlPolicy={"Owner": {"ID": owner_id},
                                                                                  "Grants": []}))[1] in (
-        "MissingRequestBodyError", "MalformedXML")
+        "MissingRequestBodyError", "MalformedXML", "MalformedACLError")
     assert record(tenant, USER, name).get("acl") == str(0x110)
 
     assert s3_error(lambda: s3.create_bucket(Bucket=name)) == (409, "BucketAlreadyOwnedByYou")

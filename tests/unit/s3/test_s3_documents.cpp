@@ -210,18 +210,24 @@ TEST(S3Documents, ListingUrlEncodingKeepsUnreservedBytesAndSlashOnly)
         EXPECT_EQ(orbs3_list_url_encode(c.in), c.out) << c.in;
 }
 
-TEST(S3Documents, AclReplyGrantsEachBitInOrder)
+// The owner the record names (not the requester) is Owner and the grantee of every permission bit; each
+// grantee carries its xsi:type, which clients read; group bits follow as Group grants.
+TEST(S3Documents, AclReplyNamesTheOwnerAndTypesEveryGrantee)
 {
-    orbs3_user_t user = admin_user();
-    const uint32_t acl = ORBS3_ACL_READ | ORBS3_ACL_WRITE_ACP;
-    const std::string owner = "\n\r<Owner>\n\r\r\r\r<ID>AK1</ID>\n\r\r\r\r<DisplayName>root</DisplayName>\n\r</Owner>";
-    EXPECT_EQ(take(make_bucket_acl_xmlstring(acl, &user)),
-              kDecl + "\n<AccessControlPolicy>" + owner +
-                  "\n\r<AccessControlList>"
-                  "\n\r\r<Grant>\n\r\r\r<Grantee>\n\r\r\r\r<ID>AK1</ID>\n\r\r\r\r<DisplayName>root</DisplayName>"
-                  "\n\r\r\r</Grantee>\n\r\r\r<Permission>READ</Permission>\n\r\r</Grant>"
-                  "\n\r\r<Grant>\n\r\r\r<Grantee>\n\r\r\r\r<ID>AK1</ID>\n\r\r\r\r<DisplayName>root</DisplayName>"
-                  "\n\r\r\r</Grantee>\n\r\r\r<Permission>WRITE_ACP</Permission>\n\r\r</Grant>"
+    const uint32_t acl = ORBS3_ACL_READ | ORBS3_ACL_WRITE_ACP | ORBS3_ACL_ALL_USERS_READ | ORBS3_ACL_AUTH_USERS_READ;
+    const std::string owner = "\n\r<Owner>\n\r\r\r\r<ID>u-7</ID>\n\r\r\r\r<DisplayName>alice</DisplayName>\n\r</Owner>";
+    const std::string user = "\n\r\r\r<Grantee xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+                             "xsi:type=\"CanonicalUser\">\n\r\r\r\r<ID>u-7</ID>\n\r\r\r\r<DisplayName>alice</DisplayName>"
+                             "\n\r\r\r</Grantee>";
+    const std::string group = "\n\r\r\r<Grantee xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" "
+                              "xsi:type=\"Group\">\n\r\r\r\r<URI>http://acs.amazonaws.com/groups/global/";
+    EXPECT_EQ(take(make_acl_xmlstring(acl, "u-7", "alice")),
+              kDecl + "\n<AccessControlPolicy>" + owner + "\n\r<AccessControlList>" +
+                  "\n\r\r<Grant>" + user + "\n\r\r\r<Permission>READ</Permission>\n\r\r</Grant>" +
+                  "\n\r\r<Grant>" + user + "\n\r\r\r<Permission>WRITE_ACP</Permission>\n\r\r</Grant>" +
+                  "\n\r\r<Grant>" + group + "AllUsers</URI>\n\r\r\r</Grantee>\n\r\r\r<Permission>READ</Permission>\n\r\r</Grant>" +
+                  "\n\r\r<Grant>" + group +
+                  "AuthenticatedUsers</URI>\n\r\r\r</Grantee>\n\r\r\r<Permission>READ</Permission>\n\r\r</Grant>" +
                   "\n\r</AccessControlList>\n</AccessControlPolicy>\n");
 }
 
@@ -242,6 +248,20 @@ TEST(S3Documents, AclParserOrsPermissionsOfEveryGrant)
          "</Permission></Grant><Grant><Permission>WRITE</Permission></Grant><Grant><Permission>READ_ACP"
          "</Permission></Grant></AccessControlList></AccessControlPolicy>",
          0, ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_WRITE | ORBS3_ACL_READ_ACP},
+        // Group grantees set the group bits, not the owner's permissions.
+        {"<AccessControlPolicy><AccessControlList>"
+         "<Grant><Grantee xmlns:xsi=\"http://www.w3.org/2001/XMLSchema-instance\" xsi:type=\"Group\"><URI>"
+         "http://acs.amazonaws.com/groups/global/AllUsers</URI></Grantee><Permission>READ</Permission></Grant>"
+         "<Grant><Grantee xsi:type=\"Group\"><URI>http://acs.amazonaws.com/groups/global/AllUsers</URI></Grantee>"
+         "<Permission>WRITE</Permission></Grant>"
+         "<Grant><Grantee xsi:type=\"Group\"><URI>http://acs.amazonaws.com/groups/global/AuthenticatedUsers</URI>"
+         "</Grantee><Permission>READ</Permission></Grant>"
+         "<Grant><Grantee><ID>o</ID></Grantee><Permission>FULL_CONTROL</Permission></Grant>"
+         "</AccessControlList></AccessControlPolicy>",
+         0, ORBS3_ACL_FULL_CONTROL | ORBS3_ACL_ALL_USERS_READ | ORBS3_ACL_ALL_USERS_WRITE | ORBS3_ACL_AUTH_USERS_READ},
+        {"<AccessControlPolicy><AccessControlList><Grant><Grantee><URI>http://acs.amazonaws.com/groups/s3/LogDelivery"
+         "</URI></Grantee><Permission>WRITE</Permission></Grant></AccessControlList></AccessControlPolicy>",
+         -1, 0},
         {"<AccessControlPolicy><AccessControlList /></AccessControlPolicy>", 0, 0},
         {"<AccessControlPolicy><Owner /></AccessControlPolicy>", -1, 0},
         {"<AccessControlPolicy><AccessControlList><Grant>", -1, 0},

@@ -49,14 +49,16 @@ TEST(MultipartRecords, UploadRecordKeepsKeysAndMetadataOfAnyBytes)
     up.content_type = "text/plain; charset=utf-8";
     up.expires = "";
     up.meta = {{"origin", "a b"}, {"md5chksum", "x%y"}};
+    up.acl = "1048577";  // the ACL the object gets at Complete
     const std::string text = orbs3_multipart_render_upload(up);
     // One field a line, whatever the key holds.
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 13);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 14);
 
     orbs3_multipart_upload_t back;
     ASSERT_EQ(orbs3_multipart_parse_upload(text, &back), 0);
     EXPECT_EQ(orbs3_multipart_render_upload(back), text);  // every field read back as it was
     EXPECT_EQ(back.key, up.key);
+    EXPECT_EQ(back.acl, up.acl);
 
     // A record cut short, of another kind, with a broken escape or an id that could walk a path is none.
     std::string broken = text;
