@@ -9,6 +9,7 @@
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
+#include "storage/orbs3_object_tagging.h"
 #include "storage/orbs3_version_handlers.h"
 #include "versions/orbs3_version_conf.h"
 #include "versions/orbs3_list_versions.h"
@@ -35,6 +36,9 @@ int orbs3_storage_install_handlers()
         {"DeleteObjects", orbs3_delete_objects},
         {"AppendObject", orbs3_append_object},
         {"CopyObject", orbs3_copy_object},
+        {"PutObjectTagging", orbs3_put_object_tagging},
+        {"GetObjectTagging", orbs3_get_object_tagging},
+        {"DeleteObjectTagging", orbs3_delete_object_tagging},
         {"DeleteObjectVorne", orbs3_delete_object_vorne},
         {"CreateMultipartUpload", orbs3_create_multipart_upload_object},
         {"CompleteMultipartUpload", orbs3_complete_multipart_upload_object},

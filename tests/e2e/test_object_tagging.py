@@ -1,0 +1,146 @@
+"""Object tags as S3 clients set and read them: a PutObjectTagging replaces the whole set, S3's limits are
+refused with InvalidTag, every version keeps its own tags, a directory object carries them too; the AWS CLI
+reads what boto3 wrote; and tag changes racing PUTs of the same key never leave a record that describes
+other bytes than the live ones. All on one daemon."""
+
+import json
+import os
+import threading
+import time
+
+from orbmux_harness import md5, run, s3_error, tenant_fixture
+
+BUCKET = "tags"
+
+tenant = tenant_fixture("object-tagging", "--user", "tag-user", buckets=(BUCKET,))
+
+
+def tagset(pairs):
+    return {"TagSet": [{"Key": k, "Value": v} for k, v in pairs]}
+
+
+def tags_of(s3, key, bucket=BUCKET, **kw):
+    return [(t["Key"], t["Value"]) for t in s3.get_object_tagging(Bucket=bucket, Key=key, **kw)["TagSet"]]
+
+
+def test_tag_set_is_replaced_read_and_deleted(tenant):
+    s3 = tenant.client()
+    s3.put_object(Bucket=BUCKET, Key="doc.txt", Body=b"hello")
+    assert tags_of(s3, "doc.txt") == []
+    assert "TagCount" not in s3.head_object(Bucket=BUCKET, Key="doc.txt")
+    s3.put_object_tagging(Bucket=BUCKET, Key="doc.txt", Tagging=tagset([("a", "1"), ("b", "2")]))
+    # A second put replaces the set: "a" is gone, not kept beside "c".
+    s3.put_object_tagging(Bucket=BUCKET, Key="doc.txt", Tagging=tagset([("c", " three "), ("b", "")]))
+    assert tags_of(s3, "doc.txt") == [("c", " three "), ("b", "")]
+    # The bytes and their ETag are those of the object: a tag change rewrites the record, not the content.
+    got = s3.get_object(Bucket=BUCKET, Key="doc.txt")
+    assert got["Body"].read() == b"hello" and got["ETag"] == '"%s"' % md5(b"hello")
+    deleted = s3.delete_object_tagging(Bucket=BUCKET, Key="doc.txt")
+    assert deleted["ResponseMetadata"]["HTTPStatusCode"] == 204
+    assert tags_of(s3, "doc.txt") == []
+    assert s3_error(lambda: s3.get_object_tagging(Bucket=BUCKET, Key="missing")) == (404, "NoSuchKey")
+    assert s3_error(lambda: s3.put_object_tagging(Bucket=BUCKET, Key="missing", Tagging=tagset([("a", "1")]))) \
+        == (404, "NoSuchKey")
+
+
+def test_limits_are_refused_with_invalid_tag(tenant):
+    s3 = tenant.client()
+    s3.put_object(Bucket=BUCKET, Key="limits", Body=b"x")
+    s3.put_object_tagging(Bucket=BUCKET, Key="limits", Tagging=tagset([("keep", "me")]))
+    cases = [
+        [(f"k{i}", "v") for i in range(11)],
+        [("k", "1"), ("k", "2")],
+        [("k" * 129, "v")],
+        [("k", "v" * 257)],
+    ]
+    for pairs in cases:
+        assert s3_error(lambda: s3.put_object_tagging(Bucket=BUCKET, Key="limits", Tagging=tagset(pairs))) \
+            == (400, "InvalidTag"), pairs
+    # The limits count characters: 128 and 256 of them are taken when each is several bytes.
+    s3.put_object_tagging(Bucket=BUCKET, Key="limits", Tagging=tagset([("é" * 128, "𝄞" * 256)] +
+                                                                       [(f"k{i}", "") for i in range(9)]))
+    got = tags_of(s3, "limits")
+    assert got[0] == ("é" * 128, "𝄞" * 256) and len(got) == 10
+
+
+def test_each_version_keeps_its_own_tags(tenant):
+    s3 = tenant.client()
+    s3.create_bucket(Bucket="tagvers")
+    s3.put_bucket_versioning(Bucket="tagvers", VersioningConfiguration={"Status": "Enabled"})
+    old = s3.put_object(Bucket="tagvers", Key="k", Body=b"old")["VersionId"]
+    new = s3.put_object(Bucket="tagvers", Key="k", Body=b"new")["VersionId"]
+    put = s3.put_object_tagging(Bucket="tagvers", Key="k", VersionId=old, Tagging=tagset([("age", "old")]))
+    assert put["VersionId"] == old
+    s3.put_object_tagging(Bucket="tagvers", Key="k", Tagging=tagset([("age", "new")]))
+    got = s3.get_object_tagging(Bucket="tagvers", Key="k", VersionId=old)
+    assert got["VersionId"] == old and got["TagSet"] == [{"Key": "age", "Value": "old"}]
+    assert tags_of(s3, "k", bucket="tagvers") == [("age", "new")]
+    assert s3.get_object_tagging(Bucket="tagvers", Key="k")["VersionId"] == new
+    # The old version still serves its own bytes with its own ETag after the change.
+    body = s3.get_object(Bucket="tagvers", Key="k", VersionId=old)
+    assert body["Body"].read() == b"old" and body["ETag"] == '"%s"' % md5(b"old")
+    assert s3.delete_object_tagging(Bucket="tagvers", Key="k", VersionId=old)["VersionId"] == old
+    assert tags_of(s3, "k", bucket="tagvers", VersionId=old) == []
+    assert tags_of(s3, "k", bucket="tagvers") == [("age", "new")]
+    marker = s3.delete_object(Bucket="tagvers", Key="k")["VersionId"]
+    assert s3_error(lambda: s3.get_object_tagging(Bucket="tagvers", Key="k", VersionId=marker)) == \
+        (405, "MethodNotAllowed")
+    assert s3_error(lambda: s3.get_object_tagging(Bucket="tagvers", Key="k", VersionId="0" * 32))[0] in (400, 404)
+
+
+def test_directory_object_carries_tags(tenant):
+    s3 = tenant.client()
+    s3.put_object(Bucket=BUCKET, Key="dir/", Body=b"")
+    s3.put_object_tagging(Bucket=BUCKET, Key="dir/", Tagging=tagset([("kind", "folder")]))
+    assert tags_of(s3, "dir/") == [("kind", "folder")]
+    s3.delete_object_tagging(Bucket=BUCKET, Key="dir/")
+    assert tags_of(s3, "dir/") == []
+
+
+def test_aws_cli_puts_and_gets_tags(tenant, tmp_path):
+    s3 = tenant.client()
+    s3.put_object(Bucket=BUCKET, Key="cli.txt", Body=b"cli")
+    env = tenant.env(str(tmp_path))
+    run(tenant.aws() + ["s3api", "put-object-tagging", "--bucket", BUCKET, "--key", "cli.txt", "--tagging",
+                        json.dumps(tagset([("team", "a b"), ("n", "1")]))], env)
+    got = json.loads(run(tenant.aws() + ["s3api", "get-object-tagging", "--bucket", BUCKET, "--key", "cli.txt"],
+                         env))
+    assert got["TagSet"] == [{"Key": "team", "Value": "a b"}, {"Key": "n", "Value": "1"}]
+    assert tags_of(s3, "cli.txt") == [("team", "a b"), ("n", "1")]
+
+
+def test_tag_changes_racing_puts_never_mix_records(tenant):
+    """Rounds of PUTs racing tag changes of one key; once both stop, the live record must describe the live
+    bytes (its ETag their MD5) and carry either the PUT's tags (none) or the set sent."""
+    s3 = tenant.client()
+    key, want = "race.bin", [("t", "x")]
+    s3.put_object(Bucket=BUCKET, Key=key, Body=b"start")
+    writer_client, tagger_client = tenant.client(), tenant.client()
+    errors = []
+
+    def writer(stop):
+        i = 0
+        while not stop.is_set():
+            writer_client.put_object(Bucket=BUCKET, Key=key, Body=os.urandom(1000 + i % 7))
+            i += 1
+
+    def tagger(stop):
+        while not stop.is_set():
+            try:
+                tagger_client.put_object_tagging(Bucket=BUCKET, Key=key, Tagging=tagset(want))
+            except Exception as e:  # noqa: BLE001 - shown below
+                errors.append(e)
+
+    for _ in range(12):
+        stop = threading.Event()
+        threads = [threading.Thread(target=writer, args=(stop,)), threading.Thread(target=tagger, args=(stop,))]
+        for th in threads:
+            th.start()
+        time.sleep(0.25)
+        stop.set()
+        for th in threads:
+            th.join()
+        got = s3.get_object(Bucket=BUCKET, Key=key)
+        assert got["ETag"] == '"%s"' % md5(got["Body"].read())
+        assert tags_of(s3, key) in ([], want)
+    assert not errors, errors[:3]
