@@ -160,15 +160,30 @@ int orbs3_object_set_tags(orbs3_object_t* rec, const orbs3_tag_set_t& tags)
     return 0;
 }
 
-int orbs3_object_tagging_header(orbs3_http_request_t* r, orbs3_tag_set_t* out, bool* present)
+int orbs3_object_tags_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta)
 {
-    out->clear();
+    meta->ntags = 0;
     std::string_view text;
-    *present = orbs3_http_find_header(r, "x-amz-tagging", &text);
-    if (!*present)
+    if (!orbs3_http_find_header(r, "x-amz-tagging", &text))
         return 0;
-    if (parse_object_tagging_header(text, out) != 0 || !orbs3_tag_set_valid(*out))
+    orbs3_tag_set_t tags;
+    if (parse_object_tagging_header(text, &tags) != 0 || !orbs3_tag_set_valid(tags))
         return ORBS3_S3_INVALID_TAG;
+    static_assert(ORBS3_TAGS_MAX <= ORBS3_OBJECT_TAGS_MAX);
+    auto keep = [r](const std::string& s, std::string_view* out) {
+        auto* d = static_cast<char*>(orbs3_pnalloc(r->pool, s.size() + 1));
+        if (d == nullptr)
+            return false;
+        std::memcpy(d, s.data(), s.size());
+        d[s.size()] = '\0';
+        *out = std::string_view(d, s.size());
+        return true;
+    };
+    for (const orbs3_tag_pair_t& t : tags) {
+        if (!keep(t.key, &meta->tag_keys[meta->ntags]) || !keep(t.value, &meta->tag_values[meta->ntags]))
+            return ORBS3_S3_INTERNAL_ERROR;
+        meta->ntags++;
+    }
     return 0;
 }
 

@@ -5,6 +5,7 @@
 
 #include "http/orbs3_http_request.h"
 #include "s3/orbs3_s3_documents.h"
+#include "storage/orbs3_object_store.h"
 #include "storage/orbs3_record.h"
 
 int orbs3_put_object_tagging(orbs3_http_request_t* r);
@@ -16,6 +17,7 @@ int orbs3_delete_object_tagging(orbs3_http_request_t* r);
 // Replaces the record's tags by `tags`, texts copied into its pool. 0, or -1 when memory runs out.
 [[nodiscard]] int orbs3_object_set_tags(orbs3_object_t* rec, const orbs3_tag_set_t& tags);
 
-// The x-amz-tagging header of a write: 0 with *out the tags (none without the header; *present says
-// whether it was sent), or InvalidTag for a header that does not decode or breaks S3's limits.
-[[nodiscard]] int orbs3_object_tagging_header(orbs3_http_request_t* r, orbs3_tag_set_t* out, bool* present);
+// The tags a write gives its new content: those of its x-amz-tagging header, decoded into the request's
+// pool, as meta's tags (none without the header). 0, or InvalidTag for a header that does not decode or
+// breaks S3's limits.
+[[nodiscard]] int orbs3_object_tags_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta);

@@ -1,14 +1,18 @@
 """Object tags as S3 clients set and read them: a PutObjectTagging replaces the whole set, S3's limits are
 refused with InvalidTag, every version keeps its own tags, a directory object carries them too; the AWS CLI
-reads what boto3 wrote; and tag changes racing PUTs of the same key never leave a record that describes
+reads what boto3 wrote, the JavaScript SDK v3 its own; and tag changes racing PUTs of the same key never leave a record that describes
 other bytes than the live ones. All on one daemon."""
 
 import json
 import os
+import shutil
+import subprocess
 import threading
 import time
 
-from orbmux_harness import md5, run, s3_error, tenant_fixture
+from orbmux_harness import SLOWDOWN, md5, run, s3_error, tenant_fixture
+
+JS_DIR = os.path.join(os.path.dirname(os.path.abspath(__file__)), "..", "js")
 
 BUCKET = "tags"
 
@@ -144,3 +148,70 @@ def test_tag_changes_racing_puts_never_mix_records(tenant):
         assert got["ETag"] == '"%s"' % md5(got["Body"].read())
         assert tags_of(s3, key) in ([], want)
     assert not errors, errors[:3]
+
+
+def test_writes_take_tags_from_the_tagging_header(tenant):
+    s3 = tenant.client()
+    s3.put_object(Bucket=BUCKET, Key="hdr.txt", Body=b"h", Tagging="a=1&b%3Dc=x%20y")
+    assert tags_of(s3, "hdr.txt") == [("a", "1"), ("b=c", "x y")]
+    assert s3.head_object(Bucket=BUCKET, Key="hdr.txt")["ResponseMetadata"]["HTTPHeaders"]["x-amz-tagging-count"] \
+        == "2"
+    assert s3.get_object(Bucket=BUCKET, Key="hdr.txt")["TagCount"] == 2
+    too_many = "&".join(f"k{i}=v" for i in range(11))
+    for bad in (too_many, "k=1&k=2", "k=%zz", "k=" + "v" * 257):
+        assert s3_error(lambda: s3.put_object(Bucket=BUCKET, Key="bad.txt", Body=b"b", Tagging=bad)) \
+            == (400, "InvalidTag"), bad
+    # A later PUT of the key replaces the object and its tags.
+    s3.put_object(Bucket=BUCKET, Key="hdr.txt", Body=b"h2")
+    assert tags_of(s3, "hdr.txt") == []
+    assert "x-amz-tagging-count" not in s3.head_object(Bucket=BUCKET, Key="hdr.txt")["ResponseMetadata"]["HTTPHeaders"]
+    s3.put_object(Bucket=BUCKET, Key="tagged-dir/", Body=b"", Tagging="d=1")
+    assert tags_of(s3, "tagged-dir/") == [("d", "1")]
+
+    # A copy takes the source's tags, or with REPLACE the request's (none without the header).
+    s3.put_object(Bucket=BUCKET, Key="src.txt", Body=b"s", Tagging="from=source")
+    src = {"Bucket": BUCKET, "Key": "src.txt"}
+    s3.copy_object(Bucket=BUCKET, Key="copy1", CopySource=src)
+    assert tags_of(s3, "copy1") == [("from", "source")]
+    s3.copy_object(Bucket=BUCKET, Key="copy2", CopySource=src, Tagging="from=request", TaggingDirective="COPY")
+    assert tags_of(s3, "copy2") == [("from", "source")]
+    s3.copy_object(Bucket=BUCKET, Key="copy3", CopySource=src, Tagging="from=request", TaggingDirective="REPLACE")
+    assert tags_of(s3, "copy3") == [("from", "request")]
+    s3.copy_object(Bucket=BUCKET, Key="copy4", CopySource=src, TaggingDirective="REPLACE")
+    assert tags_of(s3, "copy4") == []
+    # The metadata directive does not decide the tags.
+    s3.copy_object(Bucket=BUCKET, Key="copy5", CopySource=src, MetadataDirective="REPLACE")
+    assert tags_of(s3, "copy5") == [("from", "source")]
+    assert s3_error(lambda: s3.copy_object(Bucket=BUCKET, Key="copy6", CopySource=src, Tagging=too_many,
+                                           TaggingDirective="REPLACE")) == (400, "InvalidTag")
+
+    # A multipart upload keeps the tags of its Create for the object Complete makes.
+    up = s3.create_multipart_upload(Bucket=BUCKET, Key="mp.bin", Tagging="part=whole&n=2")["UploadId"]
+    etag = s3.upload_part(Bucket=BUCKET, Key="mp.bin", UploadId=up, PartNumber=1, Body=b"m" * 100)["ETag"]
+    s3.complete_multipart_upload(Bucket=BUCKET, Key="mp.bin", UploadId=up,
+                                 MultipartUpload={"Parts": [{"PartNumber": 1, "ETag": etag}]})
+    assert tags_of(s3, "mp.bin") == [("part", "whole"), ("n", "2")]
+    assert s3_error(lambda: s3.create_multipart_upload(Bucket=BUCKET, Key="mp2.bin", Tagging="k=1&k=2")) \
+        == (400, "InvalidTag")
+
+
+def test_js_sdk_tags(tenant):
+    node = shutil.which("node")
+    assert node, "node is missing: run scripts/install-deps.sh"
+    assert os.path.isdir(os.path.join(JS_DIR, "node_modules", "@aws-sdk", "client-s3")), \
+        "the SDK is missing from tests/js: run scripts/install-deps.sh"
+    env = {**tenant.env(os.path.join(tenant.box.path("."), "js-home")),
+           "ORBMUX_ENDPOINT": tenant.endpoint, "ORBMUX_BUCKET": "jstags"}
+    out = subprocess.run([node, os.path.join(JS_DIR, "s3_tagging.mjs")], env=env, capture_output=True, text=True,
+                         timeout=120 * SLOWDOWN)
+    assert out.returncode == 0, (out.stdout, out.stderr)
+    rep = json.loads(out.stdout)
+    put = rep["put_with_header"]
+    assert put["ok"], put
+    ids = put["ids"]
+    assert len(set(ids)) == 2 and None not in ids
+    assert put["count"] == 2 and put["old"] == [["gen", "1"], ["team", "a b"]] and put["live"] == [["gen", "2"]]
+    assert rep["replace"] == {"ok": True, "live": [["only", "this"]], "old": [["gen", "1"], ["team", "a b"]]}
+    assert rep["delete_version_tags"] == {"ok": True, "version": ids[0], "old": [], "live": [["only", "this"]]}
+    assert rep["too_many"]["ok"] is False and rep["too_many"]["status"] == 400 and \
+        rep["too_many"]["error"] == "InvalidTag"
