@@ -417,6 +417,8 @@ int parse_all(const char* text, orbs3_pool_t* pool)
     ok += parse_bucket_versioning_xmlstring(text, &versioning) == 0;
     int32_t days = 0;
     ok += parse_bucket_recycle_conf_xmlstring(text, &days) == 0;
+    orbs3_tag_set_t tags;
+    ok += parse_object_tagging_xml(text, &tags) == 0;
     return ok;
 }
 
