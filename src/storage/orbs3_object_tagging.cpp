@@ -87,8 +87,12 @@ int change_tags(const orbs3_bucket_t* bucket, std::string_view key, std::string_
     orbs3_object_path_t live;
     if (orbs3_make_object_path(bucket, key, "", &live) != 0)
         return ORBS3_S3_KEY_TOO_LONG;
+    // A directory object is its record alone, and its PUT locks the directory of that record.
+    char marker[ORBS3_PATH_AREA];
+    if (key.back() == '/' && orbs3_object_dir_marker_path(live.meta_path, marker) != 0)
+        return ORBS3_S3_KEY_TOO_LONG;
     orbs3_commit_lock_t lock;
-    if (orbs3_commit_lock(live.data_path, &lock) != 0)
+    if (orbs3_commit_lock(key.back() == '/' ? marker : live.data_path, &lock) != 0)
         return ORBS3_S3_INTERNAL_ERROR;
     tag_target_t t;
     if (int rc = open_target(bucket, key, id, &t); rc != 0)
