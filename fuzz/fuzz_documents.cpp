@@ -150,6 +150,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
     CHECK(rc == 0 || rc == -1);
     CHECK(rc == 0 ? days >= 0 : days == -7);
 
+    orbs3_tag_set_t tags = {{"untouched", ""}};
+    rc = parse_object_tagging_xml(text.get(), &tags);
+    CHECK(rc == 0 || rc == -1);
+    CHECK(rc == 0 ? tags.size() <= 1000 : (tags.size() == 1 && tags[0].key == "untouched"));
+    // A valid set is written and read back the same.
+    if (rc == 0 && orbs3_tag_set_valid(tags)) {
+        orbs3_tag_set_t back;
+        CHECK(parse_object_tagging_xml(make_object_tagging_xml(tags).c_str(), &back) == 0);
+        CHECK(back.size() == tags.size());
+        for (std::size_t i = 0; i < back.size(); ++i)
+            CHECK(back[i].key == tags[i].key && back[i].value == tags[i].value);
+    }
+
     // Beyond the bounds nothing is taken.
     if (!orbs3_xml_within_bounds(text.get(), ORBS3_XML_BODY_BOUNDS)) {
         neo_list_head_t l;
@@ -160,6 +173,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, std::size_t size)
         CHECK(parse_bucket_versioning_xmlstring(text.get(), &v) == -1);
         int32_t d = 0;
         CHECK(parse_bucket_recycle_conf_xmlstring(text.get(), &d) == -1);
+        orbs3_tag_set_t t;
+        CHECK(parse_object_tagging_xml(text.get(), &t) == -1);
         CHECK(list_empty(&l));
     }
     check_text_round_trips(std::string_view(text.get(), std::strlen(text.get())), pool.get());

@@ -77,9 +77,9 @@ orbs3_s3_event_t s3_events[] = {
     {"GetBucketObjVer", 0x107, nullptr, 1, 0},
     {"PutObjectAcl", 0x108, nullptr, 1, 0},
     {"GetObjectAcl", 0x109, nullptr, 1, 0},
-    {"PutObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_put_object_tagging
-    {"GetObjectTagging", 0x115, orbs3_s3_not_implemented, 0, 0},  // orbs3_get_object_tagging
-    {"DeleteObjectTagging", 0x115, orbs3_s3_not_implemented, 1, 0},  // orbs3_delete_object_tagging
+    {"PutObjectTagging", 0x115, nullptr, 1, 0},
+    {"GetObjectTagging", 0x115, nullptr, 0, 0},
+    {"DeleteObjectTagging", 0x115, nullptr, 1, 0},
     {"DeleteObjectVorne", 0x117, nullptr, 1, 0},
     {"CreateMultipartUpload", 0x110, nullptr, 0, 0},
     {"CompleteMultipartUpload", 0x111, nullptr, 1, 0},

@@ -638,6 +638,121 @@ int parse_bucket_versioning_xmlstring(const char* text, orbs3_versioning_doc_t* 
     return 0;
 }
 
+// ---- tagging ----
+
+namespace {
+
+// Bound on the Tags or pairs read from one request: past it the request is refused whatever it says.
+constexpr std::size_t kTagsRead = 1000;
+
+// Characters of UTF-8 text; a byte that is not the start of a character (a continuation) is not counted.
+std::size_t utf8_chars(std::string_view text)
+{
+    std::size_t n = 0;
+    for (const char c : text)
+        n += (static_cast<unsigned char>(c) & 0xC0) != 0x80 ? 1 : 0;
+    return n;
+}
+
+// A URL-encoded form value: %XX decoded, '+' a blank. false for a '%' without two hex digits behind it.
+bool form_decode(std::string_view in, std::string* out)
+{
+    out->clear();
+    for (std::size_t i = 0; i < in.size(); ++i) {
+        const char c = in[i];
+        if (c == '+') {
+            out->push_back(' ');
+        } else if (c != '%') {
+            out->push_back(c);
+        } else {
+            if (i + 2 >= in.size())
+                return false;
+            unsigned v = 0;
+            auto [p, ec] = std::from_chars(in.data() + i + 1, in.data() + i + 3, v, 16);
+            if (ec != std::errc() || p != in.data() + i + 3)
+                return false;
+            out->push_back(static_cast<char>(v));
+            i += 2;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+int parse_object_tagging_xml(const char* text, orbs3_tag_set_t* out)
+{
+    if (out == nullptr)
+        return -1;
+    orbs3_xml_ptr doc = load_body(text);
+    mxml_node_t* root = doc != nullptr ? root_named(doc.get(), "Tagging") : nullptr;
+    mxml_node_t* set = root != nullptr ? orbs3_xml_find(root, "TagSet") : nullptr;
+    if (set == nullptr)
+        return -1;
+    orbs3_tag_set_t tags;
+    for (mxml_node_t* t = next_elem(nullptr, set, "Tag"); t != nullptr; t = next_elem(t, set, "Tag")) {
+        orbs3_tag_pair_t pair;
+        if (tags.size() == kTagsRead || !elem_text(t, "Key", &pair.key))
+            return -1;
+        (void)elem_text(t, "Value", &pair.value);
+        tags.push_back(std::move(pair));
+    }
+    *out = std::move(tags);
+    return 0;
+}
+
+int parse_object_tagging_header(std::string_view text, orbs3_tag_set_t* out)
+{
+    orbs3_tag_set_t tags;
+    while (!text.empty()) {
+        const std::size_t amp = text.find('&');
+        const std::string_view pair = text.substr(0, amp);
+        text = amp == std::string_view::npos ? std::string_view{} : text.substr(amp + 1);
+        const std::size_t eq = pair.find('=');
+        orbs3_tag_pair_t t;
+        if (tags.size() == kTagsRead || !form_decode(pair.substr(0, eq), &t.key) || t.key.empty())
+            return -1;
+        if (eq != std::string_view::npos && !form_decode(pair.substr(eq + 1), &t.value))
+            return -1;
+        tags.push_back(std::move(t));
+    }
+    *out = std::move(tags);
+    return 0;
+}
+
+bool orbs3_tag_set_valid(const orbs3_tag_set_t& tags)
+{
+    if (tags.size() > ORBS3_TAGS_MAX)
+        return false;
+    for (std::size_t i = 0; i < tags.size(); ++i) {
+        const orbs3_tag_pair_t& t = tags[i];
+        const std::size_t key_chars = utf8_chars(t.key);
+        if (key_chars == 0 || key_chars > ORBS3_TAG_KEY_MAX || utf8_chars(t.value) > ORBS3_TAG_VALUE_MAX)
+            return false;
+        if (!orbs3_xml_text_ok(t.key) || !orbs3_xml_text_ok(t.value))
+            return false;
+        for (std::size_t j = 0; j < i; ++j)
+            if (tags[j].key == t.key)
+                return false;
+    }
+    return true;
+}
+
+std::string make_object_tagging_xml(const orbs3_tag_set_t& tags)
+{
+    std::string out = R"(<?xml version="1.0" encoding="UTF-8"?>)"
+                      R"(<Tagging xmlns="http://s3.amazonaws.com/doc/2006-03-01/"><TagSet>)";
+    for (const orbs3_tag_pair_t& t : tags) {
+        out += "<Tag><Key>";
+        orbs3_xml_escape(&out, t.key);
+        out += "</Key><Value>";
+        orbs3_xml_escape(&out, t.value);
+        out += "</Value></Tag>";
+    }
+    out += "</TagSet></Tagging>";
+    return out;
+}
+
 // ---- recycle bin ----
 
 int parse_bucket_recycle_conf_xmlstring(const char* text, int32_t* days)

@@ -155,6 +155,31 @@ struct orbs3_list_versions_doc_t {
 // and a Group grant for each group bit.
 [[nodiscard]] char* make_acl_xmlstring(uint32_t acl, std::string_view owner_id, std::string_view owner_name);
 
+// ---- tagging ----
+// A tag set as a client sends it and as GetObjectTagging shows it, in the client's order.
+struct orbs3_tag_pair_t {
+    std::string key;
+    std::string value;
+};
+using orbs3_tag_set_t = std::vector<orbs3_tag_pair_t>;
+// S3's limits for the tags of one object: at most 10, a key of 1 to 128 characters, a value of at most
+// 256 (characters of UTF-8, not bytes), no key twice.
+inline constexpr std::size_t ORBS3_TAGS_MAX = 10;
+inline constexpr std::size_t ORBS3_TAG_KEY_MAX = 128;
+inline constexpr std::size_t ORBS3_TAG_VALUE_MAX = 256;
+// A Tagging document: each Tag of its TagSet with its Key and Value, texts whole (no blanks dropped); a
+// missing Value is "". -1 for a body that does not load, another root, no TagSet, a Tag without Key, or
+// more than 1000 Tags (a body that can only be refused, read no further); limits are for
+// orbs3_tag_set_valid.
+[[nodiscard]] int parse_object_tagging_xml(const char* text, orbs3_tag_set_t* out);
+// The x-amz-tagging header of a write: "k1=v1&k2=v2", each side URL-encoded ('+' a blank, as forms send
+// it); "k" alone is an empty value. -1 for an empty key or more than 1000 pairs.
+[[nodiscard]] int parse_object_tagging_header(std::string_view text, orbs3_tag_set_t* out);
+// Whether a set keeps S3's limits above and every text is UTF-8 an XML document can carry.
+[[nodiscard]] bool orbs3_tag_set_valid(const orbs3_tag_set_t& tags);
+// The GetObjectTagging reply, on one line: Tagging with a TagSet, empty when there are no tags.
+[[nodiscard]] std::string make_object_tagging_xml(const orbs3_tag_set_t& tags);
+
 // ---- versioning ----
 // A bucket's versioning setting as its documents carry it: status 1 enabled, 0 suspended; save_num, how
 // many old versions of a key stay (SaveNum, an extension of S3's document).

@@ -152,6 +152,8 @@ const orbs3_s3_error_t g_s3_error_info[] = {
     {0xc000405, 400, "AuthorizationQueryParametersError",
      "Query-string authentication version 4 requires the X-Amz-Algorithm, X-Amz-Credential, X-Amz-Signature, "
      "X-Amz-Date, X-Amz-SignedHeaders, and X-Amz-Expires parameters."},
+    {0xc000411, 400, "InvalidTag",
+     "The tag provided was not a valid tag. This error can occur if the tag did not pass input validation."},
     {0xc000420, 416, "InvalidPartNumber", "The requested partnumber is not satisfiable"},
     {0xffffffff, 0, "EndOff", nullptr},
 };

@@ -42,6 +42,7 @@ inline constexpr int ORBS3_S3_INVALID_BUCKET_STATE = 0xc000024;
 inline constexpr int ORBS3_S3_METHOD_NOT_ALLOWED = 0xc000056;
 inline constexpr int ORBS3_S3_INVALID_URI = 0xc000048;
 inline constexpr int ORBS3_S3_MALFORMED_ACL_ERROR = 0xc000050;
+inline constexpr int ORBS3_S3_INVALID_TAG = 0xc000411;
 inline constexpr int ORBS3_S3_MALFORMED_XML = 0xc000052;
 inline constexpr int ORBS3_S3_MAX_MESSAGE_LENGTH_EXCEEDED = 0xc000053;
 inline constexpr int ORBS3_S3_MISSING_CONTENT_LENGTH = 0xc000058;

@@ -249,6 +249,13 @@ void object_meta_of(const orbs3_multipart_upload_t& up, const orbs3_multipart_pl
         meta->values[meta->n] = v;
         meta->n++;
     }
+    for (const auto& [k, v] : up.tags) {
+        if (meta->ntags == ORBS3_OBJECT_TAGS_MAX)
+            break;
+        meta->tag_keys[meta->ntags] = k;
+        meta->tag_values[meta->ntags] = v;
+        meta->ntags++;
+    }
     meta->upload_id = up.upload_id;
     meta->parts = plan.parts_text;
     meta->checksum_algorithm = plan.checksum_algorithm;
@@ -347,6 +354,8 @@ orbs3_multipart_upload_t upload_of(const orbs3_http_request_t* r, std::string_vi
     up.acl = std::to_string(meta.acl);
     for (std::size_t i = 0; i < meta.n; i++)
         up.meta.emplace_back(meta.keys[i], meta.values[i]);
+    for (std::size_t i = 0; i < meta.ntags; i++)
+        up.tags.emplace_back(meta.tag_keys[i], meta.tag_values[i]);
     return up;
 }
 

@@ -46,6 +46,7 @@ struct orbs3_multipart_upload_t {
     std::string created;  // record time stamp
     std::string content_type, cache_control, content_disposition, content_encoding, expires;
     std::vector<std::pair<std::string, std::string>> meta;  // x-amz-meta-<name> (lower case), value
+    std::vector<std::pair<std::string, std::string>> tags;  // x-amz-tagging of Create: key, value
     // The additional checksum the upload declared (x-amz-checksum-algorithm, "CRC32", ...) and the form
     // of the object's ("COMPOSITE" or "FULL_OBJECT"); empty when none was declared.
     std::string checksum_algorithm, checksum_type;

@@ -124,13 +124,18 @@ std::string orbs3_multipart_render_upload(const orbs3_multipart_upload_t& up)
         put_field(&out, "checksum-algorithm", up.checksum_algorithm);
         put_field(&out, "checksum-type", up.checksum_type);
     }
-    for (const auto& [name, value] : up.meta) {
-        out.append("meta ");
-        put_encoded(&out, name);
-        out.push_back(' ');
-        put_encoded(&out, value);
-        out.push_back('\n');
-    }
+    auto pairs = [&out](const char* field, const std::vector<std::pair<std::string, std::string>>& list) {
+        for (const auto& [name, value] : list) {
+            out.append(field);
+            out.push_back(' ');
+            put_encoded(&out, name);
+            out.push_back(' ');
+            put_encoded(&out, value);
+            out.push_back('\n');
+        }
+    };
+    pairs("meta", up.meta);
+    pairs("tag", up.tags);
     return out;
 }
 
@@ -155,14 +160,14 @@ int orbs3_multipart_parse_upload(std::string_view text, orbs3_multipart_upload_t
                                                              : nullptr;
         if (field != nullptr)
             return get_encoded(value, field);
-        if (name == "meta") {
+        if (name == "meta" || name == "tag") {
             std::size_t sp = value.find(' ');
             if (sp == std::string_view::npos)
                 return false;
             std::string k, v;
             if (!get_encoded(value.substr(0, sp), &k) || !get_encoded(value.substr(sp + 1), &v))
                 return false;
-            up->meta.emplace_back(std::move(k), std::move(v));
+            (name == "meta" ? up->meta : up->tags).emplace_back(std::move(k), std::move(v));
             return true;
         }
         return true;  // a field of a later writer

@@ -23,6 +23,7 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object_commit.h"
+#include "storage/orbs3_object_tagging.h"
 #include "storage/orbs3_record.h"
 #include "s3/orbs3_s3_signature.h"
 #include "versions/orbs3_object_version.h"
@@ -203,6 +204,8 @@ int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t*
     });
     if (too_large)
         return ORBS3_S3_METADATA_TOO_LARGE;
+    if (int rc = orbs3_object_tags_from_request(r, meta); rc != 0)
+        return rc;
     // "aws-chunked" names the framing of this upload, not the content: it is not kept, whether a client
     // puts it before the content's own coding or behind it.
     std::string_view enc = meta->content_encoding;

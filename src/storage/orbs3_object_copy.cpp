@@ -31,6 +31,7 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
 #include "storage/orbs3_object_read.h"
+#include "storage/orbs3_object_tagging.h"
 #include "storage/orbs3_object_write.h"
 #include "versions/orbs3_object_version.h"
 
@@ -125,6 +126,23 @@ int orbs3_open_copy_source(orbs3_http_request_t* r, const orbs3_bucket_t* bucket
 
 namespace {
 
+// The copy's tags, apart from its metadata: the source's (x-amz-tagging-directive COPY or absent) or
+// those of the request's x-amz-tagging (REPLACE; none without it). 0 or a status.
+int copy_tags(orbs3_http_request_t* r, const orbs3_object_t* rec, orbs3_object_meta_t* meta)
+{
+    std::string_view directive;
+    const bool replace = orbs3_http_find_header(r, "x-amz-tagging-directive", &directive) &&
+                         orbs3_http_iequals(directive, "REPLACE");
+    if (!directive.empty() && !replace && !orbs3_http_iequals(directive, "COPY"))
+        return ORBS3_S3_INVALID_ARGUMENT;
+    if (replace)
+        return orbs3_object_tags_from_request(r, meta);
+    meta->ntags = 0;
+    if (rec != nullptr)
+        orbs3_object_tags_from_record(rec, meta);
+    return 0;
+}
+
 // The copy's metadata: the source's (x-amz-metadata-directive COPY or absent) or the request's
 // (REPLACE), whose content checksum stays the source's, true whatever else is replaced. A copy onto
 // itself must replace it. 0 or a status.
@@ -147,15 +165,17 @@ int copy_meta(orbs3_http_request_t* r, const orbs3_object_t* rec, bool onto_itse
         // A copy never takes the source's ACL: the request's, or private.
         bool given = false;
         meta->acl = ORBS3_ACL_FULL_CONTROL;
-        return orbs3_object_acl_from_request(r, &meta->acl, &given);
+        if (int rc = orbs3_object_acl_from_request(r, &meta->acl, &given); rc != 0)
+            return rc;
+    } else {
+        if (int rc = orbs3_object_meta_from_request(r, meta); rc != 0)
+            return rc;
+        if (rec != nullptr) {
+            meta->checksum_algorithm = orbs3_str_view(rec->checksum_algorithm);
+            meta->checksum = orbs3_str_view(rec->checksum);
+        }
     }
-    if (int rc = orbs3_object_meta_from_request(r, meta); rc != 0)
-        return rc;
-    if (rec != nullptr) {
-        meta->checksum_algorithm = orbs3_str_view(rec->checksum_algorithm);
-        meta->checksum = orbs3_str_view(rec->checksum);
-    }
-    return 0;
+    return copy_tags(r, rec, meta);
 }
 
 // The destination may take an object of `size` bytes under `key`. 0 or a status.

@@ -137,6 +137,15 @@ int add_object_headers(orbs3_http_request_t* r, const object_view_t& o, std::str
     }
     if (rec == nullptr)
         return rc;
+    std::size_t tags = 0;
+    if (rec->tags.next != nullptr)
+        for (const neo_list_head_t* pos = rec->tags.next; pos != &rec->tags; pos = pos->next)
+            ++tags;
+    if (tags > 0) {
+        char count[24];
+        std::snprintf(count, sizeof count, "%zu", tags);
+        rc |= orbs3_http_set_response_headers(r, "x-amz-tagging-count", count);
+    }
     // The additional checksum is given only to a client that asks for it. Clients check the bytes they
     // receive against it, so it goes out only when it describes exactly those bytes.
     std::string_view mode;

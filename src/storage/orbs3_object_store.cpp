@@ -206,16 +206,19 @@ int orbs3_object_write_record(const orbs3_user_t* owner, std::string_view key, c
               pool_set(pool, &o->version_id, meta->version_id) &&
               pool_set(pool, &o->parts, meta->parts) &&
               pool_set(pool, &o->part_checksums, meta->part_checksums);
-    for (std::size_t i = 0; ok && i < meta->n; i++) {
+    auto add = [pool, &ok](neo_list_head_t* list, std::string_view key, std::string_view value) {
         auto* tag = static_cast<orbs3_tag_t*>(orbs3_pcalloc(pool, sizeof(orbs3_tag_t)));
         auto* node = static_cast<orbs3_list_node_t*>(orbs3_pcalloc(pool, sizeof(orbs3_list_node_t)));
-        ok = tag != nullptr && node != nullptr && pool_set(pool, &tag->key, meta->keys[i]) &&
-             pool_set(pool, &tag->value, meta->values[i]);
+        ok = tag != nullptr && node != nullptr && pool_set(pool, &tag->key, key) && pool_set(pool, &tag->value, value);
         if (ok) {
             node->data = tag;
-            list_add_tail(&node->list, &o->meta);
+            list_add_tail(&node->list, list);
         }
-    }
+    };
+    for (std::size_t i = 0; ok && i < meta->n; i++)
+        add(&o->meta, meta->keys[i], meta->values[i]);
+    for (std::size_t i = 0; ok && i < meta->ntags && i < ORBS3_OBJECT_TAGS_MAX; i++)
+        add(&o->tags, meta->tag_keys[i], meta->tag_values[i]);
     if (!ok)
         return -1;
     // A delete that empties the key's directory removes it, and may do so between the mkdir and the

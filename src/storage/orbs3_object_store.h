@@ -35,6 +35,7 @@ void Compute_file_md5(std::string_view name, int64_t size, std::string_view last
 
 // What an uploader says of an object besides its bytes, as views into the request or the record it came from.
 inline constexpr std::size_t ORBS3_OBJECT_META_MAX = 64;  // x-amz-meta-* headers of one object
+inline constexpr std::size_t ORBS3_OBJECT_TAGS_MAX = 10;  // tags of one object
 struct orbs3_object_meta_t {
     std::string_view content_type;
     std::string_view cache_control;
@@ -51,6 +52,10 @@ struct orbs3_object_meta_t {
     std::size_t n = 0;
     std::string_view keys[ORBS3_OBJECT_META_MAX];  // lower case, without "x-amz-meta-"
     std::string_view values[ORBS3_OBJECT_META_MAX];
+    // The content's tags, in order (S3 allows 10 to an object).
+    std::size_t ntags = 0;
+    std::string_view tag_keys[ORBS3_OBJECT_TAGS_MAX];
+    std::string_view tag_values[ORBS3_OBJECT_TAGS_MAX];
 };
 
 // Writes the object's record at `meta_path` (its directories made as needed), replacing any old one

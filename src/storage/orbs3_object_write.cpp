@@ -106,6 +106,23 @@ void orbs3_object_meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_
         meta->values[meta->n] = orbs3_str_view(tag->value);
         meta->n++;
     }
+    orbs3_object_tags_from_record(rec, meta);
+}
+
+void orbs3_object_tags_from_record(const orbs3_object_t* rec, orbs3_object_meta_t* meta)
+{
+    meta->ntags = 0;
+    if (rec->tags.next == nullptr)
+        return;
+    neo_list_head_t* pos;
+    list_for_each(pos, const_cast<neo_list_head_t*>(&rec->tags)) {
+        if (meta->ntags == ORBS3_OBJECT_TAGS_MAX)
+            break;
+        auto* tag = static_cast<const orbs3_tag_t*>(list_entry(pos, orbs3_list_node_t, list)->data);
+        meta->tag_keys[meta->ntags] = orbs3_str_view(tag->key);
+        meta->tag_values[meta->ntags] = orbs3_str_view(tag->value);
+        meta->ntags++;
+    }
 }
 
 int orbs3_object_digest_file(int fd, int64_t size, char out[33])

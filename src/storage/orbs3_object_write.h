@@ -29,8 +29,11 @@
 [[nodiscard]] int orbs3_object_prepare_write(const orbs3_bucket_t* bucket, std::string_view key,
                                              const orbs3_conditional_t* cond, orbs3_object_path_t* path);
 
-// The metadata the record keeps, as views into it; the additional checksum too when `with_checksum`.
+// The metadata the record keeps, its tags among it, as views into it; the additional checksum too when
+// `with_checksum`.
 void orbs3_object_meta_from_record(const orbs3_object_t* rec, orbs3_object_meta_t* meta, bool with_checksum);
+// The record's tags alone, as views into it.
+void orbs3_object_tags_from_record(const orbs3_object_t* rec, orbs3_object_meta_t* meta);
 
 // The MD5, in hex, of the file's first `size` bytes. 0 or -1.
 [[nodiscard]] int orbs3_object_digest_file(int fd, int64_t size, char out[33]);

@@ -24,8 +24,9 @@ inline constexpr std::size_t ORBS3_REC_TIME_CAP = 31;      // "2026-11-23T16:13:
 inline constexpr std::size_t ORBS3_REC_ETAG_CAP = 38;      // MD5 in hex, "-<parts>" behind it when assembled
 inline constexpr std::size_t ORBS3_REC_ID_CAP = 47;        // rule identifiers, in char[48]
 inline constexpr std::size_t ORBS3_REC_ADDR_CAP = 47;      // an address of a rule
-inline constexpr std::size_t ORBS3_REC_TAG_KEY_CAP = 128;  // S3's limits for a tag
-inline constexpr std::size_t ORBS3_REC_TAG_VALUE_CAP = 256;
+// S3 limits a tag to 128 and 256 characters; of UTF-8 that is up to four bytes each.
+inline constexpr std::size_t ORBS3_REC_TAG_KEY_CAP = 4 * 128;
+inline constexpr std::size_t ORBS3_REC_TAG_VALUE_CAP = 4 * 256;
 inline constexpr std::size_t ORBS3_REC_NUMBER_CAP = 20;    // quota texts: decimal kilobytes
 inline constexpr std::size_t ORBS3_REC_ACCEL_PATH_CAP = 31; // the accelerate path has a 32-byte area
 inline constexpr std::size_t ORBS3_REC_HEADER_CAP = 1023;   // a stored standard header of an object

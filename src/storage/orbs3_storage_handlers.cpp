@@ -10,6 +10,7 @@
 #include "storage/orbs3_object_acl.h"
 #include "storage/orbs3_object_copy.h"
 #include "storage/orbs3_object_delete.h"
+#include "storage/orbs3_object_tagging.h"
 #include "storage/orbs3_version_handlers.h"
 #include "versions/orbs3_version_conf.h"
 #include "versions/orbs3_list_versions.h"
@@ -38,6 +39,9 @@ int orbs3_storage_install_handlers()
         {"CopyObject", orbs3_copy_object},
         {"PutObjectAcl", orbs3_put_object_acl},
         {"GetObjectAcl", orbs3_get_object_acl},
+        {"PutObjectTagging", orbs3_put_object_tagging},
+        {"GetObjectTagging", orbs3_get_object_tagging},
+        {"DeleteObjectTagging", orbs3_delete_object_tagging},
         {"DeleteObjectVorne", orbs3_delete_object_vorne},
         {"CreateMultipartUpload", orbs3_create_multipart_upload_object},
         {"CompleteMultipartUpload", orbs3_complete_multipart_upload_object},

@@ -437,6 +437,8 @@ int parse_all(const char* text, orbs3_pool_t* pool)
     ok += parse_bucket_versioning_xmlstring(text, &versioning) == 0;
     int32_t days = 0;
     ok += parse_bucket_recycle_conf_xmlstring(text, &days) == 0;
+    orbs3_tag_set_t tags;
+    ok += parse_object_tagging_xml(text, &tags) == 0;
     return ok;
 }
 
@@ -837,3 +839,139 @@ TEST(S3Documents, VersionListLayout)
 }
 
 }  // namespace
+
+namespace {
+
+std::string tag_text(const orbs3_tag_set_t& tags)
+{
+    std::string out;
+    for (const orbs3_tag_pair_t& t : tags)
+        out += "[" + t.key + "=" + t.value + "]";
+    return out;
+}
+
+std::string tagging_body(const std::string& tags)
+{
+    return "<Tagging xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><TagSet>" + tags + "</TagSet></Tagging>";
+}
+
+std::string tag_elems(int n)
+{
+    std::string d;
+    for (int i = 0; i < n; ++i)
+        d += "<Tag><Key>k" + std::to_string(i) + "</Key><Value>v</Value></Tag>";
+    return d;
+}
+
+}  // namespace
+
+// A Tagging body: parsed texts whole, refused when it is no tag set, then judged by S3's limits, which
+// count characters of UTF-8, not bytes.
+TEST(S3Documents, TaggingBodiesParseAndAreJudgedByTheLimits)
+{
+    const std::string e_acute = "\xc3\xa9";   // two bytes, one character
+    const std::string g_clef = "\xf0\x9d\x84\x9e";  // four bytes, one character
+    auto rep = [](const std::string& s, int n) {
+        std::string out;
+        for (int i = 0; i < n; ++i)
+            out += s;
+        return out;
+    };
+    struct row {
+        const char* name;
+        std::string body;
+        int rc;
+        const char* parsed;  // tag_text of the result when rc is 0
+        bool valid;
+    };
+    const row rows[] = {
+        {"two tags in order", tagging_body("<Tag><Key>b</Key><Value>2</Value></Tag><Tag><Key>a</Key><Value>1</Value></Tag>"),
+         0, "[b=2][a=1]", true},
+        {"empty set", tagging_body(""), 0, "", true},
+        {"blanks kept", tagging_body("<Tag><Key> k </Key><Value> v w </Value></Tag>"), 0, "[ k = v w ]", true},
+        {"missing value is empty", tagging_body("<Tag><Key>k</Key></Tag>"), 0, "[k=]", true},
+        {"entities decoded", tagging_body("<Tag><Key>a&amp;b</Key><Value>&lt;x&gt;</Value></Tag>"), 0, "[a&b=<x>]", true},
+        {"ten tags", tagging_body(tag_elems(10)), 0, nullptr, true},
+        {"eleven tags", tagging_body(tag_elems(11)), 0, nullptr, false},
+        {"empty key", tagging_body("<Tag><Key></Key><Value>v</Value></Tag>"), 0, "[=v]", false},
+        {"same key twice", tagging_body("<Tag><Key>k</Key><Value>1</Value></Tag><Tag><Key>k</Key><Value>2</Value></Tag>"),
+         0, "[k=1][k=2]", false},
+        {"key of 128", tagging_body("<Tag><Key>" + std::string(128, 'k') + "</Key></Tag>"), 0, nullptr, true},
+        {"key of 129", tagging_body("<Tag><Key>" + std::string(129, 'k') + "</Key></Tag>"), 0, nullptr, false},
+        {"key of 128 two-byte chars", tagging_body("<Tag><Key>" + rep(e_acute, 128) + "</Key></Tag>"), 0, nullptr, true},
+        {"value of 256 four-byte chars",
+         tagging_body("<Tag><Key>k</Key><Value>" + rep(g_clef, 256) + "</Value></Tag>"), 0, nullptr, true},
+        {"value of 257 four-byte chars",
+         tagging_body("<Tag><Key>k</Key><Value>" + rep(g_clef, 257) + "</Value></Tag>"), 0, nullptr, false},
+        {"value of 257", tagging_body("<Tag><Key>k</Key><Value>" + std::string(257, 'v') + "</Value></Tag>"), 0,
+         nullptr, false},
+        {"tag without key", tagging_body("<Tag><Value>v</Value></Tag>"), -1, nullptr, false},
+        {"no tag set", "<Tagging><Tag><Key>k</Key></Tag></Tagging>", -1, nullptr, false},
+        {"other root", "<TagSet><Tag><Key>k</Key></Tag></TagSet>", -1, nullptr, false},
+        {"cut short", tagging_body("<Tag><Key>k</Key>").substr(0, 40), -1, nullptr, false},
+        {"flood of tags", tagging_body(tag_elems(1001)), -1, nullptr, false},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.name);
+        orbs3_tag_set_t tags;
+        ASSERT_EQ(parse_object_tagging_xml(r.body.c_str(), &tags), r.rc);
+        if (r.rc != 0)
+            continue;
+        if (r.parsed != nullptr) {
+            EXPECT_EQ(tag_text(tags), r.parsed);
+        }
+        EXPECT_EQ(orbs3_tag_set_valid(tags), r.valid);
+    }
+}
+
+// x-amz-tagging is a URL-encoded form: '+' and %20 are blanks, '=' and '&' inside texts come encoded.
+TEST(S3Documents, TaggingHeaderDecodesTheForm)
+{
+    struct row {
+        const char* header;
+        int rc;
+        const char* parsed;
+        bool valid;
+    };
+    const row rows[] = {
+        {"a=1&b=2", 0, "[a=1][b=2]", true},
+        {"", 0, "", true},
+        {"k", 0, "[k=]", true},
+        {"k=", 0, "[k=]", true},
+        {"a%3Db=c%26d", 0, "[a=b=c&d]", true},
+        {"sp+ace=x%20y", 0, "[sp ace=x y]", true},
+        {"k=%C3%A9", 0, "[k=\xc3\xa9]", true},
+        {"a=1&a=2", 0, "[a=1][a=2]", false},
+        {"=v", -1, nullptr, false},
+        {"a=1&&b=2", -1, nullptr, false},
+        {"k=%4", -1, nullptr, false},
+        {"k=%zz", -1, nullptr, false},
+        {"k=%", -1, nullptr, false},
+        {"k0=&k1=&k2=&k3=&k4=&k5=&k6=&k7=&k8=&k9=&k10=", 0, nullptr, false},
+    };
+    for (const row& r : rows) {
+        SCOPED_TRACE(r.header);
+        orbs3_tag_set_t tags;
+        ASSERT_EQ(parse_object_tagging_header(r.header, &tags), r.rc);
+        if (r.rc != 0)
+            continue;
+        if (r.parsed != nullptr) {
+            EXPECT_EQ(tag_text(tags), r.parsed);
+        }
+        EXPECT_EQ(orbs3_tag_set_valid(tags), r.valid);
+    }
+}
+
+TEST(S3Documents, TaggingReplyEscapesTextsAndReadsBack)
+{
+    const orbs3_tag_set_t tags = {{"a<&>", " v\r"}, {"k", ""}};
+    const std::string doc = make_object_tagging_xml(tags);
+    EXPECT_EQ(doc, "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Tagging xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\">"
+                   "<TagSet><Tag><Key>a&lt;&amp;&gt;</Key><Value> v&#13;</Value></Tag><Tag><Key>k</Key><Value></Value>"
+                   "</Tag></TagSet></Tagging>");
+    orbs3_tag_set_t back;
+    ASSERT_EQ(parse_object_tagging_xml(doc.c_str(), &back), 0);
+    EXPECT_EQ(tag_text(back), tag_text(tags));
+    EXPECT_EQ(make_object_tagging_xml({}), "<?xml version=\"1.0\" encoding=\"UTF-8\"?><Tagging "
+                                           "xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><TagSet></TagSet></Tagging>");
+}

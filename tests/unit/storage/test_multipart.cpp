@@ -50,15 +50,18 @@ TEST(MultipartRecords, UploadRecordKeepsKeysAndMetadataOfAnyBytes)
     up.expires = "";
     up.meta = {{"origin", "a b"}, {"md5chksum", "x%y"}};
     up.acl = "1048577";  // the ACL the object gets at Complete
+    up.tags = {{"team a", "x y\n"}, {"k", ""}};
     const std::string text = orbs3_multipart_render_upload(up);
     // One field a line, whatever the key holds.
-    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 14);
+    EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 16);
 
     orbs3_multipart_upload_t back;
     ASSERT_EQ(orbs3_multipart_parse_upload(text, &back), 0);
     EXPECT_EQ(orbs3_multipart_render_upload(back), text);  // every field read back as it was
     EXPECT_EQ(back.key, up.key);
     EXPECT_EQ(back.acl, up.acl);
+    EXPECT_EQ(back.meta, up.meta);
+    EXPECT_EQ(back.tags, up.tags);  // the tags of Create stay apart from the metadata
 
     // A record cut short, of another kind, with a broken escape or an id that could walk a path is none.
     std::string broken = text;
