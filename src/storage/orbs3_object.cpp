@@ -239,6 +239,16 @@ void orbs3_object_version_line(const orbs3_bucket_t* bucket, std::string_view id
     lines->append(id.empty() ? ORBS3_NULL_VERSION_ID : id);
 }
 
+int orbs3_object_request_version(orbs3_http_request_t* r, int access, orbs3_bucket_ptr* bucket,
+                                 std::string_view* key, std::string_view* id)
+{
+    orbs3_bucket_t* raw = nullptr;
+    if (int rc = orbs3_object_request_bucket(r, access, &raw, key); rc != 0)
+        return rc;
+    bucket->reset(raw);
+    return orbs3_object_version_param(r, id);
+}
+
 int orbs3_object_version_param(orbs3_http_request_t* r, std::string_view* id)
 {
     *id = {};

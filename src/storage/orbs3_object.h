@@ -71,6 +71,11 @@ void orbs3_object_version_line(const orbs3_bucket_t* bucket, std::string_view id
 // can't name a version, or InternalError.
 [[nodiscard]] int orbs3_object_version_param(orbs3_http_request_t* r, std::string_view* id);
 
+// The request's bucket and key with `access` checked, and its ?versionId=: the start of every handler
+// that acts on one content of a key. 0 or a status.
+[[nodiscard]] int orbs3_object_request_version(orbs3_http_request_t* r, int access, orbs3_bucket_ptr* bucket,
+                                               std::string_view* key, std::string_view* id);
+
 // PUT of an object: 200 with its ETag.
 int orbs3_put_object(orbs3_http_request_t* r);
 // POST ?append&position=N (N > 0) of an existing object: 200 with the new ETag.

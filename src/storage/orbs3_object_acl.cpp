@@ -53,17 +53,13 @@ int missing(std::string_view version)
 
 int orbs3_get_object_acl(orbs3_http_request_t* r)
 {
-    orbs3_bucket_t* raw = nullptr;
-    std::string_view key;
-    int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_READ, &raw, &key);
+    orbs3_bucket_ptr bucket;
+    std::string_view key, version;
+    int rc = orbs3_object_request_version(r, ORBS3_ACCESS_READ, &bucket, &key, &version);
     if (rc != 0)
         return rc;
-    orbs3_bucket_ptr bucket(raw);
-    std::string_view version;
-    if (rc = orbs3_object_version_param(r, &version); rc != 0)
-        return rc;
     char record[ORBS3_PATH_AREA], data[ORBS3_PATH_AREA];
-    if (rc = record_place(raw, key, version, record, data); rc != 0)
+    if (rc = record_place(bucket.get(), key, version, record, data); rc != 0)
         return rc;
     orbs3_object_ptr rec(orbs3_create_object_from_file(record));
     if (!rec)
@@ -79,14 +75,10 @@ int orbs3_get_object_acl(orbs3_http_request_t* r)
 
 int orbs3_put_object_acl(orbs3_http_request_t* r)
 {
-    orbs3_bucket_t* raw = nullptr;
-    std::string_view key;
-    int rc = orbs3_object_request_bucket(r, ORBS3_ACCESS_WRITE, &raw, &key);
+    orbs3_bucket_ptr bucket;
+    std::string_view key, version;
+    int rc = orbs3_object_request_version(r, ORBS3_ACCESS_WRITE, &bucket, &key, &version);
     if (rc != 0)
-        return rc;
-    orbs3_bucket_ptr bucket(raw);
-    std::string_view version;
-    if (rc = orbs3_object_version_param(r, &version); rc != 0)
         return rc;
     const char* body = orbs3_http_body_document(r);
     if (body == nullptr)
@@ -101,7 +93,7 @@ int orbs3_put_object_acl(orbs3_http_request_t* r)
     if (!given && (parse_bucket_acl_xmlstring(body, &acl) != 0 || acl == 0))
         return *body == '\0' ? ORBS3_S3_MISSING_REQUEST_BODY : ORBS3_S3_MALFORMED_ACL_ERROR;
     char record[ORBS3_PATH_AREA], data[ORBS3_PATH_AREA];
-    if (rc = record_place(raw, key, version, record, data); rc != 0)
+    if (rc = record_place(bucket.get(), key, version, record, data); rc != 0)
         return rc;
     // Read and rewritten under the key's commit lock, so that a PUT committing meanwhile is not undone by
     // the old record; the content must still be the one the request named.

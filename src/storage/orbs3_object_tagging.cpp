@@ -113,17 +113,6 @@ int change_tags(const orbs3_bucket_t* bucket, std::string_view key, std::string_
     return 0;
 }
 
-// The request's bucket and key with `access` checked, and its ?versionId=.
-int tagging_request(orbs3_http_request_t* r, int access, orbs3_bucket_ptr* bucket, std::string_view* key,
-                    std::string_view* id)
-{
-    orbs3_bucket_t* raw = nullptr;
-    if (int rc = orbs3_object_request_bucket(r, access, &raw, key); rc != 0)
-        return rc;
-    bucket->reset(raw);
-    return orbs3_object_version_param(r, id);
-}
-
 }  // namespace
 
 orbs3_tag_set_t orbs3_object_tags(const orbs3_object_t* rec)
@@ -195,7 +184,7 @@ int orbs3_put_object_tagging(orbs3_http_request_t* r)
 {
     orbs3_bucket_ptr bucket;
     std::string_view key, id;
-    if (int rc = tagging_request(r, ORBS3_ACCESS_WRITE, &bucket, &key, &id); rc != 0)
+    if (int rc = orbs3_object_request_version(r, ORBS3_ACCESS_WRITE, &bucket, &key, &id); rc != 0)
         return rc;
     const char* body = orbs3_http_body_document(r);
     if (body == nullptr)
@@ -220,7 +209,7 @@ int orbs3_delete_object_tagging(orbs3_http_request_t* r)
 {
     orbs3_bucket_ptr bucket;
     std::string_view key, id;
-    if (int rc = tagging_request(r, ORBS3_ACCESS_WRITE, &bucket, &key, &id); rc != 0)
+    if (int rc = orbs3_object_request_version(r, ORBS3_ACCESS_WRITE, &bucket, &key, &id); rc != 0)
         return rc;
     std::string version_id;
     if (int rc = change_tags(bucket.get(), key, id, {}, &version_id); rc != 0)
@@ -235,7 +224,7 @@ int orbs3_get_object_tagging(orbs3_http_request_t* r)
 {
     orbs3_bucket_ptr bucket;
     std::string_view key, id;
-    if (int rc = tagging_request(r, ORBS3_ACCESS_READ, &bucket, &key, &id); rc != 0)
+    if (int rc = orbs3_object_request_version(r, ORBS3_ACCESS_READ, &bucket, &key, &id); rc != 0)
         return rc;
     tag_target_t t;
     if (int rc = open_target(bucket.get(), key, id, &t); rc != 0)
