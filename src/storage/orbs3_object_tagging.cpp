@@ -1,7 +1,5 @@
 #include "storage/orbs3_object_tagging.h"
 
-#include <sys/stat.h>
-
 #include <cstdio>
 #include <cstring>
 #include <string>
@@ -17,7 +15,7 @@
 #include "s3/orbs3_s3_errors.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_object.h"
-#include "storage/orbs3_object_commit.h"
+#include "storage/orbs3_object_change.h"
 #include "storage/orbs3_object_read.h"
 #include "storage/orbs3_object_store.h"
 #include "versions/orbs3_version_name.h"
@@ -27,90 +25,6 @@ namespace {
 int replied(int rc)
 {
     return rc == 0 ? 0 : -1;
-}
-
-// The content a tagging request names, opened, and where its record lies.
-struct tag_target_t {
-    orbs3_object_source_t src;
-    char record[ORBS3_PATH_AREA] = "";
-    char data[ORBS3_PATH_AREA] = "";
-};
-
-// Opens the live object of `key` (id empty) or its version `id`, as GetObject would serve it, and finds
-// the record that describes it: the live record, a directory object's marker, or the version's own.
-// 0, or NoSuchKey, NoSuchVersion, MethodNotAllowed (a delete marker), InvalidArgument, KeyTooLong.
-int open_target(const orbs3_bucket_t* bucket, std::string_view key, std::string_view id, tag_target_t* t)
-{
-    if (id.empty()) {
-        if (int rc = orbs3_object_open(bucket, key, &t->src); rc != 0)
-            return rc;
-        orbs3_object_path_t path;
-        if (orbs3_make_object_path(bucket, key, "", &path) != 0)
-            return ORBS3_S3_KEY_TOO_LONG;
-        std::snprintf(t->data, sizeof t->data, "%s", path.data_path);
-        if (key.back() == '/')
-            return orbs3_object_dir_marker_path(path.meta_path, t->record) == 0 ? 0 : ORBS3_S3_KEY_TOO_LONG;
-        std::snprintf(t->record, sizeof t->record, "%s", path.meta_path);
-        return 0;
-    }
-    orbs3_version_ref_t ref;
-    if (int rc = orbs3_version_find(bucket, key, id, &ref); rc != 0)
-        return rc;
-    if (ref.delete_marker)
-        return ORBS3_S3_METHOD_NOT_ALLOWED;
-    if (orbs3_object_open_file(key, ref.file.data, ref.file.record, &t->src) != 0)
-        return ORBS3_S3_NO_SUCH_VERSION;
-    std::snprintf(t->record, sizeof t->record, "%s", ref.file.record);
-    std::snprintf(t->data, sizeof t->data, "%s", ref.file.data);
-    return 0;
-}
-
-// Whether the data file the target was opened from still stands at its path: a writer that takes no
-// commit lock (a copy, an append, a delete) may have replaced or removed it since, and then the record in
-// hand describes bytes that are gone. A directory object has no data file.
-bool still_there(const tag_target_t& t)
-{
-    if (!t.src.file.valid())
-        return true;
-    struct stat open_st {}, now_st {};
-    return fstat(t.src.file.get(), &open_st) == 0 && stat(t.data, &now_st) == 0 && open_st.st_ino == now_st.st_ino &&
-           open_st.st_dev == now_st.st_dev;
-}
-
-// Sets the tags of the content `key`/`id` names to `tags`, in one record write. Under the key's commit
-// lock (the one every commit and every move of a version takes) the content is opened again, so the
-// record changed is the one that describes the bytes now there, never one read before a PUT replaced
-// them. 0 with *version_id the content's id, or a status.
-int change_tags(const orbs3_bucket_t* bucket, std::string_view key, std::string_view id, const orbs3_tag_set_t& tags,
-                std::string* version_id)
-{
-    orbs3_object_path_t live;
-    if (orbs3_make_object_path(bucket, key, "", &live) != 0)
-        return ORBS3_S3_KEY_TOO_LONG;
-    // A directory object is its record alone, and its PUT locks the directory of that record.
-    char marker[ORBS3_PATH_AREA];
-    if (key.back() == '/' && orbs3_object_dir_marker_path(live.meta_path, marker) != 0)
-        return ORBS3_S3_KEY_TOO_LONG;
-    orbs3_commit_lock_t lock;
-    if (orbs3_commit_lock(key.back() == '/' ? marker : live.data_path, &lock) != 0)
-        return ORBS3_S3_INTERNAL_ERROR;
-    tag_target_t t;
-    if (int rc = open_target(bucket, key, id, &t); rc != 0)
-        return rc;
-    *version_id = t.src.version_id;
-    // Content without a record that describes it (kept from before records, or a record behind its
-    // bytes) has nowhere to keep tags; removing none is done.
-    if (t.src.record == nullptr || (t.src.file.valid() && !t.src.recorded_etag))
-        return tags.empty() ? 0 : ORBS3_S3_INTERNAL_ERROR;
-    if (orbs3_object_set_tags(t.src.record.get(), tags) != 0)
-        return ORBS3_S3_INTERNAL_ERROR;
-    if (!still_there(t))
-        return id.empty() ? ORBS3_S3_NO_SUCH_KEY : ORBS3_S3_NO_SUCH_VERSION;
-    if (orbs3_save_object(t.src.record.get(), t.record) != 0) {
-        ipd_log(LOG_ERR, "tags of %s not written", t.record);
-        return ORBS3_S3_INTERNAL_ERROR;
-    }
-    return 0;
 }
 
 }  // namespace
@@ -197,7 +111,8 @@ int orbs3_put_object_tagging(orbs3_http_request_t* r)
     if (!orbs3_tag_set_valid(tags))
         return ORBS3_S3_INVALID_TAG;
     std::string version_id;
-    if (int rc = change_tags(bucket.get(), key, id, tags, &version_id); rc != 0)
+    if (int rc = orbs3_object_change_record(bucket.get(), key, id, {.set_tags = true, .tags = tags}, &version_id);
+        rc != 0)
         return rc;
     std::string extra;
     orbs3_object_version_line(bucket.get(), version_id, &extra);
@@ -212,7 +127,7 @@ int orbs3_delete_object_tagging(orbs3_http_request_t* r)
     if (int rc = orbs3_object_request_version(r, ORBS3_ACCESS_WRITE, &bucket, &key, &id); rc != 0)
         return rc;
     std::string version_id;
-    if (int rc = change_tags(bucket.get(), key, id, {}, &version_id); rc != 0)
+    if (int rc = orbs3_object_change_record(bucket.get(), key, id, {.set_tags = true}, &version_id); rc != 0)
         return rc;
     std::string extra;
     orbs3_object_version_line(bucket.get(), version_id, &extra);
@@ -226,8 +141,8 @@ int orbs3_get_object_tagging(orbs3_http_request_t* r)
     std::string_view key, id;
     if (int rc = orbs3_object_request_version(r, ORBS3_ACCESS_READ, &bucket, &key, &id); rc != 0)
         return rc;
-    tag_target_t t;
-    if (int rc = open_target(bucket.get(), key, id, &t); rc != 0)
+    orbs3_object_target_t t;
+    if (int rc = orbs3_object_target_open(bucket.get(), key, id, &t); rc != 0)
         return rc;
     const std::string doc = make_object_tagging_xml(orbs3_object_tags(t.src.record.get()));
     std::string extra;

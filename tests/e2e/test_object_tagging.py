@@ -1,7 +1,7 @@
 """Object tags as S3 clients set and read them: a PutObjectTagging replaces the whole set, S3's limits are
 refused with InvalidTag, every version keeps its own tags, a directory object carries them too; the AWS CLI
-reads what boto3 wrote, the JavaScript SDK v3 its own; and tag changes racing PUTs of the same key never leave a record that describes
-other bytes than the live ones. All on one daemon."""
+reads what boto3 wrote, the JavaScript SDK v3 its own; and tag and ACL changes racing PUTs of the same key
+never leave a record that describes other bytes than the live ones. All on one daemon."""
 
 import json
 import os
@@ -115,35 +115,51 @@ def test_aws_cli_puts_and_gets_tags(tenant, tmp_path):
     assert tags_of(s3, "cli.txt") == [("team", "a b"), ("n", "1")]
 
 
+ALL_USERS = "http://acs.amazonaws.com/groups/global/AllUsers"
+AUTH_USERS = "http://acs.amazonaws.com/groups/global/AuthenticatedUsers"
+
+
+def groups_of(s3, key):
+    return sorted((g["Grantee"].get("URI"), g["Permission"])
+                  for g in s3.get_object_acl(Bucket=BUCKET, Key=key)["Grants"] if g["Grantee"]["Type"] == "Group")
+
+
 @pytest.mark.parametrize("key", ["race.bin", "race-dir/"])
-def test_tag_changes_racing_puts_never_mix_records(tenant, key):
-    """Rounds of PUTs racing tag changes of one key (an object, and a directory object, which is its record
-    alone); once both stop, the live record must describe the last PUT: its ETag the MD5 of the live bytes,
-    its content type that PUT's, its tags that PUT's (from x-amz-tagging) or the set sent."""
+def test_tag_and_acl_changes_racing_puts_never_mix_records(tenant, key):
+    """Rounds of PUTs racing tag and ACL changes of one key (an object, and a directory object, which is its
+    record alone); once both stop, the live record must describe the last PUT: its ETag the MD5 of the live
+    bytes, its content type that PUT's, its tags and ACL that PUT's (from x-amz-tagging and x-amz-acl) or the
+    ones a change set."""
     s3 = tenant.client()
     want = [("t", "x")]
-    writer_client, tagger_client = tenant.client(), tenant.client()
+    writer_client, changer_client = tenant.client(), tenant.client()
     errors, last = [], [None]
 
     def writer(stop):
         i = 0
         while not stop.is_set():
             body = b"" if key.endswith("/") else os.urandom(1000 + i % 7)
-            writer_client.put_object(Bucket=BUCKET, Key=key, Body=body, ContentType=f"text/x{i}", Tagging=f"w={i}")
+            writer_client.put_object(Bucket=BUCKET, Key=key, Body=body, ContentType=f"text/x{i}", Tagging=f"w={i}",
+                                     ACL="authenticated-read")
             last[0] = i
             i += 1
 
-    def tagger(stop):
+    def changer(stop):
+        n = 0
         while not stop.is_set():
             try:
-                tagger_client.put_object_tagging(Bucket=BUCKET, Key=key, Tagging=tagset(want))
+                if n % 2:
+                    changer_client.put_object_acl(Bucket=BUCKET, Key=key, ACL="public-read")
+                else:
+                    changer_client.put_object_tagging(Bucket=BUCKET, Key=key, Tagging=tagset(want))
             except Exception as e:  # noqa: BLE001 - shown below
                 errors.append(e)
+            n += 1
 
     s3.put_object(Bucket=BUCKET, Key=key, Body=b"")
     for _ in range(10):
         stop = threading.Event()
-        threads = [threading.Thread(target=writer, args=(stop,)), threading.Thread(target=tagger, args=(stop,))]
+        threads = [threading.Thread(target=writer, args=(stop,)), threading.Thread(target=changer, args=(stop,))]
         for th in threads:
             th.start()
         time.sleep(0.25)
@@ -154,6 +170,7 @@ def test_tag_changes_racing_puts_never_mix_records(tenant, key):
         assert got["ETag"] == '"%s"' % md5(got["Body"].read())
         assert got["ContentType"] == f"text/x{last[0]}"
         assert tags_of(s3, key) in ([("w", str(last[0]))], want)
+        assert groups_of(s3, key) in ([(AUTH_USERS, "READ")], [(ALL_USERS, "READ")])
     assert not errors, errors[:3]
 
 
