@@ -163,7 +163,13 @@ int orbs3_object_acl_from_request(orbs3_http_request_t* r, uint32_t* acl, bool* 
     *given = rc == 1;
     if (rc == -2)
         return ORBS3_S3_INVALID_REQUEST;
-    return rc < 0 ? ORBS3_S3_INVALID_ARGUMENT : 0;
+    if (rc < 0)
+        return ORBS3_S3_INVALID_ARGUMENT;
+    // What a writer without credentials puts into a public bucket belongs to the bucket's owner, who alone
+    // decides who may read it: such a writer may hand it over, never publish it.
+    if (r->user == nullptr && *given && *acl != ORBS3_ACL_FULL_CONTROL)
+        return ORBS3_S3_ACCESS_DENIED;
+    return 0;
 }
 
 int orbs3_object_meta_from_request(orbs3_http_request_t* r, orbs3_object_meta_t* meta)

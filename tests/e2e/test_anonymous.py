@@ -1,8 +1,7 @@
 """Requests without credentials: what a public bucket or object lets anybody do, and what stays refused.
 
-One daemon serves the module; the requests go out with curl, as a browser or a download script sends them.
-Until the canned ACL headers can set them, the tests make a bucket or an object public by writing its
-record's `acl` mask directly, as the server keeps it.
+One daemon serves the module; buckets and objects are made public with canned ACLs through boto3, and the
+requests without credentials go out with curl, as a browser or a download script sends them.
 """
 
 import os
@@ -13,25 +12,12 @@ import pytest
 
 from orbmux_harness import s3_error, tenant_fixture
 
-FULL_CONTROL = 0x1
-ALL_USERS_READ = 0x100000
-ALL_USERS_WRITE = 0x1000000
-
 # Peers at 127.0.0.2 are barred by the service's blacklist.
 tenant = tenant_fixture(
     "anon", "--user", "alice",
     service='<?xml version="1.0" encoding="utf-8"?>\n<service blacklist_status="start">\n<blacklist>\n'
             '<rule id="b1" name="barred" status="start"><addrs addr="127.0.0.2" mask="32" /></rule>\n'
             '</blacklist>\n</service>\n')
-
-
-def set_acl(path, mask):
-    with open(path) as f:
-        text = f.read()
-    changed, n = re.subn(r'\bacl="\d+"', f'acl="{mask}"', text, count=1)
-    assert n == 1, text
-    with open(path, "w") as f:
-        f.write(changed)
 
 
 def curl(url, *args, source=None):
@@ -61,16 +47,15 @@ def buckets(tenant):
     """pub: public-read with a public and a private object; priv: private with a public-read object;
     drop: public-read-write."""
     s3 = tenant.client()
-    for b in ("pub", "priv", "drop"):
-        s3.create_bucket(Bucket=b)
-    set_acl(tenant.bucket_record("pub"), FULL_CONTROL | ALL_USERS_READ)
-    set_acl(tenant.bucket_record("drop"), FULL_CONTROL | ALL_USERS_READ | ALL_USERS_WRITE)
+    s3.create_bucket(Bucket="pub", ACL="public-read")
+    s3.create_bucket(Bucket="priv")
+    s3.create_bucket(Bucket="drop")
+    s3.put_bucket_acl(Bucket="drop", ACL="public-read-write")
     s3.put_object(Bucket="pub", Key="site/index.html", Body=b"<h1>hello</h1>", ContentType="text/html",
-                  CacheControl="max-age=60")
+                  CacheControl="max-age=60", ACL="public-read")
     s3.put_object(Bucket="pub", Key="secret.txt", Body=b"not for you")
     s3.put_object(Bucket="priv", Key="shared.bin", Body=b"shared bytes")
-    set_acl(tenant.meta("pub", "site/index.html"), FULL_CONTROL | ALL_USERS_READ)
-    set_acl(tenant.meta("priv", "shared.bin"), FULL_CONTROL | ALL_USERS_READ)
+    s3.put_object_acl(Bucket="priv", Key="shared.bin", ACL="public-read")
     return s3
 
 
@@ -134,8 +119,17 @@ def test_a_put_needs_the_bucket_public_for_writing_and_belongs_to_the_bucket_own
     with open(tenant.meta("drop", "upload.txt")) as f:
         record = f.read()
     assert "alice" in record, record
-    # Written private: the public writer can't read it back.
+    # Written private: the public writer can't read it back, nor publish what it writes.
     assert curl(f"{tenant.endpoint}/drop/upload.txt")[0] == 403
+    for header in ("x-amz-acl: public-read", "x-amz-acl: authenticated-read",
+                   "x-amz-grant-read: uri=\"http://acs.amazonaws.com/groups/global/AllUsers\""):
+        status, _, body = curl(f"{tenant.endpoint}/drop/published.txt", "-X", "PUT", "--data-binary", "p",
+                               "-H", header)
+        assert (status, code(body)) == (403, "AccessDenied"), header
+        assert not os.path.exists(tenant.data("drop", "published.txt"))
+    status, _, body = curl(f"{tenant.endpoint}/drop/handed-over.txt", "-X", "PUT", "--data-binary", "h",
+                           "-H", "x-amz-acl: bucket-owner-full-control")
+    assert status == 200, body
     # Only PutObject: no copy, no multipart upload, no delete.
     for args in (["-X", "PUT", "-H", "x-amz-copy-source: /pub/secret.txt"],
                  ["-X", "POST", "-d", ""],
@@ -162,31 +156,22 @@ def test_credentials_are_still_checked_and_the_blacklist_still_applies(tenant, b
 
 def test_a_version_is_read_by_its_own_acl(tenant, buckets):
     s3 = buckets
-    s3.create_bucket(Bucket="vers")
+    s3.create_bucket(Bucket="vers", ACL="public-read")
     tenant.set_versioning("vers", "Enabled")
-    set_acl(tenant.bucket_record("vers"), FULL_CONTROL | ALL_USERS_READ)
-    old = s3.put_object(Bucket="vers", Key="doc", Body=b"old text")["VersionId"]
+    old = s3.put_object(Bucket="vers", Key="doc", Body=b"old text", ACL="public-read")["VersionId"]
     new = s3.put_object(Bucket="vers", Key="doc", Body=b"new text")["VersionId"]
-    folder = os.path.dirname(tenant.version("vers", "doc"))
-    records = []
-    for name in os.listdir(folder):
-        with open(os.path.join(folder, name), "rb") as f:
-            if f'version_id="{old}"'.encode() in f.read():
-                records.append(os.path.join(folder, name))
-    assert len(records) == 1, os.listdir(folder)
-    set_acl(records[0], FULL_CONTROL | ALL_USERS_READ)
 
     url = f"{tenant.endpoint}/vers/doc"
     assert curl(f"{url}?versionId={old}")[::2] == (200, b"old text")
     for target in (url, f"{url}?versionId={new}"):
         status, _, body = curl(target)
         assert (status, code(body)) == (403, "AccessDenied"), target
-    set_acl(tenant.meta("vers", "doc"), FULL_CONTROL | ALL_USERS_READ)
+    s3.put_object_acl(Bucket="vers", Key="doc", VersionId=new, ACL="public-read")
     assert curl(url)[::2] == (200, b"new text")
     status, _, body = curl(f"{url}?versionId={old[:-1]}{'A' if old[-1] != 'A' else 'B'}")
     assert (status, code(body)) == (404, "NoSuchVersion")
     # The same missing version in a private bucket tells nothing.
-    set_acl(tenant.bucket_record("vers"), FULL_CONTROL)
+    s3.put_bucket_acl(Bucket="vers", ACL="private")
     status, _, body = curl(f"{url}?versionId={old[:-1]}{'A' if old[-1] != 'A' else 'B'}")
     assert (status, code(body)) == (403, "AccessDenied")
     assert curl(f"{url}?versionId={old}")[::2] == (200, b"old text")
