@@ -1,6 +1,7 @@
 """Object tags as S3 clients set and read them: a PutObjectTagging replaces the whole set, S3's limits are
 refused with InvalidTag, every version keeps its own tags, a directory object carries them too; the AWS CLI
-reads what boto3 wrote, the JavaScript SDK v3 its own; and tag and ACL changes racing PUTs of the same key
+reads what boto3 wrote, the JavaScript SDK v3 its own tags and ACLs (a public object fetched without
+credentials); and tag and ACL changes racing PUTs of the same key
 never leave a record that describes other bytes than the live ones. All on one daemon."""
 
 import json
@@ -219,14 +220,14 @@ def test_writes_take_tags_from_the_tagging_header(tenant):
         == (400, "InvalidTag")
 
 
-def test_js_sdk_tags(tenant):
+def test_js_sdk_tags_and_acls(tenant):
     node = shutil.which("node")
     assert node, "node is missing: run scripts/install-deps.sh"
     assert os.path.isdir(os.path.join(JS_DIR, "node_modules", "@aws-sdk", "client-s3")), \
         "the SDK is missing from tests/js: run scripts/install-deps.sh"
     env = {**tenant.env(os.path.join(tenant.box.path("."), "js-home")),
            "ORBMUX_ENDPOINT": tenant.endpoint, "ORBMUX_BUCKET": "jstags"}
-    out = subprocess.run([node, os.path.join(JS_DIR, "s3_tagging.mjs")], env=env, capture_output=True, text=True,
+    out = subprocess.run([node, os.path.join(JS_DIR, "s3_acl_tagging.mjs")], env=env, capture_output=True, text=True,
                          timeout=120 * SLOWDOWN)
     assert out.returncode == 0, (out.stdout, out.stderr)
     rep = json.loads(out.stdout)
@@ -239,3 +240,12 @@ def test_js_sdk_tags(tenant):
     assert rep["delete_version_tags"] == {"ok": True, "version": ids[0], "old": [], "live": [["only", "this"]]}
     assert rep["too_many"]["ok"] is False and rep["too_many"]["status"] == 400 and \
         rep["too_many"]["error"] == "InvalidTag"
+    obj = rep["object_acl"]
+    assert obj["ok"], obj
+    owner = obj["owner"]
+    assert obj["canned"] == [["CanonicalUser", owner, "FULL_CONTROL"], ["Group", ALL_USERS, "READ"]]
+    assert obj["open"] == {"status": 200, "body": "open to all"}
+    assert obj["granted"] == [["CanonicalUser", owner, "FULL_CONTROL"], ["Group", AUTH_USERS, "READ"]]
+    assert obj["closed"] == 403
+    assert rep["bucket_acl"] == {"ok": True, "owner": owner, "listing": 200, "closed": 403,
+                                 "grants": [["CanonicalUser", owner, "FULL_CONTROL"], ["Group", ALL_USERS, "READ"]]}
