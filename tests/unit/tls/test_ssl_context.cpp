@@ -147,6 +147,7 @@ struct result_t {
     std::string subject_cn;  // of the certificate the client saw
     std::string alpn;
     int version = 0;
+    std::string client_error;  // OpenSSL's reason on the client's side when the handshake failed
 };
 
 // Both ends in memory: the client is a real OpenSSL client, the server an SSL object of the service's
@@ -197,6 +198,12 @@ struct session_t {
                 }
                 const int e = SSL_get_error(s, rc);
                 if (e != SSL_ERROR_WANT_READ && e != SSL_ERROR_WANT_WRITE) {
+                    // The client reads the server's alert: what a refused client is told.
+                    ERR_clear_error();
+                    if (s == server.get())
+                        (void)SSL_do_handshake(client.get());
+                    const char* why = ERR_reason_error_string(ERR_peek_error());
+                    r.client_error = why != nullptr ? why : "";
                     ERR_clear_error();
                     return r;
                 }
@@ -337,12 +344,12 @@ TEST_F(SslContext, HandshakePolicySniAndAlpn)
         const char* name;
         client_t client;
         bool ok;
-        const char* cn;
+        const char* cn;  // on failure: the reason the client reads
         const char* alpn;
         int version;
     } const rows[] = {
         {"tls 1.1 refused", {.min_version = TLS1_1_VERSION, .max_version = TLS1_1_VERSION, .ciphers = "DEFAULT"},
-         false, "", "", 0},
+         false, "tlsv1 alert protocol version", "", 0},
         {"tls 1.2 rsa key exchange refused", {.max_version = TLS1_2_VERSION, .ciphers = "AES128-GCM-SHA256"}, false,
          "", "", 0},
         {"tls 1.2 finite-field dhe refused", {.max_version = TLS1_2_VERSION, .ciphers = "DHE-RSA-AES128-GCM-SHA256"},
@@ -359,7 +366,7 @@ TEST_F(SslContext, HandshakePolicySniAndAlpn)
         {"domain case ignored", {.sni = "tenant-b.test"}, true, "tenant-b.test", "", TLS1_3_VERSION},
         {"virtual-host bucket", {.sni = "bucket.tenant-a.test"}, true, "tenant-a.test", "", TLS1_3_VERSION},
         {"dotted bucket name", {.sni = "my.bucket.tenant-b.test"}, true, "tenant-b.test", "", TLS1_3_VERSION},
-        {"suffix without a dot is another name", {.sni = "xtenant-a.test"}, true, "default.test", "",
+        {"suffix without a dot is another name", {.sni = "evil-tenant-a.test"}, true, "default.test", "",
          TLS1_3_VERSION},
         {"unknown name gets the first certificate", {.sni = "other.test"}, true, "default.test", "", TLS1_3_VERSION},
         {"tenant without a certificate of its own", {.sni = "no-cert.test"}, true, "default.test", "",
@@ -375,8 +382,12 @@ TEST_F(SslContext, HandshakePolicySniAndAlpn)
         session_t sess;
         const result_t got = sess.run(s.ctx(), r.client);
         EXPECT_EQ(got.ok, r.ok);
-        if (!r.ok)
+        if (!r.ok) {
+            if (r.cn[0] != '\0') {
+                EXPECT_EQ(got.client_error, r.cn);
+            }
             continue;
+        }
         EXPECT_EQ(got.subject_cn, r.cn);
         EXPECT_EQ(got.alpn, r.alpn);
         EXPECT_EQ(got.version, r.version);
