@@ -47,7 +47,9 @@ using pkey_ptr = std::unique_ptr<EVP_PKEY, pkey_free>;
 struct ctx_state {
     struct vhost_ctx {
         std::string domain;
-        SSL_CTX* ctx;
+        std::string cert;  // the files the context was built from: tenants of one group share one context
+        std::string key;
+        SSL_CTX* ctx;  // one reference per entry
     };
     std::list<std::string> names;  // a list: c_str() of each stays put while others are added
     std::vector<X509*> certs;
@@ -277,14 +279,24 @@ int vhost_contexts(orbs3_ssl_t* ssl, orbs3_service_t* svc)
         if (svc->certificate_n > 0 && same_file(vh->cert, svc->certificates[0].cert) &&
             same_file(vh->ssl_key, svc->certificates[0].key))
             continue;
-        orbs3_ssl_t vs{};
-        if (build_context(&vs, svc) != 0 ||
-            orbs3_ssl_certificate(&vs, neo_getstr(&vh->cert), neo_getstr(&vh->ssl_key), neo_getstr(&vh->key_pwd)) !=
-                0) {
-            SSL_CTX_free(vs.ctx);
-            return -1;
+        SSL_CTX* shared = nullptr;
+        for (const ctx_state::vhost_ctx& v : st->vhosts)
+            if (same_file(vh->cert, v.cert.c_str()) && same_file(vh->ssl_key, v.key.c_str()))
+                shared = v.ctx;
+        if (shared != nullptr) {
+            SSL_CTX_up_ref(shared);
+        } else {
+            orbs3_ssl_t vs{};
+            if (build_context(&vs, svc) != 0 || orbs3_ssl_certificate(&vs, neo_getstr(&vh->cert),
+                                                                       neo_getstr(&vh->ssl_key),
+                                                                       neo_getstr(&vh->key_pwd)) != 0) {
+                SSL_CTX_free(vs.ctx);
+                return -1;
+            }
+            shared = vs.ctx;
         }
-        st->vhosts.push_back({std::string(orbs3_str_view(vh->domain)), vs.ctx});
+        st->vhosts.push_back({std::string(orbs3_str_view(vh->domain)), std::string(orbs3_str_view(vh->cert)),
+                              std::string(orbs3_str_view(vh->ssl_key)), shared});
     }
     return 0;
 }

@@ -337,6 +337,7 @@ TEST_F(SslContext, HandshakePolicySniAndAlpn)
     s.add_tenant("tenant-a.test", p("tenant-a.pem"), p("tenant-a.key"));
     s.add_tenant("Tenant-B.test", p("tenant-b.pem"), p("tenant-b.key"));
     s.add_tenant("no-cert.test", "", "");
+    s.add_tenant("tenant-c.test", p("tenant-b.pem"), p("tenant-b.key"));  // a group's second domain
     ASSERT_EQ(s.init(), 0) << orbs3_ssl_last_error();
 
     const auto h11 = alpn_wire({"h2", "http/1.1"});
@@ -371,6 +372,8 @@ TEST_F(SslContext, HandshakePolicySniAndAlpn)
         {"unknown name gets the first certificate", {.sni = "other.test"}, true, "default.test", "", TLS1_3_VERSION},
         {"tenant without a certificate of its own", {.sni = "no-cert.test"}, true, "default.test", "",
          TLS1_3_VERSION},
+        {"second domain of a shared certificate", {.sni = "bucket.tenant-c.test"}, true, "tenant-b.test", "",
+         TLS1_3_VERSION},
         {"tenant over tls 1.2", {.max_version = TLS1_2_VERSION, .sni = "bucket.tenant-a.test"}, true,
          "tenant-a.test", "", TLS1_2_VERSION},
         {"alpn http/1.1 chosen over h2", {.sni = "tenant-a.test", .alpn = h11}, true, "tenant-a.test", "http/1.1",
@@ -393,6 +396,25 @@ TEST_F(SslContext, HandshakePolicySniAndAlpn)
         EXPECT_EQ(got.version, r.version);
         EXPECT_TRUE(sess.exchange());
     }
+}
+
+TEST_F(SslContext, ClientRenegotiationIsRefused)
+{
+    service_t s(p("chain.pem"), p("rsa.key"), "");
+    ASSERT_EQ(s.init(), 0);
+    session_t sess;
+    ASSERT_TRUE(sess.run(s.ctx(), {.max_version = TLS1_2_VERSION}).ok);
+    SSL* cli = sess.client.get();
+    ASSERT_EQ(SSL_renegotiate(cli), 1);
+    (void)SSL_do_handshake(cli);  // the new ClientHello goes out
+    char buf[8];
+    EXPECT_LE(SSL_read(sess.server.get(), buf, sizeof buf), 0);  // the server answers no_renegotiation
+    bool refused = false;
+    for (int i = 0; i < 4 && !refused; i++)
+        refused = SSL_do_handshake(cli) <= 0 && SSL_get_error(cli, -1) == SSL_ERROR_SSL;
+    EXPECT_TRUE(refused);
+    EXPECT_EQ(SSL_renegotiate_pending(cli), 1) << "the renegotiation completed";
+    ERR_clear_error();
 }
 
 TEST_F(SslContext, ConnectionsOutliveTheContextsOfAReload)
