@@ -343,8 +343,13 @@ int orbs3_handle_reap_children()
         // pid kept for it would make a later stop wait for ever for a child that cannot end again.
         if ((status & 0x7f) != 0 && !orbs3_terminate.load())
             ipd_debug("restart process");
-        each_service(true, [pid](orbs3_service_t* svc) {
+        each_service(true, [pid, status](orbs3_service_t* svc) {
             if (svc->pid == pid) {
+                // A worker that ends by itself with a failure (a service that cannot listen, such as a TLS
+                // service without a usable certificate) is not started again: it would only fail again.
+                if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
+                    ipd_log(LOG_ERR, "worker process %d of %s:%u exited with status %d, not restarted",
+                            static_cast<int>(pid), neo_getstr(&svc->ipaddr), svc->port, WEXITSTATUS(status));
                 svc->flags |= ORBS3_SERVICE_EXITED;
                 svc->pid = 0;
             }

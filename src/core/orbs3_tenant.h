@@ -39,6 +39,16 @@ struct orbs3_user_t {
 // The tenant's administrative record, loaded in the worker from the service directory.
 struct orbs3_service_rec_t;
 
+// One certificate of a TLS service: the files and the key's pass phrase, copied from the service when its
+// context is built; the pass phrase is zeroed once the key is loaded.
+struct orbs3_ssl_cert_t {
+    char cert[ORBS3_PATH_CAP];
+    char key[ORBS3_PATH_CAP];
+    char password[ORBS3_PWD_CAP];
+};
+
+inline constexpr std::size_t ORBS3_SSL_CERTS_MAX = 1;
+
 struct orbs3_service_t {
     orbs3_str_t ipversion;  // cap 48, copied from the first host of the service
     orbs3_str_t ipaddr;     // cap 48: listening address
@@ -53,6 +63,20 @@ struct orbs3_service_t {
     pid_t pid;                    // worker process id; 0 when none, -1 after a failed fork
     char iface[ORBS3_IFACE_LEN];  // the worker's control socket, /var/run/orbmux/<pid>.iface
     uint8_t flags;                // bit 0: the worker process is gone
+    // TLS settings, filled by orbs3_init_ssl_cert in the worker before its context is built. The client
+    // verification, revocation and async fields have no configuration yet: 0 keeps them off.
+    uint32_t protocols;      // 8 TLSv1, 16 TLSv1.1, 32 TLSv1.2 (TLS 1.3 is always offered)
+    uint32_t protocols_set;  // 1 once protocols is set
+    orbs3_ssl_cert_t certificates[ORBS3_SSL_CERTS_MAX];
+    uint32_t certificate_n;
+    char ssl_engine_name[64];
+    uint32_t ssl_engine_on;
+    uint32_t session_tickets;     // 0: tickets off
+    uint32_t verify;              // 0 none, 1 required, 3 optional without CA check
+    char client_certificate[ORBS3_PATH_CAP];
+    char crl[ORBS3_PATH_CAP];
+    uint32_t verify_depth;
+    uint32_t async;
 };
 
 inline constexpr uint8_t ORBS3_SERVICE_EXITED = 1;

@@ -28,6 +28,7 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_storage_handlers.h"
+#include "tls/orbs3_ssl_context.h"
 #include "versions/orbs3_recycle_age.h"
 
 orbs3_service_t* orbs3_service = nullptr;
@@ -251,6 +252,16 @@ int process_sheild_signals()
 int orbs3_make_listen(orbs3_service_t* svc)
 {
     const int mode = svc->ssl == 0 ? ORBS3_MODE_HTTPS : ORBS3_MODE_HTTP;
+    // A TLS service's contexts come first: with a certificate or key that cannot be used the service does
+    // not listen at all, rather than accept connections whose every handshake would fail.
+    if (mode == ORBS3_MODE_HTTPS) {
+        orbs3_init_ssl_cert(svc);
+        if (orbs3_ssl_init() != 0 || orbs3_openssl_init(orbs3_cycle, svc) != 0) {
+            ipd_log(LOG_ERR, "TLS service %s:%u not started: no usable certificate", neo_getstr(&svc->ipaddr),
+                    svc->port);
+            return -1;
+        }
+    }
     orbs3_listening_t* ls = orbs3_create_listening(neo_getstr(&svc->ipaddr), static_cast<int>(svc->port), AF_INET,
                                                    SOCK_STREAM, 0, mode);
     if (ls == nullptr) {
@@ -306,7 +317,8 @@ void orbs3_close_listen()
         c->listening->fd = -1;
     orbs3_free_connection(c);
     listen_c = nullptr;
-    // A TLS service also ends its TLS state here, once TLS exists.
+    // The worker's reference on the TLS contexts goes with the listener; connections still open keep theirs.
+    orbs3_openssl_release(orbs3_cycle);
 }
 
 void orbs3_reload_listen()

@@ -180,12 +180,8 @@ orbs3_listening_t* orbs3_create_listening(const char* addr, int port, int family
         ls->create = orbs3_create_listenfd;
         ls->accept = orbs3_events_accept;
     }
-    if (mode == ORBS3_MODE_HTTPS) {
-        // TLS contexts and the TLS handshake are not part of this build yet: a TLS service cannot listen.
-        ipd_log(LOG_ERR, "TLS listener on %s:%d is not available", ls->addr, port);
-        return nullptr;
-    }
-    if (mode != ORBS3_MODE_HTTP && mode != 1) {
+    // A TLS listener is a plain one: its context is built by the worker before the socket exists.
+    if (mode != ORBS3_MODE_HTTP && mode != ORBS3_MODE_HTTPS && mode != 1) {
         ipd_log(LOG_ERR, "unknown listening mode %d", mode);
         return nullptr;
     }

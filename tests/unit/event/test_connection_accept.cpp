@@ -66,7 +66,8 @@ TEST_F(ConnectionAccept, ListenerBindsAsAskedAndRefusesWhatItCannotServe)
         {"any address", "", ORBS3_MODE_HTTP, true, htonl(INADDR_ANY)},
         {"bad address text", "999.1.1.1", ORBS3_MODE_HTTP, false, 0},
         {"address of no interface", "192.0.2.55", ORBS3_MODE_HTTP, false, 0},
-        {"tls not built", "127.0.0.1", ORBS3_MODE_HTTPS, false, 0},
+        {"tls binds as plain", "127.0.0.1", ORBS3_MODE_HTTPS, true, htonl(INADDR_LOOPBACK)},
+        {"unknown mode", "127.0.0.1", 7, false, 0},
     };
     for (const auto& r : rows) {
         SCOPED_TRACE(r.name);
