@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # The whole test run: installs what is missing, builds release and sanitize, runs every test of both,
-# then the event-loop tests under ThreadSanitizer.
+# then the event-loop and session cache tests under ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh
@@ -17,3 +17,6 @@ echo "== sanitize tests (ASan + UBSan, debug pools)"
 (cd build/sanitize && ctest --output-on-failure -j2 --timeout 600)
 echo "== event-loop tests under ThreadSanitizer"
 TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} build/tsan/tests/unit_event --gtest_brief=1
+echo "== shared TLS session cache under ThreadSanitizer"
+TSAN_OPTIONS=${TSAN_OPTIONS:-halt_on_error=1:second_deadlock_stack=1} build/tsan/tests/unit_tls --gtest_brief=1 \
+    --gtest_filter='SessionCache.*'

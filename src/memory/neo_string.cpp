@@ -41,6 +41,15 @@ static inline unsigned fold(unsigned c)
     return (c >= 'A' && c <= 'Z') ? (c | 0x20) : c;
 }
 
+int orbs3_memn2cmp(const uint8_t* s1, const uint8_t* s2, std::size_t n1, std::size_t n2)
+{
+    std::size_t n = n1 < n2 ? n1 : n2;
+    int r = n == 0 ? 0 : std::memcmp(s1, s2, n);
+    if (r != 0)
+        return r;
+    return n1 < n2 ? -1 : (n1 > n2 ? 1 : 0);
+}
+
 int neo_strncasecmp(const char* s1, const char* s2, std::size_t n)
 {
     while (n) {

@@ -28,6 +28,10 @@ char* neo_cpystrn(char* dst, const char* src, std::size_t size);
 // Result: difference of the first differing (folded) bytes, 0 when equal.
 int neo_strncasecmp(const char* s1, const char* s2, std::size_t n);
 
+// Orders two byte strings: memcmp over the shorter length, and with those bytes equal the longer string
+// is the larger. Negative, 0 or positive.
+[[nodiscard]] int orbs3_memn2cmp(const uint8_t* s1, const uint8_t* s2, std::size_t n1, std::size_t n2);
+
 // Lower-cases n ASCII bytes into dst; dst may be src.
 void orbs3_strlow(uint8_t* dst, const uint8_t* src, std::size_t n);
 inline void orbs3_strlow(char* dst, const char* src, std::size_t n)

@@ -71,6 +71,29 @@ TEST(String, StrncasecmpFoldsAsciiLettersOnly)
     }
 }
 
+TEST(String, Memn2cmpOrdersBytesUnsignedThenByLength)
+{
+    struct row {
+        std::string_view a;
+        std::string_view b;
+        int sign;
+    };
+    const row rows[] = {
+        {"abc", "abc", 0},
+        {"abc", "abd", -1},
+        {"abc", "ab", 1},    // equal prefix: the longer is larger
+        {"", "a", -1},
+        {"", "", 0},
+        {"\x80", "\x7f", 1},  // bytes compare unsigned
+        {"b", "abc", 1},     // the bytes decide before the length
+    };
+    for (const row& r : rows) {
+        int d = orbs3_memn2cmp(reinterpret_cast<const uint8_t*>(r.a.data()),
+                               reinterpret_cast<const uint8_t*>(r.b.data()), r.a.size(), r.b.size());
+        EXPECT_EQ((d > 0) - (d < 0), r.sign) << r.a << " vs " << r.b;
+    }
+}
+
 TEST(String, StrlowLowersAsciiInPlaceOrIntoACopy)
 {
     char text[] = "X-Amz-Date: \xc4Z@[";
