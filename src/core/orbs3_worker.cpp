@@ -29,6 +29,7 @@
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_storage_handlers.h"
 #include "tls/orbs3_ssl_context.h"
+#include "tls/orbs3_ssl_session_cache.h"
 #include "versions/orbs3_recycle_age.h"
 
 orbs3_service_t* orbs3_service = nullptr;
@@ -174,6 +175,8 @@ bool stop_epoll_threads()
     }
     orbs3_close_all_connections();
     orbs3_close_listen();
+    // Last, once no connection or context can reach the session cache.
+    orbs3_openssl_exit();
     pthread_rwlock_destroy(&g_cpu_lock);
     (void)orbs3_event_process_destory_resource();
     trace_counters();
@@ -256,7 +259,9 @@ int orbs3_make_listen(orbs3_service_t* svc)
     // not listen at all, rather than accept connections whose every handshake would fail.
     if (mode == ORBS3_MODE_HTTPS) {
         orbs3_init_ssl_cert(svc);
-        if (orbs3_ssl_init() != 0 || orbs3_openssl_init(orbs3_cycle, svc) != 0) {
+        // The session cache's zone is the worker's for its whole life: a reload keeps it.
+        if (orbs3_ssl_init() != 0 || orbs3_openssl_shm_init(orbs3_cycle) != 0 ||
+            orbs3_openssl_init(orbs3_cycle, svc) != 0) {
             ipd_log(LOG_ERR, "TLS service %s:%u not started: no usable certificate", neo_getstr(&svc->ipaddr),
                     svc->port);
             return -1;

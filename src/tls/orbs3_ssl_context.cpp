@@ -24,6 +24,7 @@
 #include <vector>
 
 #include "core/orbs3_log.h"
+#include "tls/orbs3_ssl_session_cache.h"
 
 namespace {
 
@@ -667,9 +668,32 @@ int orbs3_openssl_init(orbs3_cycle_t* cycle, orbs3_service_t* svc)
     if (build_context(ssl, svc) != 0 || orbs3_ssl_certificates(ssl, svc) != 0 || vhost_contexts(ssl, svc) != 0)
         return give_up();
 
-    // ---- Shared session cache: installed here, on the service's context only. Vhost contexts need
-    // none: OpenSSL keeps sessions in the context an SSL object was made from, also after SNI switched it.
-    // ---- End of the session cache's place.
+    // Sessions live in the worker's shared zone, named by the service's address and port so that another
+    // service never resumes them. OpenSSL asks the context the handshake started on, but SNI may have
+    // switched the connection to a tenant's context by then, and the cache's callbacks read the zone and
+    // the timeout from the connection's current context: every context of the service gets the cache.
+    char name[ORBS3_SSL_SESSION_CACHE_NAME_LEN];
+    if (orbs3_ssl_session_cache_name(svc, name, sizeof name) != 0)
+        return give_up();
+    orbs3_shm_zone_t* zone = orbs3_ssl_shm_zone();
+    auto install = [&](SSL_CTX* ctx) {
+        orbs3_ssl_t one{ctx, ssl->async, ssl->buffer_size};
+        if (orbs3_ssl_session_cache(&one, name, ORBS3_SSL_SESSION_CACHE_MODE, zone, ORBS3_SSL_SESSION_TIMEOUT) != 0) {
+            ipd_log(LOG_ERR, "failed to orbs3_ssl_session_cache\n");
+            return false;
+        }
+        return true;
+    };
+    if (!install(ssl->ctx))
+        return give_up();
+    if (const ctx_state* st = state_of(ssl->ctx); st != nullptr)
+        for (const ctx_state::vhost_ctx& v : st->vhosts)
+            if (v.ctx != ssl->ctx && !install(v.ctx))
+                return give_up();
+    if (zone != nullptr && orbs3_ssl_session_cache_init(zone, nullptr) != 0) {
+        ipd_log(LOG_ERR, "failed to orbs3_ssl_session_cache_init\n");
+        return give_up();
+    }
 
     orbs3_ssl_passwords_cleanup(svc);
     cycle->ssl = ssl;
