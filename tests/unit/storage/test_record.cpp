@@ -107,6 +107,15 @@ void user(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* name, const ch
     push(pool, &r->users, u);
 }
 
+// A key and value pair (a tag, or an item of user metadata) at the end of `list`.
+void pair(orbs3_pool_t* pool, neo_list_head_t* list, const std::string& key, const std::string& value)
+{
+    auto* t = make<orbs3_tag_t>(pool);
+    set(pool, &t->key, key);
+    set(pool, &t->value, value);
+    push(pool, list, t);
+}
+
 // The bucket of golden/bucket.xml.
 orbs3_bucket_t* sample_bucket()
 {
@@ -157,12 +166,8 @@ orbs3_object_t* sample_object()
     std::snprintf(o->fpath, sizeof(o->fpath), "%s", "/mnt/c1/meta/alice/photos/x");
     o->size = 5242880;
     o->acl = 1;
-    for (auto [k, v] : {std::pair{"color", "red"}, {"a&b", "x\"y"}, {"zeta", "1"}}) {
-        auto* t = make<orbs3_tag_t>(p);
-        set(p, &t->key, k);
-        set(p, &t->value, v);
-        push(p, &o->tags, t);
-    }
+    for (auto [k, v] : {std::pair{"color", "red"}, {"a&b", "x\"y"}, {"zeta", "1"}})
+        pair(p, &o->tags, k, v);
     return o;
 }
 
@@ -356,12 +361,8 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
         sizes += (i == 0 ? "" : " ") + std::to_string(5368709120 - i);
     set(p, &o->parts, sizes.c_str());
     set(p, &o->part_checksums, sums.c_str());
-    for (auto [k, v] : {std::pair{"zeta", "<last>"}, {"alpha", "first & \"quoted\""}}) {
-        auto* t = make<orbs3_tag_t>(p);
-        set(p, &t->key, k);
-        set(p, &t->value, v);
-        push(p, &o->meta, t);
-    }
+    for (auto [k, v] : {std::pair{"zeta", "<last>"}, {"alpha", "first & \"quoted\""}})
+        pair(p, &o->meta, k, v);
     const std::string path = dir.path + "/object.xml";
     ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
     object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
@@ -417,14 +418,8 @@ TEST(Record, EveryTextReadsBackByteForByte)
         set(p, &o->content_type, t);
         const std::string c_text = t.substr(0, t.find('\0'));
         std::snprintf(o->path, sizeof o->path, "%s", c_text.c_str());
-        auto* tag = make<orbs3_tag_t>(p);
-        set(p, &tag->key, t);
-        set(p, &tag->value, u);
-        push(p, &o->tags, tag);
-        auto* m = make<orbs3_tag_t>(p);
-        set(p, &m->key, u);
-        set(p, &m->value, t);
-        push(p, &o->meta, m);
+        pair(p, &o->tags, t, u);
+        pair(p, &o->meta, u, t);
         ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
         object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
         ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << read_file(path);
