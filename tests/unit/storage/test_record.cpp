@@ -108,7 +108,7 @@ void user(orbs3_pool_t* pool, orbs3_bucket_rule_t* r, const char* name, const ch
 }
 
 // A key and value pair (a tag, or an item of user metadata) at the end of `list`.
-void pair(orbs3_pool_t* pool, neo_list_head_t* list, const std::string& key, const std::string& value)
+void add_pair(orbs3_pool_t* pool, neo_list_head_t* list, const std::string& key, const std::string& value)
 {
     auto* t = make<orbs3_tag_t>(pool);
     set(pool, &t->key, key);
@@ -167,7 +167,7 @@ orbs3_object_t* sample_object()
     o->size = 5242880;
     o->acl = 1;
     for (auto [k, v] : {std::pair{"color", "red"}, {"a&b", "x\"y"}, {"zeta", "1"}})
-        pair(p, &o->tags, k, v);
+        add_pair(p, &o->tags, k, v);
     return o;
 }
 
@@ -362,7 +362,7 @@ TEST(Record, ObjectContentHeadersAndUserMetadataRoundTrip)
     set(p, &o->parts, sizes.c_str());
     set(p, &o->part_checksums, sums.c_str());
     for (auto [k, v] : {std::pair{"zeta", "<last>"}, {"alpha", "first & \"quoted\""}})
-        pair(p, &o->meta, k, v);
+        add_pair(p, &o->meta, k, v);
     const std::string path = dir.path + "/object.xml";
     ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
     object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
@@ -418,8 +418,8 @@ TEST(Record, EveryTextReadsBackByteForByte)
         set(p, &o->content_type, t);
         const std::string c_text = t.substr(0, t.find('\0'));
         std::snprintf(o->path, sizeof o->path, "%s", c_text.c_str());
-        pair(p, &o->tags, t, u);
-        pair(p, &o->meta, u, t);
+        add_pair(p, &o->tags, t, u);
+        add_pair(p, &o->meta, u, t);
         ASSERT_EQ(orbs3_save_object(o.get(), path.c_str()), 0);
         object_ptr back(orbs3_create_object_from_file(path.c_str()), orbs3_free_object);
         ASSERT_NE(back, nullptr) << testing::PrintToString(t) << "\n" << read_file(path);
