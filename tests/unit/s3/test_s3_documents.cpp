@@ -5,9 +5,11 @@
 #include <chrono>
 #include <cstdlib>
 #include <cstring>
+#include <initializer_list>
 #include <memory>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "control/orbs3_service.h"
@@ -45,6 +47,45 @@ std::vector<T*> records(neo_list_head_t* list)
     neo_list_head_t* pos;
     list_for_each(pos, list) out.push_back(list_entry(pos, T, link));
     return out;
+}
+
+std::string repeat(const std::string& s, int n)
+{
+    std::string out;
+    for (int i = 0; i < n; ++i)
+        out += s;
+    return out;
+}
+
+// Links the records into a fresh list through their `link` members, in order.
+template <typename T>
+neo_list_head_t* chain(neo_list_head_t* head, std::initializer_list<T*> rows)
+{
+    INIT_LIST_HEAD(head);
+    for (T* r : rows)
+        list_add_tail(&r->link, head);
+    return head;
+}
+
+// A request body parsed into a fresh list: the parser's result and the records it took.
+template <typename T>
+std::pair<int, std::vector<T*>> parse_into(int (*parse)(const char*, neo_list_head_t*, orbs3_pool_t*),
+                                           const std::string& body, orbs3_pool_t* pool)
+{
+    neo_list_head_t list;
+    INIT_LIST_HEAD(&list);
+    const int rc = parse(body.c_str(), &list, pool);
+    return {rc, records<T>(&list)};
+}
+
+auto parse_del(const std::string& body, orbs3_pool_t* pool)
+{
+    return parse_into<orbs3_del_key_t>(parse_del_objects_xmlstring, body, pool);
+}
+
+auto parse_parts(const std::string& body, orbs3_pool_t* pool)
+{
+    return parse_into<orbs3_part_t>(parse_complete_multipart_upload_xmlstring, body, pool);
 }
 
 const std::string kDecl = "<?xml version=\"1.0\" encoding=\"utf-8\"?>";
@@ -96,10 +137,6 @@ TEST(S3Documents, ObjectListV2GivesContentsThenPrefixesAndTheTokenOfATruncatedPa
     file.owner_id = S("u1");
     file.owner_display_name = S("alice");
     neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    list_add_tail(&dir.link, &list);
-    list_add_tail(&file.link, &list);
-
     orbs3_list_doc_t doc;
     doc.bucket = "bk";
     doc.prefix = "a/";
@@ -110,7 +147,7 @@ TEST(S3Documents, ObjectListV2GivesContentsThenPrefixesAndTheTokenOfATruncatedPa
     doc.max_keys = 2;
     doc.key_count = 2;
     doc.truncated = true;
-    doc.list = &list;
+    doc.list = chain(&list, {&dir, &file});
     const std::string contents = "\n  <Contents>\n    <Key>a/x.txt</Key>\n    <LastModified>2024-01-02T03:04:05.000Z"
                                  "</LastModified>\n    <ETag>&quot;abc&quot;</ETag>\n    <Size>5000000000</Size>";
     EXPECT_EQ(take(make_list_objects_xml(&doc)),
@@ -141,12 +178,10 @@ TEST(S3Documents, ObjectListV1AlwaysNamesItsMarkerAndUrlEncodesKeyTexts)
     file.key = S("a b+c/\xc3\xa9\x01&.txt");
     file.etag = S("e");
     neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    list_add_tail(&file.link, &list);
     orbs3_list_doc_t doc;
     doc.v2 = false;
     doc.bucket = "bk";
-    doc.list = &list;
+    doc.list = chain(&list, {&file});
     doc.key_count = 1;
     doc.max_keys = 1;
     // A first V1 page: an empty Marker, no KeyCount, no NextMarker on the last page.
@@ -333,14 +368,10 @@ TEST(S3Documents, MultipartRepliesHaveTheirLayout)
 TEST(S3Documents, CompleteUploadTakesEveryPartAnywhere)
 {
     auto pool = new_pool();
-    neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    ASSERT_EQ(parse_complete_multipart_upload_xmlstring(
-                  "<Whatever><Part><PartNumber>1</PartNumber><ETag>\"a\"</ETag></Part><X><Part><ETag>b c</ETag>"
-                  "<PartNumber>99999999999</PartNumber></Part></X><Part /></Whatever>",
-                  &list, pool.get()),
-              0);
-    auto got = records<orbs3_part_t>(&list);
+    auto [rc, got] = parse_parts("<Whatever><Part><PartNumber>1</PartNumber><ETag>\"a\"</ETag></Part><X><Part><ETag>b c"
+                                 "</ETag><PartNumber>99999999999</PartNumber></Part></X><Part /></Whatever>",
+                                 pool.get());
+    ASSERT_EQ(rc, 0);
     ASSERT_EQ(got.size(), 3u);
     EXPECT_EQ(got[0]->part_number, 1);
     EXPECT_STREQ(neo_getstr(&got[0]->etag), "\"a\"");
@@ -349,7 +380,7 @@ TEST(S3Documents, CompleteUploadTakesEveryPartAnywhere)
     EXPECT_EQ(got[2]->part_number, 0);
 }
 
-TEST(S3Documents, BatchDeleteReadsKeysAndRefusesOverlongOnes)
+TEST(S3Documents, BatchDeleteReadsKeysAndEchoesThem)
 {
     auto pool = new_pool();
     neo_list_head_t list;
@@ -367,39 +398,54 @@ TEST(S3Documents, BatchDeleteReadsKeysAndRefusesOverlongOnes)
 
     // The version sent is echoed; a marker made or removed says so, with its id, as S3 orders them.
     got[0]->delete_marker = true;
-    got[0]->delete_marker_version_id = orbs3_str_t{2, const_cast<char*>("m1")};
+    got[0]->delete_marker_version_id = S("m1");
     EXPECT_EQ(take(make_del_objects_xmlstring(&list, &list)),
               kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a b</Key>\n\r\r<DeleteMarker>true</DeleteMarker>"
                       "\n\r\r<DeleteMarkerVersionId>m1</DeleteMarkerVersionId>\n\r</Deleted>\n\r<Deleted>"
                       "\n\r\r<Key>c/d&amp;e</Key>\n\r\r<VersionId>1</VersionId>"
                       "\n\r</Deleted>\n\r<Error>\n\r\r<Key>a b</Key>\n\r</Error>\n\r<Error>\n\r\r<Key>c/d&amp;e</Key>"
                       "\n\r\r<VersionId>1</VersionId>\n\r</Error>\n</DeleteResult>\n");
-    // A version id no key could be is refused like an overlong key.
-    neo_list_head_t long_id;
-    INIT_LIST_HEAD(&long_id);
-    EXPECT_EQ(parse_del_objects_xmlstring(("<Delete><Object><Key>k</Key><VersionId>" + std::string(1024, 'v') +
-                                           "</VersionId></Object></Delete>").c_str(),
-                                          &long_id, pool.get()),
-              -1);
+}
 
+// The bounds of a batch delete: key and version id lengths, the object count, the nesting depth and the
+// element count; each taken at its limit and refused one over.
+TEST(S3Documents, BatchDeleteLimits)
+{
+    auto obj = [](const std::string& inner) { return "<Delete><Object>" + inner + "</Object></Delete>"; };
+    auto nested = [](int levels) {
+        return "<Delete>" + repeat("<W>", levels) + "<Object><Key>k</Key></Object>" + repeat("</W>", levels) +
+               "</Delete>";
+    };
+    auto flood = [](int n) { return "<Delete><Object><Key>k</Key></Object>" + repeat("<X/>", n) + "</Delete>"; };
     const std::string k1023(1023, 'k');
-    neo_list_head_t ok;
-    INIT_LIST_HEAD(&ok);
-    EXPECT_EQ(parse_del_objects_xmlstring(("<Delete><Object><Key>" + k1023 + "</Key></Object></Delete>").c_str(),
-                                          &ok, pool.get()),
-              0);
-    ASSERT_FALSE(list_empty(&ok));
-    EXPECT_EQ(records<orbs3_del_key_t>(&ok)[0]->key.len, 1023u);
-    neo_list_head_t bad;
-    INIT_LIST_HEAD(&bad);
-    EXPECT_EQ(parse_del_objects_xmlstring(
-                  ("<Delete><Object><Key>" + k1023 + "x</Key></Object></Delete>").c_str(), &bad, pool.get()),
-              -1);
-    std::string many = "<Delete>";
-    for (std::size_t i = 0; i <= ORBS3_XML_MAX_DEL_OBJECTS; ++i)
-        many += "<Object><Key>k</Key></Object>";
-    many += "</Delete>";
-    EXPECT_EQ(parse_del_objects_xmlstring(many.c_str(), &bad, pool.get()), -1);
+    const struct {
+        const char* name;
+        std::string body;
+        int rc;
+        std::size_t first_key_len;  // when taken
+    } rows[] = {
+        {"version id of 1024", obj("<Key>k</Key><VersionId>" + std::string(1024, 'v') + "</VersionId>"), -1, 0},
+        {"key of 1023", obj("<Key>" + k1023 + "</Key>"), 0, 1023},
+        {"key of 1024", obj("<Key>" + k1023 + "x</Key>"), -1, 0},
+        {"one object too many",
+         "<Delete>" + repeat("<Object><Key>k</Key></Object>", static_cast<int>(ORBS3_XML_MAX_DEL_OBJECTS) + 1) + "</Delete>", -1, 0},
+        // Within the depth bound the same document is taken; one level more is refused.
+        {"29 levels", nested(29), 0, 1},
+        {"30 levels", nested(30), -1, 0},
+        // A flood of empty elements beside one valid key is refused by the element cap.
+        {"few empty elements", flood(10), 0, 1},
+        {"flood of empty elements", flood(100000), -1, 0},
+    };
+    auto pool = new_pool();
+    for (const auto& r : rows) {
+        SCOPED_TRACE(r.name);
+        auto [rc, keys] = parse_del(r.body, pool.get());
+        ASSERT_EQ(rc, r.rc);
+        if (rc == 0) {
+            ASSERT_EQ(keys.size(), 1u);
+            EXPECT_EQ(keys[0]->key.len, r.first_key_len);
+        }
+    }
 }
 
 TEST(S3Documents, WritersCutTextsAtTheWorkAreaSize)
@@ -414,7 +460,7 @@ TEST(S3Documents, WritersCutTextsAtTheWorkAreaSize)
     neo_list_head_t list;
     INIT_LIST_HEAD(&list);
     for (auto& k : keys) {
-        k.key = orbs3_str_t{longkey.size(), const_cast<char*>(longkey.c_str())};
+        k.key = S(longkey.c_str());
         list_add_tail(&k.link, &list);
     }
     got = take(make_del_objects_xmlstring(&list, nullptr));
@@ -450,23 +496,16 @@ TEST(S3Documents, HostileBodiesAreRefusedCleanly)
     auto pool = new_pool();
     for (std::size_t n = 0; n < full.size(); ++n) {
         std::string cut = full.substr(0, n);
-        neo_list_head_t list;
-        INIT_LIST_HEAD(&list);
-        int rc = parse_del_objects_xmlstring(cut.c_str(), &list, pool.get());
         // A body cut anywhere inside the root never yields the whole list.
+        auto [rc, keys] = parse_del(cut, pool.get());
         if (rc == 0) {
-            EXPECT_LT(records<orbs3_del_key_t>(&list).size(), 2u) << cut;
+            EXPECT_LT(keys.size(), 2u) << cut;
         }
         parse_all(cut.c_str(), pool.get());
     }
 
     const std::string deep = std::string(100000, '<') + "a>";
-    std::string nested;
-    for (int i = 0; i < 20000; ++i)
-        nested += "<Object>";
-    std::string closed = nested;
-    for (int i = 0; i < 20000; ++i)
-        closed += "</Object>";
+    const std::string nested = repeat("<Object>", 20000), closed = nested + repeat("</Object>", 20000);
     const char* bad[] = {
         "",
         "<",
@@ -493,9 +532,7 @@ TEST(S3Documents, HostileBodiesAreRefusedCleanly)
         EXPECT_EQ(parse_all(b, pool.get()), 0) << std::string(b).substr(0, 60);
 
     // Deep but well-formed: the walk is bounded by the element cap, not by recursion.
-    neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    EXPECT_EQ(parse_del_objects_xmlstring(closed.c_str(), &list, pool.get()), -1);
+    EXPECT_EQ(parse_del(closed, pool.get()).first, -1);
 
     // A wrong root: the rooted parser refuses.
     uint32_t acl = 0;
@@ -572,18 +609,14 @@ TEST(S3Documents, EveryParserReadsBackTheWholeTextItWasSent)
     del += "</Delete>";
     complete += "</CompleteMultipartUpload>";
 
-    neo_list_head_t keys;
-    INIT_LIST_HEAD(&keys);
-    ASSERT_EQ(parse_del_objects_xmlstring(del.c_str(), &keys, pool.get()), 0);
-    auto k = records<orbs3_del_key_t>(&keys);
+    auto [del_rc, k] = parse_del(del, pool.get());
+    ASSERT_EQ(del_rc, 0);
     ASSERT_EQ(k.size(), texts.size());
     for (std::size_t i = 0; i < texts.size(); ++i)
         EXPECT_EQ(str(k[i]->key), texts[i]) << del;
 
-    neo_list_head_t parts;
-    INIT_LIST_HEAD(&parts);
-    ASSERT_EQ(parse_complete_multipart_upload_xmlstring(complete.c_str(), &parts, pool.get()), 0);
-    auto p = records<orbs3_part_t>(&parts);
+    auto [parts_rc, p] = parse_parts(complete, pool.get());
+    ASSERT_EQ(parts_rc, 0);
     ASSERT_EQ(p.size(), texts.size());
     for (std::size_t i = 0; i < texts.size(); ++i) {
         EXPECT_EQ(str(p[i]->etag), texts[i]);
@@ -598,22 +631,17 @@ TEST(S3Documents, RepliesWriteControlBytesOfTextsAsReferences)
     orbs3_del_key_t k{};
     const std::string key = std::string("a\rb\x01") + "c\td\ne \x1f";
     k.key = orbs3_str_t{key.size(), const_cast<char*>(key.c_str())};
-    neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    list_add_tail(&k.link, &list);
-    EXPECT_EQ(take(make_del_objects_xmlstring(&list, nullptr)),
+    neo_list_head_t list, rows;
+    EXPECT_EQ(take(make_del_objects_xmlstring(chain(&list, {&k}), nullptr)),
               kDecl + "\n<DeleteResult>\n\r<Deleted>\n\r\r<Key>a&#13;b&#1;c\td\ne &#31;</Key>\n\r</Deleted>"
                       "\n</DeleteResult>\n");
 
     orbs3_list_entry_t e{};
     e.key = k.key;
-    neo_list_head_t rows;
-    INIT_LIST_HEAD(&rows);
-    list_add_tail(&e.link, &rows);
     orbs3_list_doc_t doc;
     doc.bucket = "b";
     doc.prefix = "p\r";
-    doc.list = &rows;
+    doc.list = chain(&rows, {&e});
     const std::string listing = take(make_list_objects_xml(&doc));
     EXPECT_NE(listing.find("<Prefix>p&#13;</Prefix>"), std::string::npos) << listing;
     EXPECT_NE(listing.find("<Key>a&#13;b&#1;c\td\ne &#31;</Key>"), std::string::npos) << listing;
@@ -624,36 +652,13 @@ TEST(S3Documents, RepliesWriteControlBytesOfTextsAsReferences)
 TEST(S3Documents, DeepOrHugeBodiesAreRefusedBeforeLoading)
 {
     auto pool = new_pool();
-    std::string deep = "<CompleteMultipartUpload>";
-    for (int i = 0; i < 100000; ++i)
-        deep += "<Part>";
-    deep += "<PartNumber>1</PartNumber><ETag>e</ETag>";
-    for (int i = 0; i < 100000; ++i)
-        deep += "</Part>";
-    deep += "</CompleteMultipartUpload>";
-    neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
+    const std::string deep = "<CompleteMultipartUpload>" + repeat("<Part>", 100000) +
+                             "<PartNumber>1</PartNumber><ETag>e</ETag>" + repeat("</Part>", 100000) +
+                             "</CompleteMultipartUpload>";
     const auto t0 = std::chrono::steady_clock::now();
-    EXPECT_EQ(parse_complete_multipart_upload_xmlstring(deep.c_str(), &list, pool.get()), -1);
+    EXPECT_EQ(parse_parts(deep, pool.get()).first, -1);
     EXPECT_EQ(parse_all(deep.c_str(), pool.get()), 0);
     EXPECT_LT(std::chrono::steady_clock::now() - t0, std::chrono::seconds(1));
-
-    // Within the depth bound the same document is taken; one level more is refused.
-    auto nested = [](int levels) {
-        std::string d = "<Delete>";
-        for (int i = 0; i < levels; ++i)
-            d += "<W>";
-        d += "<Object><Key>k</Key></Object>";
-        for (int i = 0; i < levels; ++i)
-            d += "</W>";
-        return d + "</Delete>";
-    };
-    neo_list_head_t ok, refused;
-    INIT_LIST_HEAD(&ok);
-    INIT_LIST_HEAD(&refused);
-    EXPECT_EQ(parse_del_objects_xmlstring(nested(29).c_str(), &ok, pool.get()), 0);
-    EXPECT_EQ(records<orbs3_del_key_t>(&ok).size(), 1u);
-    EXPECT_EQ(parse_del_objects_xmlstring(nested(30).c_str(), &refused, pool.get()), -1);
 
     std::string full = "<CompleteMultipartUpload>";
     for (int i = 1; i <= 10000; ++i)
@@ -662,28 +667,14 @@ TEST(S3Documents, DeepOrHugeBodiesAreRefusedBeforeLoading)
                 "<ChecksumCRC32C>AAAAAA==</ChecksumCRC32C><ChecksumSHA1>x</ChecksumSHA1><ChecksumSHA256>y"
                 "</ChecksumSHA256><ChecksumCRC64NVME>z</ChecksumCRC64NVME></Part>";
     full += "</CompleteMultipartUpload>";
-    neo_list_head_t parts;
-    INIT_LIST_HEAD(&parts);
-    EXPECT_EQ(parse_complete_multipart_upload_xmlstring(full.c_str(), &parts, pool.get()), 0);
-    EXPECT_EQ(records<orbs3_part_t>(&parts).size(), 10000u);
+    auto [rc, parts] = parse_parts(full, pool.get());
+    EXPECT_EQ(rc, 0);
+    EXPECT_EQ(parts.size(), 10000u);
     static_assert(ORBS3_XML_MAX_PARTS == 10000);  // one part more refuses the whole document
     full.insert(full.rfind("</CompleteMultipartUpload>"), "<Part/>");
-    EXPECT_EQ(parse_complete_multipart_upload_xmlstring(full.c_str(), &parts, pool.get()), -1);
-    // A flood of empty elements beside one valid key is refused by the element cap.
-    auto flood = [](int n) {
-        std::string d = "<Delete><Object><Key>k</Key></Object>";
-        for (int i = 0; i < n; ++i)
-            d += "<X/>";
-        return d + "</Delete>";
-    };
-    neo_list_head_t few, flooded;
-    INIT_LIST_HEAD(&few);
-    INIT_LIST_HEAD(&flooded);
-    EXPECT_EQ(parse_del_objects_xmlstring(flood(10).c_str(), &few, pool.get()), 0);
-    EXPECT_EQ(parse_del_objects_xmlstring(flood(100000).c_str(), &flooded, pool.get()), -1);
+    EXPECT_EQ(parse_parts(full, pool.get()).first, -1);
 }
 
-}  // namespace
 
 // The versioning setting a client sends: S3's clients send Status in its own spelling, and anything they
 // cannot have meant is refused rather than read as "suspended"; SaveNum is ours and defaults to 10.
@@ -695,32 +686,28 @@ TEST(S3Documents, VersioningBodiesParseOrAreRefused)
         int rc;
         uint32_t status;
         int32_t save_num;
-    } rows[] = {
+    };
+    auto vc = [](const std::string& inner) {
+        return "<VersioningConfiguration>" + inner + "</VersioningConfiguration>";
+    };
+    const row rows[] = {
         {"<VersioningConfiguration" + ns + "><Status>Enabled</Status></VersioningConfiguration>", 0, 1, 10},
-        {"<VersioningConfiguration><Status>Suspended</Status></VersioningConfiguration>", 0, 0, 10},
-        {"<VersioningConfiguration><Status> eNaBlEd\n</Status></VersioningConfiguration>", 0, 1, 10},
-        {"<VersioningConfiguration><Status>SUSPENDED</Status><SaveNum>3</SaveNum></VersioningConfiguration>", 0, 0,
-         3},
-        {"<VersioningConfiguration><MfaDelete>Disabled</MfaDelete><Status>Enabled</Status>"
-         "<SaveNum> 0 </SaveNum></VersioningConfiguration>",
-         0, 1, 0},
-        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>-2</SaveNum></VersioningConfiguration>", 0, 1,
-         -2},
-        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>2147483647</SaveNum></VersioningConfiguration>",
-         0, 1, 2147483647},
-        {"<VersioningConfiguration><Status>bogus</Status></VersioningConfiguration>", -1, 0, 0},
-        {"<VersioningConfiguration><Status></Status></VersioningConfiguration>", -1, 0, 0},
-        {"<VersioningConfiguration><Status>Enabledx</Status></VersioningConfiguration>", -1, 0, 0},
-        {"<VersioningConfiguration><SaveNum>3</SaveNum></VersioningConfiguration>", -1, 0, 0},
+        {vc("<Status>Suspended</Status>"), 0, 0, 10},
+        {vc("<Status> eNaBlEd\n</Status>"), 0, 1, 10},
+        {vc("<Status>SUSPENDED</Status><SaveNum>3</SaveNum>"), 0, 0, 3},
+        {vc("<MfaDelete>Disabled</MfaDelete><Status>Enabled</Status><SaveNum> 0 </SaveNum>"), 0, 1, 0},
+        {vc("<Status>Enabled</Status><SaveNum>-2</SaveNum>"), 0, 1, -2},
+        {vc("<Status>Enabled</Status><SaveNum>2147483647</SaveNum>"), 0, 1, 2147483647},
+        {vc("<Status>bogus</Status>"), -1, 0, 0},
+        {vc("<Status></Status>"), -1, 0, 0},
+        {vc("<Status>Enabledx</Status>"), -1, 0, 0},
+        {vc("<SaveNum>3</SaveNum>"), -1, 0, 0},
         {"<VersioningConfiguration/>", -1, 0, 0},
-        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>ten</SaveNum></VersioningConfiguration>", -1, 0,
-         0},
-        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum></SaveNum></VersioningConfiguration>", -1, 0, 0},
-        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>3x</SaveNum></VersioningConfiguration>", -1, 0,
-         0},
-        {"<VersioningConfiguration><Status>Enabled</Status><SaveNum>2147483648</SaveNum></VersioningConfiguration>",
-         -1, 0, 0},
-        {"<Other><VersioningConfiguration><Status>Enabled</Status></VersioningConfiguration></Other>", -1, 0, 0},
+        {vc("<Status>Enabled</Status><SaveNum>ten</SaveNum>"), -1, 0, 0},
+        {vc("<Status>Enabled</Status><SaveNum></SaveNum>"), -1, 0, 0},
+        {vc("<Status>Enabled</Status><SaveNum>3x</SaveNum>"), -1, 0, 0},
+        {vc("<Status>Enabled</Status><SaveNum>2147483648</SaveNum>"), -1, 0, 0},
+        {"<Other>" + vc("<Status>Enabled</Status>") + "</Other>", -1, 0, 0},
         {"<VersioningConfiguration><Status>Enabled</Status>", -1, 0, 0},
         {"", -1, 0, 0},
     };
@@ -787,7 +774,6 @@ TEST(S3Documents, RecycleConfBodiesParseOrAreRefused)
     EXPECT_EQ(take(make_bucket_recycle_conf_xmlstring(7)),
               kDecl + "\n<RecycleConf>\n\r<Days>7</Days>\n</RecycleConf>\n");
 }
-namespace {
 
 // A version listing: rows in their order with CommonPrefixes last, a marker without size and ETag, a
 // content of unknown ETag without one, key texts URL-encoded on request and control bytes as references.
@@ -800,13 +786,10 @@ TEST(S3Documents, VersionListLayout)
     rows[2] = {{}, orbs3_version_row_kind::delete_marker, false, S("k"), S("v2"), S("t2"), S("e"), 9, S("u"), S("alice")};
     rows[3] = {{}, orbs3_version_row_kind::version, false, S("k\x01+"), S("v1"), S("t1"), {}, 7, S("u"), S("alice")};
     neo_list_head_t list;
-    INIT_LIST_HEAD(&list);
-    for (auto& r : rows)
-        list_add_tail(&r.link, &list);
     orbs3_list_versions_doc_t doc;
     doc.bucket = "b";
     doc.prefix = "k";
-    doc.rows = &list;
+    doc.rows = chain(&list, {&rows[0], &rows[1], &rows[2], &rows[3]});
     const std::string owner = "<Owner><ID>u</ID><DisplayName>alice</DisplayName></Owner>";
     EXPECT_EQ(orbs3_list_versions_xml(doc),
               "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<ListVersionsResult "
@@ -838,9 +821,7 @@ TEST(S3Documents, VersionListLayout)
     EXPECT_EQ(got.find("NextVersionIdMarker"), std::string::npos) << got;
 }
 
-}  // namespace
 
-namespace {
 
 std::string tag_text(const orbs3_tag_set_t& tags)
 {
@@ -853,6 +834,18 @@ std::string tag_text(const orbs3_tag_set_t& tags)
 std::string tagging_body(const std::string& tags)
 {
     return "<Tagging xmlns=\"http://s3.amazonaws.com/doc/2006-03-01/\"><TagSet>" + tags + "</TagSet></Tagging>";
+}
+
+// A parsed tagging input: the parser's result, then its texts (when given) and the limits' verdict.
+void expect_tags(int got_rc, const orbs3_tag_set_t& tags, int rc, const char* parsed, bool valid)
+{
+    ASSERT_EQ(got_rc, rc);
+    if (rc != 0)
+        return;
+    if (parsed != nullptr) {
+        EXPECT_EQ(tag_text(tags), parsed);
+    }
+    EXPECT_EQ(orbs3_tag_set_valid(tags), valid);
 }
 
 std::string tag_elems(int n)
@@ -871,12 +864,6 @@ TEST(S3Documents, TaggingBodiesParseAndAreJudgedByTheLimits)
 {
     const std::string e_acute = "\xc3\xa9";   // two bytes, one character
     const std::string g_clef = "\xf0\x9d\x84\x9e";  // four bytes, one character
-    auto rep = [](const std::string& s, int n) {
-        std::string out;
-        for (int i = 0; i < n; ++i)
-            out += s;
-        return out;
-    };
     struct row {
         const char* name;
         std::string body;
@@ -898,11 +885,11 @@ TEST(S3Documents, TaggingBodiesParseAndAreJudgedByTheLimits)
          0, "[k=1][k=2]", false},
         {"key of 128", tagging_body("<Tag><Key>" + std::string(128, 'k') + "</Key></Tag>"), 0, nullptr, true},
         {"key of 129", tagging_body("<Tag><Key>" + std::string(129, 'k') + "</Key></Tag>"), 0, nullptr, false},
-        {"key of 128 two-byte chars", tagging_body("<Tag><Key>" + rep(e_acute, 128) + "</Key></Tag>"), 0, nullptr, true},
+        {"key of 128 two-byte chars", tagging_body("<Tag><Key>" + repeat(e_acute, 128) + "</Key></Tag>"), 0, nullptr, true},
         {"value of 256 four-byte chars",
-         tagging_body("<Tag><Key>k</Key><Value>" + rep(g_clef, 256) + "</Value></Tag>"), 0, nullptr, true},
+         tagging_body("<Tag><Key>k</Key><Value>" + repeat(g_clef, 256) + "</Value></Tag>"), 0, nullptr, true},
         {"value of 257 four-byte chars",
-         tagging_body("<Tag><Key>k</Key><Value>" + rep(g_clef, 257) + "</Value></Tag>"), 0, nullptr, false},
+         tagging_body("<Tag><Key>k</Key><Value>" + repeat(g_clef, 257) + "</Value></Tag>"), 0, nullptr, false},
         {"value of 257", tagging_body("<Tag><Key>k</Key><Value>" + std::string(257, 'v') + "</Value></Tag>"), 0,
          nullptr, false},
         {"tag without key", tagging_body("<Tag><Value>v</Value></Tag>"), -1, nullptr, false},
@@ -914,13 +901,7 @@ TEST(S3Documents, TaggingBodiesParseAndAreJudgedByTheLimits)
     for (const row& r : rows) {
         SCOPED_TRACE(r.name);
         orbs3_tag_set_t tags;
-        ASSERT_EQ(parse_object_tagging_xml(r.body.c_str(), &tags), r.rc);
-        if (r.rc != 0)
-            continue;
-        if (r.parsed != nullptr) {
-            EXPECT_EQ(tag_text(tags), r.parsed);
-        }
-        EXPECT_EQ(orbs3_tag_set_valid(tags), r.valid);
+        expect_tags(parse_object_tagging_xml(r.body.c_str(), &tags), tags, r.rc, r.parsed, r.valid);
     }
 }
 
@@ -952,13 +933,7 @@ TEST(S3Documents, TaggingHeaderDecodesTheForm)
     for (const row& r : rows) {
         SCOPED_TRACE(r.header);
         orbs3_tag_set_t tags;
-        ASSERT_EQ(parse_object_tagging_header(r.header, &tags), r.rc);
-        if (r.rc != 0)
-            continue;
-        if (r.parsed != nullptr) {
-            EXPECT_EQ(tag_text(tags), r.parsed);
-        }
-        EXPECT_EQ(orbs3_tag_set_valid(tags), r.valid);
+        expect_tags(parse_object_tagging_header(r.header, &tags), tags, r.rc, r.parsed, r.valid);
     }
 }
 

@@ -52,6 +52,23 @@ struct outcome {
     std::string resource;
 };
 
+// A handler that answered the client itself with `status` ("200 OK", "204 No Content").
+void expect_answered(const outcome& o, const char* status = "200 OK")
+{
+    EXPECT_EQ(o.rc, 0) << o.resource;
+    EXPECT_TRUE(o.reply.starts_with(std::string("HTTP/1.1 ") + status)) << o.reply;
+}
+
+// A refusal left to the error path: its code, the resource it names when given, and nothing sent yet.
+void expect_refused(const outcome& o, int rc, const char* resource = nullptr)
+{
+    EXPECT_EQ(o.rc, rc);
+    if (resource != nullptr) {
+        EXPECT_EQ(o.resource, resource);
+    }
+    EXPECT_TRUE(o.reply.empty()) << o.reply;
+}
+
 class BucketOps : public ::testing::Test {
 protected:
     void SetUp() override
@@ -112,9 +129,8 @@ protected:
 
     void put_ok(orbs3_user_t* user, const std::string& name)
     {
-        outcome o = call(orbs3_put_bucket, user, name);
-        ASSERT_EQ(o.rc, 0) << name;
-        ASSERT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+        SCOPED_TRACE(name);
+        expect_answered(call(orbs3_put_bucket, user, name));
     }
 
     std::vector<std::string> bucket_paths(const std::string& owner, const std::string& name) const
@@ -177,8 +193,7 @@ protected:
 TEST_F(BucketOps, PutBucketMakesFiveEntriesAndAWholeRecord)
 {
     outcome o = call(orbs3_put_bucket, alice_.get(), "photos");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+    expect_answered(o);
     EXPECT_NE(o.reply.find("Location:/photos"), std::string::npos) << o.reply;
     EXPECT_EQ(vh_->bucket_count.load(), 1);
 
@@ -200,12 +215,9 @@ TEST_F(BucketOps, PutBucketMakesFiveEntriesAndAWholeRecord)
     // The name space is shared: neither the owner nor anyone else gets the name again (the owner is told
     // it is its own), and the refused request leaves nothing of its own behind.
     for (orbs3_user_t* u : {alice_.get(), bob_.get()}) {
-        o = call(orbs3_put_bucket, u, "photos");
-        EXPECT_EQ(o.rc, static_cast<int>(u == alice_.get() ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU
-                                                           : ORBS3_S3_BUCKET_ALREADY_EXISTS))
-            << str(u->DisPlayName);
-        EXPECT_EQ(o.resource, "photos");
-        EXPECT_TRUE(o.reply.empty());
+        SCOPED_TRACE(str(u->DisPlayName));
+        expect_refused(call(orbs3_put_bucket, u, "photos"),
+                       u == alice_.get() ? ORBS3_S3_BUCKET_ALREADY_OWNED_BY_YOU : ORBS3_S3_BUCKET_ALREADY_EXISTS, "photos");
     }
     EXPECT_FALSE(fs::exists(data_ + "/bob/photos"));
     EXPECT_TRUE(fs::exists(data_ + "/alice/photos"));
@@ -218,9 +230,8 @@ TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
     for (std::string_view name : {std::string_view(""), std::string_view("."), std::string_view(".."),
                                   std::string_view("a/b"), std::string_view(too_long),
                                   std::string_view("nul\0x", 5)}) {
-        outcome o = call(orbs3_put_bucket, alice_.get(), name);
-        EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME) << name;
-        EXPECT_TRUE(o.reply.empty());
+        SCOPED_TRACE(name);
+        expect_refused(call(orbs3_put_bucket, alice_.get(), name), ORBS3_S3_INVALID_BUCKET_NAME);
     }
     EXPECT_FALSE(fs::exists(data_ + "/alice"));
     EXPECT_FALSE(fs::exists(meta_ + "/alice"));
@@ -228,8 +239,7 @@ TEST_F(BucketOps, PutBucketRefusesIllegalNamesWithoutTouchingTheTrees)
 
     // An owner whose name can't be a directory holds no bucket, and nothing is made for it.
     user_ptr dots(make_user("u-dots", ".."));
-    outcome o = call(orbs3_put_bucket, dots.get(), "fine");
-    EXPECT_EQ(o.rc, ORBS3_S3_INTERNAL_ERROR);
+    expect_refused(call(orbs3_put_bucket, dots.get(), "fine"), ORBS3_S3_INTERNAL_ERROR);
     EXPECT_FALSE(fs::exists(data_ + "/fine"));
     EXPECT_FALSE(fs::exists(str(vh_->data_root) + "/../fine"));
     EXPECT_EQ(orbs3_check_bucket_exist(vh_, alice_.get(), "fine"), -1);
@@ -263,14 +273,12 @@ TEST_F(BucketOps, PutBucketStopsAtMaxBucketAndZeroMeansNoLimit)
     vh_->service_rec->quota.max_bucket = 2;
     put_ok(alice_.get(), "one");
     put_ok(bob_.get(), "two");
-    outcome o = call(orbs3_put_bucket, alice_.get(), "three");
-    EXPECT_EQ(o.rc, ORBS3_S3_BUCKET_TOO_MUCH);
+    expect_refused(call(orbs3_put_bucket, alice_.get(), "three"), ORBS3_S3_BUCKET_TOO_MUCH);
     EXPECT_FALSE(fs::exists(data_ + "/alice/three"));
     EXPECT_EQ(vh_->bucket_count.load(), 2);
 
     // Deleting one frees a place.
-    o = call(orbs3_del_bucket, alice_.get(), "one");
-    ASSERT_EQ(o.rc, 0);
+    expect_answered(call(orbs3_del_bucket, alice_.get(), "one"), "204 No Content");
     put_ok(alice_.get(), "three");
 
     vh_->service_rec->quota.max_bucket = 0;
@@ -373,10 +381,7 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
 
     // An object of either kind keeps the bucket, whole.
     for (const char* name : {"full", "dirobj"}) {
-        outcome o = call(orbs3_del_bucket, alice_.get(), name);
-        EXPECT_EQ(o.rc, ORBS3_S3_BUCKET_NOT_EMPTY) << name;
-        EXPECT_EQ(o.resource, name);
-        EXPECT_TRUE(o.reply.empty());
+        expect_refused(call(orbs3_del_bucket, alice_.get(), name), ORBS3_S3_BUCKET_NOT_EMPTY, name);
         for (const std::string& p : bucket_paths("alice", name))
             EXPECT_TRUE(fs::exists(p)) << p;
     }
@@ -386,8 +391,8 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
     for (const char* left : {"/alice/empty/a/b/k..2026_11_24_18_00_01-00000100000001",
                              "/alice/empty/.orbs3-v-k..2026_11_24_18_00_01-00000100000002"}) {
         write_file(version_ + left, "v");
-        outcome kept = call(orbs3_del_bucket, alice_.get(), "empty");
-        EXPECT_EQ(kept.rc, ORBS3_S3_BUCKET_NOT_EMPTY) << left;
+        SCOPED_TRACE(left);
+        expect_refused(call(orbs3_del_bucket, alice_.get(), "empty"), ORBS3_S3_BUCKET_NOT_EMPTY);
         fs::remove(version_ + left);
     }
     // A left-over temporary of a record replace, recycled copies and empty directories of the version
@@ -396,22 +401,16 @@ TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
     write_file(version_ + "/alice/empty/sub/" + std::string(ORBS3_RECORD_TMP_PREFIX) + "9", "t");
     write_file(recycle_ + "/alice/empty/recycled", "r");
     ASSERT_TRUE(fs::create_directories(version_ + "/alice/empty/sub/dir"));
-    outcome o = call(orbs3_del_bucket, alice_.get(), "empty");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 204 No Content")) << o.reply;
+    expect_answered(call(orbs3_del_bucket, alice_.get(), "empty"), "204 No Content");
     for (const std::string& p : bucket_paths("alice", "empty"))
         EXPECT_FALSE(fs::exists(p)) << p;
     EXPECT_EQ(vh_->bucket_count.load(), 2);
     EXPECT_EQ(orbs3_check_bucket_exist(vh_, alice_.get(), "empty"), -1);
 
     // Gone now, and never there.
-    for (const char* name : {"empty", "never"}) {
-        o = call(orbs3_del_bucket, alice_.get(), name);
-        EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET) << name;
-        EXPECT_EQ(o.resource, name);
-    }
-    o = call(orbs3_del_bucket, alice_.get(), "");
-    EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME);
+    for (const char* name : {"empty", "never"})
+        expect_refused(call(orbs3_del_bucket, alice_.get(), name), ORBS3_S3_NO_SUCH_BUCKET, name);
+    expect_refused(call(orbs3_del_bucket, alice_.get(), ""), ORBS3_S3_INVALID_BUCKET_NAME);
     EXPECT_EQ(vh_->bucket_count.load(), 2);
 
     // The name is free for another owner again.
@@ -433,27 +432,23 @@ TEST_F(BucketOps, ListBucketsShowsOwnBucketsAndEveryOwnersToTheAdmin)
         return out;
     };
 
-    outcome o = call(orbs3_list_buckets, alice_.get(), "");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
-    EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
-    EXPECT_EQ(names(o.reply), (std::vector<std::string>{"a-one", "a-two"}));
-
-    o = call(orbs3_list_buckets, bob_.get(), "");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_EQ(names(o.reply), (std::vector<std::string>{"b-one"}));
-
-    o = call(orbs3_list_buckets, &vh_->admin, "");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_EQ(names(o.reply), (std::vector<std::string>{"a-one", "a-two", "b-one"}));
-
-    // An owner without a directory has an empty list, not an error.
-    user_ptr carol(make_user("u-carol", "carol"));
-    o = call(orbs3_list_buckets, carol.get(), "");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
-    EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
-    EXPECT_EQ(o.reply.find("<Bucket>"), std::string::npos) << o.reply;
+    user_ptr carol(make_user("u-carol", "carol"));  // without a directory: an empty list, not an error
+    const struct {
+        orbs3_user_t* user;
+        std::vector<std::string> names;
+    } rows[] = {
+        {alice_.get(), {"a-one", "a-two"}},
+        {bob_.get(), {"b-one"}},
+        {&vh_->admin, {"a-one", "a-two", "b-one"}},
+        {carol.get(), {}},
+    };
+    for (const auto& r : rows) {
+        SCOPED_TRACE(str(r.user->DisPlayName));
+        outcome o = call(orbs3_list_buckets, r.user, "");
+        expect_answered(o);
+        EXPECT_NE(o.reply.find("<ListAllMyBucketsResult>"), std::string::npos) << o.reply;
+        EXPECT_EQ(names(o.reply), r.names);
+    }
 }
 
 TEST_F(BucketOps, BucketInfoAndStatAnswerInJson)
@@ -468,13 +463,11 @@ TEST_F(BucketOps, BucketInfoAndStatAnswerInJson)
     ASSERT_FALSE(text.empty());
 
     outcome o = call(orbs3_get_bucket_info, bob_.get(), "info");
-    EXPECT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+    expect_answered(o);
     EXPECT_EQ(body_of(o.reply), text);
 
     o = call(orbs3_get_bucket_stat, bob_.get(), "info");
-    EXPECT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+    expect_answered(o);
     EXPECT_EQ(body_of(o.reply),
               "{\"result\":{\"stat\":{\"storage_in_bytes\":123456789012,\"object_count\":42,"
               "\"multipart_upload_count\":3}}}");
@@ -482,13 +475,11 @@ TEST_F(BucketOps, BucketInfoAndStatAnswerInJson)
     // Their failures are answered here, in JSON, never handed to the XML error path.
     for (handler_t h : {orbs3_get_bucket_info, orbs3_get_bucket_stat}) {
         o = call(h, alice_.get(), "missing");
-        EXPECT_EQ(o.rc, 0);
-        EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 404")) << o.reply;
+        expect_answered(o, "404");
         EXPECT_EQ(body_of(o.reply), "{\"error_code\":\"NoSuchBucket\",\"error_msg\":\"bucket does not exist\"}");
 
         o = call(h, alice_.get(), "a/b");
-        EXPECT_EQ(o.rc, 0);
-        EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+        expect_answered(o);
         EXPECT_EQ(body_of(o.reply), "");
     }
 
@@ -506,57 +497,49 @@ TEST_F(BucketOps, BucketAclIsStoredAsItsMaskAndReadBack)
         "<Grant><Grantee><ID>a</ID></Grantee><Permission>READ</Permission></Grant>"
         "<Grant><Grantee><ID>b</ID></Grantee><Permission>WRITE</Permission></Grant>"
         "</AccessControlList></AccessControlPolicy>";
-    outcome o = call(orbs3_put_bucket_acl, alice_.get(), "acl", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
-    ASSERT_EQ(o.rc, 0) << o.resource;
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
-    bucket_ptr b = record("alice", "acl");
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
+    auto put_acl = [&](const char* bucket, const std::string& body, bool full = false) {
+        return call(orbs3_put_bucket_acl, alice_.get(), bucket,
+                    [&](orbs3_http_request_t* r) { set_body(r, body, full); });
+    };
+    auto stored_acl = [&] {
+        bucket_ptr b = record("alice", "acl");
+        EXPECT_NE(b, nullptr);
+        return b ? b->acl : ~0u;
+    };
+    expect_answered(put_acl("acl", grant_rw));
+    EXPECT_EQ(stored_acl(), ORBS3_ACL_READ | ORBS3_ACL_WRITE);
     EXPECT_NE(read_file(record_path("alice", "acl")).find("acl=\"272\""), std::string::npos);
 
-    o = call(orbs3_get_bucket_acl, alice_.get(), "acl");
-    ASSERT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+    outcome o = call(orbs3_get_bucket_acl, alice_.get(), "acl");
+    expect_answered(o);
     EXPECT_NE(o.reply.find("<Permission>READ</Permission>"), std::string::npos) << o.reply;
     EXPECT_NE(o.reply.find("<Permission>WRITE</Permission>"), std::string::npos) << o.reply;
     EXPECT_EQ(o.reply.find("FULL_CONTROL"), std::string::npos) << o.reply;
 
     // No known permission (a malformed ACL), or no body and no ACL headers: the stored mask stays.
-    const std::string bogus = "<AccessControlPolicy><AccessControlList><Grant><Permission>BOGUS</Permission>"
-                              "</Grant></AccessControlList></AccessControlPolicy>";
-    o = call(orbs3_put_bucket_acl, alice_.get(), "acl", [&](orbs3_http_request_t* r) { set_body(r, bogus); });
-    EXPECT_EQ(o.rc, ORBS3_S3_MALFORMED_ACL_ERROR);
-    EXPECT_EQ(o.resource, "acl");
-    o = call(orbs3_put_bucket_acl, alice_.get(), "acl");
-    EXPECT_EQ(o.rc, ORBS3_S3_MISSING_REQUEST_BODY);
-    b = record("alice", "acl");
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->acl, ORBS3_ACL_READ | ORBS3_ACL_WRITE);
+    expect_refused(put_acl("acl", "<AccessControlPolicy><AccessControlList><Grant><Permission>BOGUS</Permission>"
+                                  "</Grant></AccessControlList></AccessControlPolicy>"),
+                   ORBS3_S3_MALFORMED_ACL_ERROR, "acl");
+    expect_refused(call(orbs3_put_bucket_acl, alice_.get(), "acl"), ORBS3_S3_MISSING_REQUEST_BODY);
+    EXPECT_EQ(stored_acl(), ORBS3_ACL_READ | ORBS3_ACL_WRITE);
 
     // A document that fills its buffer to the last byte reads the same.
-    const std::string grant_read_acp = "<AccessControlPolicy><AccessControlList><Grant><Permission>READ_ACP"
-                                       "</Permission></Grant></AccessControlList></AccessControlPolicy>";
-    o = call(orbs3_put_bucket_acl, alice_.get(), "acl",
-             [&](orbs3_http_request_t* r) { set_body(r, grant_read_acp, true); });
-    ASSERT_EQ(o.rc, 0) << o.resource;
-    b = record("alice", "acl");
-    ASSERT_NE(b, nullptr);
-    EXPECT_EQ(b->acl, ORBS3_ACL_READ_ACP);
+    expect_answered(put_acl("acl", "<AccessControlPolicy><AccessControlList><Grant><Permission>READ_ACP"
+                                   "</Permission></Grant></AccessControlList></AccessControlPolicy>", true));
+    EXPECT_EQ(stored_acl(), ORBS3_ACL_READ_ACP);
 
-    o = call(orbs3_put_bucket_acl, alice_.get(), "nope", [&](orbs3_http_request_t* r) { set_body(r, grant_rw); });
-    EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET);
-    o = call(orbs3_get_bucket_acl, alice_.get(), "nope");
-    EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET);
-    EXPECT_EQ(o.resource, "nope");
+    expect_refused(put_acl("nope", grant_rw), ORBS3_S3_NO_SUCH_BUCKET);
+    expect_refused(call(orbs3_get_bucket_acl, alice_.get(), "nope"), ORBS3_S3_NO_SUCH_BUCKET, "nope");
 }
 
 TEST_F(BucketOps, RenameChangesOnlyTheRecordsName)
 {
     put_ok(alice_.get(), "old");
-    outcome o = call(orbs3_put_bucket_rename, alice_.get(), "new",
-                     [](orbs3_http_request_t* r) { set_copy_source(r, "old"); });
-    ASSERT_EQ(o.rc, 0) << o.resource;
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+    auto rename = [&](const char* bucket, const char* old_name) {
+        return call(orbs3_put_bucket_rename, alice_.get(), bucket,
+                    [&](orbs3_http_request_t* r) { set_copy_source(r, old_name); });
+    };
+    expect_answered(rename("new", "old"));
 
     bucket_ptr b(orbs3_get_bucket(vh_, alice_.get(), "old"));
     ASSERT_NE(b, nullptr);
@@ -568,18 +551,13 @@ TEST_F(BucketOps, RenameChangesOnlyTheRecordsName)
     EXPECT_EQ(orbs3_get_bucket(vh_, alice_.get(), "new"), nullptr);
 
     // The listing shows the new name.
-    o = call(orbs3_list_buckets, alice_.get(), "");
-    EXPECT_NE(o.reply.find("<Name>new</Name>"), std::string::npos) << o.reply;
+    const std::string listing = call(orbs3_list_buckets, alice_.get(), "").reply;
+    EXPECT_NE(listing.find("<Name>new</Name>"), std::string::npos) << listing;
 
-    o = call(orbs3_put_bucket_rename, alice_.get(), "other", [](orbs3_http_request_t* r) { set_copy_source(r, "gone"); });
-    EXPECT_EQ(o.rc, ORBS3_S3_NO_SUCH_BUCKET);
-    EXPECT_EQ(o.resource, "gone");
+    expect_refused(rename("other", "gone"), ORBS3_S3_NO_SUCH_BUCKET, "gone");
     // Without the header, or with an unsafe old name, there is nothing to rename.
-    o = call(orbs3_put_bucket_rename, alice_.get(), "other");
-    EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME);
-    EXPECT_EQ(o.resource, "other");
-    o = call(orbs3_put_bucket_rename, alice_.get(), "other", [](orbs3_http_request_t* r) { set_copy_source(r, "../old"); });
-    EXPECT_EQ(o.rc, ORBS3_S3_INVALID_BUCKET_NAME);
+    expect_refused(call(orbs3_put_bucket_rename, alice_.get(), "other"), ORBS3_S3_INVALID_BUCKET_NAME, "other");
+    expect_refused(rename("other", "../old"), ORBS3_S3_INVALID_BUCKET_NAME);
 }
 
 TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
@@ -604,42 +582,30 @@ TEST_F(BucketOps, BucketAuthorityListRefusesUsersWithoutARuleButNotTheAdmin)
     ASSERT_FALSE(list_empty(&b->authak_list));
 
     // The owner is an ordinary user without a rule.
-    outcome o = call(orbs3_del_bucket, alice_.get(), "guarded");
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
-    EXPECT_EQ(o.resource, "/");
-    EXPECT_TRUE(o.reply.empty());
-    o = call(orbs3_get_bucket_acl, alice_.get(), "guarded");
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
+    expect_refused(call(orbs3_del_bucket, alice_.get(), "guarded"), ORBS3_S3_ACCESS_DENIED, "/");
+    expect_refused(call(orbs3_get_bucket_acl, alice_.get(), "guarded"), ORBS3_S3_ACCESS_DENIED);
     // bob's rule grants delete, not the authority of the ACL.
-    o = call(orbs3_get_bucket_acl, bob_.get(), "guarded");
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
+    expect_refused(call(orbs3_get_bucket_acl, bob_.get(), "guarded"), ORBS3_S3_ACCESS_DENIED);
     for (const std::string& p : bucket_paths("alice", "guarded"))
         EXPECT_TRUE(fs::exists(p)) << p;
 
     // The administrator is above the lists.
-    o = call(orbs3_get_bucket_acl, &vh_->admin, "guarded");
-    EXPECT_EQ(o.rc, 0);
+    expect_answered(call(orbs3_get_bucket_acl, &vh_->admin, "guarded"));
 
-    o = call(orbs3_del_bucket, bob_.get(), "guarded");
-    EXPECT_EQ(o.rc, 0) << o.resource;
+    expect_answered(call(orbs3_del_bucket, bob_.get(), "guarded"), "204 No Content");
     EXPECT_FALSE(fs::exists(data_ + "/alice/guarded"));
 
     put_ok(alice_.get(), "guarded");
     edit("guarded", [](orbs3_bucket_t* b) { b->authak_status = 1; });
-    o = call(orbs3_del_bucket, bob_.get(), "guarded");
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
-    o = call(orbs3_del_bucket, &vh_->admin, "guarded");
-    EXPECT_EQ(o.rc, 0) << o.resource;
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 204")) << o.reply;
+    expect_refused(call(orbs3_del_bucket, bob_.get(), "guarded"), ORBS3_S3_ACCESS_DENIED);
+    expect_answered(call(orbs3_del_bucket, &vh_->admin, "guarded"), "204");
 }
 
 TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
 {
     // The service's authority list in force without a rule for alice: she can't create a bucket.
     vh_->service_rec->authak_status = 1;
-    outcome o = call(orbs3_put_bucket, alice_.get(), "svc");
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
-    EXPECT_EQ(o.resource, "/");
+    expect_refused(call(orbs3_put_bucket, alice_.get(), "svc"), ORBS3_S3_ACCESS_DENIED, "/");
     EXPECT_FALSE(fs::exists(data_ + "/alice/svc"));
     put_ok(&vh_->admin, "svc");
     EXPECT_TRUE(fs::is_directory(data_ + "/root/svc"));
@@ -648,18 +614,14 @@ TEST_F(BucketOps, ServiceAuthorityAndBucketAddressListsGateOrdinaryUsers)
     // A whitelist in force admits only its hosts; this peer has no address it could name.
     put_ok(alice_.get(), "walled");
     edit("walled", [](orbs3_bucket_t* b) { b->whitelist_status = 1; });
-    o = call(orbs3_put_bucket_rename, alice_.get(), "renamed",
-             [](orbs3_http_request_t* r) { set_copy_source(r, "walled"); });
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
-    EXPECT_EQ(o.resource, "/");
+    expect_refused(call(orbs3_put_bucket_rename, alice_.get(), "renamed",
+                        [](orbs3_http_request_t* r) { set_copy_source(r, "walled"); }),
+                   ORBS3_S3_ACCESS_DENIED, "/");
     bucket_ptr b = record("alice", "walled");
     ASSERT_NE(b, nullptr);
     EXPECT_EQ(str(b->name), "walled");
-    o = call(orbs3_head_bucket, alice_.get(), "walled");
-    EXPECT_EQ(o.rc, ORBS3_S3_ACCESS_DENIED);
-    o = call(orbs3_head_bucket, &vh_->admin, "walled");
-    EXPECT_EQ(o.rc, 0);
-    EXPECT_TRUE(o.reply.starts_with("HTTP/1.1 200 OK")) << o.reply;
+    expect_refused(call(orbs3_head_bucket, alice_.get(), "walled"), ORBS3_S3_ACCESS_DENIED);
+    expect_answered(call(orbs3_head_bucket, &vh_->admin, "walled"));
 }
 
 }  // namespace
