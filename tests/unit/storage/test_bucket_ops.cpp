@@ -365,9 +365,8 @@ TEST_F(BucketOps, ClaimOfOneNameByTwoOwnersNeverLetsBothWin)
         }
     }
     // Owners that take a name at the same moment settle it among themselves: every round has its winner.
+    // Which owner wins is the scheduler's choice: on a busy machine one thread may win every round.
     EXPECT_EQ(both_lost, 0) << a_wins << " " << b_wins;
-    EXPECT_GT(a_wins, 0);
-    EXPECT_GT(b_wins, 0);
 }
 
 TEST_F(BucketOps, DeleteBucketRefusesObjectsAndRemovesEverythingOfAnEmptyBucket)
