@@ -47,7 +47,8 @@ void orbs3_https_init_connection(orbs3_connection_t* c);
 // that is not a handshake record) is closed without a reply; anything else goes on to the handshake.
 void orbs3_http_ssl_handshake(orbs3_event_t* ev);
 // One step of the handshake: 0 done, -1 failed, -2 waiting for the socket (the direction the library
-// asked for is armed), -3 waiting for an asynchronous job.
+// asked for is armed). An asynchronous job (-3) does not arise: no context turns the library's
+// asynchronous mode on, and a job that came all the same would fail the handshake.
 int orbs3_ssl_handshake(orbs3_connection_t* c);
 // Read and write handler while the handshake waits; closes the connection when its deadline passes.
 void orbs3_ssl_handshake_handler(orbs3_event_t* ev);
