@@ -23,6 +23,7 @@ namespace {
 constexpr uint64_t kCycleSize = 1024000;
 constexpr int kSslShmZoneSize = 10240000;
 constexpr int kSecondsPerHour = 3600;
+constexpr int kHandshakeTimeout = 10;
 // What a size of the http element is when http.conf exists but does not give it.
 constexpr uint64_t kHttpSizeInFile = 4096;
 constexpr const char* kCacheDirDefault = "/tmp/orbs3/cache/";
@@ -99,12 +100,22 @@ void read_http(mxml_node_t* http)
     sysconfig.http_pool_total = sysconfig.request_pool_size * sysconfig.http_limit_conns;
 }
 
+template <typename T>
+bool in_range(T v, T lo, T hi, const char* name);
+
 void read_https(mxml_node_t* https)
 {
     sysconfig.ssl_ticket = 0;
     sysconfig.ssl_engine = 1;
+    sysconfig.ssl_handshake_timeout = kHandshakeTimeout;
     if (https == nullptr)
         return;
+    if (mxmlElementGetAttr(https, "handshake_timeout") != nullptr) {
+        int v = kHandshakeTimeout;
+        orbs3_xml_get_int(https, "handshake_timeout", &v);
+        if (in_range(v, 1, INT_MAX, "handshake_timeout"))
+            sysconfig.ssl_handshake_timeout = v;
+    }
     if (const char* ticket = mxmlElementGetAttr(https, "ticket"))
         sysconfig.ssl_ticket = std::strcmp(ticket, "off") == 0 ? 0 : 1;
     if (const char* engine = mxmlElementGetAttr(https, "engine")) {
@@ -260,6 +271,7 @@ orbs3_sysconfig_t builtin_sysconfig()
         .ssl_shm_zone_size = kSslShmZoneSize,
         .ssl_ticket = 0,
         .ssl_engine = 1,
+        .ssl_handshake_timeout = kHandshakeTimeout,
         .cache_qty = 10240,
         .cache_refresh = 900,
         .cache_recycle = 48 * kSecondsPerHour,

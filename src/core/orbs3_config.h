@@ -40,6 +40,9 @@ struct orbs3_sysconfig_t {
     int ssl_shm_zone_size;
     int ssl_ticket;
     int ssl_engine;
+    // Seconds a TLS handshake may take from the connection's first byte to its end (https attribute
+    // handshake_timeout, 1 or more; default 10): a stalled handshake holds no connection longer.
+    int ssl_handshake_timeout;
     int cache_qty;
     int cache_refresh;
     int cache_recycle;

@@ -28,6 +28,7 @@
 #include "storage/orbs3_bucket_store.h"
 #include "storage/orbs3_layout.h"
 #include "storage/orbs3_storage_handlers.h"
+#include "tls/orbs3_ssl_connection.h"
 #include "tls/orbs3_ssl_context.h"
 #include "tls/orbs3_ssl_session_cache.h"
 #include "versions/orbs3_recycle_age.h"
@@ -275,7 +276,13 @@ int orbs3_make_listen(orbs3_service_t* svc)
     }
     // The HTTP layer takes each new connection; the S3 front end classifies, admits and runs the action's
     // handler; a request's Host picks one of this service's vhosts.
-    ls->handler = orbs3_http_init_connection;
+    // A TLS service runs the handshake first and hands the connection to the HTTP layer after it.
+    if (mode == ORBS3_MODE_HTTPS) {
+        ls->handler = orbs3_https_init_connection;
+        ls->secure_handler = orbs3_http_init_connection;
+    } else {
+        ls->handler = orbs3_http_init_connection;
+    }
     ls->vhosts = &svc->vhosts;
     ls->request_handler = orbs3_parse_req_msg;
     ls->response_handler = orbs3_events_process;

@@ -256,6 +256,10 @@ void orbs3_close_connection(orbs3_connection_t* c)
 {
     if (c == nullptr)
         return;
+    // The session ends first: its close alert leaves before the socket closes, and the library's state
+    // is not in the pool.
+    if (c->shutdown != nullptr)
+        c->shutdown(c);
     int fd = c->fd;
     if (fd >= 0) {
         // It may never have been registered; the close alone would not be enough if the socket had a

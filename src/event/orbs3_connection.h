@@ -25,6 +25,8 @@ struct orbs3_http_request_t;
 using orbs3_recv_pt = ssize_t (*)(orbs3_connection_t* c, uint8_t* buf, std::size_t size);
 using orbs3_send_pt = ssize_t (*)(orbs3_connection_t* c, const uint8_t* buf, std::size_t size);
 using orbs3_connection_handler_pt = void (*)(orbs3_connection_t* c);
+// True when the connection holds input that its socket will not announce again.
+using orbs3_pending_pt = bool (*)(const orbs3_connection_t* c);
 using orbs3_listening_create_pt = int (*)(orbs3_listening_t* ls);
 using orbs3_accept_pt = int (*)(int epfd, orbs3_event_t* ev);
 using orbs3_request_handler_pt = int (*)(orbs3_http_request_t* r);
@@ -64,6 +66,13 @@ struct orbs3_connection_t {
     orbs3_event_t* read;
     orbs3_event_t* write;
     orbs3_connection_handler_pt exit_handler;  // errors and peer hang-ups
+    // TLS: input already taken from the socket and held by the library (a record decrypted but not yet
+    // read, or read ahead of the one asked for). Edge-triggered epoll reports no such bytes, so whoever
+    // goes to wait for input asks this first. Null: the socket holds all there is.
+    orbs3_pending_pt pending;
+    // TLS: ends the session before the socket's write side goes (close_notify) and releases it; the
+    // connection speaks plain bytes afterwards. Called by every close; null on plain connections.
+    orbs3_connection_handler_pt shutdown;
     neo_list_head_t open_link;  // client connections: in the list of open ones until closed
 };
 
@@ -84,6 +93,8 @@ struct orbs3_listening_t {
     orbs3_request_handler_pt request_handler;
     orbs3_request_handler_pt response_handler;
     neo_list_head_t* vhosts;
+    // TLS: takes the connection once its handshake has ended (`handler` runs the handshake).
+    orbs3_connection_handler_pt secure_handler;
 };
 
 inline constexpr int ORBS3_CONNECTION_SLOTS = 1024;

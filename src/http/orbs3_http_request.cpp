@@ -64,6 +64,10 @@ void start_linger(orbs3_event_t* ev)
         orbs3_http_close_connection(c);
         return;
     }
+    // A TLS session says goodbye (close_notify) while the write side is still open; the lingering reads
+    // below then take the socket's bytes as they come.
+    if (c->shutdown != nullptr)
+        c->shutdown(c);
     (void)shutdown(c->fd, SHUT_WR);
     c->read->handler = linger_handler;
     if (orbs3_epoll_r_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_r_add_conn(c->fd, c->epfd, c) != 0) {
@@ -103,8 +107,9 @@ void resume_read(orbs3_event_t* ev)
     c->read->handler(c->read);
 }
 
-// Takes up the connection's next request from the event loop. 0, or -1 when it cannot be armed.
-int wait_resume(orbs3_connection_t* c)
+}  // namespace
+
+int orbs3_http_resume_read(orbs3_connection_t* c)
 {
     c->write->handler = resume_read;
     if (orbs3_epoll_w_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_w_add_conn(c->fd, c->epfd, c) != 0)
@@ -113,6 +118,8 @@ int wait_resume(orbs3_connection_t* c)
         neo_event_add_timer(c->write, static_cast<uint64_t>(sysconfig.http_timeout));
     return 0;
 }
+
+namespace {
 
 enum class next_step { stop, process };
 
@@ -169,7 +176,7 @@ next_step finish_request(orbs3_http_request_t* r, bool inline_next)
     }
     if (inline_next)
         return next_step::process;
-    if (wait_resume(c) != 0)
+    if (orbs3_http_resume_read(c) != 0)
         orbs3_http_close_request_and_connection(next);
     return next_step::stop;
 }
@@ -267,8 +274,11 @@ next_step run_request(orbs3_http_request_t* r)
 
 void orbs3_http_init_connection(orbs3_connection_t* c)
 {
-    c->recv = orbs3_recv;
-    c->send = orbs3_send;
+    // A TLS connection comes here after its handshake, with the session's recv and send.
+    if (c->ssl == nullptr) {
+        c->recv = orbs3_recv;
+        c->send = orbs3_send;
+    }
     c->read->handler = orbs3_http_wait_request_handler;
     c->write->handler = orbs3_http_events_empty;
     c->exit_handler = orbs3_http_connection_exit_handler;
@@ -381,7 +391,7 @@ void orbs3_http_process_get_request_header(orbs3_event_t* ev)
         r = static_cast<orbs3_http_request_t*>(c->data);
         if (served + 1 >= kRequestsPerEvent) {
             // Fairness: the next pipelined request is taken up on the next pass.
-            if (wait_resume(c) != 0)
+            if (orbs3_http_resume_read(c) != 0)
                 orbs3_http_close_request_and_connection(r);
             return;
         }

@@ -279,6 +279,11 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r);
 // The listener's handler: I/O wrappers, handlers, one read event, the idle deadline; then reads at once,
 // since the request may be there already.
 void orbs3_http_init_connection(orbs3_connection_t* c);
+// Runs the connection's read handler from the event loop rather than from a deeper call: through the
+// write event, which fires as soon as the socket has room, under a deadline of http_timeout seconds. For
+// input that is already at hand (pipelined requests, bytes a TLS session holds). 0, or -1 when it cannot
+// be armed.
+[[nodiscard]] int orbs3_http_resume_read(orbs3_connection_t* c);
 // Read handler of an idle connection: makes a request for the bytes that arrived.
 void orbs3_http_wait_request_handler(orbs3_event_t* ev);
 // Read handler while a head is incomplete; it also drives the request through the front end, and the

@@ -14,6 +14,7 @@
 #include "event/orbs3_epoll.h"
 #include "event/orbs3_fd.h"
 #include "http/orbs3_http_parse.h"
+#include "http/orbs3_http_request.h"
 #include "http/orbs3_http_response.h"
 #include "memory/neo_string.h"
 
@@ -314,6 +315,10 @@ int orbs3_http_write_body_into_file(orbs3_http_request_t* r, orbs3_upload_file_t
 int orbs3_http_wait_read(orbs3_connection_t* c, orbs3_event_handler_pt handler)
 {
     c->read->handler = handler;
+    // Input the connection already holds would raise no read event: the handler is taken up from the
+    // event loop instead.
+    if (c->pending != nullptr && c->pending(c))
+        return orbs3_http_resume_read(c);
     if (orbs3_epoll_r_mod_conn(c->fd, c->epfd, c) != 0 && orbs3_epoll_r_add_conn(c->fd, c->epfd, c) != 0)
         return -1;
     if (sysconfig.http_timeout > 0)

@@ -44,7 +44,7 @@ CacheFiles cache_files()
 struct SysExpect {
     int rc = 0;
     uint64_t head = 4096, in = 4096, out = 4096, space = 4096, pool = 32608, total = 32608 * 256;
-    int ticket = 0, engine = 1;
+    int ticket = 0, engine = 1, handshake = 10;
     std::string engine_name;
     int qty = 10240, refresh = 1800, recycle = 172800, bits = 16;
     CacheFiles files{{0, "/tmp/orbs3/cache/"}};
@@ -70,6 +70,8 @@ TEST_F(ConfigFiles, HttpConfFillsSysconfigAsItsElementsSay)
         {R"(<https ticket="on" engine="on"/>)", [](SysExpect& e) { e.ticket = 1, e.engine = 0, e.engine_name = "on"; }},
         {R"(<https ticket="off" engine="dev2"/>)", [](SysExpect& e) { e.engine_name = "dev2"; }},
         {"<https/>", [](SysExpect& e) { e.engine_name = "qat"; }},
+        {R"(<https handshake_timeout="3"/>)", [](SysExpect& e) { e.engine_name = "qat", e.handshake = 3; }},
+        {R"(<https handshake_timeout="0"/>)", [](SysExpect& e) { e.engine_name = "qat"; }},  // a deadline stays
         {R"(<conf><cache qty="5" refresh="60" recycle="2" bits="20">
               <file size="10M" path="/a/"/><other size="1K" path="/x/"/><file path="/b/"/><file size="1g"/>
             </cache><file size="1" path="/outside/"/></conf>)",
@@ -98,8 +100,9 @@ TEST_F(ConfigFiles, HttpConfFillsSysconfigAsItsElementsSay)
                                          sysconfig.request_pool_size, sysconfig.http_pool_total}),
                   (std::vector<uint64_t>{e.head, e.in, e.out, e.space, e.pool, e.total}));
         EXPECT_EQ((std::vector<int>{sysconfig.ssl_ticket, sysconfig.ssl_engine, sysconfig.cache_qty,
-                                    sysconfig.cache_refresh, sysconfig.cache_recycle, sysconfig.cache_bits}),
-                  (std::vector<int>{e.ticket, e.engine, e.qty, e.refresh, e.recycle, e.bits}));
+                                    sysconfig.cache_refresh, sysconfig.cache_recycle, sysconfig.cache_bits,
+                                    sysconfig.ssl_handshake_timeout}),
+                  (std::vector<int>{e.ticket, e.engine, e.qty, e.refresh, e.recycle, e.bits, e.handshake}));
         EXPECT_STREQ(sysconfig.ssl_engine_name, e.engine_name.c_str());
         EXPECT_EQ(cache_files(), e.files);
         // Fields the file cannot name keep their built-in values.
