@@ -612,4 +612,25 @@ TEST_F(SslConnection, ClientRenegotiationEndsTheConnection)
     ERR_clear_error();
 }
 
+// A TLS 1.3 key update is no renegotiation: the connection goes on serving, both when the client only
+// rotates its own keys and when it asks the server to rotate too.
+TEST_F(SslConnection, KeyUpdateOfTls13IsServed)
+{
+    for (int kind : {SSL_KEY_UPDATE_NOT_REQUESTED, SSL_KEY_UPDATE_REQUESTED}) {
+        SCOPED_TRACE(kind);
+        connect(TLS1_3_VERSION);
+        ASSERT_TRUE(handshake());
+        ASSERT_EQ(SSL_key_update(client_, kind), 1);
+        plain_out_ = get("/k") + get("/after", false);
+        const std::string want = reply("/k") + reply("/after", false);
+        run(65536, [&] { return plain_in_.size() >= want.size() || !alive(); });
+        EXPECT_EQ(plain_in_, want);
+        drop_client();
+        for (int i = 0; i < 5 && alive(); i++)
+            (void)server_pass();
+        plain_in_.clear();
+        c_ = nullptr;
+    }
+}
+
 }  // namespace
