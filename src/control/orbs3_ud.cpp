@@ -14,6 +14,7 @@
 namespace {
 
 constexpr int kBacklog = 128;
+constexpr long kConnectRetryNs = 20 * 1000 * 1000;
 
 int64_t now_ms()
 {
@@ -89,11 +90,20 @@ int ud_connect(const char* path, int* fd)
     struct sockaddr_un addr;
     if (fd == nullptr || !make_address(path, &addr))
         return -1;
-    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    // A peer that stopped accepting fills its backlog, and a blocking connect would then wait for good:
+    // the connect is non-blocking and retried until the deadline instead.
+    int s = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     if (s < 0)
         return -1;
-    if (connect(s, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr) != 0) {
-        const int saved = errno;
+    const int64_t deadline = now_ms() + ORBS3_UD_DEADLINE_MS;
+    int rc;
+    while ((rc = connect(s, reinterpret_cast<struct sockaddr*>(&addr), sizeof addr)) != 0 &&
+           (errno == EAGAIN || errno == EINTR) && now_ms() < deadline) {
+        struct timespec pause {0, kConnectRetryNs};
+        (void)nanosleep(&pause, nullptr);
+    }
+    if (rc != 0 || fcntl(s, F_SETFL, fcntl(s, F_GETFL) & ~O_NONBLOCK) != 0) {
+        const int saved = errno == EAGAIN ? ETIMEDOUT : errno;
         close(s);
         errno = saved;
         return -1;

@@ -16,6 +16,7 @@
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_xml.h"
+#include "memory/neo_files.h"
 #include "memory/orbs3_palloc.h"
 
 namespace {
@@ -402,15 +403,11 @@ int orbs3_write_conf_xml()
     set_int_attr(cache, "interval", c.cache_interval, kConfCacheInterval);
     set_str_attr(cache, "tmp", c.cache_tmp, kConfCacheTmp);
 
-    std::string path = orbs3_prefix_path(ORBS3_CONF);
-    orbs3_file_ptr fp(std::fopen(path.c_str(), "w+"));
-    if (!fp)
-        return -1;
-    int saved = mxmlSaveFile(tree.get(), fp.get(), conf_whitespace);
-    // A short write shows only at the flush; the caller must not believe a half-written file.
-    if (std::fclose(fp.release()) != 0 || saved != 0)
-        return -1;
-    return 0;
+    // Replaced whole: a crash or a full disk in the middle leaves the old file, never half of the new one
+    // that the next start would read.
+    const int rc = neo_replace_file(orbs3_prefix_path(ORBS3_CONF), ".orbmux.conf.",
+                                    [&](FILE* fp) { return mxmlSaveFile(tree.get(), fp, conf_whitespace) == 0; });
+    return rc == 0 ? 0 : -1;
 }
 
 // The number is atoi's; the byte behind the leading digits picks the unit, and a plain number (also

@@ -97,7 +97,7 @@ uint64_t orbs3_request_pool_size();  // (in + out + work space + 4016) * 2
 int orbs3_get_sysconfig();        // 0; reads http.conf if it can
 [[nodiscard]] int http_read_sysconfig_xml();  // 0, or -1 when the file cannot be opened
 [[nodiscard]] int orbs3_read_conf_xml();      // 0, or -1 when the file cannot be opened or parsed
-[[nodiscard]] int orbs3_write_conf_xml();     // 0, or -1 when the file cannot be opened or written
+[[nodiscard]] int orbs3_write_conf_xml();     // 0, or -1 when it cannot be written (the old file stays whole)
 
 int64_t get_size_in_bytes(const char* text);
 const char* get_bytes_string(int64_t size);

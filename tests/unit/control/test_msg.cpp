@@ -12,6 +12,7 @@
 #include <fstream>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "control/orbs3_msg.h"
 #include "control/orbs3_ud.h"
@@ -232,6 +233,30 @@ TEST(ControlMsg, PeersOfAnotherUserAreNotTrusted)
     int status = 0;
     ASSERT_EQ(waitpid(pid, &status, 0), pid);
     EXPECT_EQ(WEXITSTATUS(status), 0);
+    ud_destory_listen_socket(path.c_str(), ls);
+}
+
+// A peer that stopped accepting fills its backlog; a connect to it gives up at the deadline.
+TEST(ControlMsg, ConnectToAPeerThatDoesNotAcceptEndsAtTheDeadline)
+{
+    unit_test::temp_dir dir;
+    const std::string path = dir.path + "/stuck.iface";
+    int ls = -1;
+    ASSERT_EQ(ud_create_listen_socket(path.c_str(), &ls), 0);
+    ASSERT_EQ(listen(ls, 0), 0);  // room for one waiting connection
+    std::vector<int> held;
+    const auto start = std::chrono::steady_clock::now();
+    int fd = -1, rc = 0;
+    while (held.size() < 8 && (rc = ud_connect(path.c_str(), &fd)) == 0)
+        held.push_back(fd);
+    const auto took = std::chrono::steady_clock::now() - start;
+    EXPECT_EQ(rc, -1) << "every connect was taken into a backlog of one";
+    EXPECT_EQ(errno, ETIMEDOUT);
+    EXPECT_GE(held.size(), 1u);
+    EXPECT_LT(took, std::chrono::milliseconds(ORBS3_UD_DEADLINE_MS + 2000));
+    EXPECT_GE(took, std::chrono::milliseconds(ORBS3_UD_DEADLINE_MS - 100));
+    for (int h : held)
+        close(h);
     ud_destory_listen_socket(path.c_str(), ls);
 }
 

@@ -210,6 +210,9 @@ TEST_F(ConfigFiles, OrbmuxConfWriteReplacesTheFileAndReadsBack)
     for (int i = 0; i < 1000; ++i)
         old += "<pad/>";
     write("orbmux.conf", old + "</root>");
+    // A second name of the old file: a rewrite in place would show through it, a replacement does not.
+    const auto conf = dir_ / "etc/orbmux/orbmux.conf";
+    fs::create_hard_link(conf, dir_ / "etc/orbmux/old.conf");
 
     std::snprintf(orbs3_conf.conf_path, sizeof orbs3_conf.conf_path, "%s", "/mnt/cluster/conf");
     orbs3_conf.cache_tmp[0] = '\0';  // written as its default
@@ -224,6 +227,9 @@ TEST_F(ConfigFiles, OrbmuxConfWriteReplacesTheFileAndReadsBack)
 
     const std::string text = read("orbmux.conf");
     EXPECT_EQ(text.find("pad"), std::string::npos) << "the old file was not truncated";
+    EXPECT_EQ(read("old.conf"), old + "</root>") << "the file was rewritten in place, not replaced";
+    EXPECT_EQ(std::distance(fs::directory_iterator(dir_ / "etc/orbmux"), fs::directory_iterator{}), 2)
+        << "a temporary file was left behind";
     EXPECT_TRUE(text.starts_with("<?xml version=\"1.0\"")) << text;
     std::size_t at = 0;
     for (const char* piece : {"<orbmux ", "interval=", "conf_path=", "bucketmaxlen=", "objectmaxlen=",
