@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # Installs the Debian packages orbmux needs to build, test and demo, and the npm packages of the
-# JavaScript client tests (tests/js); only what is missing.
+# JavaScript client tests (tests/js); only what is missing. dpkg-dev names the package's libraries
+# (dpkg-shlibdeps) and systemd checks its unit (systemd-analyze).
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -9,6 +10,7 @@ packages=(
   libssl-dev libmxml-dev libjson-c-dev uuid-dev
   libgtest-dev libgmock-dev libbenchmark-dev
   python3 python3-pytest python3-boto3 awscli s3cmd rclone curl procps
+  dpkg-dev systemd
 )
 
 missing=()
