@@ -7,6 +7,7 @@ its tenant; the controller decides only whether it runs online or offline.
 
 import os
 import re
+import time
 
 import pytest
 
@@ -145,3 +146,14 @@ def test_controller_that_hangs_or_answers_half_never_stops_the_node(node, mode):
     assert REGISTER not in shost.types()[1:], "an offline node registers only when asked"
     serves(box, d, port, info, "back")
     d.stop()
+
+
+def test_master_stops_at_once_while_an_exchange_hangs(node):
+    box, port, info, shost = node
+    shost.mode = "hang"
+    shost.start()
+    d = box.start()
+    wait_for(lambda: shost.requests, timeout=2 * PASS, what="the registration")
+    started = time.monotonic()
+    d.stop()
+    assert time.monotonic() - started < 2.0, "the stop waited for the controller"
