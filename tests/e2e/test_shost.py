@@ -99,6 +99,7 @@ def test_absent_controller_offline_start_then_online_then_offline(node):
     log = d.log()
     assert "register shost failure" in log and "start as an offline service" in log
     assert "register to shost failure" in log
+    assert re.search(r"connect\[\S*/var/run/kelvane/shost\.iface\] fail, error=No such file or directory", log)
     serves(box, d, port, info, "offline")
 
     # A controller that appears later is found by the alive report; the node goes online without
