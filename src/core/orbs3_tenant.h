@@ -3,6 +3,7 @@
 // control/orbs3_service.h.
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -113,6 +114,7 @@ struct orbs3_vhost_t {
     std::atomic<int64_t> bucket_count;
     std::atomic<int64_t> object_count;
     orbs3_user_t admin;  // the tenant's administrator, from the group file's admin element
+    std::atomic<int32_t> refs;  // holders of the record in a worker: its list, and each request of it
 };
 
 // orbs3_status indexes that the system sets.
@@ -123,7 +125,8 @@ inline constexpr int32_t ORBS3_STATUS_STARTING = 4;
 
 // A zeroed service with an empty vhost list; null when memory runs out.
 [[nodiscard]] orbs3_service_t* orbs3_service_new();
-// A zeroed vhost with empty users, bucket list and admin key list; null when memory runs out.
+// A zeroed vhost with empty users, bucket list and admin key list, holding the one reference of the list
+// it is put on; null when memory runs out.
 [[nodiscard]] orbs3_vhost_t* orbs3_vhost_new();
 // A zeroed user with an empty key list; null when memory runs out.
 [[nodiscard]] orbs3_user_t* orbs3_user_new();
@@ -152,3 +155,27 @@ void orbs3_free_accesskey_list(neo_list_head_t* head);
 // becomes 1), else the first user, in list order, with a key of exactly that id. Null when none owns it
 // or an argument is null.
 orbs3_user_t* orbs3_check_accesskeyid_exist(orbs3_user_t* admin, const char* key_id, orbs3_vhost_t* vhost);
+
+// The lifetime of a worker's vhosts. The control thread adds, replaces and removes the records of the
+// worker's list while the epoll threads serve requests of them, holding no lock for a request's length.
+// A lookup walks the list under the read side of orbs3_vhosts_lock and takes a reference on the record it
+// picks; the request drops it when it ends. A change never writes into a record a request may read: an
+// edit builds a new record and swaps it into the list node, a delete unlinks the node, both under the
+// write side, and the list's reference on the old record is dropped after the lock is released. Whoever
+// drops the last reference frees the record, through orbs3_vhost_free_hook (the worker's whole-vhost
+// free; when unset, nothing is freed). Threads that walk the list for long (the recycle pass) take their
+// references under the read lock and walk their own copy.
+extern pthread_rwlock_t orbs3_vhosts_lock;
+extern void (*orbs3_vhost_free_hook)(orbs3_vhost_t* vh);
+
+void orbs3_vhost_hold(orbs3_vhost_t* vh);
+// Drops one reference; the last frees the record. A null argument is allowed.
+void orbs3_vhost_release(orbs3_vhost_t* vh);
+// Puts `new_vh` into the node that carries `old_vh`, under the write lock. 0, or -1 when `old_vh` is not
+// in the list (nothing changed). The list's reference on `old_vh` is the caller's to drop.
+[[nodiscard]] int orbs3_vhosts_swap(neo_list_head_t* head, orbs3_vhost_t* old_vh, orbs3_vhost_t* new_vh);
+// Appends under the write lock; 0, or -1 when memory runs out.
+[[nodiscard]] int orbs3_vhosts_insert(neo_list_head_t* head, orbs3_vhost_t* vh);
+// Unlinks the node that carries `vh` under the write lock; true when it was there. The list's reference
+// is then the caller's to drop.
+bool orbs3_vhosts_unlink(neo_list_head_t* head, orbs3_vhost_t* vh);
