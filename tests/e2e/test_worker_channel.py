@@ -1,0 +1,166 @@
+"""A worker's own control socket: the master adds, edits, deletes and asks after tenants of a running
+worker. A second tenant on the same port is added at run time and served at once by its domain; an edit
+moves it to another domain; a delete stops serving it while a request that began before completes."""
+
+import hashlib
+import json
+import os
+import threading
+
+import pytest
+
+from orbmux_harness import (MSG_STATUS_OK, Sandbox, Tenant, control_call, free_port, wait_for, wait_port,
+                            worker_iface, workers_of, s3_error)
+
+ADD, EDIT, DELETE, GET = 0x1003, 0x1004, 0x1005, 0x1002
+BAD_BODY = 1000
+
+
+@pytest.fixture(scope="module")
+def node():
+    box = Sandbox()
+    port = free_port()
+    alpha = box.add_tenant("alpha", port)
+    daemon = box.start("-d")
+    try:
+        wait_port(port)
+        # Written after the master loaded its tenants, for another node: only the worker channel brings it.
+        beta = box.add_tenant("beta", port, "--domain", "beta.test", "--node-key", "elsewhere")
+        t = Tenant(box, daemon, port, alpha)
+        t.beta = Tenant(box, daemon, port, beta)
+        yield t
+        daemon.stop()
+    finally:
+        box.cleanup()
+
+
+def worker(t):
+    pids = wait_for(lambda: [p for p, _ in workers_of(t.daemon.pid)] or None, what="a worker")
+    assert len(pids) == 1
+    path = worker_iface(t.box, pids[0])
+    wait_for(lambda: os.path.exists(path), what="the worker's control socket")
+    return path
+
+
+def via_host(t, host, who_tenant, who="user"):
+    """boto3 on the node's port, sending Host `host`: the tenant is chosen by its domain."""
+    ak, sk = who_tenant.keys(who)
+    s3 = t.client(access_key=ak, secret=sk)
+    s3.meta.events.register("before-sign.s3", lambda request, **kw: request.headers.__setitem__(
+        "Host", f"{host}:{t.port}"))
+    return s3
+
+
+def add_body(b, domain="beta.test"):
+    return {"id": b.info["id"], "name": "beta", "path": "tenants/beta", "cluster": "c1", "domain": domain,
+            "accesskeyid": b.info["admin_access_key"], "accesskeysecret": b.info["admin_secret_key"],
+            "displayname": "admin", "userid": "admin"}
+
+
+def call(path, mtype, body):
+    reply = control_call(path, mtype, body)
+    assert reply is not None, "no reply"
+    assert reply[0] == mtype | 0x10000000
+    return reply[1], reply[2]
+
+
+def test_refusals(node):
+    path = worker(node)
+    # Not JSON, a required key missing, an id naming no file, a path leaving the cluster.
+    assert call(path, ADD, b"id=x")[0] == BAD_BODY
+    assert call(path, ADD, {"id": "x", "name": "x", "cluster": "c1"})[0] == BAD_BODY
+    assert call(path, DELETE, {"id": "../x"})[0] == BAD_BODY
+    bad_path = dict(add_body(node.beta), path="../../etc")
+    assert call(path, ADD, bad_path)[0] == BAD_BODY
+    assert call(path, ADD, dict(add_body(node.beta), cluster="nosuch"))[0] == BAD_BODY
+    # A type the worker does not serve is dropped without a reply.
+    assert control_call(path, 0x1007, {"id": "x"}) is None
+    # Unknown ids: an empty object, and success for edit and delete.
+    assert call(path, GET, {"id": "nosuch"}) == (MSG_STATUS_OK, b"{}")
+    assert call(path, EDIT, {"id": "nosuch", "name": "n"})[0] == MSG_STATUS_OK
+    assert call(path, DELETE, {"id": "nosuch"})[0] == MSG_STATUS_OK
+    # Nothing of that reached the tenant list: beta is not served.
+    assert s3_error(lambda: via_host(node, "beta.test", node.beta).list_buckets()) == (403, "InvalidAccessKeyId")
+
+
+def test_add_serves_at_once_and_is_idempotent(node):
+    path = worker(node)
+    assert call(path, ADD, add_body(node.beta)) == (MSG_STATUS_OK, b"")
+    s3 = via_host(node, "beta.test", node.beta)
+    s3.create_bucket(Bucket="bkb")
+    s3.put_object(Bucket="bkb", Key="k", Body=b"beta data")
+    assert os.path.exists(node.beta.data("bkb", "k"))
+    assert not os.path.exists(node.data("bkb"))
+    # The first tenant answers as before, on its own keys; its keys mean nothing to beta.
+    node.client().list_buckets()
+    assert s3_error(lambda: via_host(node, "beta.test", node).list_buckets()) == (403, "InvalidAccessKeyId")
+    # A second add of the same id changes nothing.
+    assert call(path, ADD, dict(add_body(node.beta), domain="other.test"))[0] == MSG_STATUS_OK
+    status, body = call(path, GET, {"id": node.beta.info["id"], "name": "beta"})
+    got = json.loads(body)
+    assert status == MSG_STATUS_OK
+    assert (got["id"], got["name"], got["status"], got["bucketnum"]) == (node.beta.info["id"], "beta", 1, 1)
+    assert "objectnum" in got
+    assert s3.get_object(Bucket="bkb", Key="k")["Body"].read() == b"beta data"
+
+
+def test_edit_moves_the_domain(node):
+    path = worker(node)
+    assert call(path, EDIT, {"id": node.beta.info["id"], "name": "beta2", "domain": "gamma.test", "chg": 0})[0] \
+        == MSG_STATUS_OK
+    assert via_host(node, "gamma.test", node.beta).get_object(Bucket="bkb", Key="k")["Body"].read() == b"beta data"
+    # The old domain now reaches the first tenant, where beta's keys are unknown.
+    assert s3_error(lambda: via_host(node, "beta.test", node.beta).list_buckets()) == (403, "InvalidAccessKeyId")
+    assert json.loads(call(path, GET, {"id": node.beta.info["id"]})[1])["name"] == "beta2"
+
+
+def test_delete_keeps_a_request_in_flight(node):
+    path = worker(node)
+    s3 = via_host(node, "gamma.test", node.beta)
+    blob = os.urandom(48 << 20)
+    s3.put_object(Bucket="bkb", Key="big", Body=blob)
+    body = s3.get_object(Bucket="bkb", Key="big")["Body"]
+    first = body.read(64 << 10)
+    # The reply is far larger than the socket buffers: the request is still running in the worker.
+    assert call(path, DELETE, {"id": node.beta.info["id"], "name": "beta2"})[0] == MSG_STATUS_OK
+    assert call(path, GET, {"id": node.beta.info["id"]}) == (MSG_STATUS_OK, b"{}")
+    rest = body.read()
+    assert hashlib.md5(first + rest).digest() == hashlib.md5(blob).digest()
+    assert s3_error(lambda: via_host(node, "gamma.test", node.beta).list_buckets()) == (403, "InvalidAccessKeyId")
+    # The tenant's files stay; the first tenant is served on.
+    assert os.path.exists(node.beta.data("bkb", "k"))
+    node.client().list_buckets()
+
+
+def test_changes_race_requests(node):
+    """Adds, edits and deletes while two clients keep requesting: every reply is a whole one, from
+    the first tenant or from beta, and the worker lives on."""
+    path = worker(node)
+    pid = workers_of(node.daemon.pid)[0][0]
+    stop = threading.Event()
+    errors = []
+
+    def hammer():
+        s3 = via_host(node, "beta.test", node.beta)
+        while not stop.is_set():
+            try:
+                s3.list_buckets()
+            except Exception as e:  # a refusal while beta is away is expected; a dropped connection is not
+                if "InvalidAccessKeyId" not in str(e):
+                    errors.append(repr(e))
+
+    threads = [threading.Thread(target=hammer) for _ in range(2)]
+    for th in threads:
+        th.start()
+    try:
+        for i in range(40):
+            assert call(path, ADD, add_body(node.beta))[0] == MSG_STATUS_OK
+            assert call(path, EDIT, {"id": node.beta.info["id"], "name": f"b{i}", "domain": "beta.test"})[0] \
+                == MSG_STATUS_OK
+            assert call(path, DELETE, {"id": node.beta.info["id"]})[0] == MSG_STATUS_OK
+    finally:
+        stop.set()
+        for th in threads:
+            th.join()
+    assert errors == []
+    assert workers_of(node.daemon.pid)[0][0] == pid
