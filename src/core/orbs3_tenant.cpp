@@ -7,8 +7,10 @@
 orbs3_service_t* orbs3_service_new()
 {
     auto* svc = static_cast<orbs3_service_t*>(std::calloc(1, sizeof(orbs3_service_t)));
-    if (svc != nullptr)
+    if (svc != nullptr) {
         INIT_LIST_HEAD(&svc->vhosts);
+        svc->pidfd = -1;
+    }
     return svc;
 }
 

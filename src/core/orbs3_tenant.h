@@ -64,6 +64,13 @@ struct orbs3_service_t {
     pid_t pid;                    // worker process id; 0 when none, -1 after a failed fork
     char iface[ORBS3_IFACE_LEN];  // the worker's control socket, /var/run/orbmux/<pid>.iface
     uint8_t flags;                // bit 0: the worker process is gone
+    // The master's supervision of the worker. Signals go through the pidfd, never the bare pid: once
+    // the worker is reaped its pid may name another process, while the pidfd names only the worker.
+    int pidfd;             // -1 when the master holds none
+    uint32_t restarts;     // times the worker was started again after it was killed by a signal
+    uint32_t backoff;      // seconds waited before the last restart; 0 before the first
+    int64_t started_at;    // monotonic second of the worker's last fork
+    int64_t restart_at;    // monotonic second a restart is due; 0 when none is
     // TLS settings, filled by orbs3_init_ssl_cert in the worker before its context is built. The client
     // verification, revocation and async fields have no configuration yet: 0 keeps them off.
     uint32_t protocols;      // 8 TLSv1, 16 TLSv1.1, 32 TLSv1.2 (TLS 1.3 is always offered)

@@ -5,7 +5,10 @@ moves it to another domain; a delete stops serving it while a request that began
 import hashlib
 import json
 import os
+import re
+import signal
 import threading
+import time
 
 import pytest
 
@@ -164,3 +167,50 @@ def test_changes_race_requests(node):
             th.join()
     assert errors == []
     assert workers_of(node.daemon.pid)[0][0] == pid
+
+
+def test_killed_worker_comes_back_with_backoff(node):
+    waits = []
+    for want in (1, 2):
+        old = worker(node)
+        old_pid = int(os.path.basename(old).split(".")[0])
+        os.kill(old_pid, signal.SIGKILL)
+        killed = time.monotonic()
+        node.daemon.wait_log(rf"worker process {old_pid} of 127\.0\.0\.1:{node.port} killed by signal 9, "
+                             rf"restarting in {want} s")
+        new_pid = wait_for(lambda: [p for p, _ in workers_of(node.daemon.pid) if p != old_pid] or None,
+                           timeout=want + 5, what="a new worker")[0]
+        waits.append(time.monotonic() - killed)
+        assert os.path.exists(worker_iface(node.box, new_pid)) or wait_for(
+            lambda: os.path.exists(worker_iface(node.box, new_pid)), what="the new worker's socket")
+        wait_port(node.port)
+        node.client().list_buckets()
+    # The second death came within a minute of the first restart: its wait doubled.
+    assert waits[0] >= 0.9 and waits[1] >= 1.9, waits
+    assert len(re.findall(r"started again \(restart \d+\)", node.daemon.log())) == 2
+
+
+def test_stopped_worker_does_not_hold_the_master():
+    box = Sandbox()
+    try:
+        port = free_port()
+        info = box.add_tenant("solo", port)
+        daemon = box.start("-d")
+        wait_port(port)
+        t = Tenant(box, daemon, port, info)
+        path = worker(t)
+        pid = workers_of(daemon.pid)[0][0]
+        os.kill(pid, signal.SIGSTOP)
+        # A change sent to the stopped worker waits for its deadline; the master's signals go on meanwhile.
+        pending = threading.Thread(target=lambda: control_call(path, EDIT, {"id": info["id"], "name": "solo"},
+                                                               timeout=8))
+        pending.start()
+        daemon.send_signal(signal.SIGUSR1)
+        daemon.wait_log("log reopened", timeout=3)
+        begun = time.monotonic()
+        daemon.stop()  # exit status 0, pid file gone, no process of the session left
+        took = time.monotonic() - begun
+        pending.join()
+        assert took < 5, f"stop took {took:.1f} s"
+    finally:
+        box.cleanup()
