@@ -169,6 +169,25 @@ def test_changes_race_requests(node):
     assert workers_of(node.daemon.pid)[0][0] == pid
 
 
+def test_new_user_works_at_once_on_a_kept_connection(node):
+    """A user written to the tenant's user file reaches the worker with an edit of the tenant; a client
+    whose connection is kept alive across the edit is served on it at once."""
+    path = worker(node)
+    user_file = node.info["user_file"]
+    with open(user_file) as f:
+        text = f.read()
+    key, secret = "CAROLKEY0000000000AA", "carolsecret0000000000000000000000000000AA"
+    with open(user_file + ".new", "w") as f:
+        f.write(text.rstrip("\n") + f'\n<User UserId="carol-id" DisPlayName="carol" Status="0">'
+                f'\n\t<AccessKey AccessKeyId="{key}" AccessKeySecret="{secret}" /></User>\n')
+    os.rename(user_file + ".new", user_file)
+    s3 = node.client(access_key=key, secret=secret)
+    assert s3_error(s3.list_buckets) == (403, "InvalidAccessKeyId")
+    assert call(path, EDIT, {"id": node.info["id"], "name": "alpha"})[0] == MSG_STATUS_OK
+    s3.create_bucket(Bucket="carolb")
+    assert os.path.isdir(os.path.join(node.root, "data", "carol", "carolb"))
+
+
 def test_killed_worker_comes_back_with_backoff(node):
     waits = []
     for want in (1, 2):
