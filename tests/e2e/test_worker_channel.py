@@ -7,6 +7,7 @@ import json
 import os
 import re
 import signal
+import socket
 import threading
 import time
 
@@ -231,5 +232,62 @@ def test_stopped_worker_does_not_hold_the_master():
         took = time.monotonic() - begun
         pending.join()
         assert took < 5, f"stop took {took:.1f} s"
+    finally:
+        box.cleanup()
+
+
+def test_tls_tenant_added_with_its_certificate():
+    """On a TLS service an add brings the tenant's own certificate into the worker's contexts: a
+    handshake naming its domain gets it; a connection opened before keeps working on the old context."""
+    import ssl
+    import subprocess
+    box = Sandbox()
+
+    def cert(name):
+        subprocess.run(["openssl", "req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256",
+                        "-nodes", "-keyout", box.path(f"{name}.key"), "-out", box.path(f"{name}.pem"), "-days",
+                        "2", "-subj", f"/CN={name}.test"], check=True, capture_output=True)
+        with open(box.path(f"{name}.pem")) as f:
+            return ssl.PEM_cert_to_DER_cert(f.read())
+
+    ctx = ssl.SSLContext(ssl.PROTOCOL_TLS_CLIENT)
+    ctx.check_hostname = False
+    ctx.verify_mode = ssl.CERT_NONE
+
+    def connect(port, sni):
+        s = ctx.wrap_socket(socket.create_connection(("127.0.0.1", port), timeout=10), server_hostname=sni)
+        return s
+
+    try:
+        good_der, beta_der = cert("good"), cert("beta")
+        port = free_port()
+        info = box.add_tenant("good", port)
+        with open(info["group_file"]) as f:
+            text = f.read()
+        with open(info["group_file"], "w") as f:
+            f.write(text.replace('cert="" key="" key_pwd="" ssl="false"',
+                                 f'cert="{box.path("good.pem")}" key="{box.path("good.key")}" key_pwd="" ssl="true"'))
+        daemon = box.start("-d")
+        wait_port(port)
+        t = Tenant(box, daemon, port, info)
+        beta = box.add_tenant("beta", free_port(), "--domain", "beta.test", "--node-key", "elsewhere")
+        early = connect(port, "beta.test")
+        assert early.getpeercert(binary_form=True) == good_der
+        body = dict(add_body(Tenant(box, daemon, port, beta)), cert=box.path("beta.pem"), key=box.path("beta.key"))
+        assert call(worker(t), ADD, body)[0] == MSG_STATUS_OK
+
+        def beta_cert():
+            try:
+                with connect(port, "beta.test") as s:
+                    return s.getpeercert(binary_form=True) == beta_der
+            except OSError:
+                return False
+        wait_for(beta_cert, timeout=5, what="the tenant's certificate on its domain")
+        with connect(port, "good.test") as s:
+            assert s.getpeercert(binary_form=True) == good_der
+        early.sendall(b"GET / HTTP/1.1\r\nHost: beta.test\r\n\r\n")
+        assert early.recv(64).startswith(b"HTTP/1.1 ")
+        early.close()
+        daemon.stop()
     finally:
         box.cleanup()
