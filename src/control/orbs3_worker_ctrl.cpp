@@ -1,12 +1,15 @@
 #include "control/orbs3_worker_ctrl.h"
 
 #include <json-c/json.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <atomic>
 #include <memory>
+#include <mutex>
 
 #include "control/orbs3_msg.h"
 #include "control/orbs3_ud.h"
@@ -20,6 +23,10 @@ namespace {
 
 char g_worker_iface[ORBS3_IFACE_LEN];
 int g_ud_worker_fd = -1;
+// Held while a message is handled: the worker's exit waits for the change in progress before it frees
+// the vhosts, and no change starts after it.
+std::mutex g_busy;
+std::atomic<bool> g_closing{false};
 
 struct json_deleter {
     void operator()(json_object* o) const noexcept { json_object_put(o); }
@@ -447,11 +454,13 @@ void* orbs3_ctrl_worker_thread(void*)
         return nullptr;
     for (;;) {
         const int fd = ud_accept(lfd, nullptr, nullptr);
-        if (fd < 0) {
-            if (errno == EBADF || errno == EINVAL)
-                return nullptr;  // the socket was closed by the exit
-            continue;
+        if (g_closing.load()) {
+            ud_close(fd);
+            return nullptr;
         }
+        if (fd < 0)
+            continue;
+        std::lock_guard<std::mutex> busy(g_busy);
         if (!ud_peer_trusted(fd)) {
             ipd_log(LOG_WARNING, "worker control socket: untrusted peer refused");
             ud_close(fd);
@@ -473,6 +482,11 @@ void orbs3_ctrl_worker_thread_exit()
 {
     if (g_ud_worker_fd < 0)
         return;
+    g_closing = true;
+    // Wakes the thread out of accept; the message in hand, if any, is finished first (its reads and
+    // writes have deadlines).
+    (void)shutdown(g_ud_worker_fd, SHUT_RDWR);
+    std::lock_guard<std::mutex> busy(g_busy);
     ud_destory_listen_socket(g_worker_iface, g_ud_worker_fd);
     g_ud_worker_fd = -1;
 }

@@ -232,6 +232,7 @@ def test_stopped_worker_does_not_hold_the_master():
         took = time.monotonic() - begun
         pending.join()
         assert took < 5, f"stop took {took:.1f} s"
+        assert not os.path.exists(path), "the worker's socket outlived it"
     finally:
         box.cleanup()
 
