@@ -177,13 +177,14 @@ bool stop_epoll_threads()
 {
     // Connections in progress are not drained. What the epoll threads use (slots, listener, vhosts) is
     // freed only once they have stopped; a thread stuck in a handler past the wait leaves everything to
-    // the process's exit instead of being freed under it.
+    // the process's exit instead of being freed under it. The control socket goes first, whatever
+    // happens: no change comes in any more, and no socket file outlives the worker.
+    orbs3_ctrl_worker_thread_exit();
     if (!stop_epoll_threads()) {
         ipd_debug("worker process exit with epoll threads still running");
         std::exit(0);
     }
-    // The control channel's part of the exit: its socket file, and the vhosts.
-    orbs3_ctrl_worker_thread_exit();
+    // The control channel's part of the exit: the vhosts.
     if (orbs3_service != nullptr) {
         neo_list_head_t *pos, *n;
         list_for_each_safe(pos, n, &orbs3_service->vhosts) drop_vhost(pos);

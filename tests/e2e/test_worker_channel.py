@@ -13,7 +13,7 @@ import time
 
 import pytest
 
-from orbmux_harness import (MSG_STATUS_OK, Sandbox, Tenant, control_call, free_port, wait_for, wait_port,
+from orbmux_harness import (MSG_HEAD, MSG_STATUS_OK, MSG_VERSION, Sandbox, Tenant, control_call, free_port, wait_for, wait_port,
                             worker_iface, workers_of, s3_error)
 
 ADD, EDIT, DELETE, GET = 0x1003, 0x1004, 0x1005, 0x1002
@@ -221,16 +221,17 @@ def test_stopped_worker_does_not_hold_the_master():
         path = worker(t)
         pid = workers_of(daemon.pid)[0][0]
         os.kill(pid, signal.SIGSTOP)
-        # A change sent to the stopped worker waits for its deadline; the master's signals go on meanwhile.
-        pending = threading.Thread(target=lambda: control_call(path, EDIT, {"id": info["id"], "name": "solo"},
-                                                               timeout=8))
-        pending.start()
+        # A change sent to the stopped worker waits in its socket; the master's signals go on meanwhile.
+        pending = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        pending.connect(path)
+        body = json.dumps({"id": info["id"], "name": "solo"}).encode()
+        pending.sendall(MSG_HEAD.pack(MSG_VERSION, EDIT, 0, 0, len(body), 0, 0, 0, 0, 0, 0) + body)
         daemon.send_signal(signal.SIGUSR1)
         daemon.wait_log("log reopened", timeout=3)
         begun = time.monotonic()
         daemon.stop()  # exit status 0, pid file gone, no process of the session left
         took = time.monotonic() - begun
-        pending.join()
+        pending.close()
         assert took < 5, f"stop took {took:.1f} s"
         assert not os.path.exists(path), "the worker's socket outlived it"
     finally:
