@@ -160,6 +160,10 @@ void free_vhost(orbs3_vhost_t* vh)
     orbs3_free_vhost_data(vh);
 }
 
+// From program start: whatever drops a worker's vhost (the exit, a delete, a start that keeps only the
+// active ones) frees it with its last reference.
+[[maybe_unused]] const bool g_free_hook_set = (orbs3_vhost_free_hook = free_vhost, true);
+
 // Asks the epoll threads to end after their current pass (at most 500 ms of waiting) and waits for them a
 // bounded time; true when none runs any more.
 bool stop_epoll_threads()
@@ -522,7 +526,6 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
     orbs3_conn_mtx_reinit();
     pthread_rwlock_init(&neo_event_lock, nullptr);
     pthread_rwlock_init(&orbs3_vhosts_lock, nullptr);
-    orbs3_vhost_free_hook = free_vhost;
 
     (void)process_sheild_signals();
     orbs3_service = vhost->service;

@@ -42,6 +42,7 @@ TEST(VhostLifetime, LookupsRaceEditsAndDeletes)
     http_test::ensure_headers_hash();
     g_made = 0;
     g_freed = 0;
+    auto* const saved_hook = orbs3_vhost_free_hook;
     orbs3_vhost_free_hook = free_counted;
     unit_test::service_fixture f({});
     orbs3_vhost_t* a = make_vhost("a.example", "a-0");
@@ -118,7 +119,7 @@ TEST(VhostLifetime, LookupsRaceEditsAndDeletes)
     orbs3_vhost_release(a);
     orbs3_vhost_release(b);
     EXPECT_EQ(g_freed.load(), g_made.load());
-    orbs3_vhost_free_hook = nullptr;
+    orbs3_vhost_free_hook = saved_hook;
 }
 
 }  // namespace
