@@ -335,13 +335,21 @@ bool orbs3_worker_reaped(pid_t pid, int status, bool stopping)
 
 void orbs3_restart_due_workers(int64_t now)
 {
-    service_write_lock lock;
+    // Runs on the master's main thread every second: a busy lock only puts the check off to the next
+    // turn, so signals are never kept waiting behind a change of the lists.
+    if (pthread_rwlock_trywrlock(&g_service_lock) != 0)
+        return;
+    struct unlock {
+        ~unlock() { pthread_rwlock_unlock(&g_service_lock); }
+    } unlock_at_end;
     neo_list_head_t* spos;
     list_for_each(spos, &g_service_list)
     {
         auto* svc = static_cast<orbs3_service_t*>(orbs3_list_node(spos)->data);
         if (svc->restart_at == 0 || now < svc->restart_at || svc->pid > 0)
             continue;
+        // Without an active vhost there is nothing to restart; a start that cannot be posted is tried
+        // again next turn.
         svc->restart_at = 0;
         neo_list_head_t* vpos;
         list_for_each(vpos, &svc->vhosts)
@@ -354,6 +362,8 @@ void orbs3_restart_due_workers(int64_t now)
                 svc->restarts++;
                 ipd_log(LOG_ERR, "worker of %s:%u started again (restart %u)", neo_getstr(&svc->ipaddr),
                         svc->port, svc->restarts);
+            } else {
+                svc->restart_at = now + 1;
             }
             break;
         }

@@ -62,6 +62,6 @@ int orbs3_worker_signal(orbs3_service_t* svc, int signo);
 // the write lock; true when the pid was a worker's.
 bool orbs3_worker_reaped(pid_t pid, int status, bool stopping);
 
-// Posts the start of every service whose restart is due at `now`. Takes the write lock; the pool's
-// start task forks.
+// Posts the start of every service whose restart is due at `now`. Takes the write lock if it is free (a
+// busy lock puts the check off to the caller's next turn); the pool's start task forks.
 void orbs3_restart_due_workers(int64_t now);

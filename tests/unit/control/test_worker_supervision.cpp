@@ -88,6 +88,23 @@ TEST(WorkerSupervision, ReapedWorkers)
         EXPECT_EQ(svc->backoff, r.restart ? 1u : 0u) << r.what;
         EXPECT_EQ(orbs3_worker_signal(svc, SIGTERM), -1);
     }
+    // A due restart whose start cannot be posted (this process has no control pool) stays due, and is
+    // not counted; a lock held elsewhere puts the check off instead of blocking the master's loop.
+    vh->status = ORBS3_STATUS_ACTIVE;
+    svc->restart_at = 5;
+    orbs3_restart_due_workers(4);
+    EXPECT_EQ(svc->restart_at, 5);
+    orbs3_restart_due_workers(5);
+    EXPECT_EQ(svc->restart_at, 6);
+    EXPECT_EQ(svc->restarts, 0u);
+    pthread_rwlock_rdlock(&g_service_lock);
+    orbs3_restart_due_workers(100);
+    pthread_rwlock_unlock(&g_service_lock);
+    EXPECT_EQ(svc->restart_at, 6);
+    vh->status = ORBS3_STATUS_INACTIVE;
+    orbs3_restart_due_workers(100);
+    EXPECT_EQ(svc->restart_at, 0) << "nothing active: nothing to restart";
+
     // A pid that is no worker's is none of the services' business.
     svc->pid = 12345;
     EXPECT_FALSE(orbs3_worker_reaped(1, 0, false));
