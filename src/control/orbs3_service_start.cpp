@@ -1,6 +1,9 @@
 #include "control/orbs3_service_start.h"
 
 #include <signal.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -17,6 +20,17 @@ neo_thread_pool_t g_ctrl_tp;
 std::atomic<int> g_orbs3_init_flag{0};
 
 namespace {
+
+// Through syscall(2): the C library's wrappers are not in every version the daemon is built with.
+int pidfd_open(pid_t pid, unsigned flags)
+{
+    return static_cast<int>(syscall(SYS_pidfd_open, pid, flags));
+}
+
+int pidfd_send_signal(int pidfd, int signo, siginfo_t* info, unsigned flags)
+{
+    return static_cast<int>(syscall(SYS_pidfd_send_signal, pidfd, signo, info, flags));
+}
 
 constexpr uint64_t kCtrlThreads = 4;
 constexpr int64_t kCtrlQueue = 1024;
@@ -187,6 +201,15 @@ int orbs3_start_vhost(void* data)
     pid_t pid = fork();
     if (pid == 0) {
         pthread_rwlock_init(&g_service_lock, nullptr);
+        // The master's hold on the other workers stays in the master.
+        neo_list_head_t* spos;
+        list_for_each(spos, &g_service_list)
+        {
+            auto* other = static_cast<orbs3_service_t*>(orbs3_list_node(spos)->data);
+            if (other->pidfd >= 0)
+                close(other->pidfd);
+            other->pidfd = -1;
+        }
         svc->pid = getpid();
         format_iface(svc, svc->pid);
         orbs3_process_cycle(vh);
@@ -198,6 +221,16 @@ int orbs3_start_vhost(void* data)
         pid = -1;
     }
     svc->pid = pid;
+    if (pid > 0) {
+        if (svc->pidfd >= 0)
+            close(svc->pidfd);
+        svc->pidfd = pidfd_open(pid, 0);
+        if (svc->pidfd < 0)
+            ipd_log(LOG_ERR, "pidfd of worker process %d: %s; it will not be signalled", static_cast<int>(pid),
+                    strerror(errno));
+        svc->started_at = orbs3_monotonic_s();
+        svc->restart_at = 0;
+    }
     svc->flags &= static_cast<uint8_t>(~ORBS3_SERVICE_EXITED);
     format_iface(svc, pid);
     vh->running = ORBS3_STATUS_ACTIVE;
@@ -223,12 +256,116 @@ int orbs3_stop_vhost(void* data)
             ipd_debug("has service in process[%d]", static_cast<int>(svc->pid));
             ipd_debug("worker: del vhost failure[%s]", svc->iface);
         } else {
-            if (svc->pid > 0 && kill(svc->pid, SIGWINCH) != 0)
+            if (svc->pid > 0 && orbs3_worker_signal(svc, SIGWINCH) != 0)
                 ipd_log(LOG_ERR, "Signal transmission failure");
+            if (svc->pidfd >= 0)
+                close(svc->pidfd);
+            svc->pidfd = -1;
+            svc->restart_at = 0;
             svc->pid = 0;
             svc->flags |= ORBS3_SERVICE_EXITED;
         }
     }
     vh->running = ORBS3_STATUS_INACTIVE;
     return 0;
+}
+
+uint32_t orbs3_restart_backoff(uint32_t prev, int64_t lived)
+{
+    if (prev == 0 || lived >= ORBS3_RESTART_RESET_S)
+        return ORBS3_RESTART_FIRST_S;
+    return prev >= ORBS3_RESTART_MAX_S / 2 ? ORBS3_RESTART_MAX_S : prev * 2;
+}
+
+int64_t orbs3_monotonic_s()
+{
+    struct timespec ts;
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<int64_t>(ts.tv_sec);
+}
+
+int orbs3_worker_signal(orbs3_service_t* svc, int signo)
+{
+    if (svc == nullptr || svc->pidfd < 0)
+        return -1;
+    if (pidfd_send_signal(svc->pidfd, signo, nullptr, 0) != 0)
+        return -1;
+    if (signo != SIGCONT && signo != SIGKILL)
+        (void)pidfd_send_signal(svc->pidfd, SIGCONT, nullptr, 0);
+    return 0;
+}
+
+bool orbs3_worker_reaped(pid_t pid, int status, bool stopping)
+{
+    service_write_lock lock;
+    neo_list_head_t* spos;
+    list_for_each(spos, &g_service_list)
+    {
+        auto* svc = static_cast<orbs3_service_t*>(orbs3_list_node(spos)->data);
+        if (svc->pid != pid)
+            continue;
+        // A worker that ends by itself with a failure (a service that cannot listen, such as a TLS
+        // service without a usable certificate) is not started again: it would only fail again.
+        if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
+            ipd_log(LOG_ERR, "worker process %d of %s:%u exited with status %d, not restarted",
+                    static_cast<int>(pid), neo_getstr(&svc->ipaddr), svc->port, WEXITSTATUS(status));
+        if (svc->pidfd >= 0)
+            close(svc->pidfd);
+        svc->pidfd = -1;
+        svc->flags |= ORBS3_SERVICE_EXITED;
+        svc->pid = 0;
+        bool active = false;
+        neo_list_head_t* vpos;
+        list_for_each(vpos, &svc->vhosts)
+        {
+            if (vhost_of(vpos)->status == ORBS3_STATUS_ACTIVE)
+                active = true;
+        }
+        if (WIFSIGNALED(status) && !stopping && active) {
+            const int64_t now = orbs3_monotonic_s();
+            svc->backoff = orbs3_restart_backoff(svc->backoff, now - svc->started_at);
+            svc->restart_at = now + svc->backoff;
+            ipd_log(LOG_ERR, "worker process %d of %s:%u killed by signal %d, restarting in %u s",
+                    static_cast<int>(pid), neo_getstr(&svc->ipaddr), svc->port, WTERMSIG(status), svc->backoff);
+        }
+        return true;
+    }
+    return false;
+}
+
+void orbs3_restart_due_workers(int64_t now)
+{
+    // Runs on the master's main thread every second: a busy lock only puts the check off to the next
+    // turn, so signals are never kept waiting behind a change of the lists.
+    if (pthread_rwlock_trywrlock(&g_service_lock) != 0)
+        return;
+    struct unlock {
+        ~unlock() { pthread_rwlock_unlock(&g_service_lock); }
+    } unlock_at_end;
+    neo_list_head_t* spos;
+    list_for_each(spos, &g_service_list)
+    {
+        auto* svc = static_cast<orbs3_service_t*>(orbs3_list_node(spos)->data);
+        if (svc->restart_at == 0 || now < svc->restart_at || svc->pid > 0)
+            continue;
+        // Without an active vhost there is nothing to restart; a start that cannot be posted is tried
+        // again next turn.
+        svc->restart_at = 0;
+        neo_list_head_t* vpos;
+        list_for_each(vpos, &svc->vhosts)
+        {
+            orbs3_vhost_t* vh = vhost_of(vpos);
+            if (vh->status != ORBS3_STATUS_ACTIVE)
+                continue;
+            // The task waits for this lock; it forks unless a start got there first.
+            if (orbs3_task_start_vhost(vh) == 0) {
+                svc->restarts++;
+                ipd_log(LOG_ERR, "worker of %s:%u started again (restart %u)", neo_getstr(&svc->ipaddr),
+                        svc->port, svc->restarts);
+            } else {
+                svc->restart_at = now + 1;
+            }
+            break;
+        }
+    }
 }

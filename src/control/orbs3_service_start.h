@@ -38,3 +38,30 @@ int orbs3_task_stop_vhost(orbs3_vhost_t* vhost);
 // The stop task's body: the stop of a service's last active vhost ends its worker (SIGWINCH); a worker
 // with other active vhosts keeps running. Always 0.
 int orbs3_stop_vhost(void* data);
+
+// ---- supervision of the workers, in the master ----
+
+// Restart backoff: the first wait is 1 s, each further one doubles up to 30 s; a worker that had lived
+// a minute or more starts the count again.
+inline constexpr uint32_t ORBS3_RESTART_FIRST_S = 1;
+inline constexpr uint32_t ORBS3_RESTART_MAX_S = 30;
+inline constexpr int64_t ORBS3_RESTART_RESET_S = 60;
+// The wait before the next restart, after `prev` seconds last time (0: none yet) and a life of `lived`.
+[[nodiscard]] uint32_t orbs3_restart_backoff(uint32_t prev, int64_t lived);
+
+// Seconds of CLOCK_MONOTONIC.
+[[nodiscard]] int64_t orbs3_monotonic_s();
+
+// Sends `signo` to the service's worker through its pidfd, then SIGCONT, so that a worker held by
+// SIGSTOP takes it too. 0, or -1 when there is no worker or it is gone. Caller holds g_service_lock.
+int orbs3_worker_signal(orbs3_service_t* svc, int signo);
+
+// The master reaped `pid` with wait status `status`: its service forgets the worker (the pidfd is
+// closed) and, when the worker was killed by a signal while the master is not stopping and the service
+// still has an active vhost, a restart is scheduled with the backoff and logged at error level. Takes
+// the write lock; true when the pid was a worker's.
+bool orbs3_worker_reaped(pid_t pid, int status, bool stopping);
+
+// Posts the start of every service whose restart is due at `now`. Takes the write lock if it is free (a
+// busy lock puts the check off to the caller's next turn); the pool's start task forks.
+void orbs3_restart_due_workers(int64_t now);

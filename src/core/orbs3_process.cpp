@@ -15,6 +15,7 @@
 
 #include "control/orbs3_ctrl_thread.h"
 #include "control/orbs3_service.h"
+#include "control/orbs3_service_start.h"
 #include "control/orbs3_shost.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
@@ -299,7 +300,7 @@ void each_service(bool write, Fn fn)
 void orbs3_signal_process(int signo)
 {
     each_service(false, [signo](orbs3_service_t* svc) {
-        if (svc->pid > 0 && kill(svc->pid, signo) != 0)
+        if (svc->pid > 0 && orbs3_worker_signal(svc, signo) != 0)
             ipd_log(LOG_ERR, "Signal transmission failure");
     });
 }
@@ -339,21 +340,9 @@ int orbs3_handle_reap_children()
                 continue;
             break;  // ECHILD, or nothing more to learn
         }
-        // A worker killed by a signal is not started again yet; either way the process is gone, and a
-        // pid kept for it would make a later stop wait for ever for a child that cannot end again.
-        if ((status & 0x7f) != 0 && !orbs3_terminate.load())
-            ipd_debug("restart process");
-        each_service(true, [pid, status](orbs3_service_t* svc) {
-            if (svc->pid == pid) {
-                // A worker that ends by itself with a failure (a service that cannot listen, such as a TLS
-                // service without a usable certificate) is not started again: it would only fail again.
-                if (WIFEXITED(status) && WEXITSTATUS(status) != 0)
-                    ipd_log(LOG_ERR, "worker process %d of %s:%u exited with status %d, not restarted",
-                            static_cast<int>(pid), neo_getstr(&svc->ipaddr), svc->port, WEXITSTATUS(status));
-                svc->flags |= ORBS3_SERVICE_EXITED;
-                svc->pid = 0;
-            }
-        });
+        // The process is gone either way: a pid kept for it would make a later stop wait for ever for a
+        // child that cannot end again. A worker killed by a signal is started again after a backoff.
+        (void)orbs3_worker_reaped(pid, status, orbs3_terminate.load() != 0);
     }
     if (orbs3_terminate.load() && master_process_exit() == 0)
         orbs3_master_exit();
@@ -366,8 +355,15 @@ static void orbs3_handle_quit()
     orbs3_signal_process(SIGINT);
 }
 
+// A worker that has not ended this long after a stop (stuck in a handler, or held by a debugger) is
+// killed: the master's stop is bounded.
+constexpr int64_t kStopGraceS = 10;
+int64_t g_stop_since = 0;
+
 static void orbs3_handle_exiting()
 {
+    if (orbs3_terminate.load() == 0)
+        g_stop_since = orbs3_monotonic_s();
     orbs3_terminate = 1;
     orbs3_signal_process(SIGWINCH);
     if (master_process_exit() == 0)
@@ -397,6 +393,15 @@ void control_process()
         if (pending & bit_of(SIGUSR1)) {
             ipd_log_reopen();
             ipd_log(LOG_NOTICE, "log reopened");
+        }
+        const int64_t now = orbs3_monotonic_s();
+        if (orbs3_terminate.load() == 0) {
+            orbs3_restart_due_workers(now);
+        } else if (g_stop_since != 0 && now - g_stop_since >= kStopGraceS && master_process_exit() != 0) {
+            ipd_log(LOG_ERR, "workers still running %lld s after the stop: killed",
+                    static_cast<long long>(now - g_stop_since));
+            g_stop_since = now;
+            orbs3_signal_process(SIGKILL);
         }
     }
 }

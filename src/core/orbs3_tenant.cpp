@@ -7,8 +7,10 @@
 orbs3_service_t* orbs3_service_new()
 {
     auto* svc = static_cast<orbs3_service_t*>(std::calloc(1, sizeof(orbs3_service_t)));
-    if (svc != nullptr)
+    if (svc != nullptr) {
         INIT_LIST_HEAD(&svc->vhosts);
+        svc->pidfd = -1;
+    }
     return svc;
 }
 
@@ -21,6 +23,7 @@ orbs3_vhost_t* orbs3_vhost_new()
     INIT_LIST_HEAD(&vh->users);
     INIT_LIST_HEAD(&vh->bucket_list);
     INIT_LIST_HEAD(&vh->admin.keys);
+    vh->refs.store(1);
     return vh;
 }
 
@@ -146,3 +149,78 @@ orbs3_user_t* orbs3_check_accesskeyid_exist(orbs3_user_t* admin, const char* key
     return nullptr;
 }
 
+
+pthread_rwlock_t orbs3_vhosts_lock = PTHREAD_RWLOCK_INITIALIZER;
+void (*orbs3_vhost_free_hook)(orbs3_vhost_t* vh) = nullptr;
+
+namespace {
+
+class vhosts_write_lock {
+public:
+    vhosts_write_lock() { pthread_rwlock_wrlock(&orbs3_vhosts_lock); }
+    ~vhosts_write_lock() { pthread_rwlock_unlock(&orbs3_vhosts_lock); }
+    vhosts_write_lock(const vhosts_write_lock&) = delete;
+    vhosts_write_lock& operator=(const vhosts_write_lock&) = delete;
+};
+
+orbs3_list_node_t* node_of(neo_list_head_t* head, const orbs3_vhost_t* vh)
+{
+    neo_list_head_t* pos;
+    list_for_each(pos, head)
+    {
+        if (orbs3_list_node(pos)->data == vh)
+            return orbs3_list_node(pos);
+    }
+    return nullptr;
+}
+
+}  // namespace
+
+void orbs3_vhost_hold(orbs3_vhost_t* vh)
+{
+    vh->refs.fetch_add(1, std::memory_order_relaxed);
+}
+
+void orbs3_vhost_release(orbs3_vhost_t* vh)
+{
+    if (vh == nullptr)
+        return;
+    // acq_rel: every write of an earlier holder happens before the free.
+    if (vh->refs.fetch_sub(1, std::memory_order_acq_rel) == 1 && orbs3_vhost_free_hook != nullptr)
+        orbs3_vhost_free_hook(vh);
+}
+
+int orbs3_vhosts_swap(neo_list_head_t* head, orbs3_vhost_t* old_vh, orbs3_vhost_t* new_vh)
+{
+    vhosts_write_lock lock;
+    orbs3_list_node_t* node = node_of(head, old_vh);
+    if (node == nullptr)
+        return -1;
+    node->data = new_vh;
+    return 0;
+}
+
+int orbs3_vhosts_insert(neo_list_head_t* head, orbs3_vhost_t* vh)
+{
+    auto* node = static_cast<orbs3_list_node_t*>(std::calloc(1, sizeof(orbs3_list_node_t)));
+    if (node == nullptr)
+        return -1;
+    node->data = vh;
+    vhosts_write_lock lock;
+    list_add_tail(&node->list, head);
+    return 0;
+}
+
+bool orbs3_vhosts_unlink(neo_list_head_t* head, orbs3_vhost_t* vh)
+{
+    orbs3_list_node_t* node = nullptr;
+    {
+        vhosts_write_lock lock;
+        node = node_of(head, vh);
+        if (node == nullptr)
+            return false;
+        list_del(&node->list);
+    }
+    std::free(node);
+    return true;
+}

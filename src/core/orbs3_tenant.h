@@ -3,6 +3,7 @@
 // control/orbs3_service.h.
 #pragma once
 
+#include <pthread.h>
 #include <sys/types.h>
 
 #include <atomic>
@@ -63,6 +64,13 @@ struct orbs3_service_t {
     pid_t pid;                    // worker process id; 0 when none, -1 after a failed fork
     char iface[ORBS3_IFACE_LEN];  // the worker's control socket, /var/run/orbmux/<pid>.iface
     uint8_t flags;                // bit 0: the worker process is gone
+    // The master's supervision of the worker. Signals go through the pidfd, never the bare pid: once
+    // the worker is reaped its pid may name another process, while the pidfd names only the worker.
+    int pidfd;             // -1 when the master holds none
+    uint32_t restarts;     // times the worker was started again after it was killed by a signal
+    uint32_t backoff;      // seconds waited before the last restart; 0 before the first
+    int64_t started_at;    // monotonic second of the worker's last fork
+    int64_t restart_at;    // monotonic second a restart is due; 0 when none is
     // TLS settings, filled by orbs3_init_ssl_cert in the worker before its context is built. The client
     // verification, revocation and async fields have no configuration yet: 0 keeps them off.
     uint32_t protocols;      // 8 TLSv1, 16 TLSv1.1, 32 TLSv1.2 (TLS 1.3 is always offered)
@@ -113,6 +121,7 @@ struct orbs3_vhost_t {
     std::atomic<int64_t> bucket_count;
     std::atomic<int64_t> object_count;
     orbs3_user_t admin;  // the tenant's administrator, from the group file's admin element
+    std::atomic<int32_t> refs;  // holders of the record in a worker: its list, and each request of it
 };
 
 // orbs3_status indexes that the system sets.
@@ -123,7 +132,8 @@ inline constexpr int32_t ORBS3_STATUS_STARTING = 4;
 
 // A zeroed service with an empty vhost list; null when memory runs out.
 [[nodiscard]] orbs3_service_t* orbs3_service_new();
-// A zeroed vhost with empty users, bucket list and admin key list; null when memory runs out.
+// A zeroed vhost with empty users, bucket list and admin key list, holding the one reference of the list
+// it is put on; null when memory runs out.
 [[nodiscard]] orbs3_vhost_t* orbs3_vhost_new();
 // A zeroed user with an empty key list; null when memory runs out.
 [[nodiscard]] orbs3_user_t* orbs3_user_new();
@@ -152,3 +162,27 @@ void orbs3_free_accesskey_list(neo_list_head_t* head);
 // becomes 1), else the first user, in list order, with a key of exactly that id. Null when none owns it
 // or an argument is null.
 orbs3_user_t* orbs3_check_accesskeyid_exist(orbs3_user_t* admin, const char* key_id, orbs3_vhost_t* vhost);
+
+// The lifetime of a worker's vhosts. The control thread adds, replaces and removes the records of the
+// worker's list while the epoll threads serve requests of them, holding no lock for a request's length.
+// A lookup walks the list under the read side of orbs3_vhosts_lock and takes a reference on the record it
+// picks; the request drops it when it ends. A change never writes into a record a request may read: an
+// edit builds a new record and swaps it into the list node, a delete unlinks the node, both under the
+// write side, and the list's reference on the old record is dropped after the lock is released. Whoever
+// drops the last reference frees the record, through orbs3_vhost_free_hook (the worker's whole-vhost
+// free; when unset, nothing is freed). Threads that walk the list for long (the recycle pass) take their
+// references under the read lock and walk their own copy.
+extern pthread_rwlock_t orbs3_vhosts_lock;
+extern void (*orbs3_vhost_free_hook)(orbs3_vhost_t* vh);
+
+void orbs3_vhost_hold(orbs3_vhost_t* vh);
+// Drops one reference; the last frees the record. A null argument is allowed.
+void orbs3_vhost_release(orbs3_vhost_t* vh);
+// Puts `new_vh` into the node that carries `old_vh`, under the write lock. 0, or -1 when `old_vh` is not
+// in the list (nothing changed). The list's reference on `old_vh` is the caller's to drop.
+[[nodiscard]] int orbs3_vhosts_swap(neo_list_head_t* head, orbs3_vhost_t* old_vh, orbs3_vhost_t* new_vh);
+// Appends under the write lock; 0, or -1 when memory runs out.
+[[nodiscard]] int orbs3_vhosts_insert(neo_list_head_t* head, orbs3_vhost_t* vh);
+// Unlinks the node that carries `vh` under the write lock; true when it was there. The list's reference
+// is then the caller's to drop.
+bool orbs3_vhosts_unlink(neo_list_head_t* head, orbs3_vhost_t* vh);

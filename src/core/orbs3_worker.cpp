@@ -13,9 +13,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <vector>
 
 #include "access/orbs3_access_check.h"
 #include "control/orbs3_vhost_file.h"
+#include "control/orbs3_worker_ctrl.h"
 #include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_proctitle.h"
@@ -78,15 +80,6 @@ void wake_main_thread()
     errno = saved;
 }
 
-// Stands in for the worker's control channel, which comes with the control plane: the thread exists,
-// so the worker's thread layout is the final one, and answers nothing.
-void* ctrl_worker_placeholder(void*)
-{
-    for (;;)
-        pause();
-    return nullptr;
-}
-
 void trace_counters()
 {
     static uint64_t last_accepted = ~uint64_t{0};
@@ -124,11 +117,21 @@ void recycle_pass(orbs3_event_t* ev)
     const time_t now = std::time(nullptr);
     orbs3_recycle_expired_t total;
     int buckets = 0;
+    // The walk is long: it holds references on the vhosts of the moment, not the list's lock, so the
+    // control thread's changes go on meanwhile.
+    std::vector<orbs3_vhost_t*> held;
+    pthread_rwlock_rdlock(&orbs3_vhosts_lock);
     neo_list_head_t* pos;
     list_for_each(pos, &orbs3_service->vhosts)
     {
-        buckets += orbs3_recycle_expire_vhost(static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data), now, &total,
-                                              stop_asked);
+        auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
+        orbs3_vhost_hold(vh);
+        held.push_back(vh);
+    }
+    pthread_rwlock_unlock(&orbs3_vhosts_lock);
+    for (orbs3_vhost_t* vh : held) {
+        buckets += orbs3_recycle_expire_vhost(vh, now, &total, stop_asked);
+        orbs3_vhost_release(vh);
     }
     ipd_log(LOG_INFO,
             "recycle pass: %d buckets with an age bound, %llu contents (%llu bytes) removed, %llu empty "
@@ -138,14 +141,28 @@ void recycle_pass(orbs3_event_t* ev)
     neo_event_add_timer(ev, kRecycleEverySec);
 }
 
-// Unlinks the vhost's node from the worker's service list and frees the vhost: the worker owns its copy.
+// Unlinks the vhost's node from the worker's service list and drops the list's reference: the worker owns
+// its copy, and a request still running keeps it until it ends.
 void drop_vhost(neo_list_head_t* pos)
 {
     auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
-    list_del(pos);
+    {
+        pthread_rwlock_wrlock(&orbs3_vhosts_lock);
+        list_del(pos);
+        pthread_rwlock_unlock(&orbs3_vhosts_lock);
+    }
     std::free(orbs3_list_node(pos));
+    orbs3_vhost_release(vh);
+}
+
+void free_vhost(orbs3_vhost_t* vh)
+{
     orbs3_free_vhost_data(vh);
 }
+
+// From program start: whatever drops a worker's vhost (the exit, a delete, a start that keeps only the
+// active ones) frees it with its last reference.
+[[maybe_unused]] const bool g_free_hook_set = (orbs3_vhost_free_hook = free_vhost, true);
 
 // Asks the epoll threads to end after their current pass (at most 500 ms of waiting) and waits for them a
 // bounded time; true when none runs any more.
@@ -164,12 +181,14 @@ bool stop_epoll_threads()
 {
     // Connections in progress are not drained. What the epoll threads use (slots, listener, vhosts) is
     // freed only once they have stopped; a thread stuck in a handler past the wait leaves everything to
-    // the process's exit instead of being freed under it.
+    // the process's exit instead of being freed under it. The control socket goes first, whatever
+    // happens: no change comes in any more, and no socket file outlives the worker.
+    orbs3_ctrl_worker_thread_exit();
     if (!stop_epoll_threads()) {
         ipd_debug("worker process exit with epoll threads still running");
         std::exit(0);
     }
-    // The control channel's part of the exit: the vhosts go with it.
+    // The control channel's part of the exit: the vhosts.
     if (orbs3_service != nullptr) {
         neo_list_head_t *pos, *n;
         list_for_each_safe(pos, n, &orbs3_service->vhosts) drop_vhost(pos);
@@ -336,7 +355,12 @@ void orbs3_close_listen()
 void orbs3_reload_listen()
 {
     orbs3_close_listen();
-    if (orbs3_make_listen(orbs3_service) != 0)
+    // The contexts are built from the vhost list and the service's certificate files, which the control
+    // thread changes under the write side.
+    pthread_rwlock_rdlock(&orbs3_vhosts_lock);
+    const int rc = orbs3_make_listen(orbs3_service);
+    pthread_rwlock_unlock(&orbs3_vhosts_lock);
+    if (rc != 0)
         return;
     orbs3_threads_add_listen(listen_c);
 }
@@ -483,6 +507,16 @@ int orbs3_keep_active_vhosts(orbs3_service_t* svc)
     return left;
 }
 
+void orbs3_worker_load_vhost(orbs3_vhost_t* vh)
+{
+    (void)orbs3_init_user(vh);
+    if (orbs3_init_path(vh) != 0)
+        ipd_log(LOG_ERR, "vhost[%s]: tenant trees unusable", neo_getstr(&vh->id));
+    else if (orbs3_bucket_init(vh) != 0)
+        ipd_log(LOG_ERR, "vhost[%s]: meta root [%s] unreadable, no buckets counted", neo_getstr(&vh->id),
+                neo_getstr(&vh->meta_root));
+}
+
 void orbs3_process_cycle(orbs3_vhost_t* vhost)
 {
     // Lock state that crossed the fork: another master thread may have held a lock at that moment, and
@@ -491,6 +525,7 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
     // orbs3_create_worker_threads). The service list of the master is not used by the worker.
     orbs3_conn_mtx_reinit();
     pthread_rwlock_init(&neo_event_lock, nullptr);
+    pthread_rwlock_init(&orbs3_vhosts_lock, nullptr);
 
     (void)process_sheild_signals();
     orbs3_service = vhost->service;
@@ -510,25 +545,24 @@ void orbs3_process_cycle(orbs3_vhost_t* vhost)
         auto* vh = static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
         if (vh->status == kStatusActive)
             vh->running = 1;
-        (void)orbs3_init_user(vh);
-        if (orbs3_init_path(vh) != 0)
-            ipd_log(LOG_ERR, "vhost[%s]: tenant trees unusable", neo_getstr(&vh->id));
-        else if (orbs3_bucket_init(vh) != 0)
-            ipd_log(LOG_ERR, "vhost[%s]: meta root [%s] unreadable, no buckets counted", neo_getstr(&vh->id),
-                    neo_getstr(&vh->meta_root));
+        orbs3_worker_load_vhost(vh);
     }
     orbs3_access_install_hooks();
     if (orbs3_storage_install_handlers() != 0)
         std::exit(-1);
 
     (void)neo_event_timer_init();
-    pthread_t ctrl;
-    if (pthread_create(&ctrl, nullptr, ctrl_worker_placeholder, nullptr) != 0)
-        std::exit(-1);
     if (orbs3_make_listen(orbs3_service) != 0)
         std::exit(-1);
     if (orbs3_create_worker_threads() != 0)
         std::exit(-1);
+    // The master may change the vhosts from the moment the worker counts as started.
+    if (orbs3_ctrl_worker_listen() == 0) {
+        pthread_t ctrl;
+        if (pthread_create(&ctrl, nullptr, orbs3_ctrl_worker_thread, nullptr) != 0)
+            std::exit(-1);
+        pthread_detach(ctrl);
+    }
 
     g_recycle_ev.handler = recycle_pass;
     neo_event_add_timer(&g_recycle_ev, kRecycleFirstSec);

@@ -54,6 +54,9 @@ long orbs3_get_cpu_num();
 int orbs3_worker_thread_count(long cpus);
 
 void orbs3_list_vhost_for_debug();
+// What a vhost needs in the worker before a request can find it: users and service record, the four
+// roots and their directories, the bucket count. Failures are logged; the vhost is served as far as it can.
+void orbs3_worker_load_vhost(orbs3_vhost_t* vh);
 orbs3_vhost_t* orbs3_find_vhost_byid(const char* id);
 void orbs3_free_vhost(const char* id);
 // Frees every vhost of svc whose status is not active; the number of vhosts left.

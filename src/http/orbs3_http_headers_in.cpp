@@ -324,7 +324,7 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
 {
     const orbs3_connection_t* c = r->connection;
     neo_list_head_t* vhosts = c != nullptr && c->listening != nullptr ? c->listening->vhosts : nullptr;
-    if (vhosts == nullptr || list_empty(vhosts))
+    if (vhosts == nullptr)
         return 0;
 
     // The value as sent, in the case sent, up to the first ':'.
@@ -336,26 +336,50 @@ int orbs3_find_virtual_server(orbs3_http_request_t* r)
 
     auto vhost_at = [](neo_list_head_t* pos) { return static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data); };
 
+    // The control thread may change the list meanwhile: the walk holds the read lock, and the request
+    // keeps the record it picked by its own reference until it ends.
+    orbs3_vhost_t* found = nullptr;
+    uint32_t style = ORBS3_HOST_STYLE_PATH;
+    pthread_rwlock_rdlock(&orbs3_vhosts_lock);
     neo_list_head_t* pos;
     list_for_each(pos, vhosts)
     {
         orbs3_vhost_t* vh = vhost_at(pos);
         if (vh->domain.len != 0 && orbs3_str_view(vh->domain) == host) {
-            r->vhost = vh;
-            r->host_style = ORBS3_HOST_STYLE_PATH;
-            return 0;
+            found = vh;
+            break;
         }
     }
-    list_for_each(pos, vhosts)
-    {
-        orbs3_vhost_t* vh = vhost_at(pos);
-        if (vh->domain.len != 0 && host.find(orbs3_str_view(vh->domain)) != std::string_view::npos) {
-            r->vhost = vh;
-            r->host_style = ORBS3_HOST_STYLE_VIRTUAL;
-            return 0;
+    if (found == nullptr) {
+        list_for_each(pos, vhosts)
+        {
+            orbs3_vhost_t* vh = vhost_at(pos);
+            if (vh->domain.len != 0 && host.find(orbs3_str_view(vh->domain)) != std::string_view::npos) {
+                found = vh;
+                style = ORBS3_HOST_STYLE_VIRTUAL;
+                break;
+            }
         }
     }
-    r->vhost = vhost_at(vhosts->next);
-    r->host_style = ORBS3_HOST_STYLE_PATH;
+    if (found == nullptr && !list_empty(vhosts))
+        found = vhost_at(vhosts->next);
+    if (found != nullptr)
+        orbs3_vhost_hold(found);
+    pthread_rwlock_unlock(&orbs3_vhosts_lock);
+
+    if (found == nullptr)
+        return 0;
+    orbs3_http_drop_vhost(r);
+    r->vhost = found;
+    r->vhost_held = 1;
+    r->host_style = style;
     return 0;
+}
+
+void orbs3_http_drop_vhost(orbs3_http_request_t* r)
+{
+    if (r->vhost_held != 0)
+        orbs3_vhost_release(r->vhost);
+    r->vhost_held = 0;
+    r->vhost = nullptr;
 }

@@ -416,6 +416,8 @@ void orbs3_http_close_request(orbs3_http_request_t* r)
         r->connection->data = nullptr;
     if (r->request_body != nullptr)
         orbs3_destroy_pool(r->request_body->pool);
+    // Last use of the vhost: a tenant deleted or edited meanwhile is freed here if this was its last request.
+    orbs3_http_drop_vhost(r);
     orbs3_pool_t* pool = r->pool;
     r->pool = nullptr;
     orbs3_destroy_pool(pool);

@@ -157,6 +157,7 @@ struct orbs3_http_request_t {
     const orbs3_s3_event_t* event;
     orbs3_pool_t* pool;
     orbs3_vhost_t* vhost;
+    uint32_t vhost_held;  // 1 when the request holds a reference on vhost (orbs3_find_virtual_server)
     uint32_t host_style;
     orbs3_http_resp_t resp;
     orbs3_user_t* user;  // null for a request without credentials (orbs3_s3_anonymous_action)
@@ -271,8 +272,11 @@ inline constexpr int ORBS3_HOST_INVALID = -5;
 // Sets r->vhost and r->host_style from the Host value as sent, cut at its first ':', against the vhosts
 // of the listener the request's connection came through: a domain equal to it (path style), else a
 // domain inside it (virtual-host style), else the first vhost (path style). Leaves both alone when the
-// request has no connection or its listener no vhost. Returns 0.
+// request has no connection or its listener no vhost. Returns 0. The request holds a reference on the
+// vhost it found (core/orbs3_tenant.h) until orbs3_http_close_request.
 int orbs3_find_virtual_server(orbs3_http_request_t* r);
+// Drops the request's reference on its vhost, if it holds one, and clears r->vhost.
+void orbs3_http_drop_vhost(orbs3_http_request_t* r);
 
 // ---- the life of a connection and its requests ----
 

@@ -16,6 +16,7 @@ import re
 import shutil
 import signal
 import socket
+import struct
 import subprocess
 import tempfile
 import time
@@ -373,6 +374,43 @@ def headers_of(reply):
     """The header fields of a raw reply, names in lower case."""
     head = reply.split(b"\r\n\r\n", 1)[0].decode()
     return {k.strip().lower(): v.strip() for k, v in (line.split(":", 1) for line in head.split("\r\n")[1:])}
+
+
+# ---- the control sockets' protocol ----
+
+MSG_VERSION = 0x00060001
+MSG_HEAD = struct.Struct("<11I")  # version, type, status, reserved, length, six reserved words
+MSG_STATUS_OK = 0x10010000
+
+
+def control_call(path, mtype, body=None, timeout=5.0, version=MSG_VERSION):
+    """One request on a control socket (the master's or a worker's): sends `body` (a dict is sent as
+    JSON) and returns (type, status, body bytes) of the reply, or None when the socket closed without
+    one."""
+    if isinstance(body, dict):
+        body = json.dumps(body).encode()
+    body = body or b""
+    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as s:
+        s.settimeout(timeout * SLOWDOWN)
+        s.connect(path)
+        s.sendall(MSG_HEAD.pack(version, mtype, 0, 0, len(body), 0, 0, 0, 0, 0, 0) + body)
+        data = b""
+        while True:
+            chunk = s.recv(65536)
+            if not chunk:
+                break
+            data += chunk
+            if len(data) >= MSG_HEAD.size and len(data) >= MSG_HEAD.size + MSG_HEAD.unpack_from(data)[4]:
+                break
+    if len(data) < MSG_HEAD.size:
+        return None
+    head = MSG_HEAD.unpack_from(data)
+    return head[1], head[2], data[MSG_HEAD.size:MSG_HEAD.size + head[4]]
+
+
+def worker_iface(box, pid):
+    """The control socket of worker `pid` in the sandbox."""
+    return box.path(f"var/run/orbmux/{pid}.iface")
 
 
 # ---- one tenant on its own daemon: the fixture the S3 modules share ----

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -125,6 +126,8 @@ TEST_F(ServiceStart, StopOfTheLastActiveVhostEndsTheWorker)
     orbs3_service_t* svc = a->service;
     ASSERT_EQ(svc, b->service);
     svc->pid = child;
+    svc->pidfd = static_cast<int>(syscall(SYS_pidfd_open, child, 0));  // the start task's hold on it
+    ASSERT_GE(svc->pidfd, 0);
 
     a->status = ORBS3_STATUS_INACTIVE;
     a->running = ORBS3_STATUS_STOPING;
@@ -137,6 +140,7 @@ TEST_F(ServiceStart, StopOfTheLastActiveVhostEndsTheWorker)
     b->status = ORBS3_STATUS_INACTIVE;
     EXPECT_EQ(orbs3_stop_vhost(b), 0);
     EXPECT_EQ(svc->pid, 0);
+    EXPECT_EQ(svc->pidfd, -1);
     EXPECT_NE(svc->flags & ORBS3_SERVICE_EXITED, 0);
     ASSERT_EQ(waitpid(child, &status, 0), child);
     ASSERT_TRUE(WIFEXITED(status));
