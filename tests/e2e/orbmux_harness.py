@@ -415,16 +415,19 @@ class Tenant:
         self.ca = ca
         self.endpoint = f"{'https' if ca else 'http'}://127.0.0.1:{port}"
 
-    def connect(self, timeout=30, source="127.0.0.1", server_name="127.0.0.1"):
-        """A new connection to the service, TLS (the handshake done, the certificate checked) when it is."""
+    def tls_context(self):
+        import ssl
+        return ssl.create_default_context(cafile=self.ca)
+
+    def connect(self, timeout=30, source="127.0.0.1", server_name="127.0.0.1", context=None, session=None):
+        """A new connection to the service, TLS (the handshake done, the certificate checked) when it is;
+        `context` and `session` (of an earlier connection of that context) for a resumed handshake."""
         s = socket.create_connection(("127.0.0.1", self.port), timeout=timeout * SLOWDOWN,
                                      source_address=(source, 0))
         if self.ca is None:
             return s
-        import ssl
-        ctx = ssl.create_default_context(cafile=self.ca)
         try:
-            return ctx.wrap_socket(s, server_hostname=server_name)
+            return (context or self.tls_context()).wrap_socket(s, server_hostname=server_name, session=session)
         except BaseException:
             s.close()
             raise
