@@ -14,6 +14,9 @@
                                                                     1 MiB block, UNSIGNED-PAYLOAD) over one
                                                                     connection; print "status seconds
                                                                     seconds-until-the-body-was-sent"
+
+A tenant whose endpoint (in TENANT_JSON) is https:// is spoken to over TLS, trusting the CA file in
+$ORBMUX_CA.
 """
 
 import hashlib
@@ -23,6 +26,8 @@ import os
 import re
 import sys
 import time
+
+import ssl
 
 import boto3
 from botocore.auth import S3SigV4Auth
@@ -68,10 +73,22 @@ def write_lua(out, method, path, headers, body_file=None):
         fp.write("\n".join(lines) + "\n")
 
 
+def tls(tenant):
+    return tenant["endpoint"].startswith("https://")
+
+
+def connection(tenant, port):
+    if tls(tenant):
+        return http.client.HTTPSConnection("127.0.0.1", port,
+                                           context=ssl.create_default_context(cafile=os.environ["ORBMUX_CA"]))
+    return http.client.HTTPConnection("127.0.0.1", port)
+
+
 def client(tenant, port):
-    return boto3.client("s3", endpoint_url=f"http://127.0.0.1:{port}", region_name="us-east-1",
+    scheme = "https" if tls(tenant) else "http"
+    return boto3.client("s3", endpoint_url=f"{scheme}://127.0.0.1:{port}", region_name="us-east-1",
                         aws_access_key_id=tenant["access_key"], aws_secret_access_key=tenant["secret_key"],
-                        config=Config(s3={"addressing_style": "path"}, signature_version="s3v4"))
+                        verify=os.environ["ORBMUX_CA"] if tls(tenant) else None, config=Config(s3={"addressing_style": "path"}, signature_version="s3v4"))
 
 
 def main():
@@ -107,7 +124,7 @@ def main():
         m = re.search(r'io\.open\("([^"]+)"', script)
         if m:
             body = open(m.group(1), "rb").read()
-        c = http.client.HTTPConnection("127.0.0.1", port)
+        c = connection(tenant, port)
         c.request(method, path, body=body, headers=headers)
         r = c.getresponse()
         text = r.read()
@@ -123,7 +140,7 @@ def main():
         headers = signed_headers(tenant, port, "PUT", path, "UNSIGNED-PAYLOAD")
         headers["Content-Length"] = str(size)
         block = os.urandom(1 << 20)
-        c = http.client.HTTPConnection("127.0.0.1", port)
+        c = connection(tenant, port)
         start = time.monotonic()
         c.putrequest("PUT", path, skip_host=True, skip_accept_encoding=True)
         for k, v in headers.items():

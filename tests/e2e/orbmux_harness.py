@@ -413,6 +413,27 @@ def worker_iface(box, pid):
     return box.path(f"var/run/orbmux/{pid}.iface")
 
 
+# ---- certificates for HTTPS tenants ----
+
+def make_certs(box, domain=None, name="server"):
+    """A test CA and a server certificate it signs, made with the openssl command in the sandbox: EC P-256,
+    for 127.0.0.1 and localhost and, with a domain, for it and its virtual-host names (*.domain). Returns
+    {"ca": CA file, "cert": server certificate, "key": its key}."""
+    def openssl(*args):
+        subprocess.run(["openssl", *args], check=True, capture_output=True, timeout=30)
+    ca, ca_key = box.path(f"{name}-ca.pem"), box.path(f"{name}-ca.key")
+    cert, key, csr = box.path(f"{name}.pem"), box.path(f"{name}.key"), box.path(f"{name}.csr")
+    ext = box.path(f"{name}.ext")
+    ec = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes"]
+    openssl("req", "-x509", *ec, "-keyout", ca_key, "-out", ca, "-days", "2", "-subj", f"/CN=orbmux test CA {name}")
+    openssl("req", "-new", *ec, "-keyout", key, "-out", csr, "-subj", f"/CN={domain or '127.0.0.1'}")
+    san = "IP:127.0.0.1,DNS:localhost" + (f",DNS:{domain},DNS:*.{domain}" if domain else "")
+    box.write(f"{name}.ext", f"subjectAltName={san}\nbasicConstraints=CA:FALSE\n")
+    openssl("x509", "-req", "-in", csr, "-CA", ca, "-CAkey", ca_key, "-CAcreateserial", "-out", cert,
+            "-days", "2", "-extfile", ext)
+    return {"ca": ca, "cert": cert, "key": key}
+
+
 # ---- one tenant on its own daemon: the fixture the S3 modules share ----
 
 TMP_PREFIX = ".orbs3-tmp-"
@@ -422,13 +443,32 @@ SANITIZED = os.environ.get("ORBMUX_SANITIZED", "").upper() in ("1", "ON", "TRUE"
 class Tenant:
     """A tenant written by the provisioning tool, served on `port`, with the clients that talk to it:
     boto3, requests signed by hand and sent raw, and the command-line tools' arguments and environment.
-    `who` names a key pair: "user", "admin", or an extra user by name."""
+    `who` names a key pair: "user", "admin", or an extra user by name. With `ca` (the file of the CA that
+    signed the service's certificate) the tenant is spoken to over HTTPS, by every client."""
 
-    def __init__(self, box, daemon, port, info, root=None):
+    def __init__(self, box, daemon, port, info, root=None, ca=None):
         self.box, self.daemon, self.port, self.info = box, daemon, port, info
         self.user = info["user"]
         self.root = root or box.path(f"cluster/tenants/{info['name']}")
-        self.endpoint = f"http://127.0.0.1:{port}"
+        self.ca = ca
+        self.endpoint = f"{'https' if ca else 'http'}://127.0.0.1:{port}"
+
+    def tls_context(self):
+        import ssl
+        return ssl.create_default_context(cafile=self.ca)
+
+    def connect(self, timeout=30, source="127.0.0.1", server_name="127.0.0.1", context=None, session=None):
+        """A new connection to the service, TLS (the handshake done, the certificate checked) when it is;
+        `context` and `session` (of an earlier connection of that context) for a resumed handshake."""
+        s = socket.create_connection(("127.0.0.1", self.port), timeout=timeout * SLOWDOWN,
+                                     source_address=(source, 0))
+        if self.ca is None:
+            return s
+        try:
+            return (context or self.tls_context()).wrap_socket(s, server_hostname=server_name, session=session)
+        except BaseException:
+            s.close()
+            raise
 
     def keys(self, who="user"):
         if who == "admin":
@@ -446,7 +486,7 @@ class Tenant:
         ak, sk = self.keys(who)
         return boto3.client("s3", endpoint_url=endpoint or self.endpoint, region_name="us-east-1",
                             aws_access_key_id=access_key or ak, aws_secret_access_key=secret or sk,
-                            config=Config(signature_version=sig, s3={"addressing_style": style},
+                            verify=self.ca if self.ca else None, config=Config(signature_version=sig, s3={"addressing_style": style},
                                           retries={"max_attempts": 1, "mode": "standard"},
                                           connect_timeout=5, read_timeout=read_timeout * SLOWDOWN,
                                           max_pool_connections=16))
@@ -559,8 +599,7 @@ class Tenant:
     def exchange(self, data, quiet=None, source="127.0.0.1"):
         """Sends bytes on a new connection; returns everything the server wrote until it closed or, with
         `quiet`, went quiet for that many seconds."""
-        with socket.create_connection(("127.0.0.1", self.port), timeout=30 * SLOWDOWN,
-                                      source_address=(source, 0)) as s:
+        with self.connect(30, source) as s:
             s.sendall(data)
             if quiet is not None:
                 s.settimeout(quiet * SLOWDOWN)
@@ -580,8 +619,7 @@ class Tenant:
     def one_reply(self, data, head_only=False, source="127.0.0.1"):
         """Sends `data` on a new connection and returns the one reply, head and document, framed by its
         Content-Length; nothing may follow it."""
-        with socket.create_connection(("127.0.0.1", self.port), timeout=10 * SLOWDOWN,
-                                      source_address=(source, 0)) as s:
+        with self.connect(10, source) as s:
             s.sendall(data)
             got = b""
             while b"\r\n\r\n" not in got:
@@ -605,13 +643,15 @@ class Tenant:
         return tool_env(self, home, (ak, secret or sk))
 
     def aws(self):
-        return ["/usr/bin/aws", "--endpoint-url", self.endpoint, "--region", "us-east-1"]
+        return ["/usr/bin/aws", "--endpoint-url", self.endpoint, "--region", "us-east-1",
+                *(["--ca-bundle", self.ca] if self.ca else [])]
 
     def s3cmd(self, v2=False, secret=None):
         ak, sk = self.keys()
         hostport = f"127.0.0.1:{self.port}"
         return ["/usr/bin/s3cmd", "--config=/dev/null", f"--access_key={ak}", f"--secret_key={secret or sk}",
-                f"--host={hostport}", f"--host-bucket={hostport}", "--no-ssl", "--region=us-east-1",
+                f"--host={hostport}", f"--host-bucket={hostport}", "--region=us-east-1",
+                *(["--ssl", f"--ca-certs={self.ca}"] if self.ca else ["--no-ssl"]),
                 *(["--signature-v2"] if v2 else [])]
 
     def rclone(self, home):
@@ -620,27 +660,42 @@ class Tenant:
                "RCLONE_CONFIG_OM_PROVIDER": "Other", "RCLONE_CONFIG_OM_ENDPOINT": self.endpoint,
                "RCLONE_CONFIG_OM_ACCESS_KEY_ID": self.info["access_key"],
                "RCLONE_CONFIG_OM_SECRET_ACCESS_KEY": self.info["secret_key"],
-               "RCLONE_CONFIG_OM_REGION": "us-east-1"}
+               "RCLONE_CONFIG_OM_REGION": "us-east-1", **({"RCLONE_CA_CERT": self.ca} if self.ca else {})}
+
+    def js_env(self, home, bucket):
+        """The environment of a tests/js script acting as the tenant's user on `bucket`; node trusts the
+        test CA through NODE_EXTRA_CA_CERTS, as an application's operator would set it."""
+        return {**self.env(home), "ORBMUX_ENDPOINT": self.endpoint, "ORBMUX_BUCKET": bucket,
+                **({"NODE_EXTRA_CA_CERTS": self.ca} if self.ca else {})}
 
 
-def tenant_fixture(name, *tool_args, orbmux_conf=DEFAULT_ORBMUX_CONF, buckets=(), service=None, prepare=None):
+def tenant_fixture(name, *tool_args, orbmux_conf=DEFAULT_ORBMUX_CONF, buckets=(), service=None, prepare=None,
+                   tls=False, http_conf=None):
     """A module-scoped pytest fixture: one daemon serving one tenant `name` written with `tool_args`
     (its service file holding `service` when given), the `buckets` created, `prepare(tenant)` run; it
-    yields the Tenant and at the end stops the daemon in order (no crash, no sanitizer report)."""
+    yields the Tenant and at the end stops the daemon in order (no crash, no sanitizer report). With
+    `tls` the tenant's group speaks HTTPS with a certificate of a test CA (for the --domain given, if
+    any); `http_conf` is the text of the sandbox's http.conf."""
     import pytest
 
     @pytest.fixture(scope="module")
     def tenant():
-        box = Sandbox(orbmux_conf=orbmux_conf)
+        box = Sandbox(orbmux_conf=orbmux_conf, http_conf=http_conf)
         port = free_port()
-        info = box.add_tenant(name, port, *tool_args)
+        ca, args = None, list(tool_args)
+        if tls:
+            domain = args[args.index("--domain") + 1] if "--domain" in args else None
+            certs = make_certs(box, domain)
+            ca = certs["ca"]
+            args += ["--ssl", "--cert", certs["cert"], "--key", certs["key"]]
+        info = box.add_tenant(name, port, *args)
         if service is not None:
             with open(os.path.join(os.path.dirname(info["user_file"]), info["id"]), "w") as f:
                 f.write(service)
         daemon = box.start("-d")
         try:
             wait_port(port)
-            t = Tenant(box, daemon, port, info)
+            t = Tenant(box, daemon, port, info, ca=ca)
             s3 = t.client()
             for b in buckets:
                 s3.create_bucket(Bucket=b)

@@ -127,6 +127,42 @@ def test_refused_add_says_why_and_changes_nothing(tmp_path, args, message):
     assert snapshot(tmp_path) == before
 
 
+def test_ssl_writes_the_groups_tls_settings_and_later_hosts_must_match(tmp_path):
+    for f in ("c.pem", "k.key", "other.pem"):
+        (tmp_path / f).write_text("x")
+    t = add(tmp_path, "tls", "--group", "g", "--port", "9443", "--ssl", "--cert", str(tmp_path / "c.pem"),
+            "--key", str(tmp_path / "k.key"), "--key-pwd", 'p&"w')
+    assert t["endpoint"] == "https://127.0.0.1:9443"
+    assert (f'cert="{tmp_path}/c.pem" key="{tmp_path}/k.key" key_pwd="p&amp;&quot;w" ssl="true">\n'
+            in open(t["group_file"]).read())
+    same = ["--group", "g", "--ssl", "--cert", str(tmp_path / "c.pem"), "--key", str(tmp_path / "k.key"),
+            "--key-pwd", 'p&"w']
+    assert add(tmp_path, "tls2", *same)["endpoint"] == "https://127.0.0.1:9443"
+    assert add(tmp_path, "tls3", "--group", "g")["endpoint"] == "https://127.0.0.1:9443", "inherits the group's"
+
+    before = snapshot(tmp_path)
+    for args, message in [
+        (same[:-1] + ["other"], "key_pwd differ"),
+        (same[:4] + [str(tmp_path / "other.pem")] + same[5:], "cert differ"),
+        (same[:2] + same[3:], "given without --ssl"),
+        (["--group", "g", "--key-pwd", "x"], "--key-pwd given without --ssl"),
+        (["--group", "h", "--ssl", "--cert", str(tmp_path / "c.pem")], "--ssl needs --cert FILE and --key FILE"),
+        (["--group", "h", "--ssl", "--key", str(tmp_path / "k.key")], "--ssl needs --cert FILE and --key FILE"),
+        (["--group", "h", "--ssl", "--cert", str(tmp_path / "none.pem"), "--key", str(tmp_path / "k.key")],
+         "is not a readable file"),
+        (same[:-1] + ["p" * 129], "longer than 128 bytes"),
+    ]:
+        out = add(tmp_path, "new", *args, check=False)
+        assert out.returncode == 1 and message in out.stderr, (args, out.stderr)
+        assert 'p&"w' not in out.stderr, "the key password never appears in a message"
+    assert snapshot(tmp_path) == before
+    # A plain group refuses a TLS host: its settings differ too.
+    plain = add(tmp_path, "plain", "--group", "p")
+    out = add(tmp_path, "new", "--group", "p", *same[2:], check=False)
+    assert out.returncode == 1 and "ssl, cert, key, key_pwd differ" in out.stderr, out.stderr
+    assert plain["endpoint"].startswith("http://")
+
+
 def test_attribute_values_are_escaped_and_read_back_unchanged(tmp_path):
     name = 'a&b<c>"d'
     t = add(tmp_path, name, "--group", "q&g", "--domain", 's3.<x>&"y"')
