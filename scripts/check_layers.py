@@ -26,7 +26,8 @@ import tempfile
 
 RANKS = {"base": 0, "event": 1, "tls": 2, "http": 3, "s3": 4, "storage": 5, "daemon": 6}
 DIR_LAYER = {"memory": "base", "core": "base", "event": "event", "tls": "tls", "http": "http", "s3": "s3",
-             "storage": "storage", "access": "storage", "versions": "storage", "control": "daemon"}
+             "storage": "storage", "access": "storage", "versions": "storage", "control": "daemon",
+             "ctl": "daemon"}
 DAEMON_CORE = {"core/orbs3_main", "core/orbs3_process", "core/orbs3_worker"}
 # Headers whose module is one directory: nothing outside that directory includes them.
 PRIVATE = {"s3/orbs3_s3_sign_parts.h": "s3/"}
