@@ -219,7 +219,11 @@ int cmd_get(const client_t& c, const args_t& a)
     if (!c.json) {
         json_object_object_foreach(doc.get(), key, val)
         {
-            std::printf("%-16s%s\n", (std::string(key) + ":").c_str(), json_object_get_string(val));
+            const std::string value = json_object_get_string(val);
+            if (value.empty())
+                std::printf("%s:\n", key);
+            else
+                std::printf("%-16s%s\n", (std::string(key) + ":").c_str(), value.c_str());
         }
     }
     return kExitOk;
