@@ -245,17 +245,19 @@ def test_faults_do_not_stall_the_control_socket(node):
         t0 = time.monotonic()
         assert ctl(box, "list", timeout=20).returncode == 0
         waited = time.monotonic() - t0
-        # The silent client holds the thread only up to the socket's 5 s deadline.
-        assert waited < 8, waited
+        # The silent client waits for its own 5 s deadline; the others are answered meanwhile.
+        assert waited < 3, waited
     finally:
         silent.close()
     # A header that announces 2^31 bytes: the socket is closed, nothing is allocated for it.
     huge = struct.pack("<11I", VERSION, 0x1001, 0, 0, 1 << 31, 0, 0, 0, 0, 0, 0)
     assert raw_call(box, 0, head=huge) is None
-    # Garbage: a wrong version is answered 0x0c00002f; bad JSON and an unknown type are refused with 1000.
-    garbage = b"\xff" * 44
-    reply = raw_call(box, 0, head=garbage)
-    assert reply is None or reply[1] == 0x0c00002f
+    # Garbage: 44 bytes of 0xff announce 4 GiB and are closed on unread; a wrong version is answered
+    # 0x0c00002f; bad JSON, a non-object and an unknown type are refused with 1000.
+    assert raw_call(box, 0, head=b"\xff" * 44) is None
+    wrong = struct.pack("<11I", 0xDEADBEEF, 0x1001, 0, 0, 0, 0, 0, 0, 0, 0, 0)
+    assert raw_call(box, 0, head=wrong) == (0x10001001, 0x0c00002f, None)
+    assert raw_call(box, 0x1003, bytes(range(256)))[1] == 1000
     assert raw_call(box, 0x1003, b"{not json")[1] == 1000
     assert raw_call(box, 0x1003, b"[1,2]")[1] == 1000
     assert raw_call(box, 0x7777, b"{}")[1:] == (1000, {"errorcode": 1000, "errordesc": "Data parsing error",
