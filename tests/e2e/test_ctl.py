@@ -6,6 +6,7 @@ before it is still there.
 """
 
 import concurrent.futures
+import fcntl
 import json
 import os
 import re
@@ -235,6 +236,28 @@ def test_refusals_and_exit_codes(node):
     assert ctl(box, "frobnicate", as_json=False).returncode == 2
     gone = subprocess.run([CTL, "--prefix", box.path("nowhere"), "list"], capture_output=True, timeout=10)
     assert gone.returncode == 3
+
+
+def test_failed_write_changes_nothing(node):
+    box = node["box"]
+    port = free_port()
+    # The provisioning tool holds its lock: the change waits a bounded time, then is refused.
+    with open(box.path(f"{SYSDIR}/.orbmux-tenant.lock"), "a") as lock:
+        fcntl.flock(lock, fcntl.LOCK_EX)
+        t0 = time.monotonic()
+        out = ctl(box, "add", "--name", "locked", "--port", str(port), as_json=False)
+        assert out.returncode == 1 and "1101" in out.stderr, out.stderr
+        assert 2 < time.monotonic() - t0 < 10
+    # A group file that cannot be read is not overwritten, and the tenant is not added.
+    os.makedirs(box.path(f"{SYSDIR}/group_blocked.xml/x"))
+    out = ctl(box, "add", "--name", "blocked", "--port", str(port), as_json=False)
+    assert out.returncode == 1 and "1101" in out.stderr, out.stderr
+    names = [t["name"] for t in ctl_ok(box, "list")["data"]]
+    assert "locked" not in names and "blocked" not in names
+    assert not port_accepts(port)
+    # Once the lock is free the same add goes through.
+    ctl_ok(box, "add", "--name", "locked", "--port", str(port), "--inactive")
+    assert "locked" in [t["name"] for t in ctl_ok(box, "list")["data"]]
 
 
 def test_faults_do_not_stall_the_control_socket(node):
