@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <json-c/json.h>
 #include <strings.h>
+#include <sys/random.h>
 
 #include <memory>
 #include <span>
@@ -227,4 +228,19 @@ int orbs3_parse_vhost_req(uint32_t type, const char* body, orbs3_vhost_req_t* re
         req->*r.field = s;
     }
     return 0;
+}
+
+std::string orbs3_ctrl_random_text(std::size_t n, std::string_view alphabet)
+{
+    std::string out;
+    unsigned char buf[64];
+    while (out.size() < n) {
+        if (getrandom(buf, sizeof buf, 0) != static_cast<ssize_t>(sizeof buf))
+            continue;
+        // Bytes past the last whole multiple of the alphabet are dropped, so every character is as likely.
+        for (unsigned char b : buf)
+            if (b < 256 - 256 % alphabet.size() && out.size() < n)
+                out += alphabet[b % alphabet.size()];
+    }
+    return out;
 }

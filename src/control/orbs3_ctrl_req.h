@@ -5,8 +5,10 @@
 // again against the real directories when the tenant is placed).
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
 
 enum class orbs3_req_key : uint32_t {
     id,
@@ -54,3 +56,11 @@ inline constexpr int ORBS3_CTRL_BAD_REQUEST = 1000;
 [[nodiscard]] bool orbs3_ctrl_file_name_ok(const std::string& s);
 // Whether `s` is a relative path of such names: no empty text, no leading '/', no "." or ".." part.
 [[nodiscard]] bool orbs3_ctrl_rel_path_ok(const std::string& s);
+
+// Fresh credentials: `n` characters drawn evenly from `alphabet` by the kernel's random source.
+[[nodiscard]] std::string orbs3_ctrl_random_text(std::size_t n, std::string_view alphabet);
+inline constexpr std::string_view ORBS3_KEY_ID_CHARS = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
+inline constexpr std::string_view ORBS3_SECRET_CHARS =
+    "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
+inline constexpr std::size_t ORBS3_KEY_ID_LEN = 20;
+inline constexpr std::size_t ORBS3_SECRET_LEN = 40;

@@ -4,7 +4,6 @@
 #include <pthread.h>
 #include <limits.h>
 #include <strings.h>
-#include <sys/random.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -76,27 +75,26 @@ orbs3_vhost_t* vhost_at(neo_list_head_t* pos)
     return static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
 }
 
-// Caller holds the lock.
-orbs3_vhost_t* orbs3_find_vhost(const std::string& id)
+// The vhost whose `field` is `value`, or null. Caller holds the lock.
+orbs3_vhost_t* find_vhost_by(orbs3_str_t orbs3_vhost_t::*field, const std::string& value)
 {
     neo_list_head_t* pos;
     list_for_each(pos, &g_vhost_list)
     {
-        if (id == neo_getstr(&vhost_at(pos)->id))
+        if (value == neo_getstr(&(vhost_at(pos)->*field)))
             return vhost_at(pos);
     }
     return nullptr;
 }
 
+orbs3_vhost_t* orbs3_find_vhost(const std::string& id)
+{
+    return find_vhost_by(&orbs3_vhost_t::id, id);
+}
+
 orbs3_vhost_t* orbs3_find_vhost_byname(const std::string& name)
 {
-    neo_list_head_t* pos;
-    list_for_each(pos, &g_vhost_list)
-    {
-        if (name == neo_getstr(&vhost_at(pos)->name))
-            return vhost_at(pos);
-    }
-    return nullptr;
+    return find_vhost_by(&orbs3_vhost_t::name, name);
 }
 
 // ---- replies ----
@@ -273,29 +271,6 @@ bool user_file_of(const orbs3_vhost_t* vh, std::string* path)
     *path = std::string(dir) + neo_getstr(&vh->id) + ".user";
     return true;
 }
-
-// Random text of `n` characters from `alphabet`.
-std::string random_text(std::size_t n, std::string_view alphabet)
-{
-    std::string out;
-    unsigned char buf[64];
-    while (out.size() < n) {
-        if (getrandom(buf, sizeof buf, 0) != static_cast<ssize_t>(sizeof buf))
-            continue;
-        for (unsigned char b : buf) {
-            // Rejection keeps every character equally likely.
-            if (b >= 256 - 256 % alphabet.size())
-                continue;
-            if (out.size() < n)
-                out += alphabet[b % alphabet.size()];
-        }
-    }
-    return out;
-}
-
-constexpr std::string_view kKeyIdChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789";
-constexpr std::string_view kSecretChars = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789";
-constexpr std::string_view kHexChars = "0123456789abcdef";
 
 // ---- handlers ----
 
@@ -617,11 +592,11 @@ int receive_msg_add_user_request(int fd, orbs3_msg_t* msg)
     if (!scratch)
         return reply_status(fd, msg, kAddFailed, "out of memory");
     if (req.accesskeyid.empty())
-        req.accesskeyid = random_text(20, kKeyIdChars);
+        req.accesskeyid = orbs3_ctrl_random_text(ORBS3_KEY_ID_LEN, ORBS3_KEY_ID_CHARS);
     if (req.accesskeysecret.empty())
-        req.accesskeysecret = random_text(40, kSecretChars);
+        req.accesskeysecret = orbs3_ctrl_random_text(ORBS3_SECRET_LEN, ORBS3_SECRET_CHARS);
     if (req.userid.empty())
-        req.userid = random_text(32, kHexChars);
+        req.userid = orbs3_ctrl_random_text(32, "0123456789abcdef");
 
     std::string path;
     if (!user_file_of(scratch.get(), &path))

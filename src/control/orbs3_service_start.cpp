@@ -375,35 +375,38 @@ int orbs3_stop_vhost(void* data)
     return 0;
 }
 
-int orbs3_edit_vhost(void* data)
+namespace {
+
+// Sends the vhost's request of `type` to its worker when the vhost is active and the worker lives; the
+// request is built under the lock, sent after it.
+void tell_worker(orbs3_vhost_t* vh, uint32_t type, std::string (*build)(const orbs3_vhost_t*), const char* what)
 {
-    auto* vh = static_cast<orbs3_vhost_t*>(data);
     std::string iface, body;
     {
         service_write_lock lock;
         orbs3_service_t* svc = vh->service;
         if (vh->status == ORBS3_STATUS_ACTIVE && svc != nullptr && svc->pid > 0) {
             iface = svc->iface;
-            body = orbs3_make_json_edit_vhost(vh);
+            body = build(vh);
         }
-        vh->chg = 0;
+        if (type == ORBS3_MSG_EDIT_VHOST)
+            vh->chg = 0;
     }
-    send_to_worker(iface, ORBS3_MSG_EDIT_VHOST, body, "in worker: edit vhost failure");
+    send_to_worker(iface, type, body, what);
+}
+
+}  // namespace
+
+int orbs3_edit_vhost(void* data)
+{
+    tell_worker(static_cast<orbs3_vhost_t*>(data), ORBS3_MSG_EDIT_VHOST, orbs3_make_json_edit_vhost,
+                "in worker: edit vhost failure");
     return 0;
 }
 
 int orbs3_notify_add_user(void* data)
 {
-    auto* vh = static_cast<orbs3_vhost_t*>(data);
-    std::string iface, body;
-    {
-        service_write_lock lock;
-        orbs3_service_t* svc = vh->service;
-        if (vh->status == ORBS3_STATUS_ACTIVE && svc != nullptr && svc->pid > 0) {
-            iface = svc->iface;
-            body = orbs3_make_json_add_vhost(vh);
-        }
-    }
-    send_to_worker(iface, ORBS3_MSG_ADD_VHOST, body, "worker: add user failure");
+    tell_worker(static_cast<orbs3_vhost_t*>(data), ORBS3_MSG_ADD_VHOST, orbs3_make_json_add_vhost,
+                "worker: add user failure");
     return 0;
 }

@@ -5,7 +5,6 @@
 // could not be reached or did not answer.
 
 #include <json-c/json.h>
-#include <sys/random.h>
 #include <uuid/uuid.h>
 
 #include <algorithm>
@@ -18,6 +17,7 @@
 #include <string_view>
 #include <vector>
 
+#include "control/orbs3_ctrl_req.h"
 #include "control/orbs3_msg.h"
 #include "core/orbs3_prefix.h"
 
@@ -63,20 +63,6 @@ std::string str_of(json_object* o, const char* key)
     if (o == nullptr || !json_object_object_get_ex(o, key, &v) || v == nullptr)
         return {};
     return json_object_get_string(v);
-}
-
-std::string random_text(std::size_t n, std::string_view alphabet)
-{
-    std::string out;
-    unsigned char buf[64];
-    while (out.size() < n) {
-        if (getrandom(buf, sizeof buf, 0) != static_cast<ssize_t>(sizeof buf))
-            continue;
-        for (unsigned char b : buf)
-            if (b < 256 - 256 % alphabet.size() && out.size() < n)
-                out += alphabet[b % alphabet.size()];
-    }
-    return out;
 }
 
 std::string new_uuid_hex()
@@ -250,9 +236,9 @@ int cmd_add(const client_t& c, const args_t& a)
     const std::string id = a.get("id", new_uuid_hex());
     const std::string group = a.get("group", name);
     const std::string ip = a.get("ip", "127.0.0.1");
-    const std::string admin_key = random_text(20, "ABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789");
+    const std::string admin_key = orbs3_ctrl_random_text(ORBS3_KEY_ID_LEN, ORBS3_KEY_ID_CHARS);
     const std::string admin_secret =
-        random_text(40, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789");
+        orbs3_ctrl_random_text(ORBS3_SECRET_LEN, ORBS3_SECRET_CHARS);
     const bool ssl = a.flag("ssl");
 
     json_ptr body(json_object_new_object());

@@ -106,3 +106,16 @@ TEST(CtrlReq, GoodBodyFillsTheRecord)
     EXPECT_EQ(req.name, "");
     EXPECT_FALSE(req.has(orbs3_req_key::domain));
 }
+
+// Keys made for a new tenant or user: the length asked for, only the alphabet's characters, never twice.
+TEST(CtrlReq, FreshCredentialsAreOfTheirAlphabetAndDiffer)
+{
+    const std::string a = orbs3_ctrl_random_text(ORBS3_SECRET_LEN, ORBS3_SECRET_CHARS);
+    const std::string b = orbs3_ctrl_random_text(ORBS3_SECRET_LEN, ORBS3_SECRET_CHARS);
+    const std::string id = orbs3_ctrl_random_text(ORBS3_KEY_ID_LEN, ORBS3_KEY_ID_CHARS);
+    EXPECT_EQ(a.size(), ORBS3_SECRET_LEN);
+    EXPECT_EQ(id.size(), ORBS3_KEY_ID_LEN);
+    EXPECT_NE(a, b);
+    EXPECT_EQ(a.find_first_not_of(ORBS3_SECRET_CHARS), std::string::npos);
+    EXPECT_EQ(id.find_first_not_of(ORBS3_KEY_ID_CHARS), std::string::npos);
+}
