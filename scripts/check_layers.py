@@ -5,7 +5,7 @@
     check_layers.py --self-test                    the check's own cases on small temporary trees
 
 Layers, bottom to top: base (memory/, core/ but the daemon's files), event, tls, http, s3, storage
-(storage/, access/, versions/), daemon (control/, core/orbs3_main, orbs3_process, orbs3_worker). A file
+(storage/, access/, versions/), daemon (control/, ctl/, core/orbs3_main, orbs3_process, orbs3_worker). A file
 may include its own layer and those below. Three more rules:
   - a private header may be included only from its own directory (PRIVATE below);
   - an engine file (listed as `engine` in the allow-list file) includes nothing of http/;
