@@ -8,6 +8,7 @@
 #include <uuid/uuid.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -101,9 +102,13 @@ struct client_t {
         const char* text = body != nullptr ? json_object_to_json_string_ext(body, JSON_C_TO_STRING_PLAIN) : "";
         char* reply = nullptr;
         uint32_t status = 0;
+        errno = 0;
         const int rc = orbs3_daemon_call(socket.c_str(), type, text, std::strlen(text), &reply, &status);
         if (rc == -1) {
-            std::fprintf(stderr, "orbmux-ctl: no answer from the daemon on %s\n", socket.c_str());
+            // A user other than root is refused by the socket's mode: EACCES says so.
+            const int err = errno;
+            std::fprintf(stderr, "orbmux-ctl: no answer from the daemon on %s%s%s\n", socket.c_str(),
+                         err != 0 ? ": " : "", err != 0 ? std::strerror(err) : "");
             std::free(reply);
             std::exit(kExitUnreachable);
         }
