@@ -5,7 +5,7 @@
     check_layers.py --self-test                    the check's own cases on small temporary trees
 
 Layers, bottom to top: base (memory/, core/ but the daemon's files), event, tls, http, s3, storage
-(storage/, access/, versions/), daemon (control/, core/orbs3_main, orbs3_process, orbs3_worker). A file
+(storage/, access/, versions/), daemon (control/, ctl/, core/orbs3_main, orbs3_process, orbs3_worker). A file
 may include its own layer and those below. Three more rules:
   - a private header may be included only from its own directory (PRIVATE below);
   - an engine file (listed as `engine` in the allow-list file) includes nothing of http/;
@@ -26,7 +26,8 @@ import tempfile
 
 RANKS = {"base": 0, "event": 1, "tls": 2, "http": 3, "s3": 4, "storage": 5, "daemon": 6}
 DIR_LAYER = {"memory": "base", "core": "base", "event": "event", "tls": "tls", "http": "http", "s3": "s3",
-             "storage": "storage", "access": "storage", "versions": "storage", "control": "daemon"}
+             "storage": "storage", "access": "storage", "versions": "storage", "control": "daemon",
+             "ctl": "daemon"}
 DAEMON_CORE = {"core/orbs3_main", "core/orbs3_process", "core/orbs3_worker"}
 # Headers whose module is one directory: nothing outside that directory includes them.
 PRIVATE = {"s3/orbs3_s3_sign_parts.h": "s3/"}

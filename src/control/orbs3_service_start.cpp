@@ -6,12 +6,19 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <json-c/json.h>
+
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
+#include "control/orbs3_ctrl_thread.h"
+#include "control/orbs3_msg.h"
 #include "control/orbs3_vhost_file.h"
+#include "core/orbs3_config.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_worker.h"
@@ -51,16 +58,58 @@ orbs3_vhost_t* vhost_of(neo_list_head_t* pos)
     return static_cast<orbs3_vhost_t*>(orbs3_list_node(pos)->data);
 }
 
-void start_task_handler(void* data)
+// Tasks not yet finished, per vhost: the control thread frees no vhost a task still points at.
+std::mutex g_pending_mtx;
+std::unordered_map<const orbs3_vhost_t*, int> g_pending;
+
+void pending_add(const orbs3_vhost_t* vh, int n)
 {
-    auto* words = static_cast<uint64_t*>(data);
-    (void)orbs3_start_vhost(reinterpret_cast<void*>(words[0]));
+    std::lock_guard<std::mutex> g(g_pending_mtx);
+    if ((g_pending[vh] += n) <= 0)
+        g_pending.erase(vh);
 }
 
-void stop_task_handler(void* data)
+template <int (*Body)(void*)>
+void vhost_task_handler(void* data)
 {
     auto* words = static_cast<uint64_t*>(data);
-    (void)orbs3_stop_vhost(reinterpret_cast<void*>(words[0]));
+    auto* vh = reinterpret_cast<orbs3_vhost_t*>(words[0]);
+    (void)Body(vh);
+    pending_add(vh, -1);
+}
+
+// One request to a worker's control socket, under the socket's deadlines; no lock is held here.
+void send_to_worker(const std::string& iface, uint32_t type, const std::string& body, const char* what)
+{
+    if (iface.empty())
+        return;
+    char* reply = nullptr;
+    uint32_t status = 0;
+    const int rc = orbs3_daemon_call(iface.c_str(), type, body.data(), body.size(), &reply, &status);
+    std::free(reply);
+    if (rc != 0 || status != ORBS3_MSG_STATUS_OK)
+        ipd_log(LOG_ERR, "%s[%s]: result %d, status 0x%x", what, iface.c_str(), rc, status);
+    else
+        ipd_debug("worker[%s] took request 0x%x", iface.c_str(), type);
+}
+
+// Forks the service's worker for its first active vhost. Caller holds the write lock.
+void fork_worker(orbs3_vhost_t* vh, orbs3_service_t* svc);
+
+struct json_put {
+    void operator()(json_object* o) const noexcept { json_object_put(o); }
+};
+using json_ptr = std::unique_ptr<json_object, json_put>;
+
+void put(json_object* o, const char* key, const orbs3_str_t& s)
+{
+    json_object_object_add(o, key, json_object_new_string(neo_getstr(&s)));
+}
+
+std::string text_of(json_object* o)
+{
+    const char* t = json_object_to_json_string_ext(o, JSON_C_TO_STRING_PLAIN);
+    return t != nullptr ? t : "";
 }
 
 int post_vhost_task(orbs3_vhost_t* vhost, neo_thread_handler_pt handler)
@@ -74,7 +123,9 @@ int post_vhost_task(orbs3_vhost_t* vhost, neo_thread_handler_pt handler)
         return -1;
     task->data[0] = reinterpret_cast<uint64_t>(vhost);
     task->handler = handler;
+    pending_add(vhost, 1);
     if (neo_thread_task_post(&g_ctrl_tp, task) != 0) {
+        pending_add(vhost, -1);
         neo_thread_task_free(task);
         return -1;
     }
@@ -167,12 +218,77 @@ void orbs3_init_service()
 
 int orbs3_task_start_vhost(orbs3_vhost_t* vhost)
 {
-    return post_vhost_task(vhost, start_task_handler);
+    return post_vhost_task(vhost, vhost_task_handler<orbs3_start_vhost>);
 }
 
 int orbs3_task_stop_vhost(orbs3_vhost_t* vhost)
 {
-    return post_vhost_task(vhost, stop_task_handler);
+    return post_vhost_task(vhost, vhost_task_handler<orbs3_stop_vhost>);
+}
+
+int orbs3_task_edit_vhost(orbs3_vhost_t* vhost)
+{
+    return post_vhost_task(vhost, vhost_task_handler<orbs3_edit_vhost>);
+}
+
+int orbs3_task_add_user(orbs3_vhost_t* vhost)
+{
+    return post_vhost_task(vhost, vhost_task_handler<orbs3_notify_add_user>);
+}
+
+int orbs3_vhost_tasks_pending(const orbs3_vhost_t* vhost)
+{
+    std::lock_guard<std::mutex> g(g_pending_mtx);
+    auto it = g_pending.find(vhost);
+    return it == g_pending.end() ? 0 : it->second;
+}
+
+std::string orbs3_make_json_add_vhost(const orbs3_vhost_t* vh)
+{
+    json_ptr o(json_object_new_object());
+    put(o.get(), "name", vh->name);
+    put(o.get(), "id", vh->id);
+    put(o.get(), "group", vh->group);
+    put(o.get(), "domain", vh->domain);
+    put(o.get(), "path", vh->group_path);
+    // The worker finds the tenant's directories and files by cluster and tier, as at its own start.
+    put(o.get(), "cluster", vh->cluster);
+    put(o.get(), "tiered", vh->tiered);
+    put(o.get(), "accesskeyid", vh->admin.accesskeyid);
+    put(o.get(), "accesskeysecret", vh->admin.accesskeysecret);
+    put(o.get(), "displayname", vh->admin.DisPlayName);
+    put(o.get(), "userid", vh->admin.UserId);
+    return text_of(o.get());
+}
+
+std::string orbs3_make_json_edit_vhost(const orbs3_vhost_t* vh)
+{
+    const orbs3_service_t* svc = vh->service;
+    json_ptr o(json_object_new_object());
+    put(o.get(), "id", vh->id);
+    put(o.get(), "group", vh->group);
+    put(o.get(), "name", vh->name);
+    put(o.get(), "domain", vh->domain);
+    put(o.get(), "meta", vh->meta_root);
+    put(o.get(), "data", vh->data_root);
+    put(o.get(), "version", vh->version_root);
+    put(o.get(), "recycle", vh->recycle_root);
+    json_object_object_add(o.get(), "ssl",
+                           json_object_new_string(orbs3_get_bool_string(static_cast<int>(svc->ssl))));
+    put(o.get(), "ca", svc->ca);
+    put(o.get(), "cert", svc->cert);
+    put(o.get(), "key", svc->ssl_key);
+    put(o.get(), "key_pwd", svc->key_pwd);
+    json_object_object_add(o.get(), "chg", json_object_new_int(vh->chg));
+    return text_of(o.get());
+}
+
+std::string orbs3_make_json_del_vhost(const orbs3_vhost_t* vh)
+{
+    json_ptr o(json_object_new_object());
+    put(o.get(), "id", vh->id);
+    put(o.get(), "name", vh->name);
+    return text_of(o.get());
 }
 
 int orbs3_start_vhost(void* data)
@@ -184,15 +300,31 @@ int orbs3_start_vhost(void* data)
 
     // Decision and fork under the write lock: two start tasks of one service can never both see it without
     // a worker and fork twice, no writer is half way through the lists when the child's copy is made, and
-    // the child, whose only thread is this one, makes the lock new. A later active vhost of the service
-    // is already in the worker's copy of the lists, so it is served without a message.
-    service_write_lock lock;
-    if (svc->pid > 0) {
-        ipd_debug("vhost[%s] joins the running worker %d", neo_getstr(&vh->name), static_cast<int>(svc->pid));
-        vh->running = ORBS3_STATUS_ACTIVE;
-        return 0;
+    // the child, whose only thread is this one, makes the lock new. A vhost started on a service whose
+    // worker lives reaches it by the add message, sent once the lock is released.
+    std::string iface, body;
+    {
+        service_write_lock lock;
+        if (svc->pid > 0) {
+            ipd_debug("vhost[%s] joins the running worker %d", neo_getstr(&vh->name), static_cast<int>(svc->pid));
+            vh->running = ORBS3_STATUS_ACTIVE;
+            iface = svc->iface;
+            body = orbs3_make_json_add_vhost(vh);
+        } else {
+            fork_worker(vh, svc);
+            return 0;
+        }
     }
+    // A vhost that was in the lists when the worker was forked is there already; the worker takes an
+    // add of an id it holds as the same tenant.
+    send_to_worker(iface, ORBS3_MSG_ADD_VHOST, body, "worker: add vhost failure");
+    return 0;
+}
 
+namespace {
+
+void fork_worker(orbs3_vhost_t* vh, orbs3_service_t* svc)
+{
     // The child starts with every signal held, so none reaches the master's handlers in it before the
     // worker has installed its own.
     sigset_t all, old;
@@ -200,6 +332,9 @@ int orbs3_start_vhost(void* data)
     pthread_sigmask(SIG_SETMASK, &all, &old);
     pid_t pid = fork();
     if (pid == 0) {
+        // The master's control socket is not the worker's to hold.
+        if (g_ud_listen_fd >= 0)
+            close(g_ud_listen_fd);
         pthread_rwlock_init(&g_service_lock, nullptr);
         // The master's hold on the other workers stays in the master.
         neo_list_head_t* spos;
@@ -234,13 +369,16 @@ int orbs3_start_vhost(void* data)
     svc->flags &= static_cast<uint8_t>(~ORBS3_SERVICE_EXITED);
     format_iface(svc, pid);
     vh->running = ORBS3_STATUS_ACTIVE;
-    return 0;
 }
+
+}  // namespace
 
 int orbs3_stop_vhost(void* data)
 {
     auto* vh = static_cast<orbs3_vhost_t*>(data);
     orbs3_service_t* svc = vh->service;
+    std::string iface, body;
+    {
     service_write_lock lock;
     if (svc != nullptr) {
         int active = 0;
@@ -251,10 +389,12 @@ int orbs3_stop_vhost(void* data)
                 active++;
         }
         if (active > 0) {
-            // The worker drops one of several vhosts on a message of its control channel, which does not
-            // exist yet: until it does, the worker serves the stopped vhost until its next start.
+            // The worker goes on serving the others and drops this one on the message.
             ipd_debug("has service in process[%d]", static_cast<int>(svc->pid));
-            ipd_debug("worker: del vhost failure[%s]", svc->iface);
+            if (svc->pid > 0) {
+                iface = svc->iface;
+                body = orbs3_make_json_del_vhost(vh);
+            }
         } else {
             if (svc->pid > 0 && orbs3_worker_signal(svc, SIGWINCH) != 0)
                 ipd_log(LOG_ERR, "Signal transmission failure");
@@ -267,6 +407,46 @@ int orbs3_stop_vhost(void* data)
         }
     }
     vh->running = ORBS3_STATUS_INACTIVE;
+    }
+    send_to_worker(iface, ORBS3_MSG_DELETE_VHOST, body, "worker: del vhost failure");
+    return 0;
+}
+
+namespace {
+
+// Sends the vhost's request of `type` to its worker when the vhost is active and the worker lives; the
+// request is built under the lock, sent after it.
+void tell_worker(orbs3_vhost_t* vh, uint32_t type, std::string (*build)(const orbs3_vhost_t*), const char* what)
+{
+    std::string iface, body;
+    {
+        service_write_lock lock;
+        orbs3_service_t* svc = vh->service;
+        if (vh->status == ORBS3_STATUS_ACTIVE && svc != nullptr && svc->pid > 0) {
+            iface = svc->iface;
+            body = build(vh);
+        }
+        if (type == ORBS3_MSG_EDIT_VHOST)
+            vh->chg = 0;
+    }
+    send_to_worker(iface, type, body, what);
+}
+
+}  // namespace
+
+int orbs3_edit_vhost(void* data)
+{
+    tell_worker(static_cast<orbs3_vhost_t*>(data), ORBS3_MSG_EDIT_VHOST, orbs3_make_json_edit_vhost,
+                "in worker: edit vhost failure");
+    return 0;
+}
+
+int orbs3_notify_add_user(void* data)
+{
+    // An edit makes the worker read the tenant's users and keys again; an add of a tenant it serves
+    // already changes nothing there.
+    tell_worker(static_cast<orbs3_vhost_t*>(data), ORBS3_MSG_EDIT_VHOST, orbs3_make_json_edit_vhost,
+                "worker: add user failure");
     return 0;
 }
 

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string>
 
 #include "control/orbs3_service.h"
 #include "event/neo_thread_pool.h"
@@ -65,3 +66,23 @@ bool orbs3_worker_reaped(pid_t pid, int status, bool stopping);
 // Posts the start of every service whose restart is due at `now`. Takes the write lock if it is free (a
 // busy lock puts the check off to the caller's next turn); the pool's start task forks.
 void orbs3_restart_due_workers(int64_t now);
+
+// Posts the edit of an active vhost: its worker gets the edit message (name, domain, TLS files) and, when
+// TLS files changed, reloads its listener. 0 or -1 as above.
+int orbs3_task_edit_vhost(orbs3_vhost_t* vhost);
+// Posts the news of a new user of an active vhost: its worker gets the vhost's edit message and reads
+// the tenant's users anew. 0 or -1 as above.
+int orbs3_task_add_user(orbs3_vhost_t* vhost);
+// The task bodies; always 0. They hold g_service_lock only to read the vhost: never while a worker is
+// asked, which happens under the control socket's deadlines.
+int orbs3_edit_vhost(void* data);
+int orbs3_notify_add_user(void* data);
+
+// Tasks posted for the vhost and not finished yet. A vhost with any may not be freed.
+[[nodiscard]] int orbs3_vhost_tasks_pending(const orbs3_vhost_t* vhost);
+
+// The requests to a worker's control socket: add (everything the worker needs to serve the tenant: its
+// paths by cluster, tier and path, and its administrator), edit, delete. Caller holds the lock.
+std::string orbs3_make_json_add_vhost(const orbs3_vhost_t* vh);
+std::string orbs3_make_json_edit_vhost(const orbs3_vhost_t* vh);
+std::string orbs3_make_json_del_vhost(const orbs3_vhost_t* vh);

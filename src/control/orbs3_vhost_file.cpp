@@ -2,6 +2,7 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -226,12 +227,13 @@ enum : int { kReplaceOpen = NEO_REPLACE_OPEN, kReplaceWrite = NEO_REPLACE_WRITE 
 
 // The new content goes into a temporary file beside `target` and is renamed over it, so a reader sees
 // the old file or the new one, whole. The temporary name begins with "." so the group scan never takes
-// it for a group file. 0, kReplaceOpen or kReplaceWrite, with errno.
-int replace_file(const std::string& target, const std::function<bool(FILE*)>& fill)
+// it for a group file. Group and user files hold secrets: they are 0600. 0, kReplaceOpen or
+// kReplaceWrite, with errno.
+int replace_file(const std::string& target, const std::function<bool(FILE*)>& fill, mode_t mode = 0644)
 {
     const std::size_t slash = target.rfind('/');
     const std::string base = slash == std::string::npos ? target : target.substr(slash + 1);
-    return neo_replace_file(target, "." + base + ".", fill);
+    return neo_replace_file(target, "." + base + ".", fill, mode);
 }
 
 // Mini-XML's whitespace rule of the user and lifecycle files.
@@ -247,7 +249,7 @@ const char* record_whitespace(mxml_node_t* node, int where)
     return nullptr;
 }
 
-int save_tree(const std::string& path, mxml_node_t* tree)
+int save_tree(const std::string& path, mxml_node_t* tree, mode_t mode = 0644)
 {
     return replace_file(path, [tree](FILE* fp) {
         // A wrapped line would break the whitespace rule (not the document). The margin is the thread's;
@@ -256,7 +258,7 @@ int save_tree(const std::string& path, mxml_node_t* tree)
         const bool saved = mxmlSaveFile(tree, fp, record_whitespace) == 0;
         mxmlSetWrapMargin(72);
         return saved;
-    });
+    }, mode);
 }
 
 // ---- group files ----
@@ -473,7 +475,7 @@ int write_group_file(const std::string& file, const std::vector<host_entry>& ent
         std::fputs("</orbmux>\n", fp);
         return std::ferror(fp) == 0;
     };
-    const int rc = replace_file(file, fill);
+    const int rc = replace_file(file, fill, 0600);
     if (rc == kReplaceOpen)
         ipd_log(LOG_ERR, "vhost file[%s] open fail, error=%s", file.c_str(), strerror(errno));
     else if (rc != 0)
@@ -729,6 +731,37 @@ int orbs3_add_vhost_to_file(const orbs3_vhost_t* vh)
     return write_group_file(file, entries);
 }
 
+int orbs3_save_vhost_to_file(const orbs3_vhost_t* vh)
+{
+    if (vh == nullptr)
+        return -1;
+    std::string file;
+    if (group_file_path(vh, &file) != 0)
+        return -1;
+    vhost_list hosts;
+    bool exists;
+    if (read_existing_group(file, &hosts.head, &exists) != 0)
+        return -1;
+    // The host keeps its place and takes its own group attributes: a host whose domain or certificate
+    // was edited gets a group element of its own, the others of the file stay as they were.
+    std::vector<host_entry> entries;
+    bool placed = false;
+    neo_list_head_t* pos;
+    list_for_each(pos, &hosts.head)
+    {
+        auto* other = record_of<orbs3_vhost_t>(pos);
+        if (std::strcmp(neo_getstr(&other->id), neo_getstr(&vh->id)) != 0) {
+            entries.push_back({other, other});
+        } else if (!placed) {
+            entries.push_back({vh, vh});
+            placed = true;
+        }
+    }
+    if (!placed)
+        entries.push_back({vh, vh});
+    return write_group_file(file, entries);
+}
+
 int orbs3_del_vhost_from_file(const orbs3_vhost_t* vh)
 {
     if (vh == nullptr)
@@ -860,7 +893,7 @@ int write_user_data(const char* path, neo_list_head_t* list)
         ipd_log(LOG_ERR, "user[%s] holds text that is not XML, file[%s] left unchanged", bad_user, path);
         return -1;
     }
-    if (save_tree(path, tree.get()) != 0) {
+    if (save_tree(path, tree.get(), 0600) != 0) {
         ipd_log(LOG_ERR, "user file[%s] write fail, error=%s", path, strerror(errno));
         return -1;
     }
@@ -955,6 +988,43 @@ int read_lifecycle_date(char* buf, std::size_t len)
         return -1;
     (void)orbs3_xml_get_str(orbs3_xml_find(tree.get(), "Lifecycle"), "Date", buf, len);
     return 0;
+}
+
+// ---- the provisioning lock ----
+
+orbs3_tenant_files_lock::orbs3_tenant_files_lock(const char* cluster_path, int wait_ms)
+{
+    if (cluster_path == nullptr || *cluster_path == '\0')
+        return;
+    const std::string dir = under(cluster_path, ORBS3_SERVICE_SUBDIR);
+    if (mkdir_p(dir.c_str(), 0755) != 0) {
+        ipd_log(LOG_ERR, "mkdir[%s] failure, error=%s", dir.c_str(), strerror(errno));
+        return;
+    }
+    const std::string path = dir + std::string(ORBS3_TENANT_LOCK_NAME);
+    const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
+    if (fd < 0) {
+        ipd_log(LOG_ERR, "lock file[%s] open fail, error=%s", path.c_str(), strerror(errno));
+        return;
+    }
+    // A tool that holds the lock for ever must not hold the control plane with it.
+    for (int waited = 0;; waited += 10) {
+        if (flock(fd, LOCK_EX | LOCK_NB) == 0) {
+            fd_ = fd;
+            return;
+        }
+        if (errno != EWOULDBLOCK || waited >= wait_ms)
+            break;
+        usleep(10 * 1000);
+    }
+    ipd_log(LOG_ERR, "lock file[%s] busy, error=%s", path.c_str(), strerror(errno));
+    close(fd);
+}
+
+orbs3_tenant_files_lock::~orbs3_tenant_files_lock()
+{
+    if (fd_ >= 0)
+        close(fd_);  // the flock goes with the descriptor
 }
 
 // ---- the tenant in the worker ----

@@ -64,6 +64,9 @@ using orbs3_cluster_path_ptr = std::unique_ptr<char, orbs3_free_deleter>;
 
 // Writes the vhost into its group file, keeping every other host of the file, of every node. 0 or -1.
 [[nodiscard]] int orbs3_add_vhost_to_file(const orbs3_vhost_t* vh);
+// Writes the vhost into its group file under its own group attributes: in the place of the host with its
+// id, or last. Every other host of the file, of every node, stays. 0 or -1.
+[[nodiscard]] int orbs3_save_vhost_to_file(const orbs3_vhost_t* vh);
 // Removes the hosts with the vhost's id from its group file; the file goes with its last host. 0 or -1.
 [[nodiscard]] int orbs3_del_vhost_from_file(const orbs3_vhost_t* vh);
 
@@ -88,6 +91,22 @@ using orbs3_cluster_path_ptr = std::unique_ptr<char, orbs3_free_deleter>;
 // Date of the lifecycle file into `buf` (cut to len - 1 bytes); a missing Date leaves `buf` alone.
 // 0, or -1 when the file can't be read.
 [[nodiscard]] int read_lifecycle_date(char* buf, std::size_t len);
+
+// The lock the provisioning tool takes on a cluster path's tenant files (an flock on
+// <cluster path>/ombr/system/orbmux/.orbmux-tenant.lock): whoever rewrites a group or user file holds it
+// from the read to the rename, so that neither loses what the other wrote. Waits at most `wait_ms`.
+class orbs3_tenant_files_lock {
+public:
+    orbs3_tenant_files_lock(const char* cluster_path, int wait_ms);
+    ~orbs3_tenant_files_lock();
+    orbs3_tenant_files_lock(const orbs3_tenant_files_lock&) = delete;
+    orbs3_tenant_files_lock& operator=(const orbs3_tenant_files_lock&) = delete;
+    [[nodiscard]] bool held() const { return fd_ >= 0; }
+
+private:
+    int fd_ = -1;
+};
+inline constexpr std::string_view ORBS3_TENANT_LOCK_NAME = ".orbmux-tenant.lock";
 
 // Loads the users of the vhost from <service dir><id>.user in the worker; a missing file leaves them
 // empty. 0, or -1 (logged) when the cluster path is unknown or the file can't be read.

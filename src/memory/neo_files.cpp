@@ -227,7 +227,7 @@ struct file_closer {
 }  // namespace
 
 int neo_replace_file(const std::string& target, std::string_view temp_name,
-                     const std::function<bool(FILE* fp)>& fill)
+                     const std::function<bool(FILE* fp)>& fill, mode_t mode)
 {
     const std::size_t slash = target.rfind('/');
     const std::string dir = slash == std::string::npos ? "." : target.substr(0, slash == 0 ? 1 : slash);
@@ -246,9 +246,9 @@ int neo_replace_file(const std::string& target, std::string_view temp_name,
         return NEO_REPLACE_OPEN;
     }
     std::unique_ptr<FILE, file_closer> fp(raw);
-    // mkostemp makes the file 0600; the node's other programs read it as the file it replaces.
+    // mkostemp makes the file 0600; the mode asked for is set before a byte is written.
     errno = 0;
-    if (fchmod(fd, 0644) != 0 || !fill(fp.get()) || std::fflush(fp.get()) != 0 || fsync(fd) != 0) {
+    if (fchmod(fd, mode) != 0 || !fill(fp.get()) || std::fflush(fp.get()) != 0 || fsync(fd) != 0) {
         if (errno == 0)
             errno = EIO;
         return NEO_REPLACE_WRITE;

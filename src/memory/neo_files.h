@@ -55,11 +55,12 @@ int mkdir_p(const char* path, mode_t mode);
 // renamed over `target`, and the directory is synced. A reader sees the old file or the new one, never
 // half of either, and a crash leaves at worst a temporary behind. `fill` returns false on failure.
 // 0; NEO_REPLACE_OPEN when the temporary could not be made, NEO_REPLACE_WRITE when writing or renaming
-// failed; errno tells why, and no temporary stays.
+// failed; errno tells why, and no temporary stays. The new file gets `mode` (files that hold secrets
+// pass 0600).
 inline constexpr int NEO_REPLACE_OPEN = -1;
 inline constexpr int NEO_REPLACE_WRITE = -2;
 [[nodiscard]] int neo_replace_file(const std::string& target, std::string_view temp_name,
-                                   const std::function<bool(FILE* fp)>& fill);
+                                   const std::function<bool(FILE* fp)>& fill, mode_t mode = 0644);
 
 // Usage hints at start-up; both write to standard error and exit with `status`.
 [[noreturn]] void tryhelp_exit(int status, const char* prog);

@@ -1,4 +1,7 @@
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
+#include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
@@ -788,3 +791,53 @@ TEST_F(VhostFiles, LifecycleDateIsSavedAndReadBack)
 }
 
 }  // namespace
+
+// A saved host keeps its place among the others and carries its own group attributes (an edited domain
+// makes a group element of its own); group and user files are 0600, since both hold secrets.
+TEST_F(VhostFiles, SavedHostKeepsItsPlaceAndItsOwnGroupInAPrivateFile)
+{
+    const fs::path file = sysdir(c1()) / "group_g.xml";
+    vhost_ptr a = make_vhost("a", "na", "nodeA"), b = make_vhost("b", "nb", "nodeB"), c = make_vhost("c", "nc", "nodeA");
+    for (auto* vh : {a.get(), b.get(), c.get()})
+        ASSERT_EQ(orbs3_add_vhost_to_file(vh), 0);
+    set(&a->domain, "edited.test");
+    a->status = ORBS3_STATUS_INACTIVE;
+    ASSERT_EQ(orbs3_save_vhost_to_file(a.get()), 0);
+    EXPECT_EQ(fs::status(file).permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(ids_for(file, "nodeA"), (std::vector<std::string>{"a", "c"}));
+    EXPECT_EQ(ids_for(file, "nodeB"), (std::vector<std::string>{"b"}));
+    Vhosts l;
+    auto v = load(l, file, 2);
+    EXPECT_EQ(s(v[0]->domain) + "/" + s(v[1]->domain), "edited.test/example.test");
+    EXPECT_EQ(v[0]->status, ORBS3_STATUS_INACTIVE);
+    vhost_ptr d = make_vhost("d", "nd", "nodeA");
+    ASSERT_EQ(orbs3_save_vhost_to_file(d.get()), 0);
+    EXPECT_EQ(ids_for(file, "nodeA"), (std::vector<std::string>{"a", "c", "d"})) << "a new host goes last";
+
+    Users users;
+    ASSERT_EQ(write_user_data((dir_ / "u.user").c_str(), &users.head), 0);
+    EXPECT_EQ(fs::status(dir_ / "u.user").permissions() & fs::perms::all,
+              fs::perms::owner_read | fs::perms::owner_write);
+}
+
+// The provisioning tool's flock on the same file keeps a change out until it is released.
+TEST_F(VhostFiles, TenantFilesLockWaitsForTheToolsFlock)
+{
+    const fs::path lock_file = sysdir(c1()) / ".orbmux-tenant.lock";
+    {
+        orbs3_tenant_files_lock first(c1().c_str(), 0);
+        ASSERT_TRUE(first.held());
+        ASSERT_TRUE(fs::exists(lock_file));
+    }
+    const int fd = open(lock_file.c_str(), O_RDWR);
+    ASSERT_GE(fd, 0);
+    ASSERT_EQ(flock(fd, LOCK_EX), 0);
+    {
+        orbs3_tenant_files_lock busy(c1().c_str(), 50);
+        EXPECT_FALSE(busy.held());
+    }
+    close(fd);
+    orbs3_tenant_files_lock after(c1().c_str(), 50);
+    EXPECT_TRUE(after.held());
+    EXPECT_FALSE(orbs3_tenant_files_lock("", 0).held());
+}
