@@ -695,6 +695,8 @@ int receive_msg_all_vhost_status_request(int fd, orbs3_msg_t* msg)
                 put(o, "id", vh->id);
                 json_object_object_add(o, "running", json_object_new_int(vh->running));
                 json_object_object_add(o, "pid", json_object_new_int(svc->pid));
+                // How often the master has started the service's worker again after it was killed.
+                json_object_object_add(o, "restarts", json_object_new_int64(svc->restarts));
                 json_object_array_add(arr, o);
             }
         }

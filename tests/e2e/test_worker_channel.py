@@ -208,6 +208,10 @@ def test_killed_worker_comes_back_with_backoff(node):
     # The second death came within a minute of the first restart: its wait doubled.
     assert waits[0] >= 0.9 and waits[1] >= 1.9, waits
     assert len(re.findall(r"started again \(restart \d+\)", node.daemon.log())) == 2
+    # The master's status names the restarts.
+    _, status, body = control_call(node.box.path("var/run/orbmux/orbmux.iface"), 0x6004)
+    assert status == MSG_STATUS_OK
+    assert [t["restarts"] for t in json.loads(body)["data"] if t["id"] == node.info["id"]] == [2]
 
 
 def test_stopped_worker_does_not_hold_the_master():
@@ -228,6 +232,19 @@ def test_stopped_worker_does_not_hold_the_master():
         pending.sendall(MSG_HEAD.pack(MSG_VERSION, EDIT, 0, 0, len(body), 0, 0, 0, 0, 0, 0) + body)
         daemon.send_signal(signal.SIGUSR1)
         daemon.wait_log("log reopened", timeout=3)
+        # The master's control socket still answers at once: no change waits on the stopped worker there.
+        asked = time.monotonic()
+        _, status, body = control_call(box.path("var/run/orbmux/orbmux.iface"), 0x1001)
+        assert status == MSG_STATUS_OK and info["id"] in body.decode()
+        assert time.monotonic() - asked < 2
+        # An edit through the master is written and answered; telling the stopped worker is the control
+        # pool's wait, not the control socket's.
+        asked = time.monotonic()
+        _, status, _ = control_call(box.path("var/run/orbmux/orbmux.iface"), EDIT,
+                                    {"id": info["id"], "name": "solo", "domain": "held.test"})
+        assert status == MSG_STATUS_OK
+        assert time.monotonic() - asked < 2
+        assert 'domain="held.test"' in open(info["group_file"]).read()
         begun = time.monotonic()
         daemon.stop()  # exit status 0, pid file gone, no process of the session left
         took = time.monotonic() - begun
