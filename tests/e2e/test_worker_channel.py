@@ -257,7 +257,8 @@ def test_stopped_worker_does_not_hold_the_master():
 
 def test_tls_tenant_added_with_its_certificate():
     """On a TLS service an add brings the tenant's own certificate into the worker's contexts: a
-    handshake naming its domain gets it; a connection opened before keeps working on the old context."""
+    handshake naming its domain gets it; a connection opened before keeps working on the old context; an
+    edit through the master with a renewed certificate is served after it."""
     import ssl
     import subprocess
     box = Sandbox()
@@ -307,6 +308,21 @@ def test_tls_tenant_added_with_its_certificate():
         early.sendall(b"GET / HTTP/1.1\r\nHost: beta.test\r\n\r\n")
         assert early.recv(64).startswith(b"HTTP/1.1 ")
         early.close()
+
+        # A renewed certificate given through the master's edit reaches the worker's contexts.
+        renewed_der = cert("renewed")
+        _, status, _ = control_call(box.path("var/run/orbmux/orbmux.iface"), EDIT,
+                                    {"id": info["id"], "name": "good", "cert": box.path("renewed.pem"),
+                                     "key": box.path("renewed.key")})
+        assert status == MSG_STATUS_OK
+
+        def renewed():
+            try:
+                with connect(port, "good.test") as s:
+                    return s.getpeercert(binary_form=True) == renewed_der
+            except OSError:
+                return False
+        wait_for(renewed, timeout=5, what="the renewed certificate")
         daemon.stop()
     finally:
         box.cleanup()
