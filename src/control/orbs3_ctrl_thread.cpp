@@ -205,29 +205,7 @@ bool stays_under(const std::string& root, const std::string& rel)
 // The fields that the group file holds, from `src` into `dst` (a scratch record or the live one).
 void copy_file_fields(orbs3_vhost_t* dst, const orbs3_vhost_t* src)
 {
-    struct field {
-        orbs3_str_t orbs3_vhost_t::*f;
-        std::size_t cap;
-    };
-    static constexpr field fields[] = {
-        {&orbs3_vhost_t::id, ORBS3_NAME_CAP},          {&orbs3_vhost_t::name, ORBS3_NAME_CAP},
-        {&orbs3_vhost_t::group, ORBS3_NAME_CAP},       {&orbs3_vhost_t::node_key, ORBS3_NAME_CAP},
-        {&orbs3_vhost_t::domain, ORBS3_NAME_CAP},      {&orbs3_vhost_t::ipversion, ORBS3_ADDR_CAP},
-        {&orbs3_vhost_t::ipaddr, ORBS3_ADDR_CAP},      {&orbs3_vhost_t::ca, ORBS3_PATH_CAP},
-        {&orbs3_vhost_t::cert, ORBS3_PATH_CAP},        {&orbs3_vhost_t::ssl_key, ORBS3_PATH_CAP},
-        {&orbs3_vhost_t::key_pwd, ORBS3_PWD_CAP},      {&orbs3_vhost_t::cluster, ORBS3_NAME_CAP},
-        {&orbs3_vhost_t::tiered, ORBS3_NAME_CAP},      {&orbs3_vhost_t::group_path, ORBS3_PATH_CAP},
-        {&orbs3_vhost_t::cluster_path, ORBS3_PATH_CAP},
-    };
-    for (const field& x : fields)
-        neo_strdup(&(dst->*x.f), neo_getstr(&(src->*x.f)), x.cap);
-    dst->ssl = src->ssl;
-    dst->port = src->port;
-    dst->status = src->status;
-    neo_strdup(&dst->admin.UserId, neo_getstr(&src->admin.UserId), ORBS3_NAME_CAP);
-    neo_strdup(&dst->admin.DisPlayName, neo_getstr(&src->admin.DisPlayName), ORBS3_NAME_CAP);
-    neo_strdup(&dst->admin.accesskeyid, neo_getstr(&src->admin.accesskeyid), ORBS3_KEY_CAP);
-    neo_strdup(&dst->admin.accesskeysecret, neo_getstr(&src->admin.accesskeysecret), ORBS3_KEY_CAP);
+    orbs3_vhost_copy_settings(dst, src);
     neo_strdup(&dst->admin.vhost_id, neo_getstr(&src->id), ORBS3_NAME_CAP);
 }
 

@@ -171,25 +171,7 @@ orbs3_vhost_t* clone_vhost(const orbs3_vhost_t* old)
     orbs3_vhost_t* vh = orbs3_vhost_new();
     if (vh == nullptr)
         return nullptr;
-    struct field {
-        orbs3_str_t orbs3_vhost_t::*f;
-        std::size_t cap;
-    };
-    static constexpr field kFields[] = {
-        {&orbs3_vhost_t::id, ORBS3_NAME_CAP},          {&orbs3_vhost_t::name, ORBS3_NAME_CAP},
-        {&orbs3_vhost_t::group, ORBS3_NAME_CAP},       {&orbs3_vhost_t::node_key, ORBS3_NAME_CAP},
-        {&orbs3_vhost_t::domain, ORBS3_NAME_CAP},      {&orbs3_vhost_t::ipversion, ORBS3_ADDR_CAP},
-        {&orbs3_vhost_t::ipaddr, ORBS3_ADDR_CAP},      {&orbs3_vhost_t::ca, ORBS3_PATH_CAP},
-        {&orbs3_vhost_t::cert, ORBS3_PATH_CAP},        {&orbs3_vhost_t::ssl_key, ORBS3_PATH_CAP},
-        {&orbs3_vhost_t::key_pwd, ORBS3_PWD_CAP},      {&orbs3_vhost_t::cluster, ORBS3_NAME_CAP},
-        {&orbs3_vhost_t::tiered, ORBS3_NAME_CAP},      {&orbs3_vhost_t::group_path, ORBS3_PATH_CAP},
-        {&orbs3_vhost_t::cluster_path, ORBS3_PATH_CAP},
-    };
-    for (const field& f : kFields)
-        copy_str(&(vh->*f.f), old->*f.f, f.cap);
-    vh->ssl = old->ssl;
-    vh->port = old->port;
-    vh->status = old->status;
+    orbs3_vhost_copy_settings(vh, old);
     vh->running = old->running;
     vh->service = old->service;
     copy_user(&vh->admin, old->admin);

@@ -14,6 +14,37 @@ orbs3_service_t* orbs3_service_new()
     return svc;
 }
 
+void orbs3_vhost_copy_settings(orbs3_vhost_t* dst, const orbs3_vhost_t* src)
+{
+    struct field {
+        orbs3_str_t orbs3_vhost_t::*f;
+        std::size_t cap;
+    };
+    static constexpr field fields[] = {
+        {&orbs3_vhost_t::id, ORBS3_NAME_CAP},          {&orbs3_vhost_t::name, ORBS3_NAME_CAP},
+        {&orbs3_vhost_t::group, ORBS3_NAME_CAP},       {&orbs3_vhost_t::node_key, ORBS3_NAME_CAP},
+        {&orbs3_vhost_t::domain, ORBS3_NAME_CAP},      {&orbs3_vhost_t::ipversion, ORBS3_ADDR_CAP},
+        {&orbs3_vhost_t::ipaddr, ORBS3_ADDR_CAP},      {&orbs3_vhost_t::ca, ORBS3_PATH_CAP},
+        {&orbs3_vhost_t::cert, ORBS3_PATH_CAP},        {&orbs3_vhost_t::ssl_key, ORBS3_PATH_CAP},
+        {&orbs3_vhost_t::key_pwd, ORBS3_PWD_CAP},      {&orbs3_vhost_t::cluster, ORBS3_NAME_CAP},
+        {&orbs3_vhost_t::tiered, ORBS3_NAME_CAP},      {&orbs3_vhost_t::group_path, ORBS3_PATH_CAP},
+        {&orbs3_vhost_t::cluster_path, ORBS3_PATH_CAP},
+    };
+    auto copy = [](orbs3_str_t* to, const orbs3_str_t& from, std::size_t cap) {
+        neo_strfree(to);
+        neo_strdup(to, neo_getstr(&from), cap);
+    };
+    for (const field& x : fields)
+        copy(&(dst->*x.f), src->*x.f, x.cap);
+    dst->ssl = src->ssl;
+    dst->port = src->port;
+    dst->status = src->status;
+    copy(&dst->admin.UserId, src->admin.UserId, ORBS3_NAME_CAP);
+    copy(&dst->admin.DisPlayName, src->admin.DisPlayName, ORBS3_NAME_CAP);
+    copy(&dst->admin.accesskeyid, src->admin.accesskeyid, ORBS3_KEY_CAP);
+    copy(&dst->admin.accesskeysecret, src->admin.accesskeysecret, ORBS3_KEY_CAP);
+}
+
 orbs3_vhost_t* orbs3_vhost_new()
 {
     // Value-initialised: every field zero, the counters included.

@@ -135,6 +135,10 @@ inline constexpr int32_t ORBS3_STATUS_STARTING = 4;
 // A zeroed vhost with empty users, bucket list and admin key list, holding the one reference of the list
 // it is put on; null when memory runs out.
 [[nodiscard]] orbs3_vhost_t* orbs3_vhost_new();
+// Copies what the tenant files say of a vhost (names, address, TLS files, cluster and paths, state, the
+// administrator's ids and key) from `src` over `dst`, whose old texts are freed. Lists, counters, the
+// service and the run state stay `dst`'s own.
+void orbs3_vhost_copy_settings(orbs3_vhost_t* dst, const orbs3_vhost_t* src);
 // A zeroed user with an empty key list; null when memory runs out.
 [[nodiscard]] orbs3_user_t* orbs3_user_new();
 
