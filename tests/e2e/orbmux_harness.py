@@ -146,11 +146,11 @@ def wait_port(port, timeout=OFFLINE_START + 10.0):
 # A worker is forked from a thread other than the master's main thread, so in the worker the per-thread
 # blocks that Mini-XML made for the master's threads that read XML are referenced only from those
 # threads' storage, which no live thread of the worker has: LeakSanitizer would report them when the
-# worker exits. Likewise whatever the master's other threads held at the moment of the fork: the start
-# tasks that other control-pool threads had taken, and what the master's shost and control threads had
-# allocated in a pass (their frames stand only in the master's stacks, never in a worker's). These are the
-# kinds of block a sanitized worker is allowed to leave behind.
-LSAN_SUPPRESSIONS = ("leak:_mxml_global\nleak:orbs3_task_start_vhost\n"
+# worker exits. Likewise whatever the master's other threads held at the moment of the fork: the tasks
+# that other control-pool threads were running (a message to another worker being built or sent), and what
+# the master's shost and control threads had allocated in a pass (their frames stand only in the master's
+# stacks, never in a worker's). These are the kinds of block a sanitized worker is allowed to leave behind.
+LSAN_SUPPRESSIONS = ("leak:_mxml_global\nleak:orbs3_task_start_vhost\nleak:vhost_task_handler\n"
                      "leak:orbs3_shost_thread\nleak:orbs3_ctrl_thread\n")
 
 
