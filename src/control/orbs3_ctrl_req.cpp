@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "control/orbs3_msg.h"
+#include "core/orbs3_json.h"
 #include "core/orbs3_xml.h"
 
 namespace {
@@ -148,10 +149,6 @@ bool value_ok(value_kind kind, const std::string& s)
     }
 }
 
-struct json_put {
-    void operator()(json_object* o) const noexcept { json_object_put(o); }
-};
-
 }  // namespace
 
 bool orbs3_ctrl_file_name_ok(const std::string& s)
@@ -190,7 +187,7 @@ int orbs3_parse_vhost_req(uint32_t type, const char* body, orbs3_vhost_req_t* re
         return 0;
     if (body == nullptr)
         return refuse("no body");
-    std::unique_ptr<json_object, json_put> doc(json_tokener_parse(body));
+    orbs3_json_ptr doc(json_tokener_parse(body));
     if (!doc || !json_object_is_type(doc.get(), json_type_object))
         return refuse("body is not a JSON object");
 

@@ -20,6 +20,7 @@
 #include "control/orbs3_ud.h"
 #include "control/orbs3_vhost_file.h"
 #include "core/orbs3_config.h"
+#include "core/orbs3_json.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "storage/orbs3_bucket_store.h"
@@ -45,11 +46,6 @@ constexpr int kRunning = 1121;       // delete: the tenant is active or a task o
 
 // A tool that holds the provisioning lock gets this long before a change gives up.
 constexpr int kFilesLockWaitMs = 3000;
-
-struct json_put {
-    void operator()(json_object* o) const noexcept { json_object_put(o); }
-};
-using json_ptr = std::unique_ptr<json_object, json_put>;
 
 struct vhost_deleter {
     void operator()(orbs3_vhost_t* vh) const noexcept { orbs3_free_vhost_data(vh); }
@@ -122,7 +118,7 @@ int send_doc(int fd, const orbs3_msg_t* msg, int code, json_object* doc)
 // The status document: the code and its text, and the reason of a refusal when there is one.
 int reply_status(int fd, const orbs3_msg_t* msg, int code, const std::string& why = {})
 {
-    json_ptr doc(json_object_new_object());
+    orbs3_json_ptr doc(json_object_new_object());
     if (!doc)
         return -1;
     json_object_object_add(doc.get(), "errorcode", json_object_new_int(code));
@@ -257,7 +253,7 @@ int receive_msg_list_vhost_request(int fd, orbs3_msg_t* msg)
     orbs3_vhost_req_t req;
     if (int rc = parse_or_refuse(fd, msg, &req); rc != kOk)
         return rc;
-    json_ptr doc(json_object_new_object());
+    orbs3_json_ptr doc(json_object_new_object());
     json_object* arr = json_object_new_array();
     if (!doc || arr == nullptr)
         return reply_status(fd, msg, ORBS3_CTRL_BAD_REQUEST, "out of memory");
@@ -275,7 +271,7 @@ int receive_msg_get_vhost_request(int fd, orbs3_msg_t* msg)
     orbs3_vhost_req_t req;
     if (int rc = parse_or_refuse(fd, msg, &req); rc != kOk)
         return rc;
-    json_ptr doc;
+    orbs3_json_ptr doc;
     {
         service_lock lock(false);
         const orbs3_vhost_t* vh = orbs3_find_vhost(req.id);
@@ -632,7 +628,7 @@ int receive_msg_add_user_request(int fd, orbs3_msg_t* msg)
             (void)orbs3_task_add_user(vh);
     }
     // The caller made the user and gets its key, secret included, once.
-    json_ptr doc(json_object_new_object());
+    orbs3_json_ptr doc(json_object_new_object());
     if (!doc)
         return -1;
     json_object_object_add(doc.get(), "errorcode", json_object_new_int(kOk));
@@ -647,7 +643,7 @@ int receive_msg_add_user_request(int fd, orbs3_msg_t* msg)
 
 int receive_msg_all_vhost_status_request(int fd, orbs3_msg_t* msg)
 {
-    json_ptr doc(json_object_new_object());
+    orbs3_json_ptr doc(json_object_new_object());
     json_object* arr = json_object_new_array();
     if (!doc || arr == nullptr)
         return reply_status(fd, msg, ORBS3_CTRL_BAD_REQUEST, "out of memory");

@@ -19,6 +19,7 @@
 #include "control/orbs3_msg.h"
 #include "control/orbs3_vhost_file.h"
 #include "core/orbs3_config.h"
+#include "core/orbs3_json.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_worker.h"
@@ -95,11 +96,6 @@ void send_to_worker(const std::string& iface, uint32_t type, const std::string& 
 
 // Forks the service's worker for its first active vhost. Caller holds the write lock.
 void fork_worker(orbs3_vhost_t* vh, orbs3_service_t* svc);
-
-struct json_put {
-    void operator()(json_object* o) const noexcept { json_object_put(o); }
-};
-using json_ptr = std::unique_ptr<json_object, json_put>;
 
 void put(json_object* o, const char* key, const orbs3_str_t& s)
 {
@@ -245,7 +241,7 @@ int orbs3_vhost_tasks_pending(const orbs3_vhost_t* vhost)
 
 std::string orbs3_make_json_add_vhost(const orbs3_vhost_t* vh)
 {
-    json_ptr o(json_object_new_object());
+    orbs3_json_ptr o(json_object_new_object());
     put(o.get(), "name", vh->name);
     put(o.get(), "id", vh->id);
     put(o.get(), "group", vh->group);
@@ -264,7 +260,7 @@ std::string orbs3_make_json_add_vhost(const orbs3_vhost_t* vh)
 std::string orbs3_make_json_edit_vhost(const orbs3_vhost_t* vh)
 {
     const orbs3_service_t* svc = vh->service;
-    json_ptr o(json_object_new_object());
+    orbs3_json_ptr o(json_object_new_object());
     put(o.get(), "id", vh->id);
     put(o.get(), "group", vh->group);
     put(o.get(), "name", vh->name);
@@ -285,7 +281,7 @@ std::string orbs3_make_json_edit_vhost(const orbs3_vhost_t* vh)
 
 std::string orbs3_make_json_del_vhost(const orbs3_vhost_t* vh)
 {
-    json_ptr o(json_object_new_object());
+    orbs3_json_ptr o(json_object_new_object());
     put(o.get(), "id", vh->id);
     put(o.get(), "name", vh->name);
     return text_of(o.get());

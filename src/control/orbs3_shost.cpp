@@ -16,6 +16,7 @@
 #include "control/orbs3_service_start.h"
 #include "control/orbs3_vhost_file.h"
 #include "core/orbs3_config.h"
+#include "core/orbs3_json.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "event/neo_thread_pool.h"
@@ -27,11 +28,6 @@ namespace {
 
 constexpr unsigned kPassSeconds = 3;
 constexpr std::string_view kShostIface = "/var/run/kelvane/shost.iface";
-
-struct json_put {
-    void operator()(json_object* o) const { json_object_put(o); }
-};
-using json_ptr = std::unique_ptr<json_object, json_put>;
 
 struct free_deleter {
     void operator()(char* p) const { std::free(p); }
@@ -46,7 +42,7 @@ int make_report(char** out)
     if (out == nullptr)
         return -1;
     *out = nullptr;
-    json_ptr doc(json_object_new_object());
+    orbs3_json_ptr doc(json_object_new_object());
     if (!doc || json_object_object_add(doc.get(), "program", json_object_new_string(ORBS3_SHOST_PROGRAM)) != 0 ||
         json_object_object_add(doc.get(), "version", json_object_new_int(ORBS3_SHOST_VERSION)) != 0)
         return -1;
@@ -56,7 +52,7 @@ int make_report(char** out)
 }
 
 // The reply as a JSON object, or null when it is none (a parse that stops early counts as none).
-json_ptr parse_object(const char* text)
+orbs3_json_ptr parse_object(const char* text)
 {
     if (text == nullptr)
         return nullptr;
@@ -64,7 +60,7 @@ json_ptr parse_object(const char* text)
     if (tok == nullptr)
         return nullptr;
     const std::size_t len = std::strlen(text);
-    json_ptr doc(json_tokener_parse_ex(tok, text, static_cast<int>(len)));
+    orbs3_json_ptr doc(json_tokener_parse_ex(tok, text, static_cast<int>(len)));
     const bool whole = json_tokener_get_error(tok) == json_tokener_success &&
                        json_tokener_get_parse_end(tok) == len;
     json_tokener_free(tok);
@@ -166,7 +162,7 @@ int orbs3_parse_json_shost_register(const char* text, int* errorcode, char* conf
     *code = 0;
     if (conf_path != nullptr)
         conf_path[0] = '\0';
-    json_ptr doc = parse_object(text);
+    orbs3_json_ptr doc = parse_object(text);
     if (!doc)
         return -1;
     (void)read_errorcode(doc.get(), code);
@@ -187,7 +183,7 @@ int orbs3_parse_json_shost_alive(const char* text, int* errorcode)
     int unused = 0;
     int* code = errorcode != nullptr ? errorcode : &unused;
     *code = 0;
-    json_ptr doc = parse_object(text);
+    orbs3_json_ptr doc = parse_object(text);
     if (!doc)
         return -1;
     return read_errorcode(doc.get(), code);

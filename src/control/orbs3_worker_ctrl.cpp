@@ -14,6 +14,7 @@
 #include "control/orbs3_msg.h"
 #include "control/orbs3_ud.h"
 #include "control/orbs3_vhost_file.h"
+#include "core/orbs3_json.h"
 #include "core/orbs3_log.h"
 #include "core/orbs3_prefix.h"
 #include "core/orbs3_worker.h"
@@ -27,11 +28,6 @@ int g_ud_worker_fd = -1;
 // the vhosts, and no change starts after it.
 std::mutex g_busy;
 std::atomic<bool> g_closing{false};
-
-struct json_deleter {
-    void operator()(json_object* o) const noexcept { json_object_put(o); }
-};
-using json_ptr = std::unique_ptr<json_object, json_deleter>;
 
 struct vhost_deleter {
     void operator()(orbs3_vhost_t* vh) const noexcept { orbs3_free_vhost_data(vh); }
@@ -323,7 +319,7 @@ int receive_msg_get_vhost_request(int fd, orbs3_msg_t* msg)
     R req;
     if (parse(orbs3_worker_op::get, msg, &req) != 0)
         return reply(fd, msg, ORBS3_WORKER_BAD_BODY, nullptr);
-    json_ptr doc(json_object_new_object());
+    orbs3_json_ptr doc(json_object_new_object());
     if (!doc)
         return reply(fd, msg, ORBS3_WORKER_NO_DOC, nullptr);
     // Only this thread changes the list, so the record found stays while the document is built.
@@ -364,7 +360,7 @@ uint32_t orbs3_worker_parse_body(orbs3_worker_op op, std::string_view body, orbs
     json_tokener* tok = json_tokener_new();
     if (tok == nullptr)
         return ORBS3_WORKER_BAD_BODY;
-    json_ptr root(json_tokener_parse_ex(tok, body.data(), static_cast<int>(body.size())));
+    orbs3_json_ptr root(json_tokener_parse_ex(tok, body.data(), static_cast<int>(body.size())));
     const bool whole = json_tokener_get_error(tok) == json_tokener_success &&
                        json_tokener_get_parse_end(tok) == body.size();
     json_tokener_free(tok);

@@ -20,6 +20,7 @@
 
 #include "control/orbs3_ctrl_req.h"
 #include "control/orbs3_msg.h"
+#include "core/orbs3_json.h"
 #include "core/orbs3_prefix.h"
 
 namespace {
@@ -52,11 +53,6 @@ constexpr const char* kUsage =
     std::fputs(kUsage, stderr);
     std::exit(kExitUsage);
 }
-
-struct json_put {
-    void operator()(json_object* o) const noexcept { json_object_put(o); }
-};
-using json_ptr = std::unique_ptr<json_object, json_put>;
 
 std::string str_of(json_object* o, const char* key)
 {
@@ -97,7 +93,7 @@ struct client_t {
 
     // One call. Exits 3 when the daemon can't be reached, 1 when it refuses (after printing why);
     // otherwise the reply document.
-    json_ptr call(uint32_t type, json_object* body) const
+    orbs3_json_ptr call(uint32_t type, json_object* body) const
     {
         const char* text = body != nullptr ? json_object_to_json_string_ext(body, JSON_C_TO_STRING_PLAIN) : "";
         char* reply = nullptr;
@@ -112,7 +108,7 @@ struct client_t {
             std::free(reply);
             std::exit(kExitUnreachable);
         }
-        json_ptr doc(reply != nullptr ? json_tokener_parse(reply) : json_object_new_object());
+        orbs3_json_ptr doc(reply != nullptr ? json_tokener_parse(reply) : json_object_new_object());
         std::free(reply);
         if (status != ORBS3_MSG_STATUS_OK) {
             if (json && doc)
@@ -154,9 +150,9 @@ void print_table(const std::vector<std::vector<std::string>>& rows)
     }
 }
 
-json_ptr id_body(const std::string& id)
+orbs3_json_ptr id_body(const std::string& id)
 {
-    json_ptr b(json_object_new_object());
+    orbs3_json_ptr b(json_object_new_object());
     json_object_object_add(b.get(), "id", json_object_new_string(id.c_str()));
     return b;
 }
@@ -175,10 +171,10 @@ void add_str(json_object* o, const char* key, const std::string& v)
 
 int cmd_list(const client_t& c, const args_t& a)
 {
-    json_ptr body(json_object_new_object());
+    orbs3_json_ptr body(json_object_new_object());
     if (a.flag("secrets"))
         json_object_object_add(body.get(), "secrets", json_object_new_boolean(1));
-    json_ptr doc = c.call(ORBS3_MSG_LIST_VHOST, body.get());
+    orbs3_json_ptr doc = c.call(ORBS3_MSG_LIST_VHOST, body.get());
     if (c.json) {
         print_json(doc.get());
         return kExitOk;
@@ -197,10 +193,10 @@ int cmd_list(const client_t& c, const args_t& a)
 
 int cmd_get(const client_t& c, const args_t& a)
 {
-    json_ptr body = id_body(need_id(a));
+    orbs3_json_ptr body = id_body(need_id(a));
     if (a.flag("secrets"))
         json_object_object_add(body.get(), "secrets", json_object_new_boolean(1));
-    json_ptr doc = c.call(ORBS3_MSG_GET_VHOST, body.get());
+    orbs3_json_ptr doc = c.call(ORBS3_MSG_GET_VHOST, body.get());
     if (c.json)
         print_json(doc.get());
     if (json_object_object_length(doc.get()) == 0) {
@@ -221,9 +217,9 @@ int cmd_get(const client_t& c, const args_t& a)
 }
 
 // add-user's call; the reply holds the new key pair.
-json_ptr call_add_user(const client_t& c, const std::string& id, const std::string& user)
+orbs3_json_ptr call_add_user(const client_t& c, const std::string& id, const std::string& user)
 {
-    json_ptr body = id_body(id);
+    orbs3_json_ptr body = id_body(id);
     add_str(body.get(), "displayname", user);
     return c.call(ORBS3_MSG_ADD_USER, body.get());
 }
@@ -246,7 +242,7 @@ int cmd_add(const client_t& c, const args_t& a)
         orbs3_ctrl_random_text(ORBS3_SECRET_LEN, ORBS3_SECRET_CHARS);
     const bool ssl = a.flag("ssl");
 
-    json_ptr body(json_object_new_object());
+    orbs3_json_ptr body(json_object_new_object());
     add_str(body.get(), "id", id);
     add_str(body.get(), "name", name);
     add_str(body.get(), "group", group);
@@ -266,11 +262,11 @@ int cmd_add(const client_t& c, const args_t& a)
     add_str(body.get(), "displayname", "admin");
     add_str(body.get(), "userid", new_uuid_hex());
 
-    json_ptr out(json_object_new_object());
+    orbs3_json_ptr out(json_object_new_object());
     json_object_object_add(out.get(), "add", c.call(ORBS3_MSG_ADD_VHOST, body.get()).release());
     std::string user_key, user_secret;
     if (a.flag("user")) {
-        json_ptr u = call_add_user(c, id, a.get("user"));
+        orbs3_json_ptr u = call_add_user(c, id, a.get("user"));
         user_key = str_of(u.get(), "accesskeyid");
         user_secret = str_of(u.get(), "accesskeysecret");
         json_object_object_add(out.get(), "add-user", u.release());
@@ -304,19 +300,19 @@ int cmd_edit(const client_t& c, const args_t& a)
 {
     const std::string& id = need_id(a);
     // The edit names the tenant by id and name; the name stays unless a new one is given.
-    json_ptr cur = c.call(ORBS3_MSG_GET_VHOST, id_body(id).get());
+    orbs3_json_ptr cur = c.call(ORBS3_MSG_GET_VHOST, id_body(id).get());
     if (json_object_object_length(cur.get()) == 0) {
         std::fprintf(stderr, "orbmux-ctl: no tenant with id %s\n", id.c_str());
         return kExitRefused;
     }
-    json_ptr body = id_body(id);
+    orbs3_json_ptr body = id_body(id);
     add_str(body.get(), "name", a.get("name", str_of(cur.get(), "name")));
     for (const char* k : {"domain", "cert", "key", "ca"})
         if (a.flag(k))
             add_str(body.get(), k, a.get(k));
     if (a.flag("key-pwd"))
         add_str(body.get(), "key_pwd", a.get("key-pwd"));
-    json_ptr doc = c.call(ORBS3_MSG_EDIT_VHOST, body.get());
+    orbs3_json_ptr doc = c.call(ORBS3_MSG_EDIT_VHOST, body.get());
     if (c.json)
         print_json(doc.get());
     else
@@ -327,7 +323,7 @@ int cmd_edit(const client_t& c, const args_t& a)
 int cmd_simple(const client_t& c, const args_t& a, uint32_t type, const char* done)
 {
     const std::string& id = need_id(a);
-    json_ptr doc = c.call(type, id_body(id).get());
+    orbs3_json_ptr doc = c.call(type, id_body(id).get());
     if (c.json)
         print_json(doc.get());
     else
@@ -340,7 +336,7 @@ int cmd_add_user(const client_t& c, const args_t& a)
     const std::string& id = need_id(a);
     if (a.get("user").empty())
         usage_exit("add-user needs --user NAME");
-    json_ptr doc = call_add_user(c, id, a.get("user"));
+    orbs3_json_ptr doc = call_add_user(c, id, a.get("user"));
     if (c.json) {
         print_json(doc.get());
         return kExitOk;
@@ -353,7 +349,7 @@ int cmd_add_user(const client_t& c, const args_t& a)
 
 int cmd_status(const client_t& c)
 {
-    json_ptr doc = c.call(ORBS3_MSG_VHOST_STATUS, nullptr);
+    orbs3_json_ptr doc = c.call(ORBS3_MSG_VHOST_STATUS, nullptr);
     if (c.json) {
         print_json(doc.get());
         return kExitOk;
